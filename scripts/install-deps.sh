@@ -1,0 +1,25 @@
+#!/bin/sh
+# Installs every Debian 12 package that zor needs to build, test and run.
+# Run as root on a fresh machine; safe to run again.
+set -eu
+if [ "$(id -u)" -ne 0 ]; then
+    echo "install-deps.sh: run as root (it calls apt-get)" >&2
+    exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+PACKAGES="
+  build-essential cmake ninja-build pkg-config
+  qtbase5-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  gdb libdw-dev libelf-dev libcapstone-dev libunwind-dev
+  libopenmpi-dev openmpi-bin
+"
+missing=""
+for p in $PACKAGES; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+done
+if [ -n "$missing" ]; then
+    apt-get update
+    # shellcheck disable=SC2086
+    apt-get install -y --no-install-recommends $missing
+fi
