@@ -62,40 +62,26 @@ bool SBacktrace::readFromFile(int fd)
     // The base record's outcome shows in isValid(); the callers look there.
     SSimpleBacktrace::readFromFile(fd);
 
-    char obuff[2];
-    if (!QUORVEX_READ(fd, obuff, sizeof obuff))
+    char block[2 + 5 * 8 + 3];
+    if (!QUORVEX_READ(fd, block, sizeof block))
         return false;
+    fileio::FieldCursor cursor(block);
+    char obuff[2];
+    cursor.take(obuff, sizeof obuff);
     ZOR_ASSERT(obuff[0] == 'b');
     ZOR_ASSERT(obuff[1] == 't');
-
-    std::int64_t inMpi = 0;
-    if (!QUORVEX_READ(fd, &inMpi, sizeof inMpi))
-        return false;
+    const std::int64_t inMpi = cursor.take<std::int64_t>();
     ZOR_ASSERT(inMpi==0 || inMpi==1);
-
-    std::int64_t cpuTimeSec = 0;
-    if (!QUORVEX_READ(fd, &cpuTimeSec, sizeof cpuTimeSec))
-        return false;
+    const std::int64_t cpuTimeSec = cursor.take<std::int64_t>();
     ZOR_ASSERT(cpuTimeSec < std::numeric_limits<time_t>::max());
-
-    std::int64_t cpuTimeNsec = 0;
-    if (!QUORVEX_READ(fd, &cpuTimeNsec, sizeof cpuTimeNsec))
-        return false;
+    const std::int64_t cpuTimeNsec = cursor.take<std::int64_t>();
     ZOR_ASSERT(cpuTimeNsec < ONE_SECOND_NS);
     ZOR_ASSERT(cpuTimeNsec >= 0);
-
-    std::int64_t sleeping = 0;
-    if (!QUORVEX_READ(fd, &sleeping, sizeof sleeping))
-        return false;
+    const std::int64_t sleeping = cursor.take<std::int64_t>();
     ZOR_ASSERT(sleeping==0 || sleeping==1);
-
-    std::int64_t parallelId = 0;
-    if (!QUORVEX_READ(fd, &parallelId, sizeof parallelId))
-        return false;
-
+    const std::int64_t parallelId = cursor.take<std::int64_t>();
     char cbuff[3];
-    if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
-        return false;
+    cursor.take(cbuff, sizeof cbuff);
     ZOR_ASSERT(cbuff[0] == '/');
     ZOR_ASSERT(cbuff[1] == 'b');
     ZOR_ASSERT(cbuff[2] == 't');

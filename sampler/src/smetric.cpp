@@ -2,6 +2,7 @@
 #include "timespec_utils.h"
 #include "zor_assert.h"
 
+#include <cstring>
 #include <unistd.h>
 
 namespace quorvex {
@@ -57,12 +58,15 @@ bool SMetric::readFromFile(int fd)
     static_assert(sizeof(timespec) == 16, "a timespec is two 64-bit words in the file");
     if (mValue.readFromFile(fd) == -1)
         return false;
-    if (::read(fd, &mInterval, sizeof mInterval) == -1)
+    // Interval and flag in one read. Whatever a short read leaves out keeps
+    // its old value, and the flag byte is preset so that it then reads false.
+    unsigned char tail[sizeof mInterval + 1];
+    std::memcpy(tail, &mInterval, sizeof mInterval);
+    tail[sizeof mInterval] = 0xFF;
+    if (::read(fd, tail, sizeof tail) == -1)
         return false;
-    unsigned char divide = 0xFF;
-    if (::read(fd, &divide, 1) == -1)
-        return false;
-    mShouldDivideBySampleInterval = divide == 1;
+    std::memcpy(&mInterval, tail, sizeof mInterval);
+    mShouldDivideBySampleInterval = tail[sizeof mInterval] == 1;
     mBackfilled = false;
     return true;
 }

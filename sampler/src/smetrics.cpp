@@ -75,13 +75,12 @@ void SMetrics::writeToFile(int fd) const
 
 bool SMetrics::readFromFile(int fd)
 {
-    std::int64_t valid = 0;
-    if (!QUORVEX_READ(fd, &valid, sizeof valid))
+    char head[8 + 4];
+    if (!QUORVEX_READ(fd, head, sizeof head))
         return false;
-    mValid = valid == 1;
-    std::uint32_t count = 0;
-    if (!QUORVEX_READ(fd, &count, sizeof count))
-        return false;
+    fileio::FieldCursor cursor(head);
+    mValid = cursor.take<std::int64_t>() == 1;
+    const std::uint32_t count = cursor.take<std::uint32_t>();
     metrics.resize(count);
     // A metric's outcome doesn't change ours. Once one fails the file is
     // spent, so the rest are not asked: a corrupt count costs no more reads.

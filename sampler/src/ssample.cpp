@@ -13,18 +13,6 @@ namespace {
 // memory than the file backs.
 const std::size_t READ_SLICE_IDS = 4096;
 
-bool readRawTimespec(int fd, timespec* out)
-{
-    std::int64_t words[2];
-    if (!QUORVEX_READ(fd, &words[0], sizeof words[0]))
-        return false;
-    if (!QUORVEX_READ(fd, &words[1], sizeof words[1]))
-        return false;
-    out->tv_sec = words[0];
-    out->tv_nsec = words[1];
-    return true;
-}
-
 void writeTimespec(int fd, const timespec& ts)
 {
     QUORVEX_WRITE_WIDE(fd, ts.tv_sec);
@@ -195,21 +183,28 @@ bool SSample::readFromFile(int fd)
         return false;
     ZOR_ASSERT(obuff[0] == 's');
 
-    if (!read_timespec(fd, &mTimestamp))
+    // The three time spans and the flag.
+    char head[6 * 8 + 8];
+    if (!QUORVEX_READ(fd, head, sizeof head))
         return false;
+    fileio::FieldCursor cursor(head);
+    const std::int64_t tv_secs = cursor.take<std::int64_t>();
+    const std::int64_t tv_nsecs = cursor.take<std::int64_t>();
+    ZOR_ASSERT(tv_nsecs >= 0);
+    ZOR_ASSERT(tv_nsecs < ONE_SECOND_NS);
+    mTimestamp.tv_sec = tv_secs;
+    mTimestamp.tv_nsec = tv_nsecs;
     ZOR_ASSERT(mTimestamp.tv_nsec >= 0);
     ZOR_ASSERT(mTimestamp.tv_nsec < ONE_SECOND_NS);
-    if (!readRawTimespec(fd, &mCumulativeMetricInterval))
-        return false;
+    mCumulativeMetricInterval.tv_sec = cursor.take<std::int64_t>();
+    mCumulativeMetricInterval.tv_nsec = cursor.take<std::int64_t>();
     ZOR_ASSERT(mCumulativeMetricInterval.tv_nsec >= 0);
     ZOR_ASSERT(mCumulativeMetricInterval.tv_nsec < ONE_SECOND_NS);
-    if (!readRawTimespec(fd, &mWindowSize))
-        return false;
+    mWindowSize.tv_sec = cursor.take<std::int64_t>();
+    mWindowSize.tv_nsec = cursor.take<std::int64_t>();
     ZOR_ASSERT(mWindowSize.tv_nsec >= 0);
     ZOR_ASSERT(mWindowSize.tv_nsec < ONE_SECOND_NS);
-    std::int64_t downsampled = 0;
-    if (!QUORVEX_READ(fd, &downsampled, sizeof downsampled))
-        return false;
+    const std::int64_t downsampled = cursor.take<std::int64_t>();
     ZOR_ASSERT(downsampled==0 || downsampled==1);
     mDownsampled = downsampled == 1;
 

@@ -167,52 +167,55 @@ bool SSimpleBacktrace::readFromFile(int fd)
     static_assert(sizeof(unsigned long) == sizeof(std::uint64_t), "frame addresses are 64-bit words");
     mValid = false;
 
-    char obuff[3];
-    if (!QUORVEX_READ(fd, obuff, sizeof obuff))
+    // Tag, status, tid, flag and frame count.
+    char head[3 + 4 * 8];
+    if (!QUORVEX_READ(fd, head, sizeof head))
         return false;
+    fileio::FieldCursor cursor(head);
+    char obuff[3];
+    cursor.take(obuff, sizeof obuff);
     ZOR_ASSERT(obuff[0] == 's');
     ZOR_ASSERT(obuff[1] == 'b');
     ZOR_ASSERT(obuff[2] == 't');
-
-    std::int64_t unwindStatus = 0;
-    if (!QUORVEX_READ(fd, &unwindStatus, sizeof unwindStatus))
-        return false;
+    const std::int64_t unwindStatus = cursor.take<std::int64_t>();
     ZOR_ASSERT(unwindStatus >= std::numeric_limits<int>::min());
     ZOR_ASSERT(unwindStatus <= std::numeric_limits<int>::max());
-
-    std::int64_t tid = 0;
-    if (!QUORVEX_READ(fd, &tid, sizeof tid))
-        return false;
+    const std::int64_t tid = cursor.take<std::int64_t>();
     ZOR_ASSERT(tid <= std::numeric_limits<int>::max());
-
-    std::int64_t stopsAtCallingFrame = 0;
-    if (!QUORVEX_READ(fd, &stopsAtCallingFrame, sizeof stopsAtCallingFrame))
-        return false;
+    const std::int64_t stopsAtCallingFrame = cursor.take<std::int64_t>();
     ZOR_ASSERT(stopsAtCallingFrame==0 || stopsAtCallingFrame==1);
-
-    std::uint64_t numFrames = 0;
-    if (!QUORVEX_READ(fd, &numFrames, sizeof numFrames))
-        return false;
+    const std::uint64_t numFrames = cursor.take<std::uint64_t>();
 
     mUnwindStatus = static_cast<int>(unwindStatus);
     mTid = static_cast<int>(tid);
     mStopsAtCallingFrame = stopsAtCallingFrame == 1;
 
-    // A real stack comes in one read; a corrupt count grows the vector only
-    // as far as the file really goes.
-    mTrace.clear();
-    std::uint64_t done = 0;
-    while (done < numFrames) {
-        const std::size_t slice = static_cast<std::size_t>(std::min<std::uint64_t>(numFrames - done, READ_SLICE_FRAMES));
-        mTrace.resize(static_cast<std::size_t>(done) + slice);
-        if (!QUORVEX_READ(fd, mTrace.data() + done, slice * sizeof(unsigned long)))
-            return false;
-        done += slice;
-    }
-
     char cbuff[4];
-    if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
-        return false;
+    mTrace.clear();
+    if (numFrames <= READ_SLICE_FRAMES) {
+        // A real stack and the closing tag in one read, the tag landing in
+        // one spare word at the end.
+        const std::size_t n = static_cast<std::size_t>(numFrames);
+        mTrace.resize(n + 1);
+        if (!QUORVEX_READ(fd, mTrace.data(), n * sizeof(unsigned long) + sizeof cbuff))
+            return false;
+        std::memcpy(cbuff, &mTrace[n], sizeof cbuff);
+        mTrace.resize(n);
+    } else {
+        // A count this large is corrupt unless the file really goes on: grow
+        // only as far as it does.
+        std::uint64_t done = 0;
+        while (done < numFrames) {
+            const std::size_t slice =
+                static_cast<std::size_t>(std::min<std::uint64_t>(numFrames - done, READ_SLICE_FRAMES));
+            mTrace.resize(static_cast<std::size_t>(done) + slice);
+            if (!QUORVEX_READ(fd, mTrace.data() + done, slice * sizeof(unsigned long)))
+                return false;
+            done += slice;
+        }
+        if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
+            return false;
+    }
     ZOR_ASSERT(cbuff[0] == '/');
     ZOR_ASSERT(cbuff[1] == 's');
     ZOR_ASSERT(cbuff[2] == 'b');

@@ -70,46 +70,36 @@ void SGpuKernelHit::writeToFile(int fd) const
 
 bool SGpuKernelHit::readFromFile(int fd)
 {
-    char obuff[3];
-    if (!QUORVEX_READ(fd, obuff, sizeof obuff))
+    char head[3 + 2 * 4 + 4 * 8 + 3 * 8 + 4];
+    if (!QUORVEX_READ(fd, head, sizeof head))
         return false;
+    fileio::FieldCursor cursor(head);
+    char obuff[3];
+    cursor.take(obuff, sizeof obuff);
     ZOR_ASSERT(obuff[0] == 'k');
     ZOR_ASSERT(obuff[1] == 'n');
     ZOR_ASSERT(obuff[2] == 'l');
-
-    if (!QUORVEX_READ(fd, &mCorrelationId, sizeof mCorrelationId))
-        return false;
-    if (!QUORVEX_READ(fd, &mKernelNameId, sizeof mKernelNameId))
-        return false;
-    std::int64_t times[4];
-    for (std::int64_t& word : times) {
-        if (!QUORVEX_READ(fd, &word, sizeof word))
-            return false;
-    }
-    mStartTime.tv_sec = times[0];
-    mStartTime.tv_nsec = times[1];
-    mEndTime.tv_sec = times[2];
-    mEndTime.tv_nsec = times[3];
-    if (!QUORVEX_READ(fd, &mDroppedSamples, sizeof mDroppedSamples))
-        return false;
-    if (!QUORVEX_READ(fd, &mTotalSamples, sizeof mTotalSamples))
-        return false;
-    if (!QUORVEX_READ(fd, &mSamplingPeriodInCycles, sizeof mSamplingPeriodInCycles))
-        return false;
-    std::uint32_t numLineHits = 0;
-    if (!QUORVEX_READ(fd, &numLineHits, sizeof numLineHits))
-        return false;
+    mCorrelationId = cursor.take<std::uint32_t>();
+    mKernelNameId = cursor.take<std::uint32_t>();
+    mStartTime.tv_sec = cursor.take<std::int64_t>();
+    mStartTime.tv_nsec = cursor.take<std::int64_t>();
+    mEndTime.tv_sec = cursor.take<std::int64_t>();
+    mEndTime.tv_nsec = cursor.take<std::int64_t>();
+    mDroppedSamples = cursor.take<std::uint64_t>();
+    mTotalSamples = cursor.take<std::uint64_t>();
+    mSamplingPeriodInCycles = cursor.take<std::uint64_t>();
+    const std::uint32_t numLineHits = cursor.take<std::uint32_t>();
 
     mLineHits.clear();
     for (std::uint32_t i = 0; i < numLineHits; ++i) {
-        std::uint32_t line = 0;
+        char entry[4 + 2 * LINE_ARRAY_BYTES];
+        if (!QUORVEX_READ(fd, entry, sizeof entry))
+            return false;
+        fileio::FieldCursor fields(entry);
+        const std::uint32_t line = fields.take<std::uint32_t>();
         TLineHits hits;
-        if (!QUORVEX_READ(fd, &line, sizeof line))
-            return false;
-        if (!QUORVEX_READ(fd, hits.samples, LINE_ARRAY_BYTES))
-            return false;
-        if (!QUORVEX_READ(fd, hits.latencySamples, LINE_ARRAY_BYTES))
-            return false;
+        fields.take(hits.samples, LINE_ARRAY_BYTES);
+        fields.take(hits.latencySamples, LINE_ARRAY_BYTES);
         mLineHits[line] = hits;
     }
     ZOR_ASSERT(mLineHits.size()==numLineHits);
