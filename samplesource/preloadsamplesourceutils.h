@@ -4,6 +4,11 @@
 
 #include <ctime>
 
+class MetricDefinitions;
+namespace quorvex {
+class SSampleList;
+}
+
 class PreloadSampleSourceUtils
 {
 public:
@@ -16,6 +21,11 @@ public:
     // The factor that scales a quantity over the interval up to one second;
     // 1 for an empty interval.
     static double calculateScaleUpFactor(timespec a);
+
+    // Sparse metrics are reported only now and then, a value covering the
+    // time since the last report: spreads each value over the empty samples
+    // before it, by their intervals for rates, as a copy otherwise.
+    static void correctSparseMetrics(quorvex::SSampleList* samples, const MetricDefinitions& definitions);
 };
 
 #endif
