@@ -27,7 +27,7 @@ void makeSimple(SSample& sample, int tid, timespec cpu, timespec span = {0, 1000
 }
 } // namespace
 
-TEST(Metric, MergeRules)
+TEST(SMetric, MergeRules)
 {
     SMetric a;
     a.merge(SMetric());
@@ -60,7 +60,7 @@ TEST(Metric, MergeRules)
                  "Assertion `mShouldDivideBySampleInterval == other.mShouldDivideBySampleInterval' failed");
 }
 
-TEST(Metrics, InvalidateKeepsSizeAndFlagsAndBackfillNeedsTheFlag)
+TEST(SMetrics, InvalidateKeepsSizeAndFlagsAndBackfillNeedsTheFlag)
 {
     SMetrics metrics;
     metrics.initializeMetrics(3);
@@ -80,7 +80,7 @@ TEST(Metrics, InvalidateKeepsSizeAndFlagsAndBackfillNeedsTheFlag)
     EXPECT_TRUE(metrics.shouldDivideBySampleInterval(0));
 }
 
-TEST(Metrics, FileFormKeepsValuesIntervalsAndDivideFlags)
+TEST(SMetrics, FileFormKeepsValuesIntervalsAndDivideFlags)
 {
     SMetrics in;
     in.initializeMetrics(4);
@@ -113,7 +113,7 @@ TEST(Metrics, FileFormKeepsValuesIntervalsAndDivideFlags)
     EXPECT_FALSE(out.shouldDivideBySampleInterval(3));
 }
 
-TEST(Sample, StateChecksAndMetricIntervalFallback)
+TEST(SSample, StateChecksAndMetricIntervalFallback)
 {
     SSample sample(1);
     EXPECT_FALSE(sample.isValid());
@@ -134,7 +134,7 @@ TEST(Sample, StateChecksAndMetricIntervalFallback)
     EXPECT_EQ(sample.metrics().size(), 2u);
 }
 
-TEST(Sample, CombineMetricsAccumulatesSpansEvenFromAnInvalidNeighbour)
+TEST(SSample, CombineMetricsAccumulatesSpansEvenFromAnInvalidNeighbour)
 {
     SSample kept(0), dropped(0);
     makeSimple(kept, 1, ZERO, timespec{0, 600000000});
@@ -160,7 +160,7 @@ TEST(Sample, CombineMetricsAccumulatesSpansEvenFromAnInvalidNeighbour)
     EXPECT_EQ(fresh.metrics().getMetricValue(0), SampleValue(2L));
 }
 
-TEST(Sample, CombineThreadCpuTimeAddsByThreadId)
+TEST(SSample, CombineThreadCpuTimeAddsByThreadId)
 {
     SSample kept(2), dropped(2);
     makeSimple(kept, 1, timespec{1, 0});
@@ -184,7 +184,7 @@ TEST(Sample, CombineThreadCpuTimeAddsByThreadId)
     EXPECT_EQ(a.mainThreadTrace().cpuTime().tv_nsec, 3);
 }
 
-TEST(Sample, FileFormEdgeCases)
+TEST(SSample, FileFormEdgeCases)
 {
     SSample in(0);
     in.makeValid(makeBacktraceData({}, 0), timespec{5, 6}, timespec{0, 7}, timespec{0, 8}, true, true, 3, {3, -1},
@@ -212,7 +212,7 @@ TEST(Sample, FileFormEdgeCases)
     EXPECT_DEATH(writeRecord(file, unset), "Assertion `mMainThreadTrace\\.unwindStatus\\(\\)!=UNW_ZOR_NOT_SET' failed");
 }
 
-TEST(KernelHit, LineHitsAddUpAndSortAsSigned)
+TEST(SGpuKernelHit, LineHitsAddUpAndSortAsSigned)
 {
     SGpuKernelHit hit(1, 2, timespec{1, 0}, timespec{2, 0});
     hit.addLineHit(10, GpuProfilerTypes::StallReason::MemoryThrottle, 4, 1);
@@ -238,7 +238,7 @@ TEST(KernelHit, LineHitsAddUpAndSortAsSigned)
     EXPECT_TRUE(out.lineHits().empty());
 }
 
-TEST(KernelHitDeathTest, RepeatedLineInTheFileIsAnAssertion)
+TEST(SGpuKernelHitDeathTest, RepeatedLineInTheFileIsAnAssertion)
 {
     SGpuKernelHit hit;
     hit.addLineHit(1, GpuProfilerTypes::StallReason::None, 1, 0);
@@ -260,7 +260,7 @@ struct Counted
 };
 } // namespace
 
-TEST(SharedPtr, LastDetachDeletes)
+TEST(ZorSharedPtr, LastDetachDeletes)
 {
     int deaths = 0;
     zor_shared_ptr<Counted> a(new Counted(&deaths));

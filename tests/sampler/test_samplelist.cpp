@@ -49,7 +49,7 @@ struct ListFixture
 
 } // namespace
 
-TEST(SampleList, FullListHalvesBeforeTheNextSample)
+TEST(SSampleList, FullListHalvesBeforeTheNextSample)
 {
     ListFixture f(4);
     bool downsampled = true;
@@ -74,7 +74,7 @@ TEST(SampleList, FullListHalvesBeforeTheNextSample)
     EXPECT_DEATH(f.list->at(0), "Assertion `index<mSize' failed");
 }
 
-TEST(SampleList, LimitOneAndOddPasses)
+TEST(SSampleList, LimitOneAndOddPasses)
 {
     ListFixture one(1);
     one.add(1, 10);
@@ -95,7 +95,7 @@ TEST(SampleList, LimitOneAndOddPasses)
     EXPECT_TRUE(five.list->verifySanity(false));
 }
 
-TEST(SampleList, ChooseBetweenEdgeWeights)
+TEST(SSampleList, ChooseBetweenEdgeWeights)
 {
     for (unsigned seed = 1; seed <= 20; ++seed) {
         ListFixture f(4, seed);
@@ -113,7 +113,7 @@ TEST(SampleList, ChooseBetweenEdgeWeights)
     EXPECT_EQ(g.list->chooseBetween(0, 1), 1u);
 }
 
-TEST(SampleList, KernelHitsOfDroppedSamplesFollowTheMergeFlag)
+TEST(SSampleList, KernelHitsOfDroppedSamplesFollowTheMergeFlag)
 {
     for (bool merge : {false, true}) {
         ListFixture f(2, 11);
@@ -133,7 +133,7 @@ TEST(SampleList, KernelHitsOfDroppedSamplesFollowTheMergeFlag)
     }
 }
 
-TEST(SampleList, CudaKernelHitsAttachToTheirSpan)
+TEST(SSampleList, CudaKernelHitsAttachToTheirSpan)
 {
     ListFixture f(8);
     for (int i = 0; i < 4; ++i)
@@ -159,7 +159,7 @@ TEST(SampleList, CudaKernelHitsAttachToTheirSpan)
     EXPECT_TRUE(empty.list->createCudaKernelHit(1, 1, ZERO, ZERO, true).isNull());
 }
 
-TEST(SampleList, ReadingResizesToTheFileAndStopsAtTheFirstBadSample)
+TEST(SSampleList, ReadingResizesToTheFileAndStopsAtTheFirstBadSample)
 {
     SampleFileBuilder builder(16);
     RandomSampleShape shape;
@@ -182,7 +182,7 @@ TEST(SampleList, ReadingResizesToTheFileAndStopsAtTheFirstBadSample)
 
 // Random samples with many threads, deep traces, metrics and kernel hits,
 // thinned on the way, come back equal field by field.
-TEST(SampleList, RandomRoundTrip)
+TEST(SSampleList, RandomRoundTrip)
 {
     for (unsigned seed = 1; seed <= 5; ++seed) {
         SampleFileBuilder builder(64, 8, seed);
@@ -204,7 +204,7 @@ TEST(SampleList, RandomRoundTrip)
 
 // With a limit of 4 and 8 samples, samples 0 to 3 end as one survivor and
 // 4 and 5 as another; each must survive in proportion to its window.
-TEST(SampleList, ThinningIsUnbiasedByWindow)
+TEST(SSampleList, ThinningIsUnbiasedByWindow)
 {
     const long windows[8] = {1, 2, 3, 6, 5, 15, 1, 1};
     const int trials = 20000;

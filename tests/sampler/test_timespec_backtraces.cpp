@@ -43,7 +43,7 @@ TEST(TimespecDeathTest, UnnormalisedOperandEndsTheProcessWithAFullReport)
     EXPECT_DEATH(timespec_toDouble(negative), "Assertion `a\\.tv_nsec >=0' failed");
 }
 
-TEST(SimpleBacktrace, GrowingPolicyKeepsCapacityForAnEmptyTrace)
+TEST(SSimpleBacktrace, GrowingPolicyKeepsCapacityForAnEmptyTrace)
 {
     EXPECT_EQ(SSimpleBacktrace::storagePolicy(), SSimpleBacktrace::StoragePolicyGrowing);
     SSimpleBacktrace bt;
@@ -59,23 +59,14 @@ TEST(SimpleBacktrace, GrowingPolicyKeepsCapacityForAnEmptyTrace)
     EXPECT_DEATH(bt.tid(), "Assertion `mValid' failed");
 }
 
-TEST(SimpleBacktraceDeathTest, PolicyIsLockedOnceABacktraceExists)
+TEST(SSimpleBacktraceDeathTest, PolicyIsLockedOnceABacktraceExists)
 {
     SSimpleBacktrace bt;
     EXPECT_DEATH(SSimpleBacktrace::setStoragePolicy(SSimpleBacktrace::StoragePolicyExact),
                  "ZOR: Unable to change backtrace storage policy\n.*Assertion `false' failed");
 }
 
-TEST(SimpleBacktrace, AppendTraceAddsAtTheEnd)
-{
-    SSimpleBacktrace bt;
-    bt.set(makeBacktraceData({1, 2}), 1);
-    bt.appendTrace({3, 4});
-    EXPECT_EQ(bt.trace(), (backtrace_t{1, 2, 3, 4}));
-    EXPECT_DEATH(bt.appendTrace({}), "Assertion `!other.empty\\(\\)' failed");
-}
-
-TEST(SimpleBacktrace, FileFormRoundTripsSignedAndEmptyValues)
+TEST(SSimpleBacktrace, FileFormRoundTripsSignedAndEmptyValues)
 {
     SSimpleBacktrace in;
     in.set(makeBacktraceData({0xffffffffffffffffUL, 0x401000}, -3, true), -1);
@@ -98,7 +89,7 @@ TEST(SimpleBacktrace, FileFormRoundTripsSignedAndEmptyValues)
     EXPECT_EQ(file.contents().size(), 3u + 4 * 8 + 2 * 8 + 4);
 }
 
-TEST(SimpleBacktrace, TruncatedRecordReadsFalseAndStaysInvalid)
+TEST(SSimpleBacktrace, TruncatedRecordReadsFalseAndStaysInvalid)
 {
     SSimpleBacktrace in;
     in.set(makeBacktraceData({1, 2, 3}), 9);
@@ -111,7 +102,7 @@ TEST(SimpleBacktrace, TruncatedRecordReadsFalseAndStaysInvalid)
     EXPECT_FALSE(out.isValid());
 }
 
-TEST(SimpleBacktraceDeathTest, WrongTagsAndFlagsAreAssertions)
+TEST(SSimpleBacktraceDeathTest, WrongTagsAndFlagsAreAssertions)
 {
     SSimpleBacktrace in;
     in.set(makeBacktraceData({1}), 9);
@@ -128,7 +119,7 @@ TEST(SimpleBacktraceDeathTest, WrongTagsAndFlagsAreAssertions)
     EXPECT_DEATH(readRecord(file, out), "Assertion `cbuff\\[0\\] == '/'' failed");
 }
 
-TEST(Backtrace, FileFormCarriesThePerThreadFacts)
+TEST(SBacktrace, FileFormCarriesThePerThreadFacts)
 {
     SBacktrace in;
     in.set(makeBacktraceData({10, 20}, 0, false, -7), true, 42, timespec{3, 999999999}, true);
@@ -145,7 +136,7 @@ TEST(Backtrace, FileFormCarriesThePerThreadFacts)
     EXPECT_DEATH(readRecord(file, out), "Assertion `inMpi==0 \\|\\| inMpi==1' failed");
 }
 
-TEST(BacktraceList, GrowsPastThePoolAndReusesObjectsAfterClear)
+TEST(SBacktraceList, GrowsPastThePoolAndReusesObjectsAfterClear)
 {
     const timespec cpu = {0, 5};
     SBacktraceList list(2);
@@ -170,7 +161,7 @@ TEST(BacktraceList, GrowsPastThePoolAndReusesObjectsAfterClear)
     EXPECT_DEATH(list[3], "ZOR: SBacktraceList index out of bounds: 3, size=3");
 }
 
-TEST(BacktraceList, CopiesShareNoObjects)
+TEST(SBacktraceList, CopiesShareNoObjects)
 {
     SBacktraceList list(1);
     list.addBacktrace(makeBacktraceData({1, 2}), true, 5, timespec{1, 1}, false);
@@ -189,7 +180,7 @@ TEST(BacktraceList, CopiesShareNoObjects)
     EXPECT_EQ(assigned.size(), 2u);
 }
 
-TEST(BacktraceList, RoundTripAndTruncation)
+TEST(SBacktraceList, RoundTripAndTruncation)
 {
     SBacktraceList in(0);
     for (int i = 0; i < 4; ++i)
@@ -209,7 +200,7 @@ TEST(BacktraceList, RoundTripAndTruncation)
     EXPECT_DEATH(readRecord(file, out), "Assertion `bt->isValid\\(\\)' failed");
 }
 
-TEST(CallSite, RoundTripAndFailedNestedTrace)
+TEST(SCallSite, RoundTripAndFailedNestedTrace)
 {
     BacktraceData data = makeBacktraceData({0x10, 0x20}, 1);
     SCallSite in(12, -4, &data, 0xfeedfacecafeUL);
@@ -226,7 +217,7 @@ TEST(CallSite, RoundTripAndFailedNestedTrace)
     EXPECT_DEATH(cut.parallelId(), "Assertion `mValid' failed");
 }
 
-TEST(SampleBacktraceIterator, GivesTheMainThreadFirst)
+TEST(SSampleBacktraceIterator, GivesTheMainThreadFirst)
 {
     SSample sample(2);
     sample.makeValid(makeBacktraceData({1}), ZERO, ZERO, ZERO, false, false, 10, {10, 11, 12}, ZERO, false);
