@@ -3,7 +3,7 @@
 // printing the time per source sample. The cost should stay flat per
 // sample as N grows: the whole is linear in the source.
 //
-//   build/bin/zor-resample-bench [N ...]     (default 250000 500000 1000000)
+//   build/bin/bench-resample [N ...]     (default 250000 500000 1000000)
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QLinkedList>
