@@ -1,6 +1,7 @@
 #include "metric.h"
 
 #include <QDir>
+#include <QFile>
 
 namespace {
 
@@ -153,4 +154,41 @@ void MetricDefinitions::makeQuorvexSharedLibraryPathsAbsolute(const QString& dir
         if (QDir::isRelativePath(library))
             metric.mSource.setLibrary(QDir(directory).filePath(library));
     }
+}
+
+bool MetricDefinitions::writeConfigForSamplerInFile(QString path, bool firstOnNode,
+                                                    QStringList& temporaryFiles) const
+{
+    Q_UNUSED(temporaryFiles);
+    const QByteArray keep("/:+");
+    QByteArray text("zor-sampler-config 1\n# metrics for the sampler of one process; results replace this file\n");
+    text += firstOnNode ? "first-on-node 1\n" : "first-on-node 0\n";
+    for (const Metric& metric : mById) {
+        // An empty identifier has no form in the file.
+        if (metric.getId().isEmpty())
+            return false;
+        QList<QByteArray> flags;
+        if (metric.getDivideBySampleTime())
+            flags << "divide";
+        if (metric.isSparse())
+            flags << "sparse";
+        if (metric.getClampPercentages())
+            flags << "clamp";
+        if (metric.isOnTimeDomain())
+            flags << "timedomain";
+        text += "metric " + QByteArray::number(metric.getIndex()) + ' '
+            + (flags.isEmpty() ? QByteArray("-") : flags.join(',')) + ' '
+            + metric.getId().toUtf8().toPercentEncoding(keep);
+        if (metric.getSource().kind() == MetricSource::Library && !metric.getSource().library().isEmpty())
+            text += ' ' + metric.getSource().library().toUtf8().toPercentEncoding(keep);
+        text += '\n';
+    }
+    text += "end\n";
+
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return false;
+    const bool written = file.write(text) == text.size();
+    file.close();
+    return written && file.error() == QFileDevice::NoError;
 }

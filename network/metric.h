@@ -5,6 +5,7 @@
 
 #include <QMap>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 
 #include "samplevalue.h"
@@ -105,6 +106,25 @@ public:
 
     // Plug-in libraries given by a relative path are taken relative to `directory`.
     void makeQuorvexSharedLibraryPathsAbsolute(const QString& directory);
+
+    // Writes the sampler's configuration to `path`, replacing what is there,
+    // in this text form, one item per line, each ended by "\n":
+    //   zor-sampler-config 1
+    //   # a comment saying what the file is
+    //   first-on-node 0|1
+    //   metric INDEX FLAGS ID [LIBRARY]     one line per metric, in identifier order
+    //   end
+    // FLAGS is "-" or a comma-separated list of "divide", "sparse", "clamp"
+    // and "timedomain", after getDivideBySampleTime, isSparse,
+    // getClampPercentages and isOnTimeDomain. ID and, for a metric of a
+    // plug-in library, LIBRARY are UTF-8 with every byte but the unreserved
+    // ones (letters, digits, "-", ".", "_", "~") and "/", ":", "+"
+    // percent-encoded. The sampler's parser (sampler/runtime/samplerconfig.h)
+    // reads exactly this. The form needs no file besides `path`, so
+    // `temporaryFiles`, the list of files to remove after the run, is left
+    // as it is. Returns false when the file can't be written, or when a
+    // metric has an empty identifier, which the form can't hold.
+    bool writeConfigForSamplerInFile(QString path, bool firstOnNode, QStringList& temporaryFiles) const;
 
     bool operator==(const MetricDefinitions& other) const { return mById == other.mById; }
 

@@ -1,0 +1,517 @@
+/* The C library functions that the sampler stands in front of, so that
+ * sampling doesn't disturb the program:
+ * - thread creation, so that every thread is known and can be sampled;
+ * - sigaction, signal and the mask functions, so that the program's own
+ *   handlers and masks stay as it set them;
+ * - the calls that a signal handler interrupts with EINTR whatever
+ *   SA_RESTART says (sleeps, waits for signals, fd multiplexing, System V
+ *   IPC): when only the sampler's handler ran during the call, the call is
+ *   made again for the time that is left, and the program never sees the
+ *   interruption. A handler of the program's own still ends the call as
+ *   usual;
+ * - sigwait and friends, which hand out no instance of the sampler's
+ *   signal;
+ * - _exit and _Exit, which write the results first, as exit does.
+ * Calls made inside the C library itself don't pass through here. */
+#define _GNU_SOURCE
+#include "runtime.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <poll.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/msg.h>
+#include <sys/select.h>
+#include <sys/sem.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#define ZS_EXPORT __attribute__((visibility("default")))
+
+/* The next definition of `name` after this library, found on first use. */
+#define ZS_REAL(name) \
+    static __typeof__(&name) real_##name; \
+    if (!real_##name) \
+        real_##name = (__typeof__(&name))dlsym(RTLD_NEXT, #name)
+
+/* Taken before the call; tells afterwards whether only the sampler's
+ * handler ran on this thread meanwhile. */
+typedef struct
+{
+    unsigned int ours;
+    unsigned int theirs;
+} handler_counts;
+
+static handler_counts count_handlers(void)
+{
+    handler_counts counts = {zs_our_signal_count, zs_target_signal_count};
+    return counts;
+}
+
+static int only_ours_ran(handler_counts before)
+{
+    return zs_target_signal_count == before.theirs && zs_our_signal_count != before.ours;
+}
+
+static struct timespec monotonic_now(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now;
+}
+
+static struct timespec deadline_after(const struct timespec* timeout)
+{
+    struct timespec deadline = monotonic_now();
+    deadline.tv_sec += timeout->tv_sec;
+    deadline.tv_nsec += timeout->tv_nsec;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    return deadline;
+}
+
+/* Time left until `deadline`, never negative. */
+static struct timespec time_left(struct timespec deadline)
+{
+    struct timespec now = monotonic_now();
+    struct timespec left = {deadline.tv_sec - now.tv_sec, deadline.tv_nsec - now.tv_nsec};
+    if (left.tv_nsec < 0) {
+        left.tv_sec -= 1;
+        left.tv_nsec += 1000000000L;
+    }
+    if (left.tv_sec < 0) {
+        left.tv_sec = 0;
+        left.tv_nsec = 0;
+    }
+    return left;
+}
+
+static struct timespec ms_to_timespec(int ms)
+{
+    struct timespec ts = {ms / 1000, (long)(ms % 1000) * 1000000L};
+    return ts;
+}
+
+/* Milliseconds left, rounded up so that a wait never ends early. */
+static int ms_left(struct timespec deadline)
+{
+    struct timespec left = time_left(deadline);
+    long long ms = (long long)left.tv_sec * 1000 + (left.tv_nsec + 999999) / 1000000;
+    return ms > 0x7fffffff ? 0x7fffffff : (int)ms;
+}
+
+/* ---- the functions the rest of the sampler calls directly ---- */
+
+int zs_real_sigaction(int sig, const struct sigaction* act, struct sigaction* old)
+{
+    ZS_REAL(sigaction);
+    return real_sigaction(sig, act, old);
+}
+
+int zs_real_pthread_sigmask(int how, const sigset_t* set, sigset_t* old)
+{
+    ZS_REAL(pthread_sigmask);
+    return real_pthread_sigmask(how, set, old);
+}
+
+int zs_real_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg)
+{
+    ZS_REAL(pthread_create);
+    return real_pthread_create(thread, attr, start, arg);
+}
+
+int zs_real_nanosleep(const struct timespec* req, struct timespec* rem)
+{
+    ZS_REAL(nanosleep);
+    return real_nanosleep(req, rem);
+}
+
+/* ---- threads, dispositions, masks ---- */
+
+ZS_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg)
+{
+    return zs_pthread_create(thread, attr, start, arg);
+}
+
+ZS_EXPORT int sigaction(int sig, const struct sigaction* act, struct sigaction* old)
+{
+    return zs_sigaction(sig, act, old);
+}
+
+/* BSD semantics, as the C library's own signal(): the signal is blocked
+ * while its handler runs, and interrupted calls restart. */
+ZS_EXPORT sighandler_t signal(int sig, sighandler_t handler)
+{
+    struct sigaction act;
+    struct sigaction old;
+    memset(&act, 0, sizeof act);
+    act.sa_handler = handler;
+    sigemptyset(&act.sa_mask);
+    if (sig > 0 && sig < NSIG)
+        sigaddset(&act.sa_mask, sig);
+    act.sa_flags = SA_RESTART;
+    if (zs_sigaction(sig, &act, &old) < 0)
+        return SIG_ERR;
+    return old.sa_handler;
+}
+
+ZS_EXPORT int pthread_sigmask(int how, const sigset_t* set, sigset_t* old)
+{
+    ZS_REAL(pthread_sigmask);
+    const int result = real_pthread_sigmask(how, set, old);
+    if (result == 0)
+        zs_note_mask_change(how, set);
+    return result;
+}
+
+ZS_EXPORT int sigprocmask(int how, const sigset_t* set, sigset_t* old)
+{
+    ZS_REAL(sigprocmask);
+    const int result = real_sigprocmask(how, set, old);
+    if (result == 0)
+        zs_note_mask_change(how, set);
+    return result;
+}
+
+ZS_EXPORT void _exit(int status)
+{
+    ZS_REAL(_exit);
+    zs_before_immediate_exit();
+    real__exit(status);
+    for (;;)
+        syscall(SYS_exit_group, status);
+}
+
+ZS_EXPORT void _Exit(int status)
+{
+    ZS_REAL(_Exit);
+    zs_before_immediate_exit();
+    real__Exit(status);
+    for (;;)
+        syscall(SYS_exit_group, status);
+}
+
+/* ---- sleeps ---- */
+
+ZS_EXPORT int nanosleep(const struct timespec* req, struct timespec* rem)
+{
+    ZS_REAL(nanosleep);
+    if (!req)
+        return real_nanosleep(req, rem);
+    struct timespec want = *req;
+    struct timespec left;
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_nanosleep(&want, &left);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            want = left;
+            errno = saved_errno;
+            continue;
+        }
+        if (result < 0 && errno == EINTR && rem)
+            *rem = left;
+        return result;
+    }
+}
+
+ZS_EXPORT int clock_nanosleep(clockid_t clock, int flags, const struct timespec* req, struct timespec* rem)
+{
+    ZS_REAL(clock_nanosleep);
+    if (!req)
+        return real_clock_nanosleep(clock, flags, req, rem);
+    struct timespec want = *req;
+    struct timespec left;
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int result = real_clock_nanosleep(clock, flags, &want, &left);
+        if (result == EINTR && only_ours_ran(before)) {
+            if (!(flags & TIMER_ABSTIME))
+                want = left;
+            continue;
+        }
+        if (result == EINTR && rem && !(flags & TIMER_ABSTIME))
+            *rem = left;
+        return result;
+    }
+}
+
+ZS_EXPORT int usleep(useconds_t usec)
+{
+    struct timespec ts = {(time_t)(usec / 1000000), (long)(usec % 1000000) * 1000L};
+    return nanosleep(&ts, NULL);
+}
+
+ZS_EXPORT unsigned int sleep(unsigned int seconds)
+{
+    struct timespec ts = {(time_t)seconds, 0};
+    struct timespec left;
+    if (nanosleep(&ts, &left) < 0)
+        return (unsigned int)left.tv_sec;
+    return 0;
+}
+
+/* ---- waiting for signals ---- */
+
+ZS_EXPORT int pause(void)
+{
+    ZS_REAL(pause);
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_pause();
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        return result;
+    }
+}
+
+ZS_EXPORT int sigsuspend(const sigset_t* mask)
+{
+    ZS_REAL(sigsuspend);
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_sigsuspend(mask);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        return result;
+    }
+}
+
+ZS_EXPORT int sigtimedwait(const sigset_t* set, siginfo_t* info, const struct timespec* timeout)
+{
+    ZS_REAL(sigtimedwait);
+    const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
+    for (;;) {
+        siginfo_t got;
+        struct timespec left;
+        if (timeout)
+            left = time_left(deadline);
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_sigtimedwait(set, &got, timeout ? &left : NULL);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        /* A sampling request that waited while the signal was blocked. */
+        if (result > 0 && zs_is_sampler_instance(result, &got))
+            continue;
+        if (result > 0 && info)
+            *info = got;
+        return result;
+    }
+}
+
+ZS_EXPORT int sigwaitinfo(const sigset_t* set, siginfo_t* info)
+{
+    return sigtimedwait(set, info, NULL);
+}
+
+ZS_EXPORT int sigwait(const sigset_t* set, int* sig)
+{
+    for (;;) {
+        const int result = sigtimedwait(set, NULL, NULL);
+        if (result < 0) {
+            if (errno == EINTR)
+                continue;
+            return errno;
+        }
+        *sig = result;
+        return 0;
+    }
+}
+
+/* ---- fd multiplexing ---- */
+
+ZS_EXPORT int poll(struct pollfd* fds, nfds_t n, int timeout)
+{
+    ZS_REAL(poll);
+    const struct timespec span = ms_to_timespec(timeout > 0 ? timeout : 0);
+    const struct timespec deadline = deadline_after(&span);
+    int wait = timeout;
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_poll(fds, n, wait);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            if (timeout > 0)
+                wait = ms_left(deadline);
+            continue;
+        }
+        return result;
+    }
+}
+
+ZS_EXPORT int ppoll(struct pollfd* fds, nfds_t n, const struct timespec* timeout, const sigset_t* mask)
+{
+    ZS_REAL(ppoll);
+    const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
+    for (;;) {
+        struct timespec left;
+        if (timeout)
+            left = time_left(deadline);
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_ppoll(fds, n, timeout ? &left : NULL, mask);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        return result;
+    }
+}
+
+/* On an interruption Linux leaves the sets alone and brings the timeout
+ * down to what is left, so the same arguments serve again. */
+ZS_EXPORT int select(int n, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struct timeval* timeout)
+{
+    ZS_REAL(select);
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_select(n, readfds, writefds, exceptfds, timeout);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        return result;
+    }
+}
+
+ZS_EXPORT int pselect(int n, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, const struct timespec* timeout,
+                      const sigset_t* mask)
+{
+    ZS_REAL(pselect);
+    const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
+    for (;;) {
+        struct timespec left;
+        if (timeout)
+            left = time_left(deadline);
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_pselect(n, readfds, writefds, exceptfds, timeout ? &left : NULL, mask);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        return result;
+    }
+}
+
+ZS_EXPORT int epoll_wait(int epfd, struct epoll_event* events, int max, int timeout)
+{
+    ZS_REAL(epoll_wait);
+    const struct timespec span = ms_to_timespec(timeout > 0 ? timeout : 0);
+    const struct timespec deadline = deadline_after(&span);
+    int wait = timeout;
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_epoll_wait(epfd, events, max, wait);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            if (timeout > 0)
+                wait = ms_left(deadline);
+            continue;
+        }
+        return result;
+    }
+}
+
+ZS_EXPORT int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout, const sigset_t* mask)
+{
+    ZS_REAL(epoll_pwait);
+    const struct timespec span = ms_to_timespec(timeout > 0 ? timeout : 0);
+    const struct timespec deadline = deadline_after(&span);
+    int wait = timeout;
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_epoll_pwait(epfd, events, max, wait, mask);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            if (timeout > 0)
+                wait = ms_left(deadline);
+            continue;
+        }
+        return result;
+    }
+}
+
+/* ---- System V IPC ---- */
+
+ZS_EXPORT int msgsnd(int id, const void* message, size_t size, int flags)
+{
+    ZS_REAL(msgsnd);
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_msgsnd(id, message, size, flags);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        return result;
+    }
+}
+
+ZS_EXPORT ssize_t msgrcv(int id, void* message, size_t size, long type, int flags)
+{
+    ZS_REAL(msgrcv);
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const ssize_t result = real_msgrcv(id, message, size, type, flags);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        return result;
+    }
+}
+
+ZS_EXPORT int semop(int id, struct sembuf* ops, size_t n)
+{
+    ZS_REAL(semop);
+    for (;;) {
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_semop(id, ops, n);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        return result;
+    }
+}
+
+ZS_EXPORT int semtimedop(int id, struct sembuf* ops, size_t n, const struct timespec* timeout)
+{
+    ZS_REAL(semtimedop);
+    const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
+    for (;;) {
+        struct timespec left;
+        if (timeout)
+            left = time_left(deadline);
+        const handler_counts before = count_handlers();
+        const int saved_errno = errno;
+        const int result = real_semtimedop(id, ops, n, timeout ? &left : NULL);
+        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
+            errno = saved_errno;
+            continue;
+        }
+        return result;
+    }
+}

@@ -1,0 +1,52 @@
+/* What the C interposers (interpose.c) and the C++ core of the sampler share.
+ * Nothing here is exported from the library. */
+#ifndef ZOR_SAMPLER_RUNTIME_H
+#define ZOR_SAMPLER_RUNTIME_H
+
+#include <pthread.h>
+#include <signal.h>
+#include <time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define ZS_HIDDEN __attribute__((visibility("hidden")))
+#define ZS_TLS __thread __attribute__((tls_model("initial-exec")))
+
+/* Handlers that ran on this thread: the sampler's own, and the program's.
+ * A system call interrupted while only the first moved is restarted by the
+ * interposers. */
+extern ZS_TLS unsigned int zs_our_signal_count ZS_HIDDEN;
+extern ZS_TLS unsigned int zs_target_signal_count ZS_HIDDEN;
+
+/* The functions that the interposers stand in front of, found with
+ * dlsym(RTLD_NEXT) on first use. */
+int zs_real_sigaction(int sig, const struct sigaction* act, struct sigaction* old) ZS_HIDDEN;
+int zs_real_pthread_sigmask(int how, const sigset_t* set, sigset_t* old) ZS_HIDDEN;
+int zs_real_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*),
+                           void* arg) ZS_HIDDEN;
+int zs_real_nanosleep(const struct timespec* req, struct timespec* rem) ZS_HIDDEN;
+
+/* The sampler's signal, and whether an instance of it was sent by the
+ * sampler (the others belong to the program). */
+int zs_sampler_signal(void) ZS_HIDDEN;
+int zs_is_sampler_instance(int sig, const siginfo_t* info) ZS_HIDDEN;
+
+/* sigaction as the program sees it: its own dispositions, with the
+ * sampler's signal kept for the sampler. */
+int zs_sigaction(int sig, const struct sigaction* act, struct sigaction* old) ZS_HIDDEN;
+/* After a successful change of the calling thread's mask. */
+void zs_note_mask_change(int how, const sigset_t* set) ZS_HIDDEN;
+
+/* pthread_create with the new thread made known to the sampler. */
+int zs_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg) ZS_HIDDEN;
+
+/* _exit and _Exit: the results are written first, as at a normal exit. */
+void zs_before_immediate_exit(void) ZS_HIDDEN;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,52 @@
+// The parts of the sampler's core that call each other: the signal side
+// (signals.cpp), the taking of samples (sampling.cpp), unwinding
+// (unwind.cpp) and the per-sample metrics (procmetrics.cpp).
+#ifndef ZOR_SAMPLER_SAMPLING_H
+#define ZOR_SAMPLER_SAMPLING_H
+
+#include "backtracedata.h"
+
+#include <csignal>
+
+namespace zorsampler {
+
+// si_code of the sampler's own instances: the interval timer's, and the
+// requests sent to the other threads.
+const int TIMER_CODE = SI_TIMER;
+const int REQUEST_CODE = SI_QUEUE;
+// si_value of every instance the sampler sends: the address of this.
+extern const char gSignalCookie;
+
+// The sampler's handler, as the kernel calls it.
+void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext);
+
+// In the main thread, at each expiry of the timer.
+void takeSample(void* ucontext);
+// In any other thread, when asked for its backtrace.
+void answerRequest(void* ucontext);
+
+// Puts the sampler's handler in place of whatever the program had for the
+// signal, which stays the program's own disposition.
+bool installSamplerHandler();
+// In a child made by fork.
+void resetSignalsAfterFork();
+// Hands an instance that the sampler didn't send to the program's own
+// disposition for the signal.
+void deliverToProgram(int sig, siginfo_t* info, void* ucontext);
+
+// Fills `bt` with the frames of the context `ucontext` of a signal, the
+// interrupted instruction first. Stops before a frame at `boundaryIp`
+// unless it is 0. Sets the unwind status: 0, a libunwind error, or one of
+// the sampler's codes below.
+void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned long boundaryIp);
+// Unwinds once outside a handler, so that libunwind sets itself up there.
+void prepareUnwinding();
+
+// Unwind status codes of the sampler's own.
+const int UNWIND_TOO_DEEP = 100;
+const int UNWIND_NOT_ANSWERED = 101;
+const int UNWIND_NO_FRAMES = 106;
+
+} // namespace zorsampler
+
+#endif

@@ -1,0 +1,176 @@
+#include "threads.h"
+#include "runtime.h"
+#include "safe_malloc.h"
+#include "sampling.h"
+
+#include <climits>
+#include <linux/futex.h>
+#include <new>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace zorsampler {
+
+namespace {
+
+std::atomic<ThreadSlot*> gRegistry{nullptr};
+std::atomic<int> gLock{LockFree};
+std::atomic<int> gLockOwner{0};
+std::atomic<int> gAnswerSequence{0};
+
+ZS_TLS ThreadSlot* tlsSlot;
+
+void resetSlot(ThreadSlot* slot)
+{
+    slot->tid.store(0, std::memory_order_relaxed);
+    slot->blocksSignal.store(false, std::memory_order_relaxed);
+    slot->inMpi.store(false, std::memory_order_relaxed);
+    slot->request.store(0, std::memory_order_relaxed);
+    slot->done.store(0, std::memory_order_relaxed);
+    slot->startRoutine = nullptr;
+    slot->startArg = nullptr;
+    slot->state.store(SlotStarting, std::memory_order_release);
+}
+
+} // namespace
+
+ThreadSlot* firstSlot()
+{
+    return gRegistry.load(std::memory_order_acquire);
+}
+
+ThreadSlot* currentSlot()
+{
+    return tlsSlot;
+}
+
+int currentTid()
+{
+    return static_cast<int>(syscall(SYS_gettid));
+}
+
+void startCurrentThread(ThreadSlot* slot)
+{
+    slot->tid.store(currentTid(), std::memory_order_relaxed);
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &slot->lastCpu);
+    clock_gettime(CLOCK_MONOTONIC, &slot->lastWall);
+    sigset_t mask;
+    if (zs_real_pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0)
+        slot->blocksSignal.store(sigismember(&mask, zs_sampler_signal()) == 1, std::memory_order_relaxed);
+    tlsSlot = slot;
+    slot->state.store(SlotLive, std::memory_order_release);
+}
+
+void endCurrentThread()
+{
+    ThreadSlot* slot = tlsSlot;
+    if (!slot)
+        return;
+    tlsSlot = nullptr;
+    slot->state.store(SlotDead, std::memory_order_release);
+    announceAnswer();
+}
+
+ThreadSlot* acquireSlot()
+{
+    if (tryLock(LockRecycling)) {
+        for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+            if (slot->state.load(std::memory_order_acquire) == SlotDead) {
+                resetSlot(slot);
+                unlock();
+                return slot;
+            }
+        }
+        unlock();
+    }
+    void* memory = quorvex_safe_malloc(sizeof(ThreadSlot));
+    ThreadSlot* slot = new (memory) ThreadSlot();
+    ThreadSlot* head = gRegistry.load(std::memory_order_relaxed);
+    do {
+        slot->next = head;
+    } while (!gRegistry.compare_exchange_weak(head, slot, std::memory_order_release, std::memory_order_relaxed));
+    return slot;
+}
+
+void releaseUnstartedSlot(ThreadSlot* slot)
+{
+    slot->state.store(SlotDead, std::memory_order_release);
+}
+
+std::atomic<int>& answerSequence()
+{
+    return gAnswerSequence;
+}
+
+void announceAnswer()
+{
+    gAnswerSequence.fetch_add(1, std::memory_order_release);
+    syscall(SYS_futex, reinterpret_cast<int*>(&gAnswerSequence), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+}
+
+bool tryLock(LockHolder holder)
+{
+    int expected = LockFree;
+    if (!gLock.compare_exchange_strong(expected, holder, std::memory_order_acquire, std::memory_order_relaxed))
+        return false;
+    gLockOwner.store(currentTid(), std::memory_order_relaxed);
+    return true;
+}
+
+void unlock()
+{
+    gLockOwner.store(0, std::memory_order_relaxed);
+    gLock.store(LockFree, std::memory_order_release);
+}
+
+LockHolder lockHolder()
+{
+    return static_cast<LockHolder>(gLock.load(std::memory_order_acquire));
+}
+
+int lockOwner()
+{
+    return gLockOwner.load(std::memory_order_relaxed);
+}
+
+void resetAfterFork()
+{
+    gLockOwner.store(0, std::memory_order_relaxed);
+    gLock.store(LockFree, std::memory_order_relaxed);
+}
+
+} // namespace zorsampler
+
+// ---- thread creation ----
+
+namespace {
+
+// Ends the thread's registration however the start routine leaves: by
+// returning, by pthread_exit or by cancellation, which unwind through here.
+struct ThreadEndGuard
+{
+    ~ThreadEndGuard() { zorsampler::endCurrentThread(); }
+};
+
+void* startThread(void* argument)
+{
+    zorsampler::ThreadSlot* slot = static_cast<zorsampler::ThreadSlot*>(argument);
+    void* (*routine)(void*) = slot->startRoutine;
+    void* routineArg = slot->startArg;
+    zorsampler::startCurrentThread(slot);
+    ThreadEndGuard guard;
+    return routine(routineArg);
+}
+
+} // namespace
+
+extern "C" int zs_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg)
+{
+    zorsampler::ThreadSlot* slot = zorsampler::acquireSlot();
+    slot->startRoutine = start;
+    slot->startArg = arg;
+    const int result = zs_real_pthread_create(thread, attr, startThread, slot);
+    if (result != 0)
+        zorsampler::releaseUnstartedSlot(slot);
+    return result;
+}

@@ -1,0 +1,89 @@
+// The threads of the program as the sampler knows them. Every thread made
+// with pthread_create gets a slot before it starts; the slot carries the
+// sampling requests to the thread and its answer back. Slots live as long
+// as the process; a dead thread's slot is reused for a later thread, but
+// never while a sample is being taken.
+#ifndef ZOR_SAMPLER_THREADS_H
+#define ZOR_SAMPLER_THREADS_H
+
+#include "backtracedata.h"
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+namespace zorsampler {
+
+enum SlotState { SlotStarting = 0, SlotLive = 1, SlotDead = 2 };
+
+struct ThreadSlot
+{
+    // The registry: a list that only ever grows at its head.
+    ThreadSlot* next = nullptr;
+    std::atomic<int> state{SlotStarting};
+    std::atomic<int> tid{0};
+    // The thread's mask blocks the sampler's signal: it isn't asked.
+    std::atomic<bool> blocksSignal{false};
+    std::atomic<bool> inMpi{false};
+    // The sample generation that the thread is asked to answer, 0 for none;
+    // the thread takes the request by swapping in 0.
+    std::atomic<std::uint64_t> request{0};
+    // The generation of the last answer written below.
+    std::atomic<std::uint64_t> done{0};
+
+    // From the creating thread to the new one.
+    void* (*startRoutine)(void*) = nullptr;
+    void* startArg = nullptr;
+
+    // The answer, written by the thread's own signal handler.
+    ExtendedBacktraceData data;
+    timespec cpuInterval = {0, 0};
+    bool sleeping = false;
+
+    // What the previous answer saw: the thread's CPU clock and the wall
+    // clock, for the CPU time and the sleeping flag of the next one.
+    timespec lastCpu = {0, 0};
+    timespec lastWall = {0, 0};
+};
+
+// The head of the registry.
+ThreadSlot* firstSlot();
+
+// The calling thread's slot, null for a thread the sampler doesn't know.
+ThreadSlot* currentSlot();
+
+// Registers the calling thread, at load (the main thread) or as the first
+// thing a new thread does.
+void startCurrentThread(ThreadSlot* slot);
+// Marks the calling thread's slot dead; called as the thread ends.
+void endCurrentThread();
+
+// A slot for a thread about to be created: a dead one if the registry can
+// be walked now, a new one otherwise. Never called in a signal handler.
+ThreadSlot* acquireSlot();
+// Gives back a slot whose thread never started.
+void releaseUnstartedSlot(ThreadSlot* slot);
+
+// Bumped, with a futex wake-up, whenever a thread answers a request or
+// ends, so that the sampling handler waiting for answers looks again.
+std::atomic<int>& answerSequence();
+void announceAnswer();
+
+// One lock decides who may walk and change the registry and the sample
+// list: the sampling handler, a thread reusing a dead slot, or the end of
+// sampling, which keeps it for good. Taking it never waits.
+enum LockHolder { LockFree = 0, LockSampling = 1, LockRecycling = 2, LockFinished = 3 };
+bool tryLock(LockHolder holder);
+void unlock();
+LockHolder lockHolder();
+// The thread id of the holder, 0 when free.
+int lockOwner();
+// In a child made by fork: the parent's other threads are gone, so is any
+// lock they held.
+void resetAfterFork();
+
+int currentTid();
+
+} // namespace zorsampler
+
+#endif
