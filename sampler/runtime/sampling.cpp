@@ -868,8 +868,14 @@ __attribute__((destructor)) void onUnload()
 void takeSample(void* ucontext)
 {
     State& s = gState;
-    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || quorvex_sampling_finished)
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed)
         return;
+    if (quorvex_sampling_finished) {
+        // The back-end is about to stop sampling: no more signals, which a
+        // debugger would only have to pass on.
+        setTimer(0, 0);
+        return;
+    }
     if (!tryLock(LockSampling)) {
         ++s.skipped;
         return;

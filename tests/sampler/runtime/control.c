@@ -7,7 +7,9 @@
  *   control PATH refuse N MS   only arms, with N samples every MS
  *                              milliseconds, and prints the code and the
  *                              reason it gives
- * Prints "ok" when everything went as the sampler promises. */
+ * The return address of main is given as the boundary frame. Prints
+ * "boundary ADDRESS" and then "ok" when everything went as the sampler
+ * promises. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <pthread.h>
@@ -108,7 +110,10 @@ int main(int argc, char** argv)
     }
 
     CHECK(quorvex_sampler_version() == 700, "version %d", quorvex_sampler_version());
-    CHECK(quorvex_set_boundary_frame_ip(0) == 0, "the boundary was refused");
+    /* As a debugger would: main's backtraces end at main. */
+    const unsigned long boundary = (unsigned long)__builtin_return_address(0);
+    CHECK(quorvex_set_boundary_frame_ip(boundary) == 0, "the boundary was refused");
+    printf("boundary %lx\n", boundary);
     CHECK(quorvex_set_GPUProfiler_configuration(0, 0) == 0, "no GPU profiling was refused");
     CHECK(quorvex_ui_stop_sampling() == 7, "stopping before arming didn't say so");
 

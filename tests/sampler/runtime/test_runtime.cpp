@@ -492,13 +492,22 @@ TEST(SamplerControl, ArmedAndStoppedAsTheBackEndDoesIt)
     writeConfig(path);
     const ProgramRun run = runSampled({ZOR_CONTROL, path, "stop"}, {});
     ASSERT_TRUE(run.exitedWith(0)) << describe(run);
-    EXPECT_EQ(run.out, "ok\n");
+    unsigned long boundary = 0;
+    ASSERT_EQ(sscanf(run.out.c_str(), "boundary %lx", &boundary), 1) << run.out;
+    EXPECT_NE(run.out.find("\nok\n"), std::string::npos) << run.out;
 
     const SampleFile file = readSampleFile(path);
     ASSERT_TRUE(file.list);
     EXPECT_EQ(file.stopReason, 2);
     ASSERT_GT(file.list->size(), 20u);
     EXPECT_EQ(file.takenInTotal, file.list->size());
+
+    // Main's backtraces end inside main, before the frame it returns to.
+    for (unsigned i = 0; i < file.list->size(); ++i) {
+        const quorvex::backtrace_t& frames = file.list->at(i).mainThreadTrace().trace();
+        EXPECT_FALSE(frames.empty());
+        EXPECT_EQ(std::count(frames.begin(), frames.end(), boundary), 0) << "sample " << i;
+    }
 
     const bool divides[] = {false, false, true, true, false, true, false};
     unsigned withCpu = 0, withRss = 0, withIo = 0;
@@ -548,7 +557,7 @@ TEST(SamplerControl, StopsByItselfAtTheStopOffset)
     writeConfig(path);
     const ProgramRun run = runSampled({ZOR_CONTROL, path, "stop-offset"}, {});
     ASSERT_TRUE(run.exitedWith(0)) << describe(run);
-    EXPECT_EQ(run.out, "ok\n");
+    EXPECT_NE(run.out.find("\nok\n"), std::string::npos) << run.out;
     const SampleFile file = readSampleFile(path);
     ASSERT_TRUE(file.list);
     EXPECT_EQ(file.stopReason, 2);
@@ -587,6 +596,45 @@ TEST(SamplerControl, RefusesWithACodeAndAReason)
     out = refusal("100", "20");
     EXPECT_EQ(out.rfind("code 5: ", 0), 0u) << out;
     EXPECT_NE(out.find(path + ".running"), std::string::npos) << out;
+}
+
+// A debugger stops the program wherever it happens to be, on top of a
+// half-taken sample too, and calls the sampler from there.
+TEST(SamplerControl, StoppedByADebuggerInTheMiddleOfASample)
+{
+    if (system("gdb --version > /dev/null 2>&1") != 0)
+        GTEST_SKIP() << "no gdb";
+    TempDir dir;
+    const std::string path = dir.file("smpls");
+    writeConfig(path);
+    const std::string commands = dir.file("commands");
+    std::ofstream(commands) << "set pagination off\n"
+                               "set confirm off\n"
+                               "set environment LD_PRELOAD=" ZOR_SAMPLER_LIBRARY "\n"
+                               "handle SIG" << SIGRTMAX - 3 << " nostop noprint pass\n"
+                               "break main\n"
+                               "run\n"
+                               "print (int)quorvex_init_sampler_now(1000, 2, \"" << path << "\", 1, 0, 0)\n"
+                               // The sampling handler, about to put the 21st sample into the list.
+                               "break quorvex::SSampleList::createSample\n"
+                               "ignore 2 20\n"
+                               "continue\n"
+                               "print (int)quorvex_ui_stop_sampling()\n"
+                               "kill\n";
+    const std::string output = dir.file("gdb.out");
+    const std::string command = std::string("gdb -nx -batch -x ") + commands + " --args " + ZOR_EXAMPLE
+        + " --seconds 20 > " + output + " 2>&1";
+    ASSERT_EQ(system(command.c_str()), 0) << readText(output);
+    const std::string transcript = readText(output);
+    EXPECT_NE(transcript.find("$1 = 0"), std::string::npos) << transcript;
+    EXPECT_NE(transcript.find("$2 = 0"), std::string::npos) << transcript;
+    EXPECT_FALSE(exists(path + ".running"));
+
+    const SampleFile file = readSampleFile(path);
+    ASSERT_TRUE(file.list) << transcript;
+    EXPECT_EQ(file.stopReason, 2);
+    // The 20 whole samples; the one being made is left out.
+    EXPECT_EQ(file.list->size(), 20u);
 }
 
 } // namespace
