@@ -4,9 +4,12 @@
 // main thread at every interval. Its handler unwinds the main thread from
 // the signal context, asks every other live thread for its backtrace with a
 // signal of the same number carrying a request, reads the per-sample
-// metrics meanwhile, waits (bounded) for the answers and then puts the
-// sample into the list. Nothing in the handlers allocates: the sample list
-// and every backtrace in it are sized when sampling is armed.
+// metrics and puts the sample into the list. It doesn't wait for the other
+// threads: each takes its backtrace when its own handler runs, and the
+// handler at the next tick adds the answers that have come in to the
+// samples they belong to. An answer that is overdue counts as missing.
+// Nothing in the handlers allocates: the sample list, every backtrace in it
+// and the table of pending answers are sized when sampling is armed.
 #include "procmetrics.h"
 #include "quorvex_sampler.h"
 #include "runtime.h"
@@ -61,10 +64,12 @@ const int DEFAULT_INTERVAL_MS = 20;
 const int DEFAULT_NUM_SAMPLES = 1000;
 const int DEFAULT_THREADS_PER_SAMPLE = 8;
 const int MAX_THREADS_PER_SAMPLE = 4096;
-// How long the sampling handler waits for the other threads' answers. It
-// only runs out when a thread can't run its handler, for instance while it
-// is stopped or waits for a lock that the main thread holds.
-const long ANSWER_TIMEOUT_NS = 20 * 1000 * 1000;
+// How long an answer may take before it counts as missing. Only a thread
+// that can't run its handler takes so long: one that is stopped, or waits
+// for a lock that the interrupted main thread holds.
+const long long ANSWER_DEADLINE_NS = 50 * 1000 * 1000;
+// Pending answers kept, per thread that a sample may hold.
+const int PENDING_PER_THREAD = 64;
 // A thread that used less CPU than this share of the wall time since its
 // previous sample counts as sleeping.
 const double SLEEPING_CPU_SHARE = 0.05;
@@ -76,13 +81,23 @@ enum Phase { PhaseIdle = 0, PhaseArmed, PhaseFinishing, PhaseFinished };
 enum MetricKind { MetricNotTaken = 0, MetricCpuPercent, MetricRss, MetricCharsRead, MetricCharsWritten };
 // What the sampling handler is doing to the list, for a stop that lands on
 // top of it.
-enum CommitStage { CommitNone = 0, CommitFilling, CommitThinning };
-enum AskResult { AskSent, AskGone, AskFailed };
+enum CommitStage { CommitNone = 0, CommitFilling, CommitThinning, CommitAdding };
 
 struct MetricPlan
 {
     MetricKind kind;
     SMetric::NormalisationMode mode;
+};
+
+// A thread asked for its backtrace, whose answer goes into the sample at
+// `sampleIndex` when it comes.
+struct PendingAnswer
+{
+    ThreadSlot* slot;
+    int tid;
+    unsigned int sampleIndex;
+    std::uint64_t generation;
+    timespec askedAt;
 };
 
 // Everything the sampler keeps. Zero-initialised, with no constructor to
@@ -120,12 +135,16 @@ struct State
     drand48_data random;
     quorvex::threadlist_t* threadList;
     int threadsPerSample;
-    ThreadSlot** chosen;
-    int* chosenTid;
-    AskResult* asked;
+    // The threads asked at this tick.
+    ThreadSlot** asking;
+    int* askingTid;
+    PendingAnswer* pending;
+    unsigned int pendingCount;
+    unsigned int pendingCapacity;
     std::uint64_t generation;
     unsigned int rotation;
     unsigned int sizeBeforeCommit;
+    unsigned int sampleBeingAddedTo;
 
     ExtendedBacktraceData mainTrace;
     ExtendedBacktraceData missingTrace;
@@ -359,17 +378,23 @@ clockid_t threadCpuClock(int tid)
     return static_cast<clockid_t>((~static_cast<unsigned int>(tid) << 3) | 6);
 }
 
+// Sends the request of this tick to the threads whose turn it is; returns
+// how many were asked. A thread that still owes an answer isn't asked again.
 int askOtherThreads(std::uint64_t generation)
 {
     State& s = gState;
+    auto askable = [&](ThreadSlot* slot) {
+        return slot->state.load(std::memory_order_acquire) == SlotLive
+            && slot->tid.load(std::memory_order_relaxed) != s.mainTid
+            && !slot->blocksSignal.load(std::memory_order_relaxed) && !slot->owesAnswer;
+    };
     int candidates = 0;
-    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
-        if (slot->state.load(std::memory_order_acquire) == SlotLive && slot->tid.load(std::memory_order_relaxed) != s.mainTid
-            && !slot->blocksSignal.load(std::memory_order_relaxed))
-            ++candidates;
-    }
-    const int take = candidates < s.threadsPerSample ? candidates : s.threadsPerSample;
-    if (take == 0)
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next)
+        candidates += askable(slot);
+    int take = candidates < s.threadsPerSample ? candidates : s.threadsPerSample;
+    const int room = static_cast<int>(s.pendingCapacity - s.pendingCount);
+    take = take < room ? take : room;
+    if (take <= 0)
         return 0;
     // With more threads than room in a sample, a window that moves on each
     // time shares the room out between them.
@@ -385,55 +410,79 @@ int askOtherThreads(std::uint64_t generation)
 
     int index = 0;
     int count = 0;
-    for (ThreadSlot* slot = firstSlot(); slot && count < take; slot = slot->next) {
-        const int tid = slot->tid.load(std::memory_order_relaxed);
-        if (slot->state.load(std::memory_order_acquire) != SlotLive || tid == s.mainTid
-            || slot->blocksSignal.load(std::memory_order_relaxed))
+    for (ThreadSlot* slot = firstSlot(); slot && index < candidates; slot = slot->next) {
+        if (!askable(slot))
             continue;
         const int position = (index++ - first + candidates) % candidates;
         if (position >= take)
             continue;
-        s.chosen[count] = slot;
-        s.chosenTid[count] = tid;
+        const int tid = slot->tid.load(std::memory_order_relaxed);
         slot->request.store(generation, std::memory_order_release);
-        if (syscall(SYS_rt_tgsigqueueinfo, s.pid, tid, info.si_signo, &info) == 0) {
-            s.asked[count] = AskSent;
-        } else {
-            s.asked[count] = errno == ESRCH ? AskGone : AskFailed;
+        if (syscall(SYS_rt_tgsigqueueinfo, s.pid, tid, info.si_signo, &info) != 0) {
+            // Gone already, or the signal queue is full: not in this sample.
             slot->request.exchange(0, std::memory_order_acq_rel);
+            continue;
         }
+        slot->owesAnswer = true;
+        s.asking[count] = slot;
+        s.askingTid[count] = tid;
         ++count;
     }
     return count;
 }
 
-bool answered(int k, std::uint64_t generation)
+// Adds the answers that have come in to their samples. One that is overdue,
+// or every one still out when `giveUpAll` is set, goes in as missing; a
+// thread that ended without answering is left out.
+void collectAnswers(const timespec& current, bool giveUpAll)
 {
-    return gState.chosen[k]->done.load(std::memory_order_acquire) == generation;
+    State& s = gState;
+    for (unsigned int i = 0; i < s.pendingCount;) {
+        const PendingAnswer& answer = s.pending[i];
+        ThreadSlot* slot = answer.slot;
+        const bool inMpi = slot->inMpi.load(std::memory_order_relaxed);
+        s.sampleBeingAddedTo = answer.sampleIndex;
+        s.commitStage.store(CommitAdding, std::memory_order_release);
+        if (slot->done.load(std::memory_order_acquire) == answer.generation) {
+            s.list->at(answer.sampleIndex)
+                .addThreadBacktrace(slot->data, inMpi, answer.tid, slot->cpuInterval, slot->sleeping);
+        } else if (slot->state.load(std::memory_order_acquire) == SlotDead) {
+            // Ended before it could answer.
+        } else if (giveUpAll || nanoseconds(difference(current, answer.askedAt)) >= ANSWER_DEADLINE_NS) {
+            // Withdraw the request, so that a late handler leaves the slot
+            // alone, and say in the sample that the answer is missing.
+            slot->request.exchange(0, std::memory_order_acq_rel);
+            ++s.missedThreads;
+            s.list->at(answer.sampleIndex).addThreadBacktrace(s.missingTrace, inMpi, answer.tid, timespec{0, 0}, false);
+        } else {
+            s.commitStage.store(CommitNone, std::memory_order_release);
+            ++i;
+            continue;
+        }
+        s.commitStage.store(CommitNone, std::memory_order_release);
+        slot->owesAnswer = false;
+        s.pending[i] = s.pending[--s.pendingCount];
+    }
 }
 
-bool gone(int k)
+// At the end: the answers still out get a little time to come in.
+void collectLastAnswers()
 {
-    return gState.asked[k] == AskGone || gState.chosen[k]->state.load(std::memory_order_acquire) == SlotDead;
-}
-
-void waitForAnswers(int count, std::uint64_t generation, const timespec& start)
-{
-    const timespec deadline = add(start, ANSWER_TIMEOUT_NS);
+    State& s = gState;
+    const timespec deadline = add(now(CLOCK_MONOTONIC), ANSWER_DEADLINE_NS);
     std::atomic<int>& sequence = answerSequence();
+    answerWaiters().fetch_add(1, std::memory_order_acq_rel);
     for (;;) {
         const int seen = sequence.load(std::memory_order_acquire);
-        bool all = true;
-        for (int k = 0; k < count && all; ++k)
-            all = gState.asked[k] != AskSent || answered(k, generation) || gone(k);
-        if (all)
-            return;
         const timespec current = now(CLOCK_MONOTONIC);
-        if (nanoseconds(current) >= nanoseconds(deadline))
-            return;
+        const bool late = nanoseconds(current) >= nanoseconds(deadline);
+        collectAnswers(current, late);
+        if (s.pendingCount == 0 || late)
+            break;
         timespec left = difference(deadline, current);
         syscall(SYS_futex, reinterpret_cast<int*>(&sequence), FUTEX_WAIT_PRIVATE, seen, &left, nullptr, 0);
     }
+    answerWaiters().fetch_sub(1, std::memory_order_acq_rel);
 }
 
 void setTimer(int intervalMs, long long firstMs)
@@ -446,13 +495,16 @@ void setTimer(int intervalMs, long long firstMs)
 
 // ---- the end ----
 
-void writeSamplesUpTo(int fd, const quorvex::SamplerFileHeader& header, unsigned int count)
+// The first `count` samples but the one at `skip`.
+void writeSamplesUpTo(int fd, const quorvex::SamplerFileHeader& header, unsigned int count, unsigned int skip)
 {
     quorvex::quorvex_write_sampler_file_header(fd, header);
     QUORVEX_WRITE(fd, "sl", 2);
-    QUORVEX_WRITE_UWIDE(fd, count);
-    for (unsigned int i = 0; i < count; ++i)
-        gState.list->at(i).writeToFile(fd);
+    QUORVEX_WRITE_UWIDE(fd, skip < count ? count - 1 : count);
+    for (unsigned int i = 0; i < count; ++i) {
+        if (i != skip)
+            gState.list->at(i).writeToFile(fd);
+    }
     QUORVEX_WRITE(fd, "/sl", 3);
     const std::uint32_t noCallSites = 0;
     QUORVEX_WRITE(fd, &noCallSites, sizeof noCallSites);
@@ -490,12 +542,15 @@ void writeResults(int stopReason, int stage)
     } else {
         if (stage == CommitFilling) {
             // The newest sample is half made; the ones before it are whole.
-            writeSamplesUpTo(fd, header, s.sizeBeforeCommit);
+            writeSamplesUpTo(fd, header, s.sizeBeforeCommit, UINT_MAX);
+        } else if (stage == CommitAdding) {
+            // One sample is getting a thread's backtrace.
+            writeSamplesUpTo(fd, header, s.list->size(), s.sampleBeingAddedTo);
         } else if (stage == CommitThinning) {
             quorvex::SafeMessage message;
             message.str("zor sampler: stopped while the sample list was being thinned; no samples are kept\n");
             message.writeTo(2);
-            writeSamplesUpTo(fd, header, 0);
+            writeSamplesUpTo(fd, header, 0, UINT_MAX);
         } else {
             quorvex::quorvex_write_sampler_file(fd, header, *s.list, nullptr, 0);
         }
@@ -563,6 +618,12 @@ int finish(int stopReason, bool inSamplingHandler)
         }
     }
 
+    if (locked) {
+        if (inSamplingHandler)
+            collectAnswers(now(CLOCK_MONOTONIC), true);
+        else
+            collectLastAnswers();
+    }
     writeResults(stopReason, stage);
     s.statm.close();
     s.io.close();
@@ -687,9 +748,10 @@ int arm(const ArmSettings& settings, const quorvex::SamplerConfig* givenConfig)
         s.list->setMetricCount(static_cast<int>(s.metricCount));
         s.threadList = new quorvex::threadlist_t;
         s.threadList->reserve(static_cast<std::size_t>(s.threadsPerSample) + 1);
-        s.chosen = new ThreadSlot*[static_cast<std::size_t>(s.threadsPerSample) + 1];
-        s.chosenTid = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
-        s.asked = new AskResult[static_cast<std::size_t>(s.threadsPerSample) + 1];
+        s.asking = new ThreadSlot*[static_cast<std::size_t>(s.threadsPerSample) + 1];
+        s.askingTid = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
+        s.pendingCapacity = static_cast<unsigned int>(s.threadsPerSample) * PENDING_PER_THREAD;
+        s.pending = new PendingAnswer[s.pendingCapacity + 1];
     } catch (const std::bad_alloc&) {
         return fail(QUORVEX_SAMPLER_SETUP_FAILED, "not enough memory for " + std::to_string(numSamples) + " samples");
     }
@@ -898,18 +960,17 @@ void takeSample(void* ucontext)
     const timespec mainCpuInterval = difference(mainCpu, s.mainLastCpu);
     const timespec wall = difference(started, s.lastSample);
 
+    // Answers to earlier ticks first; all of them when the list is about to
+    // be thinned, since thinning moves the samples they belong to.
+    collectAnswers(started, s.list->isFull());
     const std::uint64_t generation = ++s.generation;
     const int count = s.allThreads ? askOtherThreads(generation) : 0;
     readMetrics(wall);
-    if (count > 0)
-        waitForAnswers(count, generation, started);
 
     s.threadList->clear();
     s.threadList->push_back(s.mainTid);
-    for (int k = 0; k < count; ++k) {
-        if (!gone(k) || answered(k, generation))
-            s.threadList->push_back(s.chosenTid[k]);
-    }
+    for (int k = 0; k < count; ++k)
+        s.threadList->push_back(s.askingTid[k]);
 
     s.sizeBeforeCommit = s.list->size();
     s.commitStage.store(s.list->isFull() ? CommitThinning : CommitFilling, std::memory_order_release);
@@ -921,19 +982,8 @@ void takeSample(void* ucontext)
     sample->metrics().setValid();
     for (unsigned int i = 0; i < s.metricCount; ++i)
         sample->metrics().setMetric(i, SMetric(s.values[i], wall, s.metrics[i].mode));
-    for (int k = 0; k < count; ++k) {
-        ThreadSlot* slot = s.chosen[k];
-        const bool inMpi = slot->inMpi.load(std::memory_order_relaxed);
-        if (answered(k, generation)) {
-            sample->addThreadBacktrace(slot->data, inMpi, s.chosenTid[k], slot->cpuInterval, slot->sleeping);
-        } else if (!gone(k)) {
-            // Not answered in time: withdraw the request, so that a late
-            // handler leaves the slot alone, and say so in the sample.
-            slot->request.exchange(0, std::memory_order_acq_rel);
-            ++s.missedThreads;
-            sample->addThreadBacktrace(s.missingTrace, inMpi, s.chosenTid[k], timespec{0, 0}, false);
-        }
-    }
+    for (int k = 0; k < count; ++k)
+        s.pending[s.pendingCount++] = PendingAnswer{s.asking[k], s.askingTid[k], s.list->size() - 1, generation, started};
     s.commitStage.store(CommitNone, std::memory_order_release);
     s.lastSample = started;
     ++s.taken;

@@ -161,10 +161,16 @@ void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext)
     if (zs_is_sampler_instance(sig, info)) {
         ++zs_our_signal_count;
         tlsInSamplerHandler = true;
+        // Some calls made here are cancellation points (pread, and the
+        // memory checks of libunwind): a cancellation pending for the thread
+        // must not take effect inside the sampler's handler.
+        int cancelState = PTHREAD_CANCEL_DISABLE;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
         if (info->si_code == TIMER_CODE)
             takeSample(ucontext);
         else
             answerRequest(ucontext);
+        pthread_setcancelstate(cancelState, nullptr);
         tlsInSamplerHandler = false;
     } else {
         ++zs_target_signal_count;

@@ -17,6 +17,7 @@ std::atomic<ThreadSlot*> gRegistry{nullptr};
 std::atomic<int> gLock{LockFree};
 std::atomic<int> gLockOwner{0};
 std::atomic<int> gAnswerSequence{0};
+std::atomic<int> gAnswerWaiters{0};
 
 ZS_TLS ThreadSlot* tlsSlot;
 
@@ -27,6 +28,7 @@ void resetSlot(ThreadSlot* slot)
     slot->inMpi.store(false, std::memory_order_relaxed);
     slot->request.store(0, std::memory_order_relaxed);
     slot->done.store(0, std::memory_order_relaxed);
+    slot->owesAnswer = false;
     slot->startRoutine = nullptr;
     slot->startArg = nullptr;
     slot->state.store(SlotStarting, std::memory_order_release);
@@ -75,7 +77,7 @@ ThreadSlot* acquireSlot()
 {
     if (tryLock(LockRecycling)) {
         for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
-            if (slot->state.load(std::memory_order_acquire) == SlotDead) {
+            if (slot->state.load(std::memory_order_acquire) == SlotDead && !slot->owesAnswer) {
                 resetSlot(slot);
                 unlock();
                 return slot;
@@ -102,10 +104,16 @@ std::atomic<int>& answerSequence()
     return gAnswerSequence;
 }
 
+std::atomic<int>& answerWaiters()
+{
+    return gAnswerWaiters;
+}
+
 void announceAnswer()
 {
-    gAnswerSequence.fetch_add(1, std::memory_order_release);
-    syscall(SYS_futex, reinterpret_cast<int*>(&gAnswerSequence), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+    gAnswerSequence.fetch_add(1, std::memory_order_acq_rel);
+    if (gAnswerWaiters.load(std::memory_order_acquire) > 0)
+        syscall(SYS_futex, reinterpret_cast<int*>(&gAnswerSequence), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
 bool tryLock(LockHolder holder)

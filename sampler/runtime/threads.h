@@ -30,6 +30,10 @@ struct ThreadSlot
     std::atomic<std::uint64_t> request{0};
     // The generation of the last answer written below.
     std::atomic<std::uint64_t> done{0};
+    // Asked, and the answer not yet taken into its sample. Read and written
+    // only by whoever holds the sampling lock; a slot that owes an answer
+    // isn't reused.
+    bool owesAnswer = false;
 
     // From the creating thread to the new one.
     void* (*startRoutine)(void*) = nullptr;
@@ -65,9 +69,12 @@ ThreadSlot* acquireSlot();
 void releaseUnstartedSlot(ThreadSlot* slot);
 
 // Bumped, with a futex wake-up, whenever a thread answers a request or
-// ends, so that the sampling handler waiting for answers looks again.
+// ends, so that the end of sampling, waiting for the last answers, looks
+// again.
 std::atomic<int>& answerSequence();
 void announceAnswer();
+// How many wait on answerSequence(); without waiters no wake-up is sent.
+std::atomic<int>& answerWaiters();
 
 // One lock decides who may walk and change the registry and the sample
 // list: the sampling handler, a thread reusing a dead slot, or the end of

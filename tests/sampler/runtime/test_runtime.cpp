@@ -20,6 +20,7 @@
 #include <memory>
 #include <set>
 #include <spawn.h>
+#include <signal.h>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -123,7 +124,16 @@ ProgramRun runSampled(const std::vector<std::string>& args, const std::vector<st
     }
     if (whileRunning)
         whileRunning(run.pid);
-    waitpid(run.pid, &run.status, 0);
+    // A program that hangs is ended, and fails the test, rather than
+    // holding up the whole suite.
+    for (int waited = 0; waitpid(run.pid, &run.status, WNOHANG) == 0; ++waited) {
+        if (waited == 60 * 100) {
+            kill(run.pid, SIGKILL);
+            waitpid(run.pid, &run.status, 0);
+            break;
+        }
+        usleep(10000);
+    }
     run.out = readText(outputs.file("out"));
     run.err = readText(outputs.file("err"));
     return run;
