@@ -161,6 +161,9 @@ struct State
     timespec lastProcessCpu;
     std::uint64_t lastCharsRead;
     std::uint64_t lastCharsWritten;
+    // What the sampler read from /proc itself and the read count of the
+    // process doesn't show yet: not the program's reading.
+    std::uint64_t ownBytesRead;
     std::string* errorRecords;
 
     std::uint64_t taken;
@@ -321,18 +324,26 @@ void readMetrics(const timespec& wall)
     }
     char text[1024];
     std::uint64_t residentPages = 0;
-    const bool haveRss = s.statm.isOpen() && s.statm.read(text, sizeof text) > 0 && parseResidentPages(text, residentPages);
+    bool haveRss = false;
+    if (s.statm.isOpen()) {
+        const long n = s.statm.read(text, sizeof text);
+        haveRss = n > 0 && parseResidentPages(text, residentPages);
+        s.ownBytesRead += n > 0 ? static_cast<std::uint64_t>(n) : 0;
+    }
     std::uint64_t charsRead = 0, charsWritten = 0;
     bool haveIo = false;
-    if (s.needIo && s.io.read(text, sizeof text) > 0 && parseIoCounters(text, charsRead, charsWritten)) {
-        // The counts only grow; a smaller one is a misreading.
-        haveIo = charsRead >= s.lastCharsRead && charsWritten >= s.lastCharsWritten;
+    const long n = s.needIo ? s.io.read(text, sizeof text) : -1;
+    if (n > 0 && parseIoCounters(text, charsRead, charsWritten)) {
+        // The counts only grow; a smaller one is a misreading. The text
+        // was made before this read was counted: it shows next time.
+        haveIo = charsRead >= s.lastCharsRead + s.ownBytesRead && charsWritten >= s.lastCharsWritten;
         const std::uint64_t totalRead = charsRead;
         const std::uint64_t totalWritten = charsWritten;
-        charsRead = totalRead - s.lastCharsRead;
+        charsRead = totalRead - s.lastCharsRead - s.ownBytesRead;
         charsWritten = totalWritten - s.lastCharsWritten;
         s.lastCharsRead = totalRead;
         s.lastCharsWritten = totalWritten;
+        s.ownBytesRead = static_cast<std::uint64_t>(n);
     }
     for (unsigned int i = 0; i < s.metricCount; ++i) {
         SampleValue value;
@@ -365,8 +376,9 @@ void takeMetricBaselines()
     State& s = gState;
     s.lastProcessCpu = now(CLOCK_PROCESS_CPUTIME_ID);
     char text[1024];
-    if (s.needIo && s.io.read(text, sizeof text) > 0)
-        parseIoCounters(text, s.lastCharsRead, s.lastCharsWritten);
+    const long n = s.needIo ? s.io.read(text, sizeof text) : -1;
+    if (n > 0 && parseIoCounters(text, s.lastCharsRead, s.lastCharsWritten))
+        s.ownBytesRead = static_cast<std::uint64_t>(n);
 }
 
 // ---- asking the other threads ----
@@ -988,7 +1000,7 @@ void takeSample(void* ucontext)
     s.lastSample = started;
     ++s.taken;
 
-    if (downsampled) {
+    if (downsampled && s.intervalMs <= INT_MAX / 2) {
         // Half the samples are gone, each survivor standing for twice the
         // time: sample half as often from now on.
         s.intervalMs *= 2;

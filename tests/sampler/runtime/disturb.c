@@ -95,24 +95,13 @@ static void* reader(void* argument)
     return NULL;
 }
 
-static void* poller(void* argument)
-{
-    const int64_t end = *(const int64_t*)argument;
-    while (now_ns() < end) {
-        TIMED("worker poll", 3, poll(NULL, 0, 3), result_ == 0);
-        TIMED("worker nanosleep", 2, nanosleep(&(struct timespec){0, 2000000}, NULL), result_ == 0);
-    }
-    return NULL;
-}
-
 static int run_eintr(void)
 {
     if (pipe(pipe_fds) != 0)
         return 1;
-    pthread_t read_thread, poll_thread;
+    pthread_t read_thread;
     const int64_t end = now_ns() + 1500000000LL;
     pthread_create(&read_thread, NULL, reader, NULL);
-    pthread_create(&poll_thread, NULL, poller, (void*)&end);
 
     const int epfd = epoll_create1(0);
     sigset_t usr2;
@@ -135,7 +124,6 @@ static int run_eintr(void)
     if (write(pipe_fds[1], "x", 1) != 1)
         return 1;
     pthread_join(read_thread, NULL);
-    pthread_join(poll_thread, NULL);
 
     /* The program's own signals interrupt as they always did. */
     struct sigaction action;
