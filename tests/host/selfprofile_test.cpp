@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "childprocess.h"
+#include "command.h"
 #include "envswitch.h"
 #include "fakehost.h"
 #include "selfprofile.h"

@@ -42,7 +42,8 @@ void ScriptedDisassembler::addFiller(unsigned long long start, unsigned long lon
 {
     QList<ScriptedInstruction> body;
     for (unsigned long long a = start; a < end; ++a)
-        body.append(ScriptedInstruction{ QString(), 1, QStringLiteral("int3"), QString() });
+        body.append(ScriptedInstruction{ QString(), 1, QStringLiteral("int3"), QString(), ScriptedInstruction::Plain,
+                                                 QString(), false });
     place(start, body, -1);
 }
 
@@ -85,9 +86,10 @@ bool ScriptedDisassembler::readable(unsigned long long address) const
     return mReadable.contains(address);
 }
 
-Instruction ScriptedDisassembler::instructionAt(const Placed& placed) const
+Instruction ScriptedDisassembler::instructionAt(const Placed& placed, bool wholeFunction) const
 {
-    const bool symbolStart = placed.function >= 0 && mFunctions.at(placed.function).start == placed.address;
+    const bool symbolStart = (wholeFunction || linearMarksSymbols) && placed.function >= 0
+        && mFunctions.at(placed.function).start == placed.address;
     return Instruction(placed.mnemonic, placed.operands, symbolStart, placed.implicitMemory);
 }
 
@@ -117,7 +119,7 @@ QMap<unsigned long long, Instruction> ScriptedDisassembler::disassemble(unsigned
             return result;
         const Function& f = mFunctions.at(function);
         for (auto it = mPlaced.lowerBound(f.start); it != mPlaced.constEnd() && it.key() < f.end; ++it)
-            result.insert(it.key(), instructionAt(*it));
+            result.insert(it.key(), instructionAt(*it, true));
         mCovered.insert(AddressRange(f.start, f.end), true);
         *end = f.end;
         requests.last().answered = true;
@@ -139,7 +141,7 @@ QMap<unsigned long long, Instruction> ScriptedDisassembler::disassemble(unsigned
         auto it = mPlaced.upperBound(address);
         --it;
         if (it.key() == address) {
-            result.insert(address, instructionAt(*it));
+            result.insert(address, instructionAt(*it, false));
             address += it->length;
         } else {
             const unsigned long long boundary = it.key() + it->length;

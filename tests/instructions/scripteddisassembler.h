@@ -72,6 +72,10 @@ public:
     const QList<Function>& functions() const { return mFunctions; }
     unsigned long long address(const QString& label) const { return mLabels.value(label); }
 
+    // Whether a straight run of bytes tells where functions start, as a
+    // request for a whole function always does.
+    bool linearMarksSymbols = true;
+
     // What was asked, and what broke the rule that no byte is asked twice.
     QList<Request> requests;
     QStringList violations;
@@ -83,7 +87,7 @@ public:
 
 private:
     void place(unsigned long long start, const QList<ScriptedInstruction>& body, int function);
-    Instruction instructionAt(const Placed& placed) const;
+    Instruction instructionAt(const Placed& placed, bool wholeFunction) const;
     int functionAt(unsigned long long address) const;
     bool readable(unsigned long long address) const;
     void cover(unsigned long long start, unsigned long long end);
