@@ -1,6 +1,8 @@
 #include "sample.h"
 
 #include <QExplicitlySharedDataPointer>
+#include <QVector>
+#include <algorithm>
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
@@ -27,6 +29,7 @@ struct TreeHolder : public QSharedData
 
 struct SampleThread
 {
+    int tid = 0;
     QExplicitlySharedDataPointer<TreeHolder> tree;
     ThreadContext context;
     InstructionQuery instruction;
@@ -50,9 +53,34 @@ public:
     bool repeat = false;
     bool ignore = false;
     QMap<QString, ScalarMetric> metrics;
-    QMap<int, SampleThread> threads;
-    QSet<int> liveThreads;
+    // Sorted by thread id: a sample has a handful of threads, and a vector
+    // costs one allocation where a map costs one per thread.
+    QVector<SampleThread> threads;
+    QVector<int> liveThreads; // sorted
+
+    const SampleThread* find(int tid) const
+    {
+        const auto it = std::lower_bound(threads.cbegin(), threads.cend(), tid,
+                                         [](const SampleThread& t, int id) { return t.tid < id; });
+        return it != threads.cend() && it->tid == tid ? &*it : nullptr;
+    }
+    SampleThread* find(int tid)
+    {
+        const auto it = std::lower_bound(threads.begin(), threads.end(), tid,
+                                         [](const SampleThread& t, int id) { return t.tid < id; });
+        return it != threads.end() && it->tid == tid ? &*it : nullptr;
+    }
+    void insert(const SampleThread& thread)
+    {
+        const auto it = std::lower_bound(threads.begin(), threads.end(), thread.tid,
+                                         [](const SampleThread& t, int id) { return t.tid < id; });
+        if (it != threads.end() && it->tid == thread.tid)
+            *it = thread;
+        else
+            threads.insert(it, thread);
+    }
     QList<int> libunwindErrorCodes;
+    SampleHistogram histogram;
 };
 
 Sample::Sample()
@@ -142,87 +170,115 @@ void Sample::backendOnly_addThread(ZORPSVModelItem* tree, int tid, const ThreadC
                                    bool sleeping)
 {
     SampleThread thread;
-    thread.tree = QExplicitlySharedDataPointer<TreeHolder>(new TreeHolder(tree));
+    thread.tid = tid;
+    if (tree)
+        thread.tree = QExplicitlySharedDataPointer<TreeHolder>(new TreeHolder(tree));
     thread.context = context;
     thread.instruction = instruction;
     thread.type = type;
     thread.cpuTime = cpuTime;
     thread.sleeping = sleeping;
-    d->threads.insert(tid, thread);
+    d->insert(thread);
 }
 
 QSet<int> Sample::backendOnly_sampledTids() const
 {
     QSet<int> tids;
-    for (auto it = d->threads.constBegin(); it != d->threads.constEnd(); ++it)
-        tids.insert(it.key());
+    tids.reserve(d->threads.size());
+    for (const SampleThread& thread : d->threads)
+        tids.insert(thread.tid);
+    return tids;
+}
+
+QVector<int> Sample::sampledTidList() const
+{
+    QVector<int> tids;
+    tids.reserve(d->threads.size());
+    for (const SampleThread& thread : d->threads)
+        tids.append(thread.tid);
     return tids;
 }
 
 bool Sample::backendOnly_hasSampleForThread(int tid) const
 {
-    return d->threads.contains(tid);
+    return d->find(tid) != nullptr;
 }
 
 Sample::ThreadType Sample::backendOnly_threadType(int tid) const
 {
-    return d->threads.value(tid).type;
+    const SampleThread* thread = d->find(tid);
+    return thread ? thread->type : OtherThread;
 }
 
 bool Sample::backendOnly_isSleeping(int tid) const
 {
-    return d->threads.value(tid).sleeping;
+    const SampleThread* thread = d->find(tid);
+    return thread && thread->sleeping;
 }
 
 ThreadContext Sample::backendOnly_threadContext(int tid) const
 {
-    return d->threads.value(tid).context;
+    const SampleThread* thread = d->find(tid);
+    return thread ? thread->context : ThreadContext();
 }
 
 unsigned long long Sample::backendOnly_cpuTime(int tid) const
 {
-    const auto it = d->threads.constFind(tid);
-    return it == d->threads.constEnd() ? 0 : it->cpuTime;
+    const SampleThread* thread = d->find(tid);
+    return thread ? thread->cpuTime : 0;
 }
 
 void Sample::backendOnly_setCpuTime(int tid, unsigned long long cpuTime)
 {
-    const auto it = d->threads.find(tid);
-    if (it != d->threads.end())
-        it->cpuTime = cpuTime;
+    if (!d.constData()->find(tid))
+        return;
+    d->find(tid)->cpuTime = cpuTime;
 }
 
 unsigned long long Sample::backendOnly_getAllocatedCpuTime(int tid) const
 {
-    const auto it = d->threads.constFind(tid);
-    return it == d->threads.constEnd() ? 0 : it->allocatedCpuTime;
+    const SampleThread* thread = d->find(tid);
+    return thread ? thread->allocatedCpuTime : 0;
 }
 
 void Sample::backendOnly_addAllocatedCpuTime(int tid, unsigned long long cpuTime)
 {
-    const auto it = d->threads.find(tid);
-    if (it != d->threads.end())
-        it->allocatedCpuTime += cpuTime;
+    if (!d.constData()->find(tid))
+        return;
+    d->find(tid)->allocatedCpuTime += cpuTime;
 }
 
 QSet<int> Sample::backendOnly_liveThreads() const
+{
+    QSet<int> tids;
+    tids.reserve(d->liveThreads.size());
+    for (int tid : d->liveThreads)
+        tids.insert(tid);
+    return tids;
+}
+
+QVector<int> Sample::liveTidList() const
 {
     return d->liveThreads;
 }
 
 void Sample::backendOnly_setLiveThreads(const QSet<int>& tids)
 {
-    d->liveThreads = tids;
+    QVector<int> sorted(tids.begin(), tids.end());
+    std::sort(sorted.begin(), sorted.end());
+    d->liveThreads = sorted;
 }
 
 InstructionQuery Sample::backendOnly_instruction(int tid) const
 {
-    return d->threads.value(tid).instruction;
+    const SampleThread* thread = d->find(tid);
+    return thread ? thread->instruction : InstructionQuery();
 }
 
 QList<InstructionQuery> Sample::backendOnly_instructions() const
 {
     QList<InstructionQuery> instructions;
+    instructions.reserve(d->threads.size());
     for (const SampleThread& thread : d->threads)
         instructions.append(thread.instruction);
     return instructions;
@@ -230,36 +286,84 @@ QList<InstructionQuery> Sample::backendOnly_instructions() const
 
 void Sample::backendOnly_setInstruction(int tid, const InstructionQuery& instruction)
 {
-    const auto it = d->threads.find(tid);
-    if (it != d->threads.end())
-        it->instruction = instruction;
+    if (!d.constData()->find(tid))
+        return;
+    d->find(tid)->instruction = instruction;
 }
 
 ZORPSVModelItem* Sample::backendOnly_mutablePsvModel(int tid)
 {
-    const auto it = d->threads.find(tid);
-    if (it == d->threads.end() || !it->tree)
+    const SampleThread* shared = d.constData()->find(tid);
+    if (!shared || !shared->tree)
         return nullptr;
-    it->tree.detach();
-    return it->tree->root;
+    SampleThread* thread = d->find(tid);
+    thread->tree.detach();
+    return thread->tree->root;
 }
 
 const ZORPSVModelItem* Sample::psvModel(int tid) const
 {
-    const auto it = d->threads.constFind(tid);
-    return it == d->threads.constEnd() || !it->tree ? nullptr : it->tree->root;
+    const SampleThread* thread = d->find(tid);
+    return thread && thread->tree ? thread->tree->root : nullptr;
 }
 
 void Sample::backendOnly_setThreadMetric(int tid, const QString& id, unsigned long value)
 {
-    const auto it = d->threads.find(tid);
-    if (it != d->threads.end())
-        it->metrics.insert(id, value);
+    if (!d.constData()->find(tid))
+        return;
+    d->find(tid)->metrics.insert(id, value);
 }
 
 QMap<QString, unsigned long> Sample::threadMetrics(int tid) const
 {
-    return d->threads.value(tid).metrics;
+    const SampleThread* thread = d->find(tid);
+    return thread ? thread->metrics : QMap<QString, unsigned long>();
+}
+
+namespace {
+
+int binOf(double value, double low, double high, int numBins)
+{
+    if (!(high > low) || !(value > low))
+        return 0;
+    if (value >= high)
+        return numBins - 1;
+    return qMin(numBins - 1, static_cast<int>((value - low) / (high - low) * numBins));
+}
+
+} // namespace
+
+void Sample::backendOnly_calculateHistograms(int numBins, const QMap<QString, SampleValueRange>& ranges)
+{
+    SampleHistogram histogram(qMax(numBins, 0));
+    if (numBins > 0) {
+        for (auto range = ranges.constBegin(); range != ranges.constEnd(); ++range) {
+            const double low = range->min.to_double();
+            const double high = range->max.to_double();
+            QVector<quint32> bins(numBins, 0);
+            bool threadValues = false;
+            for (const SampleThread& thread : d->threads) {
+                const auto value = thread.metrics.constFind(range.key());
+                if (value == thread.metrics.constEnd())
+                    continue;
+                threadValues = true;
+                ++bins[binOf(static_cast<double>(value.value()), low, high, numBins)];
+            }
+            if (!threadValues) {
+                const SampleValue value = d->metrics.value(range.key()).singleValue();
+                if (value.empty())
+                    continue;
+                ++bins[binOf(value.to_double(), low, high, numBins)];
+            }
+            histogram.setBins(range.key(), bins);
+        }
+    }
+    d->histogram = histogram;
+}
+
+SampleHistogram Sample::histogram() const
+{
+    return d->histogram;
 }
 
 void Sample::writeXml(QXmlStreamWriter& writer) const
@@ -273,7 +377,7 @@ void Sample::writeXml(QXmlStreamWriter& writer) const
     if (d->ignore)
         writer.writeAttribute(QStringLiteral("ignore"), YesText);
     if (!d->liveThreads.isEmpty())
-        writer.writeAttribute(QStringLiteral("live"), intSetToString(d->liveThreads));
+        writer.writeAttribute(QStringLiteral("live"), intSetToString(backendOnly_liveThreads()));
     if (!d->libunwindErrorCodes.isEmpty()) {
         QStringList codes;
         for (int code : d->libunwindErrorCodes)
@@ -287,10 +391,9 @@ void Sample::writeXml(QXmlStreamWriter& writer) const
         writer.writeAttribute(QStringLiteral("mean"), sampleValueToString(it->mean()));
         writer.writeEndElement();
     }
-    for (auto it = d->threads.constBegin(); it != d->threads.constEnd(); ++it) {
-        const SampleThread& thread = it.value();
+    for (const SampleThread& thread : d->threads) {
         writer.writeStartElement(QStringLiteral("thread"));
-        writer.writeAttribute(QStringLiteral("tid"), QString::number(it.key()));
+        writer.writeAttribute(QStringLiteral("tid"), QString::number(thread.tid));
         writer.writeAttribute(QStringLiteral("type"), QString::number(thread.type));
         writer.writeAttribute(QStringLiteral("cpu"), QString::number(thread.cpuTime));
         if (thread.sleeping)
@@ -318,30 +421,29 @@ bool fail(QString* error, const QString& text)
     return false;
 }
 
-bool readThread(QXmlStreamReader& reader, SampleThread* thread, int* tid, QString* error)
+bool readThread(QXmlStreamReader& reader, SampleThread* thread, QString* error)
 {
     const QXmlStreamAttributes a = reader.attributes();
     bool ok = false;
-    *tid = a.value(QLatin1String("tid")).toInt(&ok);
+    thread->tid = a.value(QLatin1String("tid")).toInt(&ok);
     if (!ok)
         return fail(error, QStringLiteral("sample thread without a numeric tid"));
     const int type = a.value(QLatin1String("type")).toInt(&ok);
     if (!ok || type < Sample::MainThread || type > Sample::ParallelRegionThread)
-        return fail(error, QStringLiteral("thread %1 has a bad type").arg(*tid));
+        return fail(error, QStringLiteral("thread %1 has a bad type").arg(thread->tid));
     thread->type = static_cast<Sample::ThreadType>(type);
     thread->cpuTime = a.value(QLatin1String("cpu")).toULongLong(&ok);
     if (!ok)
-        return fail(error, QStringLiteral("thread %1 has a bad CPU time").arg(*tid));
+        return fail(error, QStringLiteral("thread %1 has a bad CPU time").arg(thread->tid));
     thread->sleeping = a.value(QLatin1String("sleeping")) == YesText;
     thread->instruction = InstructionQuery(a.value(QLatin1String("instr")).toString(),
                                            a.value(QLatin1String("implicitMem")) == YesText);
-    thread->tree = QExplicitlySharedDataPointer<TreeHolder>(new TreeHolder(nullptr));
     while (reader.readNextStartElement()) {
         if (reader.name() == QLatin1String("tm")) {
             const QXmlStreamAttributes m = reader.attributes();
             const unsigned long value = m.value(QLatin1String("v")).toULong(&ok);
             if (!ok)
-                return fail(error, QStringLiteral("thread %1 has a bad metric value").arg(*tid));
+                return fail(error, QStringLiteral("thread %1 has a bad metric value").arg(thread->tid));
             thread->metrics.insert(m.value(QLatin1String("id")).toString(), value);
         }
         reader.skipCurrentElement();
@@ -370,8 +472,11 @@ bool Sample::readXml(QXmlStreamReader& reader, QString* error)
     }
     data->repeat = a.value(QLatin1String("repeat")) == YesText;
     data->ignore = a.value(QLatin1String("ignore")) == YesText;
-    if (!intSetFromString(a.value(QLatin1String("live")).toString(), &data->liveThreads))
+    QSet<int> live;
+    if (!intSetFromString(a.value(QLatin1String("live")).toString(), &live))
         return fail(error, QStringLiteral("sample with a bad list of live threads"));
+    data->liveThreads = QVector<int>(live.begin(), live.end());
+    std::sort(data->liveThreads.begin(), data->liveThreads.end());
     const QString codes = a.value(QLatin1String("unwindErrors")).toString();
     if (!codes.isEmpty()) {
         for (const QString& code : codes.split(QLatin1Char(','))) {
@@ -391,10 +496,9 @@ bool Sample::readXml(QXmlStreamReader& reader, QString* error)
             reader.skipCurrentElement();
         } else if (reader.name() == QLatin1String("thread")) {
             SampleThread thread;
-            int tid = 0;
-            if (!readThread(reader, &thread, &tid, error))
+            if (!readThread(reader, &thread, error))
                 return reader.hasError() ? fail(error, xmlReadError(reader, *error)) : false;
-            data->threads.insert(tid, thread);
+            data->insert(thread);
         } else {
             reader.skipCurrentElement();
         }
@@ -414,17 +518,17 @@ bool Sample::operator==(const Sample& other) const
     if (a.rank != b.rank || a.hasTimestamp != b.hasTimestamp || (a.hasTimestamp && a.timestamp != b.timestamp)
         || a.repeat != b.repeat || a.ignore != b.ignore || a.liveThreads != b.liveThreads
         || a.libunwindErrorCodes != b.libunwindErrorCodes || a.metrics.keys() != b.metrics.keys()
-        || a.threads.keys() != b.threads.keys())
+        || a.threads.size() != b.threads.size())
         return false;
     for (auto it = a.metrics.constBegin(); it != a.metrics.constEnd(); ++it) {
         const ScalarMetric& other = b.metrics[it.key()];
         if (it->singleValue().type() != other.singleValue().type() || !(*it == other))
             return false;
     }
-    for (auto it = a.threads.constBegin(); it != a.threads.constEnd(); ++it) {
-        const SampleThread& x = it.value();
-        const SampleThread& y = b.threads[it.key()];
-        if (x.type != y.type || x.cpuTime != y.cpuTime || x.sleeping != y.sleeping || !(x.instruction == y.instruction)
+    for (int i = 0; i < a.threads.size(); ++i) {
+        const SampleThread& x = a.threads.at(i);
+        const SampleThread& y = b.threads.at(i);
+        if (x.tid != y.tid || x.type != y.type || x.cpuTime != y.cpuTime || x.sleeping != y.sleeping || !(x.instruction == y.instruction)
             || x.metrics != y.metrics)
             return false;
     }

@@ -10,9 +10,11 @@
 #include <QSet>
 #include <QSharedDataPointer>
 #include <QString>
+#include <QVector>
 
 #include "instructionquery.h"
 #include "metric.h"
+#include "samplehistogram.h"
 
 class QXmlStreamReader;
 class QXmlStreamWriter;
@@ -61,6 +63,8 @@ public:
                                const InstructionQuery& instruction, ThreadType type, unsigned long long cpuTime,
                                bool sleeping);
     QSet<int> backendOnly_sampledTids() const;
+    // The same, sorted, without building a hash: for loops over many samples.
+    QVector<int> sampledTidList() const;
     bool backendOnly_hasSampleForThread(int tid) const;
     ThreadType backendOnly_threadType(int tid) const;
     bool backendOnly_isSleeping(int tid) const;
@@ -72,6 +76,7 @@ public:
     unsigned long long backendOnly_getAllocatedCpuTime(int tid) const;
     void backendOnly_addAllocatedCpuTime(int tid, unsigned long long cpuTime);
     QSet<int> backendOnly_liveThreads() const;
+    QVector<int> liveTidList() const; // sorted
     void backendOnly_setLiveThreads(const QSet<int>& tids);
     InstructionQuery backendOnly_instruction(int tid) const;
     // The instructions of the sampled threads, in thread id order.
@@ -83,6 +88,15 @@ public:
     const ZORPSVModelItem* psvModel(int tid) const;
     void backendOnly_setThreadMetric(int tid, const QString& id, unsigned long value);
     QMap<QString, unsigned long> threadMetrics(int tid) const;
+
+    // Histograms over the ranges that the front-end worked out from all
+    // processes: for each metric of `ranges`, the values of the threads that
+    // carry it as a thread metric, or else the sample's own value, counted
+    // into `numBins` equal bins. A value outside the range counts in the
+    // nearest end bin; with a range of one value everything counts in the
+    // first bin.
+    void backendOnly_calculateHistograms(int numBins, const QMap<QString, SampleValueRange>& ranges);
+    SampleHistogram histogram() const;
 
     // Wire form: a "sample" element. readXml expects the reader on its start
     // and replaces the whole content of this sample.

@@ -7,9 +7,13 @@
 #include "constants.h"
 #include "debugger.h"
 #include "exception.h"
+#include "instructioncategories.h"
 #include "managedsamplelist.h"
 #include "profilerresponses.h"
+#include "resample.h"
+#include "sample.h"
 #include "samplelist.h"
+#include "samplesranges.h"
 #include "samplesource.h"
 #include "tharninterface.h"
 
@@ -34,6 +38,16 @@ int intAttribute(const Command& command, const char* key, int fallback)
     bool ok = false;
     const int value = command.getValue(QLatin1String(key)).toInt(&ok);
     return ok ? value : fallback;
+}
+
+// A required number: `code` and `message` when it is missing or won't convert.
+int requiredIntAttribute(const Command& command, const char* key, int code, const char* message)
+{
+    bool ok = false;
+    const int value = command.getValue(QLatin1String(key)).toInt(&ok);
+    if (!ok)
+        throw new Exception(code, QString::fromLatin1(message));
+    return value;
 }
 
 unsigned int uintAttribute(const Command& command, const char* key)
@@ -100,6 +114,14 @@ void Profiler::handleQueuedCommand(Command& command)
             response = play(command);
         else if (name == QLatin1String(CMD_ZOR_INIT))
             response = init(command);
+        else if (name == QLatin1String(CMD_ZOR_SEND_SAMPLES))
+            response = sendSamples(command);
+        else if (name == QLatin1String(CMD_ZOR_SEND_HISTOGRAM))
+            response = sendHistograms(command);
+        else if (name == QLatin1String(CMD_ZOR_SEND_EXTERNAL_METRICS))
+            response = sendMetricsCollectedAtTheEnd(command);
+        else if (name == QLatin1String(CMD_ZOR_SEND_METRIC_ERRORS))
+            response = sendMetricErrors(command);
         else if (name == QLatin1String(CMD_ZOR_KILL))
             kill(command);
         else if (name == QLatin1String(CMD_ZOR_FINISH))
@@ -199,7 +221,14 @@ Response* Profiler::play(Command& command)
         throw new Exception(20019, QStringLiteral("Exception when reading sampler data"), exception, nullptr, 0);
     }
 
+    // Mnemonics that no category knows, for the front-end to report.
     QMap<QString, unsigned int> uncategorisedInstructions;
+    for (const Sample* sample : *sampleList) {
+        for (const InstructionQuery& query : sample->backendOnly_instructions()) {
+            if (!isCategorisedInstruction(query.instruction))
+                ++uncategorisedInstructions[query.instruction];
+        }
+    }
     host->flushResponses();
 
     ProfilerPlayResponse* response = new ProfilerPlayResponse(
@@ -219,4 +248,99 @@ void Profiler::finish(Command&)
         return;
     Command detach(QString::fromLatin1(CMD_DETACH), QString::fromLatin1(XML_TARGET_DEBUGGER), nullptr);
     delete debugger->handleCommand(detach);
+}
+
+Response* Profiler::sendSamples(Command& command)
+{
+    if (!sampleList)
+        throw new Exception(20005, QStringLiteral("Profiler::play() has not yet been called"));
+    const int blockSize = intAttribute(command, "blockSize", 8);
+    const int numSamples = intAttribute(command, "numSamples", sampleList->size());
+    const int numBlocks =
+        requiredIntAttribute(command, "numBlocks", 20007, "CMD_SEND_SAMPLES missing numBlocks attribute");
+    // The capacity is a 32-bit product, as the front-end computes it.
+    const int capacity = static_cast<int>(static_cast<quint32>(numBlocks) * static_cast<quint32>(blockSize));
+    if (numSamples > capacity)
+        throw new Exception(20007, QStringLiteral("Not enough blocks: %0 blocks of %1 samples transfers %2 samples, "
+                                                  "however %3 samples have been requested.")
+                                       .arg(numBlocks)
+                                       .arg(blockSize)
+                                       .arg(capacity)
+                                       .arg(numSamples));
+    bool ok = false;
+    long long duration = command.getValue(QStringLiteral("duration")).toLongLong(&ok);
+    if (!ok)
+        duration = 0;
+    const bool collectHistograms = command.getFlagValue(QStringLiteral("collectHistograms"), false);
+
+    // The raw list stays as it is, so that the front-end can ask again with
+    // other numbers.
+    MetricErrorMap errors;
+    SampleList result = resample(sampleList->iterator(), duration, numSamples, metricDefinitions, errors);
+    delete resampledSamples;
+    resampledSamples = new ManagedSampleList(result.iterator());
+    if (!errors.isEmpty())
+        metricErrors.unite(errors);
+
+    // Blocks borrow the samples: one sample is in one block at a time, and
+    // nothing is copied for sending.
+    QListIterator<Sample*> samples = resampledSamples->listIterator();
+    for (int b = 0; b < numBlocks; ++b) {
+        SampleBlockResponse block(blockSize, b);
+        block.setCollectingHistogramsFlag(collectHistograms);
+        block.addProfiledRanks(profiledRanks);
+        for (int n = 0; n < blockSize && samples.hasNext(); ++n)
+            block.addSample(samples.next());
+        host->sendResponse(&block);
+        block.clearAndReleaseSampleOwnership();
+    }
+    return new SendSamplesResponse(host->processRank(), numSamples);
+}
+
+Response* Profiler::sendHistograms(Command& command)
+{
+    const int numBlocks =
+        requiredIntAttribute(command, "numBlocks", 20022, "CMD_SEND_HISTOGRAMS missing numBlocks attribute");
+    const int blockSize =
+        requiredIntAttribute(command, "blockSize", 20022, "CMD_SEND_HISTOGRAMS missing blockSize attribute");
+    const int numBins =
+        requiredIntAttribute(command, "numBins", 20022, "CMD_SEND_HISTOGRAMS missing numBins attribute");
+    const QString wrongRanges = QStringLiteral("CMD_SEND_HISTOGRAMS specifies the wrong number of ranges");
+    const QVariant rangesValue = command.getValue(QStringLiteral("ranges"));
+    bool ok = false;
+    const SamplesRanges ranges = SamplesRanges::fromBase64(rangesValue.toString(), &ok);
+    if (!rangesValue.isValid() || !ok
+        || ranges.numSamples() > static_cast<int>(static_cast<quint32>(numBlocks) * static_cast<quint32>(blockSize)))
+        throw new Exception(20022, wrongRanges);
+    // Histograms are binned on the kept result of CMD_ZOR_SEND_SAMPLES.
+    if (!resampledSamples)
+        throw new Exception(20022, QStringLiteral("CMD_SEND_HISTOGRAMS sent before CMD_SEND_SAMPLES"));
+
+    QListIterator<Sample*> samples = resampledSamples->listIterator();
+    int index = 0;
+    for (int b = 0; b < numBlocks; ++b) {
+        HistogramBlockResponse block(blockSize, b, numBins);
+        for (int n = 0; n < blockSize && samples.hasNext(); ++n, ++index) {
+            Sample* sample = samples.next();
+            sample->backendOnly_calculateHistograms(numBins, ranges.getSampleRanges(index));
+            block.addHistogram(sample->histogram());
+        }
+        host->sendResponse(&block);
+    }
+    return new SendHistogramsResponse;
+}
+
+Response* Profiler::sendMetricErrors(Command&) const
+{
+    return new SendMetricErrorsResponse(notSelected ? MetricErrorMap() : metricErrors);
+}
+
+Response* Profiler::sendMetricsCollectedAtTheEnd(Command&) const
+{
+    SendMetricsCollectedAtTheEndResponse* response = new SendMetricsCollectedAtTheEndResponse;
+    if (!notSelected) {
+        response->setMpiCallMetrics(mpiCallMetrics);
+        response->setSelfProfilePoints(selfProfilePoints);
+    }
+    return response;
 }

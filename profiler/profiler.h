@@ -55,6 +55,7 @@ public:
     bool isNotSelected() const { return notSelected; }
     bool isStopRequested() const { return stopRequested; }
     const MetricDefinitions& definitions() const { return metricDefinitions; }
+    const MetricErrorMap& errors() const { return metricErrors; }
 
 signals:
     void stopSampleSource();
@@ -65,6 +66,10 @@ private:
     Response* play(Command& command);
     void kill(Command& command);
     void finish(Command& command);
+    Response* sendSamples(Command& command);
+    Response* sendHistograms(Command& command);
+    Response* sendMetricErrors(Command& command) const;
+    Response* sendMetricsCollectedAtTheEnd(Command& command) const;
 
     TharnInterface* host;
     ZORProfiler* plugin;

@@ -3,6 +3,7 @@
 // sampler in a target.
 #include <QFile>
 #include <QTimer>
+#include <numeric>
 #include <gtest/gtest.h>
 
 #include "command.h"
@@ -12,6 +13,7 @@
 #include "profilerresponses.h"
 #include "sample.h"
 #include "samplelist.h"
+#include "samplesranges.h"
 #include "scripteddebugger.h"
 #include "scriptedsamplesource.h"
 #include "zorprofiler.h"
@@ -395,6 +397,270 @@ TEST_F(CommandPath, OnlyTheProfilerTargetIsAccepted)
     EXPECT_TRUE(handler->messageHandlerAcceptsTarget(QStringLiteral("profiler")));
     EXPECT_FALSE(handler->messageHandlerAcceptsTarget(QStringLiteral("debugger")));
     EXPECT_FALSE(handler->messageHandlerAcceptsTarget(QString()));
+}
+
+// Delivery after a run: resampled samples stream out in blocks, then the
+// histograms, the metric errors and what was measured at the end.
+class Delivery : public CommandPath
+{
+protected:
+    void SetUp() override
+    {
+        host.rank = 2;
+        CommandPath::SetUp();
+        QList<Sample*> samples;
+        for (int i = 1; i <= 10; ++i) {
+            Sample* sample = sampleAt(10 * i);
+            sample->backendOnly_addThread(nullptr, 1, ThreadContext(),
+                                          InstructionQuery(QString::fromLatin1(i % 2 ? "addsd" : "frobnicate"), false),
+                                          Sample::MainThread, 1000, false);
+            sample->backendOnly_setThreadMetric(1, QStringLiteral("m"), i);
+            samples.append(sample);
+        }
+        script->batches = { samples };
+        script->mpiCalls = { MpiCallMetric(2, QStringLiteral("MPI_Send"), SampleValue(1), SampleValue(2),
+                                           SampleValue(3), SampleValue(4)) };
+        script->selfProfile = SelfProfilePoints(2);
+        MetricErrorMap errors;
+        errors[QStringLiteral("m")].insert(3, MetricError(QStringLiteral("m"), 3, QStringLiteral("no m"), 2));
+        script->metricErrors = errors;
+    }
+
+    void play(const QString& selectedRanks = QString())
+    {
+        Command command = profilerCommand(CMD_ZOR_PLAY);
+        command.addParameter(QStringLiteral("numSamples"), 100);
+        if (!selectedRanks.isNull())
+            command.addParameter(QStringLiteral("selectedRanks"), selectedRanks);
+        deliver(command);
+        ASSERT_TRUE(playReply());
+        host.clear();
+    }
+
+    Command sendSamples(QVariant numBlocks, QVariant blockSize = QVariant(), QVariant numSamples = QVariant())
+    {
+        Command command = profilerCommand(CMD_ZOR_SEND_SAMPLES);
+        if (numBlocks.isValid())
+            command.addParameter(QStringLiteral("numBlocks"), numBlocks);
+        if (blockSize.isValid())
+            command.addParameter(QStringLiteral("blockSize"), blockSize);
+        if (numSamples.isValid())
+            command.addParameter(QStringLiteral("numSamples"), numSamples);
+        command.addParameter(QStringLiteral("duration"), 100);
+        deliver(command);
+        return command;
+    }
+
+    QList<std::shared_ptr<SampleBlockResponse>> blocks() const
+    {
+        QList<std::shared_ptr<SampleBlockResponse>> result;
+        for (const FakeHost::Record& record : host.responses(SampleBlockResponse::staticElementName())) {
+            EXPECT_EQ(record.kind, FakeHost::Sent);
+            result.append(std::dynamic_pointer_cast<SampleBlockResponse>(record.response));
+        }
+        return result;
+    }
+};
+
+TEST_F(Delivery, PlayCountsMnemonicsThatNoCategoryKnows)
+{
+    Command command = profilerCommand(CMD_ZOR_PLAY);
+    command.addParameter(QStringLiteral("numSamples"), 100);
+    deliver(command);
+    ASSERT_TRUE(playReply());
+    QMap<QString, unsigned int> expected;
+    expected.insert(QStringLiteral("frobnicate"), 5);
+    EXPECT_EQ(playReply()->uncategorisedInstructions(), expected);
+}
+
+TEST_F(Delivery, SamplesGoOutInEveryBlockAskedFor)
+{
+    play(QStringLiteral("0-3"));
+    Command command = sendSamples(4, 3, 10);
+    const auto sent = blocks();
+    ASSERT_EQ(sent.size(), 4);
+    QVector<int> sizes;
+    long long previous = -1;
+    for (int b = 0; b < sent.size(); ++b) {
+        EXPECT_EQ(sent[b]->blockNumber(), b);
+        EXPECT_EQ(sent[b]->blockSize(), 3);
+        EXPECT_TRUE(sent[b]->profiledRanks().contains(3));
+        sizes.append(sent[b]->samples().size());
+        for (const Sample* sample : sent[b]->samples()) {
+            EXPECT_GT(sample->backendOnly_getTimestamp(), previous);
+            previous = sample->backendOnly_getTimestamp();
+        }
+    }
+    EXPECT_EQ(sizes, QVector<int>({ 3, 3, 3, 1 }));
+    const QList<FakeHost::Record> replies = host.ofKind(FakeHost::Reply);
+    ASSERT_EQ(replies.size(), 1);
+    EXPECT_EQ(replies.first().commandUid, command.getUid());
+    auto answer = std::dynamic_pointer_cast<SendSamplesResponse>(replies.first().response);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->rank(), 2);
+    EXPECT_EQ(answer->numSamples(), 10);
+
+    // The raw list is untouched: another request gives a fresh result.
+    host.clear();
+    sendSamples(2, QVariant(), 5);
+    ASSERT_EQ(blocks().size(), 2);
+    EXPECT_EQ(blocks()[0]->samples().size(), 5);
+    EXPECT_EQ(blocks()[0]->blockSize(), 8);
+    EXPECT_EQ(profiler->samples()->size(), 10);
+}
+
+TEST_F(Delivery, BlockCountIsCheckedBeforeAnythingIsSent)
+{
+    play();
+    Command tooMany = sendSamples(3, 2, 7);
+    ASSERT_TRUE(failureOf(tooMany));
+    EXPECT_EQ(failureOf(tooMany)->code(), 20007);
+    EXPECT_EQ(failureOf(tooMany)->message(),
+              QStringLiteral("Not enough blocks: 3 blocks of 2 samples transfers 6 samples, however 7 samples have "
+                             "been requested."));
+    EXPECT_TRUE(blocks().isEmpty());
+
+    Command exact = sendSamples(3, 2, 6);
+    EXPECT_FALSE(failureOf(exact));
+
+    Command missing = sendSamples(QVariant(), 2, 6);
+    ASSERT_TRUE(failureOf(missing));
+    EXPECT_EQ(failureOf(missing)->code(), 20007);
+    EXPECT_EQ(failureOf(missing)->message(), QStringLiteral("CMD_SEND_SAMPLES missing numBlocks attribute"));
+    Command garbled = sendSamples(QStringLiteral("three"));
+    EXPECT_EQ(failureOf(garbled)->message(), QStringLiteral("CMD_SEND_SAMPLES missing numBlocks attribute"));
+
+    // Without numSamples the whole list is asked for: 10 don't fit 1 block of 8.
+    Command whole = sendSamples(1);
+    ASSERT_TRUE(failureOf(whole));
+    EXPECT_EQ(failureOf(whole)->code(), 20007);
+}
+
+TEST_F(Delivery, ZeroSamplesSendsEmptyBlocksAndLosesNothing)
+{
+    play();
+    sendSamples(3, 4, 0);
+    ASSERT_EQ(blocks().size(), 3);
+    for (const auto& block : blocks())
+        EXPECT_TRUE(block->samples().isEmpty());
+    EXPECT_EQ(profiler->samples()->size(), 10);
+}
+
+TEST_F(Delivery, SamplesBeforeAnyRunFail)
+{
+    Command command = sendSamples(1);
+    ASSERT_TRUE(failureOf(command));
+    EXPECT_EQ(failureOf(command)->code(), 20005);
+    EXPECT_EQ(failureOf(command)->message(), QStringLiteral("Profiler::play() has not yet been called"));
+}
+
+TEST_F(Delivery, HistogramsAreBinnedOverTheFrontEndsRanges)
+{
+    play();
+    sendSamples(2, 5, 10);
+    host.clear();
+
+    SamplesRanges ranges;
+    for (int i = 0; i < 10; ++i) {
+        QMap<QString, SampleValueRange> range;
+        range.insert(QStringLiteral("m"), SampleValueRange{ SampleValue(0.0), SampleValue(10.0) });
+        ranges.addSample(range);
+    }
+    Command command = profilerCommand(CMD_ZOR_SEND_HISTOGRAM);
+    command.addParameter(QStringLiteral("numBlocks"), 2);
+    command.addParameter(QStringLiteral("blockSize"), 5);
+    command.addParameter(QStringLiteral("numBins"), 5);
+    command.addParameter(QStringLiteral("ranges"), ranges.toBase64());
+    deliver(command);
+
+    const QList<FakeHost::Record> sent = host.responses(HistogramBlockResponse::staticElementName());
+    ASSERT_EQ(sent.size(), 2);
+    QVector<int> binOfSample;
+    for (const FakeHost::Record& record : sent) {
+        auto block = std::dynamic_pointer_cast<HistogramBlockResponse>(record.response);
+        ASSERT_EQ(block->histograms().size(), 5);
+        EXPECT_EQ(block->numBins(), 5);
+        for (const SampleHistogram& histogram : block->histograms()) {
+            const QVector<quint32> bins = histogram.bins(QStringLiteral("m"));
+            ASSERT_EQ(bins.size(), 5);
+            EXPECT_EQ(std::accumulate(bins.begin(), bins.end(), 0u), 1u);
+            binOfSample.append(std::max_element(bins.begin(), bins.end()) - bins.begin());
+        }
+    }
+    // Sample i carries the value i + 1: two samples to a bin of width 2.
+    EXPECT_EQ(binOfSample, QVector<int>({ 0, 1, 1, 2, 2, 3, 3, 4, 4, 4 }));
+    ASSERT_EQ(host.ofKind(FakeHost::Reply).size(), 1);
+    EXPECT_EQ(host.ofKind(FakeHost::Reply).first().elementName, SendHistogramsResponse::staticElementName());
+}
+
+TEST_F(Delivery, HistogramAttributesAreChecked)
+{
+    play();
+    const char* names[] = { "numBlocks", "blockSize", "numBins" };
+    for (int missing = 0; missing < 3; ++missing) {
+        Command command = profilerCommand(CMD_ZOR_SEND_HISTOGRAM);
+        for (int i = 0; i < 3; ++i) {
+            if (i != missing)
+                command.addParameter(QString::fromLatin1(names[i]), 2);
+        }
+        command.addParameter(QStringLiteral("ranges"), SamplesRanges().toBase64());
+        deliver(command);
+        ASSERT_TRUE(failureOf(command));
+        EXPECT_EQ(failureOf(command)->code(), 20022);
+        EXPECT_EQ(failureOf(command)->message(),
+                  QStringLiteral("CMD_SEND_HISTOGRAMS missing %1 attribute").arg(QString::fromLatin1(names[missing])));
+    }
+    SamplesRanges five;
+    for (int i = 0; i < 5; ++i)
+        five.addSample({});
+    for (const QVariant& ranges : { QVariant(), QVariant(QStringLiteral("#not base64#")), QVariant(five.toBase64()) }) {
+        Command command = profilerCommand(CMD_ZOR_SEND_HISTOGRAM);
+        command.addParameter(QStringLiteral("numBlocks"), 2);
+        command.addParameter(QStringLiteral("blockSize"), 2);
+        command.addParameter(QStringLiteral("numBins"), 3);
+        if (ranges.isValid())
+            command.addParameter(QStringLiteral("ranges"), ranges);
+        deliver(command);
+        ASSERT_TRUE(failureOf(command));
+        EXPECT_EQ(failureOf(command)->message(),
+                  QStringLiteral("CMD_SEND_HISTOGRAMS specifies the wrong number of ranges"));
+    }
+    // Valid, but before any samples were sent: refused, not a crash.
+    Command early = profilerCommand(CMD_ZOR_SEND_HISTOGRAM);
+    early.addParameter(QStringLiteral("numBlocks"), 1);
+    early.addParameter(QStringLiteral("blockSize"), 1);
+    early.addParameter(QStringLiteral("numBins"), 1);
+    early.addParameter(QStringLiteral("ranges"), SamplesRanges().toBase64());
+    deliver(early);
+    EXPECT_TRUE(failureOf(early));
+}
+
+TEST_F(Delivery, EndMetricsAndErrorsGoToSelectedRanksOnly)
+{
+    play();
+    Command errors = profilerCommand(CMD_ZOR_SEND_METRIC_ERRORS);
+    deliver(errors);
+    Command end = profilerCommand(CMD_ZOR_SEND_EXTERNAL_METRICS);
+    deliver(end);
+    auto errorReply = std::dynamic_pointer_cast<SendMetricErrorsResponse>(host.records.at(0).response);
+    ASSERT_TRUE(errorReply);
+    EXPECT_EQ(errorReply->errors().value(QStringLiteral("m")).value(3).message(), QStringLiteral("no m"));
+    auto endReply = std::dynamic_pointer_cast<SendMetricsCollectedAtTheEndResponse>(host.records.at(1).response);
+    ASSERT_TRUE(endReply);
+    ASSERT_TRUE(endReply->hasMpiCallMetrics());
+    EXPECT_EQ(endReply->mpiCallMetrics().calls().size(), 1);
+    EXPECT_EQ(endReply->mpiCallMetrics().rank(), 2);
+    EXPECT_TRUE(endReply->hasSelfProfilePoints());
+
+    host.clear();
+    play(QStringLiteral("5"));
+    deliver(errors);
+    deliver(end);
+    ASSERT_EQ(host.records.size(), 2);
+    EXPECT_TRUE(std::dynamic_pointer_cast<SendMetricErrorsResponse>(host.records.at(0).response)->errors().isEmpty());
+    auto emptyEnd = std::dynamic_pointer_cast<SendMetricsCollectedAtTheEndResponse>(host.records.at(1).response);
+    EXPECT_FALSE(emptyEnd->hasMpiCallMetrics());
+    EXPECT_FALSE(emptyEnd->hasSelfProfilePoints());
 }
 
 TEST(Entries, ProfilerEntryGuardsItsInitialisation)

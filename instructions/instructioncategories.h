@@ -1,0 +1,47 @@
+// Sorting instruction mnemonics (x86, AT&T spelling with size suffixes) into
+// six categories, and counting them over the instructions under samples.
+#ifndef ZOR_INSTRUCTIONCATEGORIES_H
+#define ZOR_INSTRUCTIONCATEGORIES_H
+
+#include <QList>
+#include <QSet>
+#include <QString>
+
+#include "instructionquery.h"
+
+// The sets, built at first use and kept for the life of the process.
+const QSet<QString>& memInstructions();
+const QSet<QString>& branchInstructions();
+const QSet<QString>& floatInstructions();
+const QSet<QString>& intInstructions();
+const QSet<QString>& floatVectorInstructions();
+const QSet<QString>& intVectorInstructions();
+
+void addAVX512VectorFPInstructions(QSet<QString>* set);
+void addAVX512ScalarInstructions(QSet<QString>* set);
+void addAVX512VectorIntegerInstructions(QSet<QString>* set);
+
+// Counts of the queries in each category; memory counts include queries
+// that touch memory implicitly. A float vector instruction counts as float
+// too, so percentages may add up to more than 100.
+quint32 memInstructionCount(const QList<InstructionQuery>& list);
+quint32 branchInstructionCount(const QList<InstructionQuery>& list);
+quint32 floatInstructionCount(const QList<InstructionQuery>& list);
+quint32 intInstructionCount(const QList<InstructionQuery>& list);
+quint32 floatVectorInstructionCount(const QList<InstructionQuery>& list);
+quint32 intVectorInstructionCount(const QList<InstructionQuery>& list);
+quint32 implicitMemInstructionCount(const QList<InstructionQuery>& list);
+quint32 otherInstructionCount(const QList<InstructionQuery>& list);
+
+// Whole percentages of the list; 0 for an empty list.
+quint32 memInstructionPercentage(const QList<InstructionQuery>& list);
+quint32 branchInstructionPercentage(const QList<InstructionQuery>& list);
+quint32 floatInstructionPercentage(const QList<InstructionQuery>& list);
+quint32 intInstructionPercentage(const QList<InstructionQuery>& list);
+quint32 floatVectorInstructionPercentage(const QList<InstructionQuery>& list);
+quint32 intVectorInstructionPercentage(const QList<InstructionQuery>& list);
+
+// In one of the six sets.
+bool isCategorisedInstruction(const QString& mnemonic);
+
+#endif

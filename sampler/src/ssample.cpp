@@ -1,0 +1,281 @@
+#include "ssample.h"
+#include "sfileio.h"
+#include "timespec_utils.h"
+#include "zor_assert.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace quorvex {
+
+namespace {
+// Thread ids are read in slices so that a corrupt count claims no more
+// memory than the file backs.
+const std::size_t READ_SLICE_IDS = 4096;
+
+void writeTimespec(int fd, const timespec& ts)
+{
+    QUORVEX_WRITE_WIDE(fd, ts.tv_sec);
+    QUORVEX_WRITE_WIDE(fd, ts.tv_nsec);
+}
+} // namespace
+
+SSample::SSample(int preallocatedThreads)
+    : mTimestamp{0, 0}, mCumulativeMetricInterval{0, 0}, mWindowSize{0, 0}, mOtherThreads(preallocatedThreads),
+      mDownsampled(false)
+{
+    // Room for the main thread and every preallocated one.
+    mThreadList.reserve(static_cast<std::size_t>(std::max(preallocatedThreads, 0)) + 1);
+    invalidate();
+}
+
+SSample::SSample(const SSample& other)
+    : mMainThreadTrace(other.mMainThreadTrace), mMetrics(other.mMetrics), mTimestamp(other.mTimestamp),
+      mCumulativeMetricInterval(other.mCumulativeMetricInterval), mWindowSize(other.mWindowSize),
+      mOtherThreads(other.mOtherThreads), mDownsampled(other.mDownsampled)
+{
+    mThreadList.reserve(other.mThreadList.capacity());
+    mThreadList = other.mThreadList;
+    mKernelHits.reserve(other.mKernelHits.capacity());
+    mKernelHits = other.mKernelHits;
+}
+
+void SSample::invalidate()
+{
+    mMainThreadTrace.SSimpleBacktrace::invalidate();
+    mOtherThreads.clear();
+    mThreadList.clear();
+    mKernelHits.clear();
+    mMetrics.invalidate();
+}
+
+void SSample::makeValid(const ExtendedBacktraceData& bt, const timespec& timestamp, const timespec& interval,
+                        const timespec& window, bool downsampled, bool inMpi, int tid, const threadlist_t& threads,
+                        const timespec& cpuTime, bool sleeping)
+{
+    ZOR_ASSERT(!mMainThreadTrace.isValid());
+    mMainThreadTrace.set(bt, inMpi, tid, cpuTime, sleeping);
+    ZOR_ASSERT(mMainThreadTrace.isValid());
+    mDownsampled = downsampled;
+    setTimestamp(timestamp);
+    setInterval(interval);
+    setWindow(window);
+    mThreadList = threads;
+    mKernelHits.clear();
+}
+
+void SSample::addThreadBacktrace(const ExtendedBacktraceData& bt, bool inMpi, int tid, const timespec& cpuTime,
+                                 bool sleeping)
+{
+    mOtherThreads.addBacktrace(bt, inMpi, tid, cpuTime, sleeping);
+}
+
+void SSample::setTimestamp(timespec timestamp)
+{
+    ZOR_ASSERT(timestamp.tv_nsec >= 0);
+    ZOR_ASSERT(timestamp.tv_nsec < ONE_SECOND_NS);
+    mTimestamp = timestamp;
+}
+
+void SSample::setInterval(timespec interval)
+{
+    ZOR_ASSERT(interval.tv_nsec >= 0);
+    ZOR_ASSERT(interval.tv_nsec < ONE_SECOND_NS);
+    mCumulativeMetricInterval = interval;
+}
+
+void SSample::setWindow(timespec window)
+{
+    ZOR_ASSERT(window.tv_nsec >= 0);
+    ZOR_ASSERT(window.tv_nsec < ONE_SECOND_NS);
+    mWindowSize = window;
+}
+
+const timespec& SSample::getMetricInterval(unsigned int id) const
+{
+    const timespec& own = mMetrics.getMetricInterval(id);
+    if (own.tv_sec == 0 && own.tv_nsec == 0)
+        return mCumulativeMetricInterval;
+    return own;
+}
+
+void SSample::addKernelHit(zor_shared_ptr<SGpuKernelHit>& hit)
+{
+    mKernelHits.push_back(hit);
+}
+
+void SSample::combineMetrics(const SSample& other)
+{
+    mDownsampled = mDownsampled || other.mDownsampled;
+    if (mMetrics.isValid() && other.mMetrics.isValid())
+        mMetrics.merge(other.mMetrics);
+    else if (!mMetrics.isValid() && other.mMetrics.isValid())
+        mMetrics = other.mMetrics;
+    timespec_add(mCumulativeMetricInterval, other.mCumulativeMetricInterval);
+    timespec_add(mWindowSize, other.mWindowSize);
+}
+
+void SSample::combineThreadCpuTime(const SSample& other)
+{
+    const int mainTid = mMainThreadTrace.tid();
+    const int otherMainTid = other.mMainThreadTrace.tid();
+
+    if (mainTid == otherMainTid)
+        timespec_add(mMainThreadTrace.cpuTime(), other.mMainThreadTrace.cpuTime());
+    for (std::size_t j = 0; j < other.mOtherThreads.count(); ++j) {
+        const SBacktrace& theirs = other.mOtherThreads[j];
+        if (theirs.tid() == mainTid)
+            timespec_add(mMainThreadTrace.cpuTime(), theirs.cpuTime());
+    }
+
+    for (std::size_t i = 0; i < mOtherThreads.count(); ++i) {
+        SBacktrace& mine = mOtherThreads[i];
+        if (mine.tid() == otherMainTid)
+            timespec_add(mine.cpuTime(), other.mMainThreadTrace.cpuTime());
+        for (std::size_t j = 0; j < other.mOtherThreads.count(); ++j) {
+            const SBacktrace& theirs = other.mOtherThreads[j];
+            if (theirs.tid() == mine.tid())
+                timespec_add(mine.cpuTime(), theirs.cpuTime());
+        }
+    }
+}
+
+bool SSample::read_timespec(int fd, timespec* out)
+{
+    std::int64_t tv_secs = 0;
+    std::int64_t tv_nsecs = 0;
+    if (!QUORVEX_READ(fd, &tv_secs, sizeof tv_secs))
+        return false;
+    if (!QUORVEX_READ(fd, &tv_nsecs, sizeof tv_nsecs))
+        return false;
+    ZOR_ASSERT(tv_nsecs >= 0);
+    ZOR_ASSERT(tv_nsecs < ONE_SECOND_NS);
+    out->tv_sec = tv_secs;
+    out->tv_nsec = tv_nsecs;
+    return true;
+}
+
+void SSample::writeToFile(int fd) const
+{
+    ZOR_ASSERT(isValid());
+    ZOR_ASSERT(mMainThreadTrace.unwindStatus()!=UNW_ZOR_NOT_SET);
+    QUORVEX_WRITE(fd, "s", 1);
+    writeTimespec(fd, mTimestamp);
+    writeTimespec(fd, mCumulativeMetricInterval);
+    writeTimespec(fd, mWindowSize);
+    QUORVEX_WRITE_WIDE(fd, mDownsampled ? 1 : 0);
+    mMainThreadTrace.writeToFile(fd);
+    mOtherThreads.writeToFile(fd);
+    mMetrics.writeToFile(fd);
+    QUORVEX_WRITE_UWIDE(fd, mThreadList.size());
+    for (int tid : mThreadList)
+        QUORVEX_WRITE_WIDE(fd, tid);
+    QUORVEX_WRITE_UWIDE(fd, mKernelHits.size());
+    for (const zor_shared_ptr<SGpuKernelHit>& hit : mKernelHits)
+        hit->writeToFile(fd);
+    QUORVEX_WRITE(fd, "/s", 2);
+}
+
+bool SSample::readFromFile(int fd)
+{
+    char obuff[1];
+    if (!QUORVEX_READ(fd, obuff, sizeof obuff))
+        return false;
+    ZOR_ASSERT(obuff[0] == 's');
+
+    // The three time spans and the flag.
+    char head[6 * 8 + 8];
+    if (!QUORVEX_READ(fd, head, sizeof head))
+        return false;
+    fileio::FieldCursor cursor(head);
+    const std::int64_t tv_secs = cursor.take<std::int64_t>();
+    const std::int64_t tv_nsecs = cursor.take<std::int64_t>();
+    ZOR_ASSERT(tv_nsecs >= 0);
+    ZOR_ASSERT(tv_nsecs < ONE_SECOND_NS);
+    mTimestamp.tv_sec = tv_secs;
+    mTimestamp.tv_nsec = tv_nsecs;
+    ZOR_ASSERT(mTimestamp.tv_nsec >= 0);
+    ZOR_ASSERT(mTimestamp.tv_nsec < ONE_SECOND_NS);
+    mCumulativeMetricInterval.tv_sec = cursor.take<std::int64_t>();
+    mCumulativeMetricInterval.tv_nsec = cursor.take<std::int64_t>();
+    ZOR_ASSERT(mCumulativeMetricInterval.tv_nsec >= 0);
+    ZOR_ASSERT(mCumulativeMetricInterval.tv_nsec < ONE_SECOND_NS);
+    mWindowSize.tv_sec = cursor.take<std::int64_t>();
+    mWindowSize.tv_nsec = cursor.take<std::int64_t>();
+    ZOR_ASSERT(mWindowSize.tv_nsec >= 0);
+    ZOR_ASSERT(mWindowSize.tv_nsec < ONE_SECOND_NS);
+    const std::int64_t downsampled = cursor.take<std::int64_t>();
+    ZOR_ASSERT(downsampled==0 || downsampled==1);
+    mDownsampled = downsampled == 1;
+
+    // These three go on whatever the one before said; the main trace's
+    // outcome also shows in isValid().
+    bool ok = mMainThreadTrace.readFromFile(fd);
+    ok = mOtherThreads.readFromFile(fd) && ok;
+    ok = mMetrics.readFromFile(fd) && ok;
+
+    mThreadList.clear();
+    std::uint64_t numThreads = 0;
+    if (!QUORVEX_READ(fd, &numThreads, sizeof numThreads))
+        return false;
+    std::vector<std::int64_t> ids;
+    std::uint64_t done = 0;
+    while (done < numThreads) {
+        const std::size_t slice = static_cast<std::size_t>(std::min<std::uint64_t>(numThreads - done, READ_SLICE_IDS));
+        ids.resize(slice);
+        if (!QUORVEX_READ(fd, ids.data(), slice * sizeof(std::int64_t)))
+            return false;
+        for (std::int64_t id : ids)
+            mThreadList.push_back(static_cast<int>(id));
+        done += slice;
+    }
+
+    std::uint64_t numHits = 0;
+    if (!QUORVEX_READ(fd, &numHits, sizeof numHits))
+        return false;
+    for (std::uint64_t i = 0; i < numHits; ++i) {
+        SGpuKernelHit* hit = new SGpuKernelHit();
+        const bool hitOk = hit->readFromFile(fd);
+        mKernelHits.push_back(zor_shared_ptr<SGpuKernelHit>(hit));
+        ok = hitOk && ok;
+        // A hit fails only when the file is spent, and so would every later
+        // one: a corrupt count costs no more reads.
+        if (!hitOk)
+            break;
+    }
+
+    char cbuff[2];
+    if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
+        return false;
+    ZOR_ASSERT(cbuff[0] == '/');
+    ZOR_ASSERT(cbuff[1] == 's');
+    return ok;
+}
+
+SSampleBacktraceIterator::SSampleBacktraceIterator(const SSample& sample)
+    : mSample(&sample), mMainThreadPending(true), mIndex(0)
+{
+}
+
+bool SSampleBacktraceIterator::hasNext() const
+{
+    return mMainThreadPending || mIndex < mSample->otherThreads().count();
+}
+
+const SBacktrace& SSampleBacktraceIterator::next()
+{
+    if (mMainThreadPending) {
+        mMainThreadPending = false;
+        return mSample->mainThreadTrace();
+    }
+    if (mIndex >= mSample->otherThreads().count())
+        abort();
+    return mSample->otherThreads()[mIndex++];
+}
+
+bool SSampleBacktraceIterator::wasMainThread() const
+{
+    return !mMainThreadPending && mIndex == 0;
+}
+
+} // namespace quorvex

@@ -1,0 +1,215 @@
+#include "ssamplelist.h"
+#include "sfileio.h"
+#include "timespec_utils.h"
+#include "zor_assert.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace quorvex {
+
+SSampleList::SSampleList(int maxSamples, int preallocatedThreads, drand48_data& random)
+    : mSize(0), mNumDownsamples(0), mRandomState(random), mMergeGpuKernelLists(false)
+{
+    const SSample prototype(preallocatedThreads);
+    mSamples.resize(static_cast<std::size_t>(std::max(maxSamples, 0)), prototype);
+}
+
+SSampleList& SSampleList::operator=(const SSampleList& other)
+{
+    if (this != &other) {
+        mSize = other.mSize;
+        mSamples = other.mSamples;
+    }
+    return *this;
+}
+
+void SSampleList::setMetricCount(int n)
+{
+    for (SSample& sample : mSamples)
+        sample.metrics().initializeMetrics(static_cast<unsigned int>(n));
+}
+
+void SSampleList::makeRoom(bool& downsampled)
+{
+    downsampled = false;
+    if (mSize == mSamples.size()) {
+        downsample();
+        downsampled = true;
+    }
+    ZOR_ASSERT(!mSamples[mSize].isValid());
+}
+
+SSample* SSampleList::createSample(const ExtendedBacktraceData& bt, const timespec& timestamp,
+                                   const timespec& interval, const timespec& window, bool& downsampled, bool inMpi,
+                                   int tid, const threadlist_t& threads, const timespec& cpuTime, bool sleeping)
+{
+    makeRoom(downsampled);
+    SSample& sample = mSamples[mSize];
+    sample.makeValid(bt, timestamp, interval, window, downsampled, inMpi, tid, threads, cpuTime, sleeping);
+    ++mSize;
+    return &sample;
+}
+
+SSample* SSampleList::createSample(const SSample& source, bool& downsampled)
+{
+    ZOR_ASSERT(source.isValid());
+    makeRoom(downsampled);
+    SSample& sample = mSamples[mSize];
+    sample = source;
+    ++mSize;
+    return &sample;
+}
+
+SSample& SSampleList::getLatestSample()
+{
+    ZOR_ASSERT(mSize>0);
+    ZOR_ASSERT(mSamples[mSize-1].isValid());
+    return mSamples[mSize - 1];
+}
+
+SSample& SSampleList::at(unsigned int index)
+{
+    ZOR_ASSERT(index<mSize);
+    return mSamples[index];
+}
+
+const SSample& SSampleList::at(unsigned int index) const
+{
+    ZOR_ASSERT(index<mSize);
+    return mSamples[index];
+}
+
+void SSampleList::clear()
+{
+    for (std::uint32_t i = 0; i < mSize; ++i)
+        mSamples[i].invalidate();
+    mSize = 0;
+    mNumDownsamples = 0;
+    verifySanity(true);
+}
+
+bool SSampleList::verifySanity(bool fatal) const
+{
+    bool sane = mSize <= mSamples.size();
+    for (std::size_t i = 0; sane && i < mSamples.size(); ++i)
+        sane = mSamples[i].isValid() == (i < mSize);
+    if (!sane && fatal)
+        ZOR_ASSERT(false);
+    return sane;
+}
+
+void SSampleList::downsample()
+{
+    const std::uint32_t oldSize = mSize;
+    const std::uint32_t downsampledSize = oldSize / 2;
+    ++mNumDownsamples;
+    ZOR_ASSERT(downsampledSize*2 <=oldSize);
+
+    for (std::uint32_t i = 0; i < downsampledSize; ++i) {
+        const std::size_t kept = chooseBetween(2 * i, 2 * i + 1);
+        if (kept != i)
+            mSamples[i] = mSamples[kept];
+    }
+    for (std::uint32_t j = downsampledSize; j < oldSize; ++j)
+        mSamples[j].invalidate();
+
+    mSize = downsampledSize;
+    verifySanity(true);
+}
+
+std::size_t SSampleList::chooseBetween(std::size_t a, std::size_t b)
+{
+    ZOR_ASSERT(mSamples[a].isValid());
+    ZOR_ASSERT(mSamples[b].isValid());
+    const double wa = timespec_toDouble(mSamples[a].getWindow());
+    const double wb = timespec_toDouble(mSamples[b].getWindow());
+    double r = 0;
+    drand48_r(&mRandomState, &r);
+
+    // Strictly greater: a tie goes to b, and so do two empty windows, whose
+    // quotient is not a number.
+    const bool keepA = wa / (wb + wa) > r;
+    const std::size_t kept = keepA ? a : b;
+    const std::size_t dropped = keepA ? b : a;
+    SSample& survivor = mSamples[kept];
+    SSample& loser = mSamples[dropped];
+
+    survivor.combineMetrics(loser);
+    survivor.combineThreadCpuTime(loser);
+    if (mMergeGpuKernelLists) {
+        for (const zor_shared_ptr<SGpuKernelHit>& shared : loser.kernelHits()) {
+            zor_shared_ptr<SGpuKernelHit> hit(shared);
+            survivor.addKernelHit(hit);
+        }
+    }
+    loser.invalidate();
+    return kept;
+}
+
+zor_shared_ptr<SGpuKernelHit> SSampleList::createCudaKernelHit(unsigned int correlationId, unsigned int kernelNameId,
+                                                               const timespec& start, const timespec& end,
+                                                               bool attachToNextSample)
+{
+    zor_shared_ptr<SGpuKernelHit> hit;
+    std::uint32_t nextAfter = mSize;
+    for (std::uint32_t i = mSize; i-- > 0;) {
+        SSample& sample = mSamples[i];
+        const timespec& timestamp = sample.getTimestamp();
+        if (timespec_less_than(end, timestamp)) {
+            nextAfter = i;
+            continue;
+        }
+        if (timespec_less_than(timestamp, start))
+            break;
+        if (hit.isNull())
+            hit = zor_shared_ptr<SGpuKernelHit>(new SGpuKernelHit(correlationId, kernelNameId, start, end));
+        sample.addKernelHit(hit);
+    }
+    if (attachToNextSample && hit.isNull() && nextAfter < mSize) {
+        hit = zor_shared_ptr<SGpuKernelHit>(new SGpuKernelHit(correlationId, kernelNameId, start, end));
+        mSamples[nextAfter].addKernelHit(hit);
+    }
+    return hit;
+}
+
+void SSampleList::writeToFile(int fd) const
+{
+    QUORVEX_WRITE(fd, "sl", 2);
+    QUORVEX_WRITE_UWIDE(fd, mSize);
+    for (std::uint32_t i = 0; i < mSize; ++i)
+        mSamples[i].writeToFile(fd);
+    QUORVEX_WRITE(fd, "/sl", 3);
+}
+
+bool SSampleList::readFromFile(int fd)
+{
+    char obuff[2];
+    if (!QUORVEX_READ(fd, obuff, sizeof obuff))
+        return false;
+    ZOR_ASSERT(obuff[0] == 's');
+    ZOR_ASSERT(obuff[1] == 'l');
+
+    std::uint64_t numSamples = 0;
+    if (!QUORVEX_READ(fd, &numSamples, sizeof numSamples))
+        return false;
+    ZOR_ASSERT(numSamples <= std::numeric_limits<unsigned int>::max());
+    mSize = static_cast<std::uint32_t>(numSamples);
+    if (mSamples.size() != numSamples)
+        mSamples.resize(static_cast<std::size_t>(numSamples), SSample(0));
+
+    for (std::uint32_t i = 0; i < mSize; ++i) {
+        if (!mSamples[i].readFromFile(fd))
+            return false;
+    }
+
+    char cbuff[3];
+    if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
+        return false;
+    ZOR_ASSERT(cbuff[0] == '/');
+    ZOR_ASSERT(cbuff[1] == 's');
+    ZOR_ASSERT(cbuff[2] == 'l');
+    return true;
+}
+
+} // namespace quorvex

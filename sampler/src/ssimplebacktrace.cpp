@@ -1,0 +1,229 @@
+#include "ssimplebacktrace.h"
+#include "sfileio.h"
+#include "zor_assert.h"
+#include "zor_print.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+namespace quorvex {
+
+SSimpleBacktrace::StoragePolicy SSimpleBacktrace::mStoragePolicy = SSimpleBacktrace::StoragePolicyGrowing;
+bool SSimpleBacktrace::mStoragePolicyLocked = false;
+
+namespace {
+// Reservation under the growing policy: enough for most stacks.
+const std::size_t GROWING_RESERVATION = 30;
+// Frames are read in slices so that a corrupt count cannot claim memory
+// that the file does not back.
+const std::size_t READ_SLICE_FRAMES = 8192;
+}
+
+SSimpleBacktrace::SSimpleBacktrace()
+    : mUnwindStatus(UNW_ZOR_NOT_SET), mTid(0), mValid(false), mStopsAtCallingFrame(false)
+{
+    mStoragePolicyLocked = true;
+    reserveForPolicy();
+}
+
+SSimpleBacktrace::SSimpleBacktrace(const SSimpleBacktrace& other)
+    : mUnwindStatus(other.mUnwindStatus), mTid(other.mTid), mValid(other.mValid),
+      mStopsAtCallingFrame(other.mStopsAtCallingFrame)
+{
+    mStoragePolicyLocked = true;
+    reserveForPolicy();
+    mTrace = other.mTrace;
+}
+
+void SSimpleBacktrace::reserveForPolicy()
+{
+    switch (mStoragePolicy) {
+    case StoragePolicyGrowing: mTrace.reserve(GROWING_RESERVATION); break;
+    case StoragePolicyPreallocated: mTrace.reserve(MAX_BACKTRACE_DEPTH); break;
+    default: break;
+    }
+}
+
+SSimpleBacktrace::StoragePolicy SSimpleBacktrace::storagePolicy()
+{
+    return mStoragePolicy;
+}
+
+void SSimpleBacktrace::setStoragePolicy(StoragePolicy policy)
+{
+    if (mStoragePolicyLocked) {
+        SafeMessage().str("ZOR: Unable to change backtrace storage policy\n").writeTo(2);
+        ZOR_ASSERT(false);
+    }
+    mStoragePolicy = policy;
+}
+
+void SSimpleBacktrace::set(const BacktraceData& bt, int tid)
+{
+    mUnwindStatus = bt.unwindStatus;
+    mTid = tid;
+    mValid = true;
+    mStopsAtCallingFrame = bt.stopsAtCallingFrame;
+
+    if (bt.size == 0) {
+        if (mStoragePolicy == StoragePolicyExact)
+            backtrace_t().swap(mTrace);
+        else
+            mTrace.clear();
+        return;
+    }
+
+    switch (mStoragePolicy) {
+    case StoragePolicyExact:
+        if (mTrace.size() != bt.size) {
+            backtrace_t fresh;
+            fresh.reserve(bt.size + 1);
+            mTrace.swap(fresh);
+        }
+        break;
+    case StoragePolicyGrowing:
+        break;
+    case StoragePolicyPreallocated:
+        ZOR_ASSERT(bt.size <= MAX_BACKTRACE_DEPTH);
+        ZOR_ASSERT(mTrace.capacity() >= MAX_BACKTRACE_DEPTH);
+        break;
+    default:
+        SafeMessage().str("ZOR: Unrecognised backtrace storage policy: ").dec(mStoragePolicy).str("\n").writeTo(2);
+        abort();
+    }
+
+    mTrace.resize(bt.size);
+    ZOR_ASSERT(mTrace.size()==bt.size);
+    std::memcpy(mTrace.data(), bt.frames, bt.size * sizeof(unsigned long));
+}
+
+void SSimpleBacktrace::invalidate()
+{
+    mValid = false;
+    mTrace.clear();
+    mUnwindStatus = UNW_ZOR_NOT_SET;
+    mTid = 0;
+}
+
+int SSimpleBacktrace::tid() const
+{
+    ZOR_ASSERT(mValid);
+    return mTid;
+}
+
+int SSimpleBacktrace::unwindStatus() const
+{
+    ZOR_ASSERT(mValid);
+    return mUnwindStatus;
+}
+
+const backtrace_t& SSimpleBacktrace::trace() const
+{
+    ZOR_ASSERT(mValid);
+    return mTrace;
+}
+
+bool SSimpleBacktrace::stopsAtCallingFrame() const
+{
+    ZOR_ASSERT(mValid);
+    return mStopsAtCallingFrame;
+}
+
+void SSimpleBacktrace::appendTrace(const backtrace_t& other)
+{
+    ZOR_ASSERT(!other.empty());
+    mTrace.reserve(mTrace.size() + other.size());
+    mTrace.insert(mTrace.end(), other.begin(), other.end());
+}
+
+void SSimpleBacktrace::printTrace() const
+{
+    printf("Trace with %lu frames: ", static_cast<unsigned long>(mTrace.size()));
+    for (unsigned long frame : mTrace)
+        printf(" %p", reinterpret_cast<void*>(frame));
+    printf("\n");
+    printf("Unwind Status: %i\n", mUnwindStatus);
+}
+
+void SSimpleBacktrace::writeToFile(int fd) const
+{
+    QUORVEX_WRITE(fd, "sbt", 3);
+    QUORVEX_WRITE_WIDE(fd, mUnwindStatus);
+    QUORVEX_WRITE_WIDE(fd, mTid);
+    QUORVEX_WRITE_WIDE(fd, mStopsAtCallingFrame ? 1 : 0);
+    QUORVEX_WRITE_UWIDE(fd, mTrace.size());
+    for (unsigned long frame : mTrace) {
+        const std::uint64_t address = frame;
+        QUORVEX_WRITE(fd, &address, sizeof address);
+    }
+    QUORVEX_WRITE(fd, "/sbt", 4);
+}
+
+bool SSimpleBacktrace::readFromFile(int fd)
+{
+    static_assert(sizeof(unsigned long) == sizeof(std::uint64_t), "frame addresses are 64-bit words");
+    mValid = false;
+
+    // Tag, status, tid, flag and frame count.
+    char head[3 + 4 * 8];
+    if (!QUORVEX_READ(fd, head, sizeof head))
+        return false;
+    fileio::FieldCursor cursor(head);
+    char obuff[3];
+    cursor.take(obuff, sizeof obuff);
+    ZOR_ASSERT(obuff[0] == 's');
+    ZOR_ASSERT(obuff[1] == 'b');
+    ZOR_ASSERT(obuff[2] == 't');
+    const std::int64_t unwindStatus = cursor.take<std::int64_t>();
+    ZOR_ASSERT(unwindStatus >= std::numeric_limits<int>::min());
+    ZOR_ASSERT(unwindStatus <= std::numeric_limits<int>::max());
+    const std::int64_t tid = cursor.take<std::int64_t>();
+    ZOR_ASSERT(tid <= std::numeric_limits<int>::max());
+    const std::int64_t stopsAtCallingFrame = cursor.take<std::int64_t>();
+    ZOR_ASSERT(stopsAtCallingFrame==0 || stopsAtCallingFrame==1);
+    const std::uint64_t numFrames = cursor.take<std::uint64_t>();
+
+    mUnwindStatus = static_cast<int>(unwindStatus);
+    mTid = static_cast<int>(tid);
+    mStopsAtCallingFrame = stopsAtCallingFrame == 1;
+
+    char cbuff[4];
+    mTrace.clear();
+    if (numFrames <= READ_SLICE_FRAMES) {
+        // A real stack and the closing tag in one read, the tag landing in
+        // one spare word at the end.
+        const std::size_t n = static_cast<std::size_t>(numFrames);
+        mTrace.resize(n + 1);
+        if (!QUORVEX_READ(fd, mTrace.data(), n * sizeof(unsigned long) + sizeof cbuff))
+            return false;
+        std::memcpy(cbuff, &mTrace[n], sizeof cbuff);
+        mTrace.resize(n);
+    } else {
+        // A count this large is corrupt unless the file really goes on: grow
+        // only as far as it does.
+        std::uint64_t done = 0;
+        while (done < numFrames) {
+            const std::size_t slice =
+                static_cast<std::size_t>(std::min<std::uint64_t>(numFrames - done, READ_SLICE_FRAMES));
+            mTrace.resize(static_cast<std::size_t>(done) + slice);
+            if (!QUORVEX_READ(fd, mTrace.data() + done, slice * sizeof(unsigned long)))
+                return false;
+            done += slice;
+        }
+        if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
+            return false;
+    }
+    ZOR_ASSERT(cbuff[0] == '/');
+    ZOR_ASSERT(cbuff[1] == 's');
+    ZOR_ASSERT(cbuff[2] == 'b');
+    ZOR_ASSERT(cbuff[3] == 't');
+
+    mValid = true;
+    return true;
+}
+
+} // namespace quorvex
+

@@ -1,0 +1,31 @@
+// Small pure functions that the analysis of a run shares.
+#ifndef ZOR_PRELOADSAMPLESOURCEUTILS_H
+#define ZOR_PRELOADSAMPLESOURCEUTILS_H
+
+#include <ctime>
+
+class MetricDefinitions;
+namespace quorvex {
+class SSampleList;
+}
+
+class PreloadSampleSourceUtils
+{
+public:
+    // Milliseconds from b to a. The nanosecond difference is divided on its
+    // own, with no borrow between the fields.
+    static long long msFromTimespec(timespec a, timespec b);
+    static long long nsFromTimespec(timespec t);
+    // Into [0, 100]; a NaN gives 100.
+    static double clampPercentage(double x);
+    // The factor that scales a quantity over the interval up to one second;
+    // 1 for an empty interval.
+    static double calculateScaleUpFactor(timespec a);
+
+    // Sparse metrics are reported only now and then, a value covering the
+    // time since the last report: spreads each value over the empty samples
+    // before it, by their intervals for rates, as a copy otherwise.
+    static void correctSparseMetrics(quorvex::SSampleList* samples, const MetricDefinitions& definitions);
+};
+
+#endif

@@ -1,0 +1,157 @@
+// zor-dump FILE: prints a sampler data file in plain text, for people
+// looking into what a run recorded.
+#include "readsamples.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <utility>
+
+using namespace quorvex;
+
+namespace {
+
+void printTime(const char* label, const timespec& t)
+{
+    printf("%s %lld.%09ld", label, static_cast<long long>(t.tv_sec), static_cast<long>(t.tv_nsec));
+}
+
+void printValue(const SampleValue& v)
+{
+    switch (v.type()) {
+    case SampleValue::Empty: printf("empty"); break;
+    case SampleValue::Int: printf("%" PRId64, v.to_int64_t()); break;
+    case SampleValue::UInt: printf("%" PRIu64, v.to_uint64_t()); break;
+    case SampleValue::Double: printf("%.17g", v.to_double()); break;
+    }
+}
+
+void printFrames(const backtrace_t& frames)
+{
+    printf("    frames (%zu):", frames.size());
+    for (unsigned long frame : frames)
+        printf(" 0x%lx", frame);
+    printf("\n");
+}
+
+void printThread(const SBacktrace& bt, bool main)
+{
+    std::string flags;
+    for (const auto& flag : {std::make_pair(bt.inMpi(), "in-mpi"), std::make_pair(bt.isSleeping(), "sleeping"),
+                             std::make_pair(bt.stopsAtCallingFrame(), "stops-at-calling-frame")}) {
+        if (flag.first)
+            flags += (flags.empty() ? "" : ",") + std::string(flag.second);
+    }
+    printf("  thread %d%s: status %d, flags %s, ", bt.tid(), main ? " (main)" : "", bt.unwindStatus(),
+           flags.empty() ? "none" : flags.c_str());
+    printTime("cpu time", bt.cpuTime());
+    printf(", parallel id %d\n", bt.parallelId());
+    printFrames(bt.trace());
+}
+
+void printKernelHit(const SGpuKernelHit& hit)
+{
+    printf("  kernel hit: correlation id %u, kernel name id %u, ", hit.correlationId(), hit.kernelNameId());
+    printTime("start", hit.startTime());
+    printTime(", end", hit.endTime());
+    printf(", dropped %" PRIu64 ", total %" PRIu64 ", period %" PRIu64 " cycles\n", hit.droppedSamples(),
+           hit.totalSamples(), hit.samplingPeriodInCycles());
+    for (const auto& line : hit.lineHits()) {
+        printf("    line %u: samples", line.first);
+        for (unsigned int count : line.second.samples)
+            printf(" %u", count);
+        printf("; latency samples");
+        for (unsigned int count : line.second.latencySamples)
+            printf(" %u", count);
+        printf("\n");
+    }
+}
+
+void printSample(unsigned index, const SSample& sample)
+{
+    printf("sample %u: ", index);
+    printTime("time", sample.getTimestamp());
+    printTime(", window", sample.getWindow());
+    printTime(", interval", sample.getInterval());
+    printf(", downsampled %s\n", sample.downsamplingHappened() ? "yes" : "no");
+    SSampleBacktraceIterator threads(sample);
+    while (threads.hasNext()) {
+        const SBacktrace& bt = threads.next();
+        printThread(bt, threads.wasMainThread());
+    }
+    const SMetrics& metrics = sample.metrics();
+    printf("  metrics%s:", metrics.isValid() ? "" : " (invalid)");
+    for (unsigned m = 0; m < metrics.size(); ++m) {
+        printf(" [%u] ", m);
+        printValue(metrics.getMetricValue(m));
+        printTime(" over", metrics.getMetricInterval(m));
+        if (metrics.shouldDivideBySampleInterval(m))
+            printf(" per interval");
+    }
+    printf("\n  thread list:");
+    for (int tid : sample.threadList())
+        printf(" %d", tid);
+    printf("\n");
+    for (const zor_shared_ptr<SGpuKernelHit>& hit : sample.kernelHits())
+        printKernelHit(*hit);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2 || argv[1][0] == '-') {
+        fprintf(stderr, "usage: zor-dump FILE\nPrints a sampler data file in plain text.\n");
+        return 2;
+    }
+    const char* path = argv[1];
+
+    timespec startTime = {0, 0};
+    int stopReason = 0;
+    unsigned long rebuilds = 0, checks = 0, downsamples = 0;
+    uint64_t skipped = 0, resuming = 0, total = 0;
+    unsigned int spare1 = 0, spare2 = 0;
+    QString ompText;
+    bool cuda = false, mpiMultiple = false;
+    QMap<int, SCallSite> callSites;
+
+    errno = 0;
+    SSampleList* list = quorvex_read_samples(path, &startTime, &stopReason, &rebuilds, &checks, &downsamples,
+                                             &skipped, &resuming, &total, &spare1, &spare2, ompText, &cuda,
+                                             callSites, &mpiMultiple);
+    if (!list || errno != 0) {
+        const int error = errno;
+        delete list;
+        fprintf(stderr, "zor-dump: %s: %s\n", path,
+                error != 0 ? strerror(error) : "no samples could be read (the file is truncated or damaged)");
+        return 1;
+    }
+
+    printf("file: %s\n", path);
+    printTime("start time:", startTime);
+    printf("\nstop reason: %d\n", stopReason);
+    printf("MPI thread multiple: %s\n", mpiMultiple ? "yes" : "no");
+    printf("phdr cache rebuilds: %lu\n", rebuilds);
+    printf("phdr cache checks for changes: %lu\n", checks);
+    printf("downsamples: %lu\n", downsamples);
+    printf("samples skipped while suspended: %" PRIu64 "\n", skipped);
+    printf("samples taken while resuming: %" PRIu64 "\n", resuming);
+    printf("samples taken in total: %" PRIu64 "\n", total);
+    printf("spare words: 0x%08x 0x%08x\n", spare1, spare2);
+    printf("OpenMP threads: \"%s\"\n", ompText.toLatin1().constData());
+    printf("CUDA profiling enabled: %s\n", cuda ? "yes" : "no");
+    printf("samples: %u\n", list->size());
+    for (unsigned i = 0; i < list->size(); ++i)
+        printSample(i, list->at(i));
+    printf("call sites: %d\n", callSites.size());
+    for (const SCallSite& site : callSites) {
+        const SSimpleBacktrace* bt = site.callSite();
+        printf("call site %d: tid %d, tag 0x%" PRIx64 ", status %d%s\n", site.parallelId(), site.tid(), site.tag(),
+               bt->unwindStatus(), bt->stopsAtCallingFrame() ? ", stops at calling frame" : "");
+        printFrames(bt->trace());
+    }
+    delete list;
+    return 0;
+}
