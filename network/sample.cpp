@@ -1,0 +1,432 @@
+#include "sample.h"
+
+#include <QExplicitlySharedDataPointer>
+#include <QXmlStreamReader>
+#include <QXmlStreamWriter>
+
+#include "xmlvalues.h"
+#include "zorpsvmodelitem.h"
+
+namespace {
+
+// Owns one thread's tree. Copies of a sample share it until one of them
+// asks for it to change.
+struct TreeHolder : public QSharedData
+{
+    explicit TreeHolder(ZORPSVModelItem* tree) : root(tree) {}
+    TreeHolder(const TreeHolder& other)
+        : QSharedData(other)
+        , root(other.root ? static_cast<ZORPSVModelItem*>(other.root->clone()) : nullptr)
+    {
+    }
+    TreeHolder& operator=(const TreeHolder&) = delete;
+    ~TreeHolder() { delete root; }
+
+    ZORPSVModelItem* root;
+};
+
+struct SampleThread
+{
+    QExplicitlySharedDataPointer<TreeHolder> tree;
+    ThreadContext context;
+    InstructionQuery instruction;
+    Sample::ThreadType type = Sample::OtherThread;
+    unsigned long long cpuTime = 0;
+    unsigned long long allocatedCpuTime = 0;
+    bool sleeping = false;
+    QMap<QString, unsigned long> metrics;
+};
+
+const QString YesText = QStringLiteral("yes");
+
+} // namespace
+
+class SampleData : public QSharedData
+{
+public:
+    int rank = -1;
+    bool hasTimestamp = false;
+    long long timestamp = 0;
+    bool repeat = false;
+    bool ignore = false;
+    QMap<QString, ScalarMetric> metrics;
+    QMap<int, SampleThread> threads;
+    QSet<int> liveThreads;
+    QList<int> libunwindErrorCodes;
+};
+
+Sample::Sample()
+    : d(new SampleData)
+{
+}
+
+Sample::Sample(const MetricDefinitions&, int rank)
+    : d(new SampleData)
+{
+    d->rank = rank;
+}
+
+Sample::Sample(const Sample& other, bool repeat)
+    : d(other.d)
+{
+    d->repeat = repeat;
+}
+
+Sample::Sample(const Sample& other) = default;
+Sample& Sample::operator=(const Sample& other) = default;
+Sample::~Sample() = default;
+
+int Sample::rank() const
+{
+    return d->rank;
+}
+
+ScalarMetric Sample::metric(const QString& id) const
+{
+    return d->metrics.value(id);
+}
+
+void Sample::setMetric(const QString& id, const SampleValue& value)
+{
+    d->metrics.insert(id, ScalarMetric(value));
+}
+
+QList<QString> Sample::metricIds() const
+{
+    return d->metrics.keys();
+}
+
+bool Sample::hasTimestamp() const
+{
+    return d->hasTimestamp;
+}
+
+long long Sample::backendOnly_getTimestamp() const
+{
+    return d->timestamp;
+}
+
+void Sample::backendOnly_setTimestamp(long long milliseconds)
+{
+    d->timestamp = milliseconds;
+    d->hasTimestamp = true;
+}
+
+bool Sample::isRepeat() const
+{
+    return d->repeat;
+}
+
+void Sample::setIgnore(bool ignore)
+{
+    d->ignore = ignore;
+}
+
+bool Sample::isIgnored() const
+{
+    return d->ignore;
+}
+
+void Sample::addLibunwindErrorCode(int code)
+{
+    d->libunwindErrorCodes.append(code);
+}
+
+QList<int> Sample::libunwindErrorCodes() const
+{
+    return d->libunwindErrorCodes;
+}
+
+void Sample::backendOnly_addThread(ZORPSVModelItem* tree, int tid, const ThreadContext& context,
+                                   const InstructionQuery& instruction, ThreadType type, unsigned long long cpuTime,
+                                   bool sleeping)
+{
+    SampleThread thread;
+    thread.tree = QExplicitlySharedDataPointer<TreeHolder>(new TreeHolder(tree));
+    thread.context = context;
+    thread.instruction = instruction;
+    thread.type = type;
+    thread.cpuTime = cpuTime;
+    thread.sleeping = sleeping;
+    d->threads.insert(tid, thread);
+}
+
+QSet<int> Sample::backendOnly_sampledTids() const
+{
+    QSet<int> tids;
+    for (auto it = d->threads.constBegin(); it != d->threads.constEnd(); ++it)
+        tids.insert(it.key());
+    return tids;
+}
+
+bool Sample::backendOnly_hasSampleForThread(int tid) const
+{
+    return d->threads.contains(tid);
+}
+
+Sample::ThreadType Sample::backendOnly_threadType(int tid) const
+{
+    return d->threads.value(tid).type;
+}
+
+bool Sample::backendOnly_isSleeping(int tid) const
+{
+    return d->threads.value(tid).sleeping;
+}
+
+ThreadContext Sample::backendOnly_threadContext(int tid) const
+{
+    return d->threads.value(tid).context;
+}
+
+unsigned long long Sample::backendOnly_cpuTime(int tid) const
+{
+    const auto it = d->threads.constFind(tid);
+    return it == d->threads.constEnd() ? 0 : it->cpuTime;
+}
+
+void Sample::backendOnly_setCpuTime(int tid, unsigned long long cpuTime)
+{
+    const auto it = d->threads.find(tid);
+    if (it != d->threads.end())
+        it->cpuTime = cpuTime;
+}
+
+unsigned long long Sample::backendOnly_getAllocatedCpuTime(int tid) const
+{
+    const auto it = d->threads.constFind(tid);
+    return it == d->threads.constEnd() ? 0 : it->allocatedCpuTime;
+}
+
+void Sample::backendOnly_addAllocatedCpuTime(int tid, unsigned long long cpuTime)
+{
+    const auto it = d->threads.find(tid);
+    if (it != d->threads.end())
+        it->allocatedCpuTime += cpuTime;
+}
+
+QSet<int> Sample::backendOnly_liveThreads() const
+{
+    return d->liveThreads;
+}
+
+void Sample::backendOnly_setLiveThreads(const QSet<int>& tids)
+{
+    d->liveThreads = tids;
+}
+
+InstructionQuery Sample::backendOnly_instruction(int tid) const
+{
+    return d->threads.value(tid).instruction;
+}
+
+QList<InstructionQuery> Sample::backendOnly_instructions() const
+{
+    QList<InstructionQuery> instructions;
+    for (const SampleThread& thread : d->threads)
+        instructions.append(thread.instruction);
+    return instructions;
+}
+
+void Sample::backendOnly_setInstruction(int tid, const InstructionQuery& instruction)
+{
+    const auto it = d->threads.find(tid);
+    if (it != d->threads.end())
+        it->instruction = instruction;
+}
+
+ZORPSVModelItem* Sample::backendOnly_mutablePsvModel(int tid)
+{
+    const auto it = d->threads.find(tid);
+    if (it == d->threads.end() || !it->tree)
+        return nullptr;
+    it->tree.detach();
+    return it->tree->root;
+}
+
+const ZORPSVModelItem* Sample::psvModel(int tid) const
+{
+    const auto it = d->threads.constFind(tid);
+    return it == d->threads.constEnd() || !it->tree ? nullptr : it->tree->root;
+}
+
+void Sample::backendOnly_setThreadMetric(int tid, const QString& id, unsigned long value)
+{
+    const auto it = d->threads.find(tid);
+    if (it != d->threads.end())
+        it->metrics.insert(id, value);
+}
+
+QMap<QString, unsigned long> Sample::threadMetrics(int tid) const
+{
+    return d->threads.value(tid).metrics;
+}
+
+void Sample::writeXml(QXmlStreamWriter& writer) const
+{
+    writer.writeStartElement(QStringLiteral("sample"));
+    writer.writeAttribute(QStringLiteral("rank"), QString::number(d->rank));
+    if (d->hasTimestamp)
+        writer.writeAttribute(QStringLiteral("t"), QString::number(d->timestamp));
+    if (d->repeat)
+        writer.writeAttribute(QStringLiteral("repeat"), YesText);
+    if (d->ignore)
+        writer.writeAttribute(QStringLiteral("ignore"), YesText);
+    if (!d->liveThreads.isEmpty())
+        writer.writeAttribute(QStringLiteral("live"), intSetToString(d->liveThreads));
+    if (!d->libunwindErrorCodes.isEmpty()) {
+        QStringList codes;
+        for (int code : d->libunwindErrorCodes)
+            codes.append(QString::number(code));
+        writer.writeAttribute(QStringLiteral("unwindErrors"), codes.join(QLatin1Char(',')));
+    }
+    for (auto it = d->metrics.constBegin(); it != d->metrics.constEnd(); ++it) {
+        writer.writeStartElement(QStringLiteral("metric"));
+        writer.writeAttribute(QStringLiteral("id"), it.key());
+        writer.writeAttribute(QStringLiteral("v"), sampleValueToString(it->singleValue()));
+        writer.writeAttribute(QStringLiteral("mean"), sampleValueToString(it->mean()));
+        writer.writeEndElement();
+    }
+    for (auto it = d->threads.constBegin(); it != d->threads.constEnd(); ++it) {
+        const SampleThread& thread = it.value();
+        writer.writeStartElement(QStringLiteral("thread"));
+        writer.writeAttribute(QStringLiteral("tid"), QString::number(it.key()));
+        writer.writeAttribute(QStringLiteral("type"), QString::number(thread.type));
+        writer.writeAttribute(QStringLiteral("cpu"), QString::number(thread.cpuTime));
+        if (thread.sleeping)
+            writer.writeAttribute(QStringLiteral("sleeping"), YesText);
+        if (!thread.instruction.instruction.isEmpty())
+            writer.writeAttribute(QStringLiteral("instr"), thread.instruction.instruction);
+        if (thread.instruction.implicitMemory)
+            writer.writeAttribute(QStringLiteral("implicitMem"), YesText);
+        for (auto m = thread.metrics.constBegin(); m != thread.metrics.constEnd(); ++m) {
+            writer.writeStartElement(QStringLiteral("tm"));
+            writer.writeAttribute(QStringLiteral("id"), m.key());
+            writer.writeAttribute(QStringLiteral("v"), QString::number(m.value()));
+            writer.writeEndElement();
+        }
+        writer.writeEndElement();
+    }
+    writer.writeEndElement();
+}
+
+namespace {
+
+bool fail(QString* error, const QString& text)
+{
+    *error = text;
+    return false;
+}
+
+bool readThread(QXmlStreamReader& reader, SampleThread* thread, int* tid, QString* error)
+{
+    const QXmlStreamAttributes a = reader.attributes();
+    bool ok = false;
+    *tid = a.value(QLatin1String("tid")).toInt(&ok);
+    if (!ok)
+        return fail(error, QStringLiteral("sample thread without a numeric tid"));
+    const int type = a.value(QLatin1String("type")).toInt(&ok);
+    if (!ok || type < Sample::MainThread || type > Sample::ParallelRegionThread)
+        return fail(error, QStringLiteral("thread %1 has a bad type").arg(*tid));
+    thread->type = static_cast<Sample::ThreadType>(type);
+    thread->cpuTime = a.value(QLatin1String("cpu")).toULongLong(&ok);
+    if (!ok)
+        return fail(error, QStringLiteral("thread %1 has a bad CPU time").arg(*tid));
+    thread->sleeping = a.value(QLatin1String("sleeping")) == YesText;
+    thread->instruction = InstructionQuery(a.value(QLatin1String("instr")).toString(),
+                                           a.value(QLatin1String("implicitMem")) == YesText);
+    thread->tree = QExplicitlySharedDataPointer<TreeHolder>(new TreeHolder(nullptr));
+    while (reader.readNextStartElement()) {
+        if (reader.name() == QLatin1String("tm")) {
+            const QXmlStreamAttributes m = reader.attributes();
+            const unsigned long value = m.value(QLatin1String("v")).toULong(&ok);
+            if (!ok)
+                return fail(error, QStringLiteral("thread %1 has a bad metric value").arg(*tid));
+            thread->metrics.insert(m.value(QLatin1String("id")).toString(), value);
+        }
+        reader.skipCurrentElement();
+    }
+    return !reader.hasError();
+}
+
+} // namespace
+
+bool Sample::readXml(QXmlStreamReader& reader, QString* error)
+{
+    if (!reader.isStartElement() || reader.name() != QLatin1String("sample"))
+        return fail(error, QStringLiteral("expected a sample element"));
+    SampleData* data = new SampleData;
+    QSharedDataPointer<SampleData> guard(data);
+    const QXmlStreamAttributes a = reader.attributes();
+    bool ok = false;
+    data->rank = a.value(QLatin1String("rank")).toInt(&ok);
+    if (!ok)
+        return fail(error, QStringLiteral("sample without a rank"));
+    if (a.hasAttribute(QLatin1String("t"))) {
+        data->timestamp = a.value(QLatin1String("t")).toLongLong(&ok);
+        if (!ok)
+            return fail(error, QStringLiteral("sample with a bad time stamp"));
+        data->hasTimestamp = true;
+    }
+    data->repeat = a.value(QLatin1String("repeat")) == YesText;
+    data->ignore = a.value(QLatin1String("ignore")) == YesText;
+    if (!intSetFromString(a.value(QLatin1String("live")).toString(), &data->liveThreads))
+        return fail(error, QStringLiteral("sample with a bad list of live threads"));
+    const QString codes = a.value(QLatin1String("unwindErrors")).toString();
+    if (!codes.isEmpty()) {
+        for (const QString& code : codes.split(QLatin1Char(','))) {
+            data->libunwindErrorCodes.append(code.toInt(&ok));
+            if (!ok)
+                return fail(error, QStringLiteral("sample with a bad unwind error code"));
+        }
+    }
+    while (reader.readNextStartElement()) {
+        if (reader.name() == QLatin1String("metric")) {
+            const QXmlStreamAttributes m = reader.attributes();
+            SampleValue single, mean;
+            if (!sampleValueFromString(m.value(QLatin1String("v")).toString(), &single)
+                || !sampleValueFromString(m.value(QLatin1String("mean")).toString(), &mean))
+                return fail(error, QStringLiteral("sample with a bad metric value"));
+            data->metrics.insert(m.value(QLatin1String("id")).toString(), ScalarMetric(single, mean));
+            reader.skipCurrentElement();
+        } else if (reader.name() == QLatin1String("thread")) {
+            SampleThread thread;
+            int tid = 0;
+            if (!readThread(reader, &thread, &tid, error))
+                return reader.hasError() ? fail(error, xmlReadError(reader, *error)) : false;
+            data->threads.insert(tid, thread);
+        } else {
+            reader.skipCurrentElement();
+        }
+    }
+    if (reader.hasError())
+        return fail(error, xmlReadError(reader, QString()));
+    d = guard;
+    return true;
+}
+
+bool Sample::operator==(const Sample& other) const
+{
+    if (d == other.d)
+        return true;
+    const SampleData& a = *d;
+    const SampleData& b = *other.d;
+    if (a.rank != b.rank || a.hasTimestamp != b.hasTimestamp || (a.hasTimestamp && a.timestamp != b.timestamp)
+        || a.repeat != b.repeat || a.ignore != b.ignore || a.liveThreads != b.liveThreads
+        || a.libunwindErrorCodes != b.libunwindErrorCodes || a.metrics.keys() != b.metrics.keys()
+        || a.threads.keys() != b.threads.keys())
+        return false;
+    for (auto it = a.metrics.constBegin(); it != a.metrics.constEnd(); ++it) {
+        const ScalarMetric& other = b.metrics[it.key()];
+        if (it->singleValue().type() != other.singleValue().type() || !(*it == other))
+            return false;
+    }
+    for (auto it = a.threads.constBegin(); it != a.threads.constEnd(); ++it) {
+        const SampleThread& x = it.value();
+        const SampleThread& y = b.threads[it.key()];
+        if (x.type != y.type || x.cpuTime != y.cpuTime || x.sleeping != y.sleeping || !(x.instruction == y.instruction)
+            || x.metrics != y.metrics)
+            return false;
+    }
+    return true;
+}

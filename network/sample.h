@@ -1,0 +1,100 @@
+// One analysed sample of one process: a time stamp, a value per metric and,
+// per thread, a call tree, a CPU time and the instruction it was running.
+// A value class with implicit sharing: copies are cheap until one of them
+// changes. Operations named backendOnly_ belong to the back-end.
+#ifndef ZOR_SAMPLE_H
+#define ZOR_SAMPLE_H
+
+#include <QList>
+#include <QMap>
+#include <QSet>
+#include <QSharedDataPointer>
+#include <QString>
+
+#include "instructionquery.h"
+#include "metric.h"
+
+class QXmlStreamReader;
+class QXmlStreamWriter;
+class ZORPSVModelItem;
+class SampleData;
+
+// Where a thread ran; the same for all threads of one process.
+struct ThreadContext
+{
+    int rank = -1;
+    int pid = 0;
+};
+
+class Sample
+{
+public:
+    enum ThreadType { MainThread = 0, OtherThread = 1, ParallelRegionThread = 2 };
+
+    Sample();
+    Sample(const MetricDefinitions& definitions, int rank);
+    // With `repeat` set the copy is flagged as a repeat of its origin, which
+    // resampling uses when one source sample stands for two ranges.
+    Sample(const Sample& other, bool repeat);
+    Sample(const Sample& other);
+    Sample& operator=(const Sample& other);
+    ~Sample();
+
+    int rank() const;
+
+    ScalarMetric metric(const QString& id) const;
+    void setMetric(const QString& id, const SampleValue& value);
+    QList<QString> metricIds() const;
+
+    bool hasTimestamp() const;
+    long long backendOnly_getTimestamp() const;
+    void backendOnly_setTimestamp(long long milliseconds);
+
+    bool isRepeat() const;
+    void setIgnore(bool ignore);
+    bool isIgnored() const;
+    void addLibunwindErrorCode(int code);
+    QList<int> libunwindErrorCodes() const;
+
+    // Threads. The sample takes ownership of `tree`, which may be null.
+    void backendOnly_addThread(ZORPSVModelItem* tree, int tid, const ThreadContext& context,
+                               const InstructionQuery& instruction, ThreadType type, unsigned long long cpuTime,
+                               bool sleeping);
+    QSet<int> backendOnly_sampledTids() const;
+    bool backendOnly_hasSampleForThread(int tid) const;
+    ThreadType backendOnly_threadType(int tid) const;
+    bool backendOnly_isSleeping(int tid) const;
+    ThreadContext backendOnly_threadContext(int tid) const;
+    // CPU time in nanoseconds.
+    unsigned long long backendOnly_cpuTime(int tid) const;
+    void backendOnly_setCpuTime(int tid, unsigned long long cpuTime);
+    // How much of this sample's CPU time resampling has already handed out.
+    unsigned long long backendOnly_getAllocatedCpuTime(int tid) const;
+    void backendOnly_addAllocatedCpuTime(int tid, unsigned long long cpuTime);
+    QSet<int> backendOnly_liveThreads() const;
+    void backendOnly_setLiveThreads(const QSet<int>& tids);
+    InstructionQuery backendOnly_instruction(int tid) const;
+    // The instructions of the sampled threads, in thread id order.
+    QList<InstructionQuery> backendOnly_instructions() const;
+    void backendOnly_setInstruction(int tid, const InstructionQuery& instruction);
+    // The thread's tree, ready to be changed: a tree still shared with a
+    // copy of this sample is cloned first. Null for an unknown thread.
+    ZORPSVModelItem* backendOnly_mutablePsvModel(int tid);
+    const ZORPSVModelItem* psvModel(int tid) const;
+    void backendOnly_setThreadMetric(int tid, const QString& id, unsigned long value);
+    QMap<QString, unsigned long> threadMetrics(int tid) const;
+
+    // Wire form: a "sample" element. readXml expects the reader on its start
+    // and replaces the whole content of this sample.
+    void writeXml(QXmlStreamWriter& writer) const;
+    bool readXml(QXmlStreamReader& reader, QString* error);
+
+    // Equal in everything that travels in the wire form.
+    bool operator==(const Sample& other) const;
+    bool operator!=(const Sample& other) const { return !(*this == other); }
+
+private:
+    QSharedDataPointer<SampleData> d;
+};
+
+#endif

@@ -1,0 +1,6 @@
+#include "samplesource.h"
+
+bool FakeSampleSource::readSamples(SampleList&)
+{
+    return false;
+}

@@ -1,0 +1,233 @@
+// Every response of the profiler travels as XML and is rebuilt by the
+// factory; malformed messages are refused with a reason, never a crash.
+#include <QXmlStreamReader>
+#include <cmath>
+#include <functional>
+#include <gtest/gtest.h>
+
+#include "constants.h"
+#include "debugger.h"
+#include "profilerresponses.h"
+#include "sample.h"
+#include "zorresponsefactoryplugin.h"
+
+namespace {
+
+Sample* richSample(long long stamp)
+{
+    Sample* sample = new Sample(MetricDefinitions(), 2);
+    sample->backendOnly_setTimestamp(stamp);
+    sample->setMetric(QString::fromLatin1(METRIC_CHARS_READ), SampleValue(4096UL));
+    sample->setMetric(QString::fromLatin1(METRIC_MPI_TIME_IN_CALL), SampleValue(-3L));
+    sample->setMetric(QString::fromLatin1(METRIC_CPU_TIME_PERCENT), SampleValue(99.5));
+    sample->backendOnly_addThread(nullptr, 100, ThreadContext(), InstructionQuery(QStringLiteral("addsd"), false),
+                                  Sample::MainThread, 5000000ULL, false);
+    sample->backendOnly_addThread(nullptr, 101, ThreadContext(), InstructionQuery(QStringLiteral("rep movsb"), true),
+                                  Sample::ParallelRegionThread, 0ULL, true);
+    sample->backendOnly_setThreadMetric(100, QString::fromLatin1(METRIC_INSTR_FP), 40);
+    sample->backendOnly_setLiveThreads({ 100, 101, 102 });
+    sample->addLibunwindErrorCode(-3);
+    sample->setIgnore(true);
+    return sample;
+}
+
+// One populated response of each kind the factory knows.
+std::vector<std::unique_ptr<Response>> everyResponse()
+{
+    std::vector<std::unique_ptr<Response>> all;
+    all.emplace_back(new ProfilerSamplerInitResponse(true));
+
+    QMap<QString, unsigned int> uncategorised;
+    uncategorised.insert(QStringLiteral("vfmadd231pd"), 3);
+    auto play = new ProfilerPlayResponse(5, true, 1000, 123456789012LL, uncategorised, true, false, true,
+                                         { Category::OmpCompiler::Gnu, Category::OmpCompiler::Llvm });
+    play->setStopReason(2);
+    play->setCudaUsedByTarget(true);
+    play->addOmpNumThreadsString(QStringLiteral("8,4"));
+    play->setSingleValueCustomMetric(5, QStringLiteral("custom"), SampleValue(1.25));
+    play->setMetric(QString::fromLatin1(METRIC_NUM_DOWNSAMPLES), SampleValue(7UL));
+    all.emplace_back(play);
+
+    all.emplace_back(new ProfilerProgressResponse(ProfilerProgressResponse::AnalysisProgress, 4, 37));
+
+    auto block = new SampleBlockResponse(8, 3);
+    block->setCollectingHistogramsFlag(true);
+    block->addProfiledRanks(CompactSet<int>(QStringLiteral("0-3,9")));
+    block->addSample(richSample(10));
+    block->addSample(new Sample);
+    all.emplace_back(block);
+
+    all.emplace_back(new SendSamplesResponse(5, 1000));
+
+    auto histograms = new HistogramBlockResponse(2, 1, 3);
+    SampleHistogram histogram(3);
+    histogram.setBins(QString::fromLatin1(METRIC_INSTR_FP), { 1, 0, 7 });
+    histograms->addHistogram(histogram);
+    histograms->addHistogram(SampleHistogram(3));
+    all.emplace_back(histograms);
+
+    all.emplace_back(new SendHistogramsResponse);
+
+    MetricErrorMap errors;
+    errors[QString::fromLatin1(METRIC_INSTR_FP)].insert(
+        1, MetricError(QString::fromLatin1(METRIC_INSTR_FP), 1, QStringLiteral("CPU metrics unavailable\n<here>"), 1));
+    errors[QStringLiteral("other")].insert(-4, MetricError(QStringLiteral("other"), -4, QString(), 0));
+    all.emplace_back(new SendMetricErrorsResponse(errors));
+
+    auto end = new SendMetricsCollectedAtTheEndResponse;
+    MpiCallMetrics calls(5);
+    calls.addCall(MpiCallMetric(5, QStringLiteral("MPI_Allreduce"), SampleValue(10), SampleValue(2.5), SampleValue(),
+                                SampleValue(1UL)));
+    end->setMpiCallMetrics(calls);
+    SelfProfilePoints points(5);
+    points.addPoint(SelfProfilePoint(5, QStringLiteral("20.read"), SampleValue(12), SampleValue(1L), SampleValue(-2L),
+                                     SampleValue(3L), SampleValue(4L), SampleValue(5L), SampleValue(6L),
+                                     SampleValue(7L), SampleValue(8L), SampleValue(1000)));
+    end->setSelfProfilePoints(points);
+    all.emplace_back(end);
+    return all;
+}
+
+Response* rebuild(const QString& text, QString* error)
+{
+    return ZORResponseFactoryPlugin().fromXml(text.toUtf8(), error);
+}
+
+TEST(Responses, EveryResponseTheFactoryKnowsComesBackEqual)
+{
+    ZORResponseFactoryPlugin factory;
+    QStringList covered;
+    for (const auto& original : everyResponse()) {
+        const QString text = original->toString();
+        QString error;
+        std::unique_ptr<Response> copy(rebuild(text, &error));
+        ASSERT_TRUE(copy) << qPrintable(original->elementName()) << ": " << qPrintable(error);
+        EXPECT_EQ(copy->elementName(), original->elementName());
+        // Written again, the copy gives the same text: nothing was lost or changed.
+        EXPECT_EQ(copy->toString(), text);
+        covered.append(original->elementName());
+    }
+    covered.sort();
+    QStringList known = factory.elementNames();
+    known.sort();
+    EXPECT_EQ(covered, known) << "a response without a round trip here";
+    EXPECT_EQ(factory.createResponse(QStringLiteral("NoSuchResponse")), nullptr);
+}
+
+TEST(Responses, FieldsSurviveTheRoundTrip)
+{
+    std::unique_ptr<SampleBlockResponse> block(new SampleBlockResponse(8, 3));
+    Sample* original = richSample(42);
+    block->addSample(original);
+    block->addProfiledRanks(CompactSet<int>(QStringLiteral("4-7")));
+    QString error;
+    std::unique_ptr<Response> copy(rebuild(block->toString(), &error));
+    auto read = dynamic_cast<SampleBlockResponse*>(copy.get());
+    ASSERT_TRUE(read) << qPrintable(error);
+    EXPECT_EQ(read->blockSize(), 8);
+    EXPECT_EQ(read->blockNumber(), 3);
+    EXPECT_TRUE(read->profiledRanks().contains(6));
+    EXPECT_FALSE(read->profiledRanks().contains(8));
+    ASSERT_EQ(read->samples().size(), 1);
+    const Sample& sample = *read->samples().first();
+    EXPECT_TRUE(sample == *original);
+    EXPECT_EQ(sample.backendOnly_getTimestamp(), 42);
+    EXPECT_EQ(sample.metric(QString::fromLatin1(METRIC_CHARS_READ)).singleValue().type(), SampleValue::UInt);
+    EXPECT_EQ(sample.metric(QString::fromLatin1(METRIC_CPU_TIME_PERCENT)).singleValue().to_double(), 99.5);
+    EXPECT_EQ(sample.backendOnly_cpuTime(100), 5000000ULL);
+    EXPECT_TRUE(sample.backendOnly_isSleeping(101));
+    EXPECT_EQ(sample.backendOnly_threadType(101), Sample::ParallelRegionThread);
+    EXPECT_EQ(sample.backendOnly_instruction(101), InstructionQuery(QStringLiteral("rep movsb"), true));
+    EXPECT_EQ(sample.threadMetrics(100).value(QString::fromLatin1(METRIC_INSTR_FP)), 40ul);
+    EXPECT_EQ(sample.backendOnly_liveThreads(), QSet<int>({ 100, 101, 102 }));
+    EXPECT_EQ(sample.libunwindErrorCodes(), QList<int>{ -3 });
+    EXPECT_TRUE(sample.isIgnored());
+
+    ProfilerPlayResponse play(1, false, 2, 3, {}, false, true, false, {});
+    play.setMetric(QStringLiteral("nan"), SampleValue(std::nan("")));
+    play.setMetric(QStringLiteral("tiny"), SampleValue(5e-324));
+    std::unique_ptr<Response> playCopy(rebuild(play.toString(), &error));
+    auto readPlay = dynamic_cast<ProfilerPlayResponse*>(playCopy.get());
+    ASSERT_TRUE(readPlay) << qPrintable(error);
+    EXPECT_TRUE(readPlay->notSelected());
+    EXPECT_TRUE(std::isnan(readPlay->metrics().value(QStringLiteral("nan")).to_double()));
+    EXPECT_EQ(readPlay->metrics().value(QStringLiteral("tiny")).to_double(), 5e-324);
+}
+
+TEST(Responses, ABlockOwnsItsSamplesUnlessReleased)
+{
+    Sample* kept = new Sample;
+    kept->backendOnly_setTimestamp(1);
+    {
+        SampleBlockResponse block(1, 0);
+        block.addSample(kept);
+        block.clearAndReleaseSampleOwnership();
+        EXPECT_TRUE(block.samples().isEmpty());
+    }
+    EXPECT_EQ(kept->backendOnly_getTimestamp(), 1); // still alive
+    delete kept;
+
+    SampleBlockResponse block(1, 0);
+    block.addSample(richSample(5));
+    std::unique_ptr<Response> copy(block.clone());
+    auto cloned = static_cast<SampleBlockResponse*>(copy.get());
+    ASSERT_EQ(cloned->samples().size(), 1);
+    EXPECT_NE(cloned->samples().first(), block.samples().first());
+    EXPECT_TRUE(*cloned->samples().first() == *block.samples().first());
+}
+
+TEST(Responses, MalformedMessagesAreRefusedWithAReason)
+{
+    const char* const bad[] = {
+        "",
+        "not xml at all",
+        "<NoSuchResponse/>",
+        "<SendSamplesResponse rank=\"1\"/>",
+        "<SendSamplesResponse rank=\"x\" numSamples=\"1\"/>",
+        "<SendSamplesResponse rank=\"1\" numSamples=\"1\"/><SendSamplesResponse rank=\"1\" numSamples=\"1\"/>",
+        "<SendSamplesResponse rank=\"1\" numSamples=\"1\"/>trailing",
+        "<ProfilerProgressResponse status=\"9\" progress=\"1\" memory=\"1\"/>",
+        "<ProfilerProgressResponse status=\"3\" progress=\"1\" memory=\"70000\"/>",
+        "<SampleBlockResponse blockSize=\"1\" blockNumber=\"0\"><sample rank=\"0\" t=\"soon\"/></SampleBlockResponse>",
+        "<SampleBlockResponse blockSize=\"1\" blockNumber=\"0\"><sample rank=\"0\"><thread tid=\"1\" type=\"7\" "
+        "cpu=\"0\"/></sample></SampleBlockResponse>",
+        "<SampleBlockResponse blockSize=\"1\" blockNumber=\"0\" profiledRanks=\"a-b\"/>",
+        "<HistogramBlockResponse blockSize=\"1\" blockNumber=\"0\" numBins=\"2\"><histogram bins=\"2\">"
+        "<metric id=\"m\">1,2,3</metric></histogram></HistogramBlockResponse>",
+        "<ProfilerPlayResponse rank=\"0\" samples=\"0\" duration=\"0\" stopReason=\"0\"><metric id=\"m\" v=\"q:1\"/>"
+        "</ProfilerPlayResponse>",
+        "<SendMetricsCollectedAtTheEndResponse><selfProfilePoints rank=\"0\"><point name=\"p\"><v>i:1</v></point>"
+        "</selfProfilePoints></SendMetricsCollectedAtTheEndResponse>",
+    };
+    for (const char* text : bad) {
+        QString error;
+        std::unique_ptr<Response> response(rebuild(QString::fromUtf8(text), &error));
+        EXPECT_FALSE(response) << text;
+        EXPECT_FALSE(error.isEmpty()) << text;
+    }
+}
+
+TEST(Responses, AMessageCutAnywhereIsRefused)
+{
+    for (const auto& original : everyResponse()) {
+        const QString text = original->toString().trimmed();
+        for (int length = 0; length < text.size(); ++length) {
+            QString error;
+            std::unique_ptr<Response> response(rebuild(text.left(length), &error));
+            EXPECT_FALSE(response) << qPrintable(text.left(length));
+            EXPECT_FALSE(error.isEmpty());
+        }
+    }
+}
+
+TEST(Responses, DebuggerStatusTravelsToo)
+{
+    StatusResponse status(StatusResponse::TargetGone);
+    StatusResponse copy;
+    QString error;
+    ASSERT_TRUE(copy.fromString(status.toString(), &error)) << qPrintable(error);
+    EXPECT_EQ(copy.getState(), 1);
+    EXPECT_FALSE(copy.fromString(QStringLiteral("<SendHistogramsResponse/>"), &error));
+}
+
+} // namespace
