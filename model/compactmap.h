@@ -88,6 +88,16 @@ protected:
     }
     void setSimple(const CompactMap& other, bool counted);
     iterator lookup(K key);
+    // The first range that begins at or after key. Merging ranks in order
+    // sets past the last range most of the time, so that case skips the
+    // search of the tree.
+    iterator lowerBound(K key)
+    {
+        Ranges& m = d->mRanges;
+        if (!m.empty() && std::prev(m.end())->first.begin < key)
+            return m.end();
+        return m.lower_bound(Range(key, key));
+    }
     iterator endUpperBound(const Range& r);
     void noteSet(const Range& r, bool counted);
 
@@ -114,7 +124,7 @@ template <typename K, typename V>
 typename CompactMap<K, V>::iterator CompactMap<K, V>::endUpperBound(const Range& r)
 {
     Ranges& m = d->mRanges;
-    iterator it = m.lower_bound(Range(r.end, r.end));
+    iterator it = lowerBound(r.end);
     if (it != m.begin()) {
         iterator before = std::prev(it);
         if (before->first.end > r.end)
@@ -156,7 +166,7 @@ void CompactMap<K, V>::set(const Range& r, V value, bool counted)
     noteSet(r, counted);
 
     Ranges& m = d->mRanges;
-    iterator first = m.lower_bound(r);
+    iterator first = lowerBound(r.begin);
     iterator prev = first == m.begin() ? m.end() : std::prev(first);
     if (prev != m.end() && prev->first.end >= r.end && prev->second == value)
         return;
