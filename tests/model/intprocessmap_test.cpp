@@ -29,35 +29,29 @@ IntProcessMap separateRanks(int count, int firstRank, bool brief)
 
 TEST(IntProcessMap, SetSplitsJoinsAndCuts)
 {
-    IntProcessMap map;
-    map.set(0, 10, 1, true);
-    map.set(5, 6, 2, true);
-    EXPECT_EQ(text(map), QStringLiteral("0-4=1,5=2,6-9=1"));
+    const struct
+    {
+        const char* start;
+        int begin, end, value;
+        const char* expected;
+    } cases[] = {
+        {"0-9=1", 5, 6, 2, "0-4=1,5=2,6-9=1"}, // split
+        {"0-9=1", 5, 6, 1, "0-9=1"},           // already so
+        {"5-9=1", 0, 5, 1, "0-9=1"},           // touching, same value: joined
+        {"5-9=1", 0, 5, 2, "0-4=2,5-9=1"},     // touching, other value: apart
+        {"0-4=1,5-9=2", 3, 7, 3, "0-2=1,3-6=3,7-9=2"},
+        {"0-2=1,3-6=3,7-9=2", 2, 8, 1, "0-7=1,8-9=2"},
+    };
+    for (const auto& c : cases) {
+        IntProcessMap map{QString::fromLatin1(c.start)};
+        map.set(c.begin, c.end, c.value, true);
+        EXPECT_EQ(text(map), QString::fromLatin1(c.expected)) << c.start;
+    }
 
-    IntProcessMap same;
-    same.set(0, 10, 1, true);
-    same.set(5, 6, 1, true);
-    EXPECT_EQ(same.rangeCount(), 1);
-
-    IntProcessMap touching;
-    touching.set(5, 10, 1, true);
-    touching.set(0, 5, 1, true);
-    EXPECT_EQ(text(touching), QStringLiteral("0-9=1"));
-    touching.set(10, 12, 2, true);
-    EXPECT_EQ(text(touching), QStringLiteral("0-9=1,10-11=2"));
-
-    // Overlapping both neighbours with a third value cuts each of them.
-    IntProcessMap cut(QStringLiteral("0-4=1,5-9=2"));
-    cut.set(3, 7, 3, true);
-    EXPECT_EQ(text(cut), QStringLiteral("0-2=1,3-6=3,7-9=2"));
-    // And with the left neighbour's value it joins that one.
-    cut.set(2, 8, 1, true);
-    EXPECT_EQ(text(cut), QStringLiteral("0-7=1,8-9=2"));
-
-    EXPECT_TRUE(cut.contains(R(0, 10)));  // touching ranges of different value
-    cut.set(12, 13, 4, true);
-    EXPECT_FALSE(cut.contains(R(9, 13))); // a gap
-    EXPECT_TRUE(cut.contains(R(3, 3)));
+    const IntProcessMap map(QStringLiteral("0-7=1,8-9=2,12=4"));
+    EXPECT_TRUE(map.contains(R(0, 10)));  // touching ranges of different value
+    EXPECT_FALSE(map.contains(R(9, 13))); // a gap
+    EXPECT_TRUE(map.contains(R(3, 3)));
 }
 
 TEST(IntProcessMap, MatchesAPlainMapUnderRandomSetAndAdd)
@@ -88,18 +82,13 @@ TEST(IntProcessMap, MatchesAPlainMapUnderRandomSetAndAdd)
             }
             // Canonical: non-empty, ascending, disjoint, and touching ranges
             // differ in value.
-            const R* previous = nullptr;
-            int previousValue = 0;
-            for (const auto& entry : map) {
-                ASSERT_LT(entry.first.begin, entry.first.end);
-                if (previous) {
-                    ASSERT_GE(entry.first.begin, previous->end);
-                    if (entry.first.begin == previous->end) {
-                        ASSERT_NE(entry.second, previousValue);
-                    }
+            for (auto it = map.begin(); it != map.end(); ++it) {
+                ASSERT_LT(it->first.begin, it->first.end);
+                if (it != map.begin()) {
+                    const auto before = std::prev(it);
+                    ASSERT_TRUE(before->first.end < it->first.begin
+                                || (before->first.end == it->first.begin && before->second != it->second));
                 }
-                previous = &entry.first;
-                previousValue = entry.second;
             }
             int total = 0;
             for (const auto& kv : reference) {
@@ -170,8 +159,7 @@ TEST(IntProcessMap, MergingKeepsPerRankCountsAndTotals)
     // Merging elided maps adds their sizes and totals.
     IntProcessMap left = separateRanks(15, 0, true);
     IntProcessMap right = separateRanks(15, 100, true);
-    const int leftTotal = left.total();
-    ASSERT_EQ(leftTotal, 120);
+    ASSERT_EQ(left.total(), 120);
     left.set(right, true);
     EXPECT_EQ(left.sizeLowerBound(), 30);
     EXPECT_EQ(left.total(), 240);

@@ -1,11 +1,8 @@
 #include "internstringcache.h"
 #include "position.h"
-#include "saxhandler.h"
 
 #include <gtest/gtest.h>
 
-#include <QStringList>
-#include <QXmlStreamReader>
 
 TEST(PathString, FileNamesEqual)
 {
@@ -37,18 +34,6 @@ TEST(PathString, FileNamesEqual)
     EXPECT_EQ(PathString(QStringLiteral("/x/y/z.cpp")).fileName(), QStringLiteral("z.cpp"));
 }
 
-TEST(Position, ConstructionAndDisplay)
-{
-    const Position fromPath(QStringLiteral("f"), PathString(QStringLiteral("/s/f.c")), 9, -1);
-    EXPECT_EQ(fromPath, Position(QStringLiteral("f"), QStringLiteral("/s/f.c"), 9, -1));
-    EXPECT_EQ(fromPath.displayName(), QStringLiteral("f (/s/f.c:9)"));
-    EXPECT_EQ(Position(QStringLiteral("g")).displayName(), QStringLiteral("g"));
-    const Position location(QStringLiteral("k.cu"), 4, -1);
-    EXPECT_TRUE(location.function.isEmpty());
-    EXPECT_EQ(location.displayName(), QStringLiteral("k.cu:4"));
-    EXPECT_FALSE(Position(QStringLiteral("h")).hasFileAndLine());
-}
-
 TEST(InternStringCache, EqualStringsShareStorage)
 {
     InternStringCache cache;
@@ -59,47 +44,4 @@ TEST(InternStringCache, EqualStringsShareStorage)
     EXPECT_EQ(cache.size(), 1);
     EXPECT_NE(cache.intern(QStringLiteral("other")).constData(), first.constData());
     EXPECT_EQ(cache.size(), 2);
-}
-
-TEST(SaxHandler, ParseElementFeedsTheHandler)
-{
-    struct Recorder : SaxHandler
-    {
-        QStringList events;
-        Recorder* nested = nullptr;
-        ~Recorder() override { delete nested; }
-        SaxHandler* getNestedStruct(const QString& name) override
-        {
-            if (name != QLatin1String("child"))
-                return nullptr;
-            nested = new Recorder;
-            return nested;
-        }
-        void nestedResponse(const QString& name, SaxHandler*) override { events << QStringLiteral("nested ") + name; }
-        void readAttributes(const QString& name, const SaxAttributes& attributes) override
-        {
-            events << name + QLatin1Char(' ') + attributes.value(QStringLiteral("id")) + QLatin1Char(' ')
-                    + QString::number(attributes.count());
-        }
-        void readParam(const QString& name, const QString& value) override { events << name + QLatin1Char('=') + value; }
-        void readListItem(const QString& list, const QString& value) override { events << list + QLatin1Char('+') + value; }
-    };
-
-    QXmlStreamReader reader(QStringLiteral(
-        "<top id=\"7\" x=\"1\"><name>abc</name><items><i>1</i><i>2</i></items><child id=\"c\"><deep>d</deep></child></top>"));
-    ASSERT_TRUE(reader.readNextStartElement());
-    Recorder top;
-    QString error;
-    ASSERT_TRUE(top.parseElement(reader, &error)) << error.toStdString();
-    EXPECT_EQ(top.events,
-              QStringList({QStringLiteral("top 7 2"), QStringLiteral("name=abc"), QStringLiteral("items+1"),
-                           QStringLiteral("items+2"), QStringLiteral("nested child")}));
-    ASSERT_TRUE(top.nested);
-    EXPECT_EQ(top.nested->events, QStringList({QStringLiteral("child c 1"), QStringLiteral("deep=d")}));
-
-    QXmlStreamReader broken(QStringLiteral("<top><name>abc</na"));
-    ASSERT_TRUE(broken.readNextStartElement());
-    Recorder other;
-    EXPECT_FALSE(other.parseElement(broken, &error));
-    EXPECT_FALSE(error.isEmpty());
 }
