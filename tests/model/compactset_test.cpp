@@ -35,63 +35,39 @@ CompactSet<int> separateRanges(int count, bool brief)
 
 TEST(CompactSet, InsertJoinsTouchingAndOverlappingRanges)
 {
-    CompactSet<int> set;
-    set.insert(R(0, 1), true);
-    set.insert(R(1, 2), true);
-    EXPECT_EQ(rangesOf(set), list({R(0, 2)}));
-
-    set.insert(R(5, 8), true);
-    set.insert(R(7, 10), true);
-    EXPECT_EQ(rangesOf(set), list({R(0, 2), R(5, 10)}));
-
-    // Touching on the right only.
-    set.insert(R(3, 5), true);
-    EXPECT_EQ(rangesOf(set), list({R(0, 2), R(3, 10)}));
-
-    // Bridging two ranges joins all three.
-    set.insert(R(2, 3), true);
-    EXPECT_EQ(rangesOf(set), list({R(0, 10)}));
-
-    // Already inside: nothing changes.
-    set.insert(R(5, 6), true);
-    EXPECT_EQ(rangesOf(set), list({R(0, 10)}));
-
-    CompactSet<int> spread;
-    spread.insert(R(2, 3), true);
-    spread.insert(R(5, 6), true);
-    spread.insert(R(0, 10), true);
-    EXPECT_EQ(rangesOf(spread), list({R(0, 10)}));
-
-    CompactSet<int> same;
-    same.insert(R(4, 6), true);
-    same.insert(R(4, 9), true);
-    same.insert(R(4, 5), true);
-    EXPECT_EQ(rangesOf(same), list({R(4, 9)}));
+    const struct
+    {
+        std::vector<R> inserts;
+        const char* expected;
+    } cases[] = {
+        {{R(0, 1), R(1, 2)}, "0-1"},                   // touching
+        {{R(5, 8), R(7, 10)}, "5-9"},                  // overlapping
+        {{R(5, 8), R(2, 5)}, "2-7"},                   // touching on the right
+        {{R(0, 2), R(5, 10), R(2, 5)}, "0-9"},         // bridging two ranges
+        {{R(0, 10), R(5, 6)}, "0-9"},                  // already inside
+        {{R(2, 3), R(5, 6), R(0, 10)}, "0-9"},         // covering several
+        {{R(4, 6), R(4, 9), R(4, 5)}, "4-8"},          // same begin
+        {{R(0, 2), R(8, 9), R(4, 5), R(3, 3)}, "0-1,4,8"},
+    };
+    for (const auto& c : cases) {
+        CompactSet<int> set;
+        for (const R& r : c.inserts)
+            set.insert(r, true);
+        EXPECT_EQ(set.toString(), QString::fromLatin1(c.expected));
+    }
 }
 
 TEST(CompactSet, EraseSplitsAndTrims)
 {
+    // Erasing in general is checked against a plain set below.
     CompactSet<unsigned long long> set;
     set.insert(U(0, 10), true);
     set.erase(U(3, 4));
     EXPECT_EQ(set.rangeCount(), 2);
-    EXPECT_TRUE(set.contains(U(0, 3)));
-    EXPECT_TRUE(set.contains(U(4, 10)));
-    EXPECT_FALSE(set.contains(3ULL));
+    EXPECT_TRUE(set.contains(U(0, 3)) && set.contains(U(4, 10)));
     EXPECT_FALSE(set.contains(U(2, 5)));
-    EXPECT_TRUE(set.contains(U(7, 7)));
-
-    set.erase(U(2, 6)); // trims both neighbours
-    EXPECT_TRUE(set.contains(U(0, 2)));
-    EXPECT_TRUE(set.contains(U(6, 10)));
-    EXPECT_EQ(set.sizeLowerBound(), 6);
-
-    set.erase(U(5, 20)); // past both ends of [6,10)
-    EXPECT_EQ(set.rangeCount(), 1);
-    EXPECT_TRUE(set.contains(U(0, 2)));
-
     EXPECT_EQ(set.end_upper_bound(U(0, 1)), set.begin());
-    EXPECT_EQ(set.end_upper_bound(U(0, 2)), set.end());
+    EXPECT_EQ(set.end_upper_bound(U(0, 3)), std::next(set.begin()));
 }
 
 TEST(CompactSet, MatchesAPlainSetUnderRandomInsertAndErase)
@@ -113,15 +89,9 @@ TEST(CompactSet, MatchesAPlainSetUnderRandomInsertAndErase)
                     reference.insert(v);
             }
             // Canonical: non-empty, ascending, neither overlapping nor touching.
-            unsigned long long previousEnd = 0;
-            bool firstRange = true;
-            for (const U& r : set) {
-                ASSERT_LT(r.begin, r.end);
-                if (!firstRange) {
-                    ASSERT_GT(r.begin, previousEnd);
-                }
-                previousEnd = r.end;
-                firstRange = false;
+            for (auto it = set.begin(); it != set.end(); ++it) {
+                ASSERT_LT(it->begin, it->end);
+                ASSERT_TRUE(it == set.begin() || std::prev(it)->end < it->begin);
             }
             ASSERT_EQ(set.sizeLowerBound(), int(reference.size()));
             for (unsigned long long v = 0; v < 95; ++v)
@@ -141,11 +111,6 @@ TEST(CompactSet, CopiesAreIsolated)
     copy.setBrief(true);
     EXPECT_EQ(rangesOf(original), list({R(0, 4)}));
     EXPECT_FALSE(original.isBrief());
-
-    CompactSet<int> second(original);
-    original.insert(R(4, 6), true);
-    EXPECT_EQ(rangesOf(second), list({R(0, 4)}));
-    EXPECT_EQ(rangesOf(original), list({R(0, 6)}));
 
     // minus leaves its operand alone and shares when there is nothing to take.
     CompactSet<unsigned long long> addresses;
@@ -230,22 +195,18 @@ TEST(CompactSet, InsertingSetsKeepsTotalsAndSpreadsModes)
 
 TEST(CompactSet, StringFormReadsBack)
 {
-    CompactSet<int> set(QStringLiteral("0-3,7"));
-    EXPECT_EQ(rangesOf(set), list({R(0, 4), R(7, 8)}));
-    EXPECT_EQ(set.toString(), QStringLiteral("0-3,7"));
-
+    EXPECT_EQ(rangesOf(CompactSet<int>(QStringLiteral("0-3,7"))), list({R(0, 4), R(7, 8)}));
     CompactSet<int> elided(QStringLiteral("0-3,.../>42"));
     EXPECT_TRUE(elided.isElided());
     EXPECT_FALSE(elided.isBrief());
     EXPECT_TRUE(elided.countIsLowerBound());
     EXPECT_EQ(elided.count(), 42);
-    EXPECT_EQ(elided.toString(), QStringLiteral("0-3,.../>42"));
 
     // Written sets read back equal, plain and elided alike. The string form
     // doesn't carry the brief flag, so compare what it does carry.
     CompactSet<int> big = separateRanges(15, true);
     big.insert(R(-10, -5), true);
-    for (const CompactSet<int>& original : {separateRanges(15, false), big, CompactSet<int>(QStringLiteral("-5--2,4"))}) {
+    for (const CompactSet<int>& original : {separateRanges(15, false), big, elided, CompactSet<int>(QStringLiteral("-5--2,4"))}) {
         CompactSet<int> back;
         ASSERT_TRUE(back.fromString(original.toString(), nullptr)) << original.toString().toStdString();
         EXPECT_EQ(rangesOf(back), rangesOf(original));
@@ -253,38 +214,29 @@ TEST(CompactSet, StringFormReadsBack)
         EXPECT_EQ(back.sizeLowerBound(), original.sizeLowerBound());
         EXPECT_EQ(back.toString(), original.toString());
     }
-    EXPECT_EQ(big.toString().count(QLatin1Char(',')), BRIEF_RANGE_LIMIT);
 
-    // Taken as written: no joining.
+    // Taken as written: no joining. A count of 0 after the dots means the
+    // stored size. The tail ends the parse.
     EXPECT_EQ(CompactSet<int>(QStringLiteral("0-1,2")).rangeCount(), 2);
-    EXPECT_EQ(rangesOf(CompactSet<int>(QStringLiteral("-5"))), list({R(-5, -4)}));
+    EXPECT_EQ(CompactSet<int>(QStringLiteral("0-3,.../0")).sizeLowerBound(), 4);
+    CompactSet<int> bound;
+    EXPECT_TRUE(bound.fromString(QStringLiteral("3,/>,junk"), nullptr));
+    EXPECT_TRUE(bound.countIsLowerBound());
+    EXPECT_EQ(bound.rangeCount(), 1);
+    CompactSet<int> slash;
+    slash.setBrief(true);
+    EXPECT_TRUE(slash.fromString(QStringLiteral("/"), nullptr));
+    EXPECT_FALSE(slash.isBrief() || slash.isElided() || slash.countIsLowerBound());
 }
 
-TEST(CompactSet, StringFormRejectsBadTokensAndReadsTails)
+TEST(CompactSet, StringFormRejectsBadTokens)
 {
     QString bad = QStringLiteral("unset");
     CompactSet<int> set;
     EXPECT_FALSE(set.fromString(QStringLiteral("a"), &bad));
     EXPECT_EQ(bad, QStringLiteral("a"));
-
     CompactSet<int> gap;
     EXPECT_FALSE(gap.fromString(QStringLiteral("1,,2"), &bad));
     EXPECT_TRUE(bad.isEmpty());
     EXPECT_EQ(rangesOf(gap), list({R(1, 2)})); // what came before stays
-
-    CompactSet<int> slash;
-    slash.setBrief(true);
-    EXPECT_TRUE(slash.fromString(QStringLiteral("/"), nullptr));
-    EXPECT_FALSE(slash.isBrief());
-    EXPECT_FALSE(slash.isElided());
-    EXPECT_FALSE(slash.countIsLowerBound());
-
-    CompactSet<int> bound;
-    EXPECT_TRUE(bound.fromString(QStringLiteral("3,/>,junk"), nullptr)); // the tail ends the parse
-    EXPECT_TRUE(bound.countIsLowerBound());
-    EXPECT_EQ(bound.rangeCount(), 1);
-
-    // A count of 0 after the dots means the stored size.
-    EXPECT_EQ(CompactSet<int>(QStringLiteral("0-3,.../0")).sizeLowerBound(), 4);
-    EXPECT_TRUE(CompactSet<int>().fromString(QString(), nullptr));
 }
