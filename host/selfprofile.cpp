@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "envswitch.h"
-#include "sysmeminfo.h"
+#include "preloadsamplesourceutils.h"
 #include "tharninterface.h"
 
 SelfProfile::SelfProfile(TharnInterface& host, const QString& name)

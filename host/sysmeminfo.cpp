@@ -1,11 +1,9 @@
-#include "sysmeminfo.h"
+#include "preloadsamplesourceutils.h"
 
 #include <QFile>
 #include <QRegExp>
 
-namespace PreloadSampleSourceUtils {
-
-QStringList readSysMemInfo()
+QStringList PreloadSampleSourceUtils::readSysMemInfo()
 {
     QFile file(QStringLiteral("/proc/meminfo"));
     if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
@@ -13,7 +11,7 @@ QStringList readSysMemInfo()
     return QString::fromLocal8Bit(file.readAll()).split(QLatin1Char('\n'), Qt::KeepEmptyParts);
 }
 
-void parseSysMemInfo(const QStringList& lines, unsigned long long& total, unsigned long long& free)
+void PreloadSampleSourceUtils::parseSysMemInfo(const QStringList& lines, unsigned long long& total, unsigned long long& free)
 {
     static const QRegExp blanks(QStringLiteral("\\s+"));
     unsigned long long memFree = 0;
@@ -36,7 +34,7 @@ void parseSysMemInfo(const QStringList& lines, unsigned long long& total, unsign
     free = memFree + buffers + cached;
 }
 
-short calcSysMemUsage(const QStringList& lines)
+short PreloadSampleSourceUtils::calcSysMemUsage(const QStringList& lines)
 {
     unsigned long long total = 0;
     unsigned long long free = 0;
@@ -45,5 +43,3 @@ short calcSysMemUsage(const QStringList& lines)
         return 0;
     return short((total - free) * 100.0 / total);
 }
-
-} // namespace PreloadSampleSourceUtils

@@ -13,12 +13,12 @@
 #include "command.h"
 #include "envswitch.h"
 #include "fakehost.h"
+#include "preloadsamplesourceutils.h"
 #include "selfprofile.h"
-#include "sysmeminfo.h"
 
 namespace {
 
-using namespace PreloadSampleSourceUtils;
+typedef PreloadSampleSourceUtils Utils;
 
 // VmRSS of a process in kiB, as the kernel words it in the status file.
 long vmRss(int pid)
@@ -156,33 +156,33 @@ TEST(SysMemInfo, ParsesTheLinesThatCount)
     };
     unsigned long long total = 0;
     unsigned long long free = 0;
-    parseSysMemInfo(lines, total, free);
+    Utils::parseSysMemInfo(lines, total, free);
     EXPECT_EQ(total, 1000u);
     // The later MemFree line wins; SwapCached and MemAvailable don't count.
     EXPECT_EQ(free, 400u);
-    EXPECT_EQ(calcSysMemUsage(lines), 60);
+    EXPECT_EQ(Utils::calcSysMemUsage(lines), 60);
 
     total = 7;
-    parseSysMemInfo(QStringList{ QStringLiteral("MemFree: 5 kB") }, total, free);
+    Utils::parseSysMemInfo(QStringList{ QStringLiteral("MemFree: 5 kB") }, total, free);
     EXPECT_EQ(total, 7u);
     EXPECT_EQ(free, 5u);
 }
 
 TEST(SysMemInfo, UsageIsZeroWhenTheLinesDontTell)
 {
-    EXPECT_EQ(calcSysMemUsage(QStringList()), 0);
-    EXPECT_EQ(calcSysMemUsage({ QStringLiteral("MemTotal: 100 kB"), QStringLiteral("MemFree: 150 kB") }), 0);
-    EXPECT_EQ(calcSysMemUsage({ QStringLiteral("MemTotal: 100 kB"), QStringLiteral("Cached: 100 kB") }), 0);
-    EXPECT_EQ(calcSysMemUsage({ QStringLiteral("MemTotal: 300 kB"), QStringLiteral("MemFree: 1 kB") }), 99);
+    EXPECT_EQ(Utils::calcSysMemUsage(QStringList()), 0);
+    EXPECT_EQ(Utils::calcSysMemUsage({ QStringLiteral("MemTotal: 100 kB"), QStringLiteral("MemFree: 150 kB") }), 0);
+    EXPECT_EQ(Utils::calcSysMemUsage({ QStringLiteral("MemTotal: 100 kB"), QStringLiteral("Cached: 100 kB") }), 0);
+    EXPECT_EQ(Utils::calcSysMemUsage({ QStringLiteral("MemTotal: 300 kB"), QStringLiteral("MemFree: 1 kB") }), 99);
 }
 
 TEST(SysMemInfo, ReadsThisNode)
 {
-    const QStringList lines = readSysMemInfo();
+    const QStringList lines = Utils::readSysMemInfo();
     ASSERT_FALSE(lines.isEmpty());
     EXPECT_TRUE(lines.first().startsWith(QStringLiteral("MemTotal:")));
     EXPECT_TRUE(lines.last().isEmpty());
-    const short usage = calcSysMemUsage(lines);
+    const short usage = Utils::calcSysMemUsage(lines);
     EXPECT_GT(usage, 0);
     EXPECT_LT(usage, 100);
 }
