@@ -23,10 +23,17 @@ public:
             execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
             _exit(127);
         }
-        // The name and parent only show once the child has exec'd; wait
-        // until its command line says so.
+        // The name and parent only show once the child has exec'd, and its
+        // memory only settles once it sleeps: wait for both.
         for (int i = 0; i < 2000 && !hasExeced(); ++i)
             usleep(1000);
+        long previous = -1;
+        for (int i = 0, steady = 0; i < 2000 && steady < 3; ++i) {
+            const long resident = residentPages();
+            steady = isSleeping() && resident == previous ? steady + 1 : 0;
+            previous = resident;
+            usleep(2000);
+        }
     }
     ~ChildProcess() { reap(); }
 
@@ -53,11 +60,37 @@ public:
     bool reaped() const { return mReaped; }
 
 private:
+    long residentPages() const
+    {
+        long size = 0;
+        long resident = -1;
+        FILE* file = fopen(procPath("statm").c_str(), "r");
+        if (file) {
+            if (fscanf(file, "%ld %ld", &size, &resident) != 2)
+                resident = -1;
+            fclose(file);
+        }
+        return resident;
+    }
+    bool isSleeping() const
+    {
+        char state = '?';
+        FILE* file = fopen(procPath("stat").c_str(), "r");
+        if (file) {
+            // "pid (comm) state ...": sleep's name holds no parenthesis.
+            if (fscanf(file, "%*d (%*[^)]) %c", &state) != 1)
+                state = '?';
+            fclose(file);
+        }
+        return state == 'S';
+    }
+    std::string procPath(const char* entry) const
+    {
+        return "/proc/" + std::to_string(mPid) + "/" + entry;
+    }
     bool hasExeced() const
     {
-        char path[64];
-        snprintf(path, sizeof path, "/proc/%d/cmdline", int(mPid));
-        FILE* file = fopen(path, "r");
+        FILE* file = fopen(procPath("cmdline").c_str(), "r");
         if (!file)
             return false;
         char word[16] = {};
