@@ -4,6 +4,7 @@
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include "xmlreading.h"
 #include "xmlvalues.h"
 
 Response::~Response() = default;
@@ -60,7 +61,7 @@ bool Response::merge(const Response&)
 
 bool Response::readNextStartElement(QXmlStreamReader& reader)
 {
-    return reader.readNextStartElement();
+    return ::readNextStartElement(reader);
 }
 
 ResponseFactoryPlugin::~ResponseFactoryPlugin() = default;
