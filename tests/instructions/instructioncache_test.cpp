@@ -59,7 +59,7 @@ void layOutProgram(ScriptedDisassembler& code)
                QStringLiteral("main"));
     code.place(0x40107c, {plain(4, "nopl", "0x0(%rax)")});
     code.place(0x401080, {plain(5, "mov", "$0xffffffff,%eax"), branch(I::Jump, 2, "jmp", "main_out")}, QStringLiteral("main.cold"));
-    code.fill(0x401087, 0x402000);
+    code.place(0x401087, QVector<I>(0x402000 - 0x401087, plain(1, "int3", "")));
     code.resolve();
 }
 
@@ -73,7 +73,7 @@ Previous expectedPrevious(const ScriptedDisassembler& code, unsigned long long p
         return Previous();
     const auto& placed = code.placed();
     const auto at = std::prev(placed.upperBound(pc));
-    const auto function = code.functions().at(at->function).bytes;
+    const auto function = code.functionAt(pc)->bytes;
     auto answer = [](const I& p, bool viaJump) { return Previous(p.address, p.mnemonic, viaJump, p.implicitMemory); };
     if (at.key() != pc || pc == function.begin)
         return answer(*at, false);
@@ -111,7 +111,7 @@ TEST_P(ProgramCounters, EachGetsTheInstructionThatRanBeforeIt)
     // instruction and unreadable bytes below and above the code.
     QList<unsigned long long> pcs;
     for (const I& p : code.placed()) {
-        if (p.function >= 0)
+        if (code.functionAt(p.address))
             pcs.append(p.address);
     }
     pcs << code.address(QStringLiteral("sum_loop")) - 4 << 0x400800 << 0x402800 << 0x402840;
@@ -239,21 +239,7 @@ TEST(InstructionCache, OnlyNearBackwardJumpsAndShortInstructionsCount)
     EXPECT_EQ(previous(cache, 0x500011, Forbidden), "0x500001 'vpxord'");
 }
 
-TEST(InstructionCache, DisassembleGivesTheInstructionsOfARange)
-{
-    ScriptedDisassembler code;
-    layOutProgram(code);
-    InstructionCache cache(&code);
-    const QMap<unsigned long long, Instruction> fill = cache.disassemble(0x401020, 0x2a);
-    ASSERT_EQ(fill.size(), 16);
-    EXPECT_EQ(fill.first().toString(0x401020), QStringLiteral("*0x401020 push %rbx"));
-    EXPECT_EQ(fill.value(0x40103d).operands, QStringLiteral("0x40102f <fill+0xf>"));
-    const int asked = code.requests.size();
-    EXPECT_EQ(cache.disassemble(0x401020, 0x2a).keys(), fill.keys());
-    EXPECT_EQ(code.requests.size(), asked);
-}
-
-TEST(InstructionCache, LogsToADirectoryNamedByTheSwitch)
+TEST(InstructionCache, DisassembleAndItsLog)
 {
     QTemporaryDir directory;
     setenv("ZOR_DISASSEMBLY_LOGS", QFile::encodeName(directory.path()).constData(), 1);
@@ -262,8 +248,13 @@ TEST(InstructionCache, LogsToADirectoryNamedByTheSwitch)
         ScriptedDisassembler code(5);
         layOutProgram(code);
         InstructionCache cache(&code);
+        const QMap<unsigned long long, Instruction> fill = cache.disassemble(0x401020, 0x2a);
+        EXPECT_EQ(fill.size(), 16);
+        EXPECT_EQ(fill.first().toString(0x401020), QStringLiteral("*0x401020 push %rbx"));
+        EXPECT_EQ(cache.disassemble(0x401020, 0x2a).keys(), fill.keys());
         cache.previousAddressAndInstruction(0x401010, Allowed);
         cache.previousAddressAndInstruction(0x402800, Allowed);
+        EXPECT_TRUE(code.violations.isEmpty()) << code.violations.join(QLatin1Char('\n')).toStdString();
     }
     // A log directory that doesn't exist logs nothing.
     setenv("ZOR_DISASSEMBLY_LOGS", "/nonexistent/zor-logs", 1);
@@ -277,8 +268,7 @@ TEST(InstructionCache, LogsToADirectoryNamedByTheSwitch)
     ASSERT_TRUE(log.open(QIODevice::ReadOnly));
     const QString text = QString::fromLocal8Bit(log.readAll());
     for (const char* line : {"... Found jump to 0x401010 from 0x40101b\n", "... Updated jump to 0x40102f to be from 0x40103d (was 0x40103d)\n",
-                             "... Adding symbol at 0x4198400\n" /* decimal, as the log has it */, "call:1 [range 0x401000 0x401011][function end 0x40101e] bytes:30B (+30B) time:",
-                             "first disassemble, entire function (range end not used)",
+                             "... Adding symbol at 0x4198400\n" /* decimal, as the log has it */,
                              "Blacklisting bad address range: 0x402800 - 0x402be8 (no data)"})
         EXPECT_TRUE(text.contains(QString::fromLatin1(line))) << line;
 }

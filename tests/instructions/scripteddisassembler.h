@@ -6,11 +6,9 @@
 #ifndef ZOR_TESTS_SCRIPTEDDISASSEMBLER_H
 #define ZOR_TESTS_SCRIPTEDDISASSEMBLER_H
 
-#include <QList>
 #include <QMap>
 #include <QStringList>
 #include <QVector>
-#include <stdexcept>
 
 #include "compactset.h"
 #include "disassembler.h"
@@ -29,10 +27,9 @@ struct ScriptedInstruction
     Kind kind = Plain;
     QString target;
     bool implicitMemory = false;
-    // Filled in when placed: -1 for padding and filler.
+    // Filled in when laid out.
     unsigned long long address = 0;
     unsigned long long targetAddress = 0;
-    int function = -1;
 };
 
 class ScriptedDisassembler : public Disassembler
@@ -59,20 +56,12 @@ public:
             if (!instruction.label.isEmpty())
                 mLabels.insert(instruction.label, address);
             instruction.address = address;
-            instruction.function = function.isEmpty() ? -1 : mFunctions.size();
-            if (mPlaced.contains(address))
-                throw std::logic_error("two instructions at one address");
             mPlaced.insert(address, instruction);
             address += instruction.length;
         }
         if (!function.isEmpty())
-            mFunctions.append(Function{function, Range(start, address)});
+            mFunctions.insert(start, Function{function, Range(start, address)});
         mReadable.insert(Range(start, address), true);
-    }
-    // One-byte "int3" from `start` to `end`, outside any function.
-    void fill(unsigned long long start, unsigned long long end)
-    {
-        place(start, QVector<ScriptedInstruction>(int(end - start), ScriptedInstruction{QString(), 1, QStringLiteral("int3"), QString(), ScriptedInstruction::Plain, QString()}));
     }
     // Puts the labelled addresses into the operands; call once all is laid out.
     void resolve()
@@ -80,23 +69,24 @@ public:
         for (ScriptedInstruction& placed : mPlaced) {
             if (placed.target.isEmpty())
                 continue;
-            if (!mLabels.contains(placed.target))
-                throw std::logic_error("unknown label");
             const unsigned long long target = placed.targetAddress = mLabels.value(placed.target);
+            const Function* f = functionAt(target);
             QString decorated = QStringLiteral("0x%1").arg(target, 0, 16);
-            const int function = functionAt(target);
-            if (function >= 0) {
-                const Function& f = mFunctions.at(function);
-                decorated += target == f.bytes.begin ? QStringLiteral(" <%1>").arg(f.name)
-                                                     : QStringLiteral(" <%1+0x%2>").arg(f.name).arg(target - f.bytes.begin, 0, 16);
-            }
+            if (f && target == f->bytes.begin)
+                decorated += QStringLiteral(" <%1>").arg(f->name);
+            else if (f)
+                decorated += QStringLiteral(" <%1+0x%2>").arg(f->name).arg(target - f->bytes.begin, 0, 16);
             placed.operands.replace(QStringLiteral("{%1}").arg(placed.target), decorated);
         }
     }
 
     const QMap<unsigned long long, ScriptedInstruction>& placed() const { return mPlaced; }
-    const QList<Function>& functions() const { return mFunctions; }
     unsigned long long address(const QString& label) const { return mLabels.value(label); }
+    const Function* functionAt(unsigned long long address) const
+    {
+        auto it = mFunctions.upperBound(address);
+        return it != mFunctions.constBegin() && address < std::prev(it)->bytes.end ? &*std::prev(it) : nullptr;
+    }
 
     // Whether a straight run of bytes tells where functions start, as a
     // request for a whole function always does.
@@ -116,25 +106,25 @@ public:
             if (mProbed.contains(start) || mCovered.contains(start))
                 violations.append(QStringLiteral("function at 0x%1 asked again").arg(start, 0, 16));
             mProbed.insert(Range(start, start + 1), true);
-            const int function = functionAt(start);
-            if (function < 0)
+            const Function* f = functionAt(start);
+            if (!f)
                 return result;
-            const Range bytes = mFunctions.at(function).bytes;
-            for (auto it = mPlaced.lowerBound(bytes.begin); it != mPlaced.constEnd() && it.key() < bytes.end; ++it)
+            for (auto it = mPlaced.lowerBound(f->bytes.begin); it != mPlaced.constEnd() && it.key() < f->bytes.end; ++it)
                 result.insert(it.key(), instructionAt(*it, true));
-            mCovered.insert(bytes, true);
-            *end = bytes.end;
+            mCovered.insert(f->bytes, true);
+            *end = f->bytes.end;
             return result;
         }
 
-        const Range asked(start, start + static_cast<unsigned long long>(length));
-        if (length < 0 || intersects(asked))
-            violations.append(QStringLiteral("bytes 0x%1-0x%2 asked again").arg(asked.begin, 0, 16).arg(asked.end, 0, 16));
+        CompactSet<unsigned long long> asked;
+        asked.insert(Range(start, start + static_cast<unsigned long long>(length)), true);
+        if (length < 0 || asked.minus(mCovered) != asked)
+            violations.append(QStringLiteral("bytes 0x%1+%2 asked again").arg(start, 0, 16).arg(length));
         mCovered.insert(asked, true);
         // Straight through, as a disassembler reads bytes: a start inside an
         // instruction decodes nonsense up to the next real boundary.
         unsigned long long address = start;
-        while (address < asked.end && mReadable.contains(address)) {
+        while (address < start + static_cast<unsigned long long>(length) && mReadable.contains(address)) {
             auto it = std::prev(mPlaced.upperBound(address));
             result.insert(address, it.key() == address ? instructionAt(*it, false) : Instruction(QStringLiteral("(bad)"), QString()));
             address = it.key() + it->length;
@@ -145,35 +135,20 @@ public:
     int id() override { return mId; }
     Position position(unsigned long long address) override
     {
-        const int function = functionAt(address);
-        return function < 0 ? Position() : Position(mFunctions.at(function).name);
+        const Function* f = functionAt(address);
+        return f ? Position(f->name) : Position();
     }
 
 private:
-    int functionAt(unsigned long long address) const
-    {
-        for (int i = 0; i < mFunctions.size(); ++i) {
-            if (mFunctions.at(i).bytes.begin <= address && address < mFunctions.at(i).bytes.end)
-                return i;
-        }
-        return -1;
-    }
-    bool intersects(const Range& r) const
-    {
-        CompactSet<unsigned long long> asked;
-        asked.insert(r, true);
-        return asked.minus(mCovered) != asked;
-    }
     Instruction instructionAt(const ScriptedInstruction& placed, bool wholeFunction) const
     {
-        const bool symbolStart = (wholeFunction || linearMarksSymbols) && placed.function >= 0
-            && mFunctions.at(placed.function).bytes.begin == placed.address;
+        const bool symbolStart = (wholeFunction || linearMarksSymbols) && mFunctions.contains(placed.address);
         return Instruction(placed.mnemonic, placed.operands, symbolStart, placed.implicitMemory);
     }
 
     int mId;
     QMap<unsigned long long, ScriptedInstruction> mPlaced;
-    QList<Function> mFunctions;
+    QMap<unsigned long long, Function> mFunctions;
     QMap<QString, unsigned long long> mLabels;
     CompactSet<unsigned long long> mReadable;
     // Bytes already handed out, or asked for as a range; function probes.

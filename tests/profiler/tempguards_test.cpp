@@ -22,97 +22,69 @@ void setDebugAnalysis(const char* klb, const char* zor, const char* quorvex)
     ++g_cacheSerial;
 }
 
-class DebugModeGuard : public ::testing::Test
+// The debug mode seen inside a guarded scope that starts with `before` and
+// is left normally or by an exception; either way it must end as it began.
+bool modeInside(bool before, bool throwing = false)
 {
-protected:
-    void TearDown() override { setDebugAnalysis(nullptr, nullptr, nullptr); }
-
-    // The debug mode seen inside a guarded scope that starts with `before`
-    // and is left normally or by an exception; either way it must end as
-    // it began.
-    bool modeInside(bool before, bool throwing = false)
-    {
-        host.debugModeOn = before;
-        bool inside = !before;
-        try {
-            TempDisableDebugMode guard(&host);
-            inside = host.debugModeOn;
-            if (throwing)
-                throw new Exception(20001, QStringLiteral("analysis failed"));
-        } catch (Exception* e) {
-            delete e;
-        }
-        EXPECT_EQ(host.debugModeOn, before);
-        return inside;
-    }
-
     FakeHost host;
-};
+    host.debugModeOn = before;
+    bool inside = !before;
+    try {
+        TempDisableDebugMode guard(&host);
+        inside = host.debugModeOn;
+        if (throwing)
+            throw new Exception(20001, QStringLiteral("analysis failed"));
+    } catch (Exception* e) {
+        delete e;
+    }
+    EXPECT_EQ(host.debugModeOn, before);
+    return inside;
+}
 
-TEST_F(DebugModeGuard, SwitchesOffForTheScopeAndRestoresOnEveryPath)
+TEST(DebugModeGuard, SwitchesOffForTheScopeUnlessDebugAnalysisSaysOtherwise)
 {
     setDebugAnalysis(nullptr, nullptr, nullptr);
-    for (bool throwing : {false, true}) {
-        EXPECT_FALSE(modeInside(true, throwing));
-        EXPECT_FALSE(modeInside(false, throwing));
-    }
-}
+    for (bool throwing : {false, true})
+        EXPECT_FALSE(modeInside(true, throwing) || modeInside(false, throwing));
 
-TEST_F(DebugModeGuard, TheFirstDebugAnalysisSpellingThatIsSetDecides)
-{
     // The first variable present decides even when it says no.
-    setDebugAnalysis("off", "1", "1");
-    EXPECT_FALSE(modeInside(true));
-    setDebugAnalysis(nullptr, "", "off");
-    EXPECT_TRUE(modeInside(true));
-    setDebugAnalysis(nullptr, nullptr, "Disabled");
-    EXPECT_FALSE(modeInside(true));
-    setDebugAnalysis(nullptr, nullptr, "yes");
-    EXPECT_TRUE(modeInside(true));
-    EXPECT_FALSE(modeInside(false));
+    const struct
+    {
+        const char *klb, *zor, *quorvex;
+        bool stays;
+    } cases[] = {{"off", "1", "1", false}, {nullptr, "", "off", true}, {nullptr, nullptr, "Disabled", false}, {nullptr, nullptr, "yes", true}};
+    for (const auto& c : cases) {
+        setDebugAnalysis(c.klb, c.zor, c.quorvex);
+        EXPECT_EQ(modeInside(true), c.stays) << c.klb << c.zor << c.quorvex;
+        EXPECT_FALSE(modeInside(false));
+    }
+    setDebugAnalysis(nullptr, nullptr, nullptr);
 }
 
-QStringList sentLanguages(const ScriptedDebugger& debugger)
-{
-    QStringList languages;
-    for (const Command& command : debugger.languageCommands)
-        languages.append(command.getValue(QStringLiteral("language")).toString());
-    return languages;
-}
-
-TEST(LanguageGuard, ChangesForTheScopeAndPutsTheOldLanguageBackOnEveryPath)
+TEST(LanguageGuard, PutsTheLanguageFoundAtTheFirstChangeBackOnEveryPath)
 {
     for (bool throwing : {false, true}) {
         ScriptedDebugger debugger;
         debugger.language = LanguageFortran;
         try {
             TempLangChange guard(&debugger, LanguageC);
-            EXPECT_EQ(debugger.language, LanguageC);
+            guard.changeLanguage(LanguageAsm);
+            EXPECT_EQ(debugger.language, LanguageAsm);
             if (throwing)
                 throw std::runtime_error("expression failed");
         } catch (const std::runtime_error&) {
         }
         EXPECT_EQ(debugger.language, LanguageFortran);
-        EXPECT_EQ(sentLanguages(debugger), QStringList({QStringLiteral("c"), QStringLiteral("fortran")}));
-        const Command& first = debugger.languageCommands.first();
-        EXPECT_EQ(first.name, QString::fromLatin1(CMD_SET_LANGUAGE));
-        EXPECT_EQ(first.getTarget(), QString::fromLatin1(XML_TARGET_DEBUGGER));
+        EXPECT_EQ(debugger.languageQueries, 1);
+        QStringList sent;
+        for (const Command& command : debugger.languageCommands) {
+            EXPECT_EQ(command.name, QString::fromLatin1(CMD_SET_LANGUAGE));
+            EXPECT_EQ(command.getTarget(), QString::fromLatin1(XML_TARGET_DEBUGGER));
+            sent.append(command.getValue(QStringLiteral("language")).toString());
+        }
+        EXPECT_EQ(sent, QStringList({QStringLiteral("c"), QStringLiteral("asm"), QStringLiteral("fortran")}));
     }
-}
-
-TEST(LanguageGuard, RestoresTheLanguageFoundAtTheFirstChangeAndNothingWithoutOne)
-{
-    ScriptedDebugger debugger;
-    debugger.language = LanguageCPlusPlus;
-    {
-        TempLangChange guard(&debugger);
-        guard.changeLanguage(LanguageC);
-        guard.changeLanguage(LanguageFortran);
-        EXPECT_EQ(debugger.language, LanguageFortran);
-    }
-    EXPECT_EQ(debugger.language, LanguageCPlusPlus);
-    EXPECT_EQ(debugger.languageQueries, 1);
-
+    // A guard that changed nothing asks and sends nothing.
     ScriptedDebugger untouched;
     {
         TempLangChange guard(&untouched);
@@ -164,14 +136,6 @@ TEST(LanguageGuard, ABracketedLanguageInFrontIsTakenOffAndSet)
         EXPECT_EQ(debugger.language, LanguageFortran);
     }
     EXPECT_EQ(debugger.language, LanguageAuto);
-}
-
-TEST(Language, InternalNamesGoBothWays)
-{
-    for (LanguageTag tag : {LanguageAuto, LanguageC, LanguageCPlusPlus, LanguageFortran, LanguageAsm, LanguageMinimal})
-        EXPECT_EQ(Language::internalStringToLanguage(Language::languageToInternalString(tag)), tag);
-    EXPECT_EQ(Language::internalStringToLanguage(QStringLiteral("cobol")), LanguageAuto);
-    EXPECT_TRUE(Language::languageToInternalString(LanguageNone).isEmpty());
 }
 
 } // namespace
