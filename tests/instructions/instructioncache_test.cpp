@@ -92,21 +92,30 @@ std::string describe(const Previous& p)
         .toStdString();
 }
 
-std::string previous(InstructionCache& cache, unsigned long long pc, InstructionCache::AllowDisassemblyLookup lookup = Allowed)
+const std::string nothing = "0x0 ''";
+
+// The program laid out, and a cache over it.
+class InstructionCacheTest : public ::testing::Test
 {
-    return describe(cache.previousAddressAndInstruction(pc, lookup));
-}
+protected:
+    void SetUp() override { layOutProgram(code); }
+    std::string previous(unsigned long long pc, InstructionCache::AllowDisassemblyLookup lookup = Allowed)
+    {
+        return describe(cache.previousAddressAndInstruction(pc, lookup));
+    }
+
+    ScriptedDisassembler code;
+    InstructionCache cache{&code};
+};
 
 enum Order { Ascending, Descending, Shuffled };
 
-class ProgramCounters : public ::testing::TestWithParam<Order>
+class ProgramCounters : public InstructionCacheTest, public ::testing::WithParamInterface<Order>
 {
 };
 
 TEST_P(ProgramCounters, EachGetsTheInstructionThatRanBeforeIt)
 {
-    ScriptedDisassembler code;
-    layOutProgram(code);
     // Every instruction start in a function, then an address inside an
     // instruction and unreadable bytes below and above the code.
     QList<unsigned long long> pcs;
@@ -120,102 +129,89 @@ TEST_P(ProgramCounters, EachGetsTheInstructionThatRanBeforeIt)
     if (GetParam() == Shuffled)
         std::shuffle(pcs.begin(), pcs.end(), std::mt19937(7));
 
-    InstructionCache cache(&code);
     for (unsigned long long pc : pcs)
-        EXPECT_EQ(previous(cache, pc), describe(expectedPrevious(code, pc))) << std::hex << pc;
+        EXPECT_EQ(previous(pc), describe(expectedPrevious(code, pc))) << std::hex << pc;
     EXPECT_TRUE(code.violations.isEmpty()) << code.violations.join(QLatin1Char('\n')).toStdString();
 
     // Everything is cached now, failures included: the same leafs again,
     // even with lookups forbidden, ask nothing and answer the same.
     const int asked = code.requests.size();
     for (unsigned long long pc : pcs) {
-        EXPECT_EQ(previous(cache, pc, Allowed), describe(expectedPrevious(code, pc))) << std::hex << pc;
-        EXPECT_EQ(previous(cache, pc, Forbidden), describe(expectedPrevious(code, pc))) << std::hex << pc;
+        EXPECT_EQ(previous(pc, Allowed), describe(expectedPrevious(code, pc))) << std::hex << pc;
+        EXPECT_EQ(previous(pc, Forbidden), describe(expectedPrevious(code, pc))) << std::hex << pc;
     }
     EXPECT_EQ(code.requests.size(), asked);
 }
 
 INSTANTIATE_TEST_SUITE_P(InAnyOrder, ProgramCounters, ::testing::Values(Ascending, Descending, Shuffled));
 
-TEST(InstructionCache, JumpTargetsAreAnsweredWithTheJump)
+TEST_F(InstructionCacheTest, JumpTargetsAreAnsweredWithTheJump)
 {
     // What the layout's rule above gives, spelled out: sum's loop head has a
     // plain instruction in front of it in memory; fill's loop has two jumps
     // back, the lower kept; forward jumps, calls and a jump back from
     // another symbol (main.cold) don't count.
-    ScriptedDisassembler code;
-    layOutProgram(code);
-    InstructionCache cache(&code);
-    EXPECT_EQ(previous(cache, code.address(QStringLiteral("sum_loop"))), "0x40101b 'jne' jump");
-    EXPECT_EQ(previous(cache, code.address(QStringLiteral("fill_loop"))), "0x40103d 'jne' jump");
-    EXPECT_EQ(previous(cache, code.address(QStringLiteral("fill_skip"))), "0x40103d 'jne'");
-    EXPECT_EQ(previous(cache, code.address(QStringLiteral("main_out"))), "0x401074 'jne'");
-    EXPECT_EQ(previous(cache, code.address(QStringLiteral("fill"))), "0x401020 'push'");
-    EXPECT_EQ(previous(cache, 0x40102d), "0x40102a 'rep stos' memory");
+    EXPECT_EQ(previous(code.address(QStringLiteral("sum_loop"))), "0x40101b 'jne' jump");
+    EXPECT_EQ(previous(code.address(QStringLiteral("fill_loop"))), "0x40103d 'jne' jump");
+    EXPECT_EQ(previous(code.address(QStringLiteral("fill_skip"))), "0x40103d 'jne'");
+    EXPECT_EQ(previous(code.address(QStringLiteral("main_out"))), "0x401074 'jne'");
+    EXPECT_EQ(previous(code.address(QStringLiteral("fill"))), "0x401020 'push'");
+    EXPECT_EQ(previous(0x40102d), "0x40102a 'rep stos' memory");
 }
 
-TEST(InstructionCache, AJumpFromBeyondAFunctionsEndIsForgottenWhenTheEndIsFound)
+TEST_F(InstructionCacheTest, AJumpFromBeyondAFunctionsEndIsForgottenWhenTheEndIsFound)
 {
-    ScriptedDisassembler code;
     code.linearMarksSymbols = false;
-    layOutProgram(code);
-    InstructionCache cache(&code);
     // Straight through the padding and main.cold, whose jump back into main
     // looks like a loop while nothing tells where main ends...
     cache.disassemble(0x40107c, 16);
     // ...until main is asked for as a whole.
     cache.disassemble(0x401060, 1);
-    EXPECT_EQ(previous(cache, code.address(QStringLiteral("main_out"))), "0x401074 'jne'");
+    EXPECT_EQ(previous(code.address(QStringLiteral("main_out"))), "0x401074 'jne'");
 }
 
-TEST(InstructionCache, UnreadableBytesAreBlacklistedAndNeverAskedAgain)
+TEST_F(InstructionCacheTest, UnreadableBytesAreBlacklistedAndNeverAskedAgain)
 {
-    ScriptedDisassembler code;
-    layOutProgram(code);
-    InstructionCache cache(&code);
-    EXPECT_EQ(previous(cache, 0x402800), describe(Previous()));
+    EXPECT_EQ(previous(0x402800), nothing);
     EXPECT_TRUE(cache.blacklist().contains(0x402800));
     const int asked = code.requests.size();
     // A jump-source search never starts inside the blacklist, and a later
     // leaf nearby asks only for the bytes that no earlier request covered.
     cache.ensureJumpSources(0x402900);
     EXPECT_EQ(code.requests.size(), asked);
-    EXPECT_EQ(previous(cache, 0x402810), describe(Previous()));
+    EXPECT_EQ(previous(0x402810), nothing);
     ASSERT_GT(code.requests.size(), asked);
     for (int i = asked; i < code.requests.size(); ++i)
         EXPECT_GE(code.requests.at(i), 0x402be8ULL) << i;
     EXPECT_TRUE(code.violations.isEmpty()) << code.violations.join(QLatin1Char('\n')).toStdString();
 }
 
-TEST(InstructionCache, WithLookupsForbiddenOnlyTheCacheAnswers)
+TEST_F(InstructionCacheTest, WithLookupsForbiddenOnlyTheCacheAnswers)
 {
-    ScriptedDisassembler code;
-    layOutProgram(code);
-    InstructionCache cache(&code);
     // The first page is never looked up.
-    EXPECT_EQ(previous(cache, 4095), describe(Previous()));
-    EXPECT_EQ(previous(cache, 0x401014, Forbidden), describe(Previous()));
+    EXPECT_EQ(previous(4095), nothing);
+    EXPECT_EQ(previous(0x401014, Forbidden), nothing);
     EXPECT_TRUE(code.requests.isEmpty());
 
     // Once sum has been disassembled for one leaf, what that pass found
     // answers: the leaf itself, the loop head through its jump and the
     // function's start. A leaf that wasn't looked up still gets nothing.
-    EXPECT_EQ(previous(cache, 0x401014), "0x401010 'add'");
+    EXPECT_EQ(previous(0x401014), "0x401010 'add'");
     code.requests.clear();
-    EXPECT_EQ(previous(cache, 0x401014, Forbidden), "0x401010 'add'");
-    EXPECT_EQ(previous(cache, 0x401010, Forbidden), "0x40101b 'jne' jump");
-    EXPECT_EQ(previous(cache, 0x401000, Forbidden), "0x401000 'xor'");
-    EXPECT_EQ(previous(cache, 0x401018, Forbidden), describe(Previous()));
+    EXPECT_EQ(previous(0x401014, Forbidden), "0x401010 'add'");
+    EXPECT_EQ(previous(0x401010, Forbidden), "0x40101b 'jne' jump");
+    EXPECT_EQ(previous(0x401000, Forbidden), "0x401000 'xor'");
+    EXPECT_EQ(previous(0x401018, Forbidden), nothing);
     EXPECT_TRUE(code.requests.isEmpty());
 }
 
 // Jump distances and call mnemonics at their edges, on made-up code: a
 // function with 4090 bytes of long nops between two loop heads and the two
 // jumps back to them, one in the style of another architecture, and an
-// instruction longer than any real one, to reach past 16 bytes.
-TEST(InstructionCache, OnlyNearBackwardJumpsAndShortInstructionsCount)
+// instruction longer than any real one, to reach past 16 bytes; all of
+// them beside the program.
+TEST_F(InstructionCacheTest, OnlyNearBackwardJumpsAndShortInstructionsCount)
 {
-    ScriptedDisassembler code;
     QVector<I> body{plain(1, "push", "%rbp"), plain(3, "mov", "%rsp,%rbp", "far"), plain(3, "mov", "%rdi,%rbx", "near")};
     body.append(QVector<I>(409, plain(10, "nopw", "%cs:0x0(%rax,%rax,1)")));
     body << branch(I::Jump, 2, "jmp", "far") << branch(I::Jump, 2, "jne", "near") << plain(1, "ret", "");
@@ -226,17 +222,15 @@ TEST(InstructionCache, OnlyNearBackwardJumpsAndShortInstructionsCount)
     code.place(0x500000, {plain(1, "push", "%rbp"), plain(24, "vpxord", "(bogus)"), plain(1, "ret", "")}, QStringLiteral("f"));
     code.resolve();
     ASSERT_EQ(0x601001 - code.address(QStringLiteral("far")), 4096u);
+    EXPECT_EQ(previous(0x600001), "0x600000 'push'");
+    EXPECT_EQ(previous(0x600004), "0x601003 'jne' jump");
+    EXPECT_EQ(previous(0x700008), "0x700010 'b.ne' jump");
+    EXPECT_EQ(previous(0x700004), "0x700000 'stp'");
 
-    InstructionCache cache(&code);
-    EXPECT_EQ(previous(cache, 0x600001), "0x600000 'push'");
-    EXPECT_EQ(previous(cache, 0x600004), "0x601003 'jne' jump");
-    EXPECT_EQ(previous(cache, 0x700008), "0x700010 'b.ne' jump");
-    EXPECT_EQ(previous(cache, 0x700004), "0x700000 'stp'");
-
-    EXPECT_EQ(previous(cache, 0x500011), "0x500001 'vpxord'");
-    EXPECT_EQ(previous(cache, 0x500012), describe(Previous()));
+    EXPECT_EQ(previous(0x500011), "0x500001 'vpxord'");
+    EXPECT_EQ(previous(0x500012), nothing);
     EXPECT_TRUE(cache.unobtainable().contains(0x500012));
-    EXPECT_EQ(previous(cache, 0x500011, Forbidden), "0x500001 'vpxord'");
+    EXPECT_EQ(previous(0x500011, Forbidden), "0x500001 'vpxord'");
 }
 
 TEST(InstructionCache, DisassembleAndItsLog)

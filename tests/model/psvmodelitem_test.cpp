@@ -31,20 +31,20 @@ std::unique_ptr<PSVModelItem> readTree(const QString& xml, QString* error)
     return root;
 }
 
-void expectSameTree(const PSVModelItem& a, const PSVModelItem& b)
+// One line per node, indented by depth: position, thread and CUDA counts,
+// and flags. An empty CUDA map isn't written, so only its emptiness counts.
+QString describe(const PSVModelItem& node, int depth = 0)
 {
-    SCOPED_TRACE(a.position().function.toStdString());
-    EXPECT_EQ(a.position(), b.position());
-    EXPECT_EQ(a.processToThreadCountMap(), b.processToThreadCountMap());
-    // An empty CUDA map isn't written, so only its emptiness comes back.
-    auto cuda = [](const PSVModelItem& n) { return n.processToCudaThreadCountMap().isEmpty() ? QString() : n.processToCudaThreadCountMap().toString(); };
-    EXPECT_EQ(cuda(a), cuda(b));
-    EXPECT_EQ(a.isCurrentGroup(), b.isCurrentGroup());
-    EXPECT_EQ(a.isUnexpectedStop(), b.isUnexpectedStop());
-    EXPECT_EQ(a.isUnexpectedStopAncestor(), b.isUnexpectedStopAncestor());
-    ASSERT_EQ(a.childCount(), b.childCount());
-    for (int i = 0; i < a.childCount(); ++i)
-        expectSameTree(*a.children().at(i), *b.children().at(i));
+    const IntProcessMap& cuda = node.processToCudaThreadCountMap();
+    QString text = QStringLiteral("%1%2 %3:%4 [%5] cuda [%6]%7%8%9")
+                       .arg(QString(depth * 2, QLatin1Char(' ')), node.position().function, node.position().file)
+                       .arg(node.position().line)
+                       .arg(node.processToThreadCountMap().toString(), cuda.isEmpty() ? QString() : cuda.toString(),
+                            QLatin1String(node.isCurrentGroup() ? " current" : ""), QLatin1String(node.isUnexpectedStop() ? " stop" : ""),
+                            QLatin1String(node.isUnexpectedStopAncestor() ? " above-stop" : ""));
+    for (const PSVModelItem* child : node.children())
+        text += QLatin1Char('\n') + describe(*child, depth + 1);
+    return text;
 }
 
 PSVModelItem* node(PSVModelItem* parent, const char* function, const char* file = "", int line = -1)
@@ -200,7 +200,7 @@ TEST(PSVModelItem, CopiesAreDeepAndSettingsReachEveryNode)
     PSVModelItem root;
     buildTree(root);
     PSVModelItem copy(root);
-    expectSameTree(root, copy);
+    EXPECT_EQ(describe(copy), describe(root));
     PSVModelItem* copiedMain = copy.firstChild();
     EXPECT_EQ(copiedMain->parent(), &copy);
     copiedMain->addThread(3, false, false);
@@ -222,7 +222,7 @@ TEST(PSVModelItem, WrittenTreeReadsBackEqual)
     QString error;
     std::unique_ptr<PSVModelItem> back = readTree(xml, &error);
     ASSERT_TRUE(back) << error.toStdString();
-    expectSameTree(root, *back);
+    EXPECT_EQ(describe(*back), describe(root));
     EXPECT_EQ(writeTree(*back), xml);
     EXPECT_FALSE(xml.contains(QStringLiteral("unexpectedStopAncestor")));
 }
