@@ -1,5 +1,6 @@
-// ProcInfo against real processes: this test, a sleeping child, the same
-// child as a zombie, and after it has been reaped.
+// ProcInfo and the resident size SelfProfile measures, against real
+// processes: this test, a sleeping child, the same child as a zombie, and
+// after it has been reaped.
 #include <QFileInfo>
 #include <gtest/gtest.h>
 #include <memory>
@@ -8,6 +9,7 @@
 
 #include "childprocess.h"
 #include "procinfo.h"
+#include "selfprofile.h"
 
 namespace {
 
@@ -23,13 +25,15 @@ TEST(ProcInfo, AChildAliveAsAZombieAndGone)
     EXPECT_EQ(ProcInfo::getChild(self), pid);
     EXPECT_EQ(ProcInfo::getChild(pid), -1);
     EXPECT_TRUE(ProcInfo::getList(0).contains(pid));
+    EXPECT_GT(SelfProfile::rssForPid(pid), 0);
 
-    // A zombie exists but isn't alive, and has no command line left.
+    // A zombie exists but isn't alive, and has no command line or memory left.
     child.makeZombie();
     EXPECT_TRUE(ProcInfo::exists(pid));
     EXPECT_FALSE(ProcInfo::alive(pid));
     EXPECT_EQ(ProcInfo::getParent(pid), self);
     EXPECT_TRUE(ProcInfo::getName(pid).isEmpty());
+    EXPECT_EQ(SelfProfile::rssForPid(pid), 0);
 
     // Gone: the neutral answers.
     child.reap();
@@ -38,6 +42,7 @@ TEST(ProcInfo, AChildAliveAsAZombieAndGone)
     EXPECT_EQ(ProcInfo::getChild(self), -1);
     EXPECT_TRUE(ProcInfo::getName(pid).isEmpty() && ProcInfo::getExe(pid).isEmpty());
     EXPECT_FALSE(ProcInfo::getList(0).contains(pid));
+    EXPECT_EQ(SelfProfile::rssForPid(pid), 0);
 
     EXPECT_EQ(ProcInfo::getParent(1), 0); // the root of the tree
 }

@@ -6,12 +6,7 @@
 
 TEST(PathString, FileNamesEqual)
 {
-    const struct
-    {
-        const char* a;
-        const char* b;
-        bool equal;
-    } cases[] = {
+    const struct { const char* a; const char* b; bool equal; } cases[] = {
         {"/src/./lib/../a.c", "/src/a.c", true},
         {"src/a.c", "/home/me/src/a.c", true},
         {"../src/a.c", "/home/me/src/a.c", true},

@@ -108,7 +108,7 @@ struct Frame
 
 } // namespace
 
-TEST(PSVModelItem, TreeLinksAndLookups)
+TEST(PSVModelItem, LookupsCountsAndFlags)
 {
     PSVModelItem root;
     PSVModelItem* main = node(&root, "main", "/src/app/main.c", 3);
@@ -117,55 +117,45 @@ TEST(PSVModelItem, TreeLinksAndLookups)
     // The same file under another spelling is the same frame; another line isn't.
     EXPECT_EQ(main->findChild(Position(QStringLiteral("solve"), QStringLiteral("app/./solve.c"), 40, -1)), solve);
     EXPECT_EQ(main->findChild(Position(QStringLiteral("solve"), QStringLiteral("/src/app/solve.c"), 41, -1)), nullptr);
-
     Frame mainFrame{QStringLiteral("main"), QStringLiteral("/src/app/main.c"), 3};
     Frame ioFrame{QStringLiteral("io"), QStringLiteral("/src/app/io.c"), 7};
     EXPECT_EQ(root.findDescendant(QList<Frame*>{&ioFrame, &mainFrame}), io); // innermost first
     EXPECT_EQ(root.findDescendant(QList<Frame*>{&mainFrame, &mainFrame}), nullptr);
-    EXPECT_EQ(io->stack().size(), 3);
     EXPECT_EQ(io->stack().at(1).function, QStringLiteral("main"));
 
-    io->addThread(4, false, false);
-    solve->addThread(2, false, false);
-    EXPECT_EQ(main->childWithRank(4), io);
+    io->addThreads(0, 3, false, false);
+    io->addThread(5, true, false);
+    io->addThread(6, false, false);
+    io->removeThread(6);
+    EXPECT_EQ(io->totalThreads(), 4);
+    EXPECT_TRUE(io->isCurrentGroup());
+    EXPECT_TRUE(io->hasThreadsForProcessSet(CompactSet<int>(QStringLiteral("0,5"))));
+    EXPECT_FALSE(io->hasThreadsForProcessSet(CompactSet<int>(QStringLiteral("0-5"))));
+    EXPECT_EQ(main->childWithRank(5), io);
     EXPECT_EQ(main->childWithRank(3), nullptr);
-    io->detach();
-    EXPECT_EQ(io->parent(), nullptr);
-    delete io;
-    delete solve; // unlinks itself
-    EXPECT_EQ(main->childCount(), 0);
-}
-
-TEST(PSVModelItem, ThreadCountsAndFlags)
-{
-    PSVModelItem root;
-    PSVModelItem* b = node(node(&root, "a"), "b");
-    b->addThreads(0, 3, false, false);
-    b->addThread(5, true, false);
-    b->addThread(6, false, false);
-    b->removeThread(6);
-    EXPECT_EQ(b->totalThreads(), 4);
-    EXPECT_TRUE(b->isCurrentGroup());
-    EXPECT_TRUE(b->hasThreadsForProcessSet(CompactSet<int>(QStringLiteral("0,5"))));
-    EXPECT_FALSE(b->hasThreadsForProcessSet(CompactSet<int>(QStringLiteral("0-5"))));
 
     // One thread per CUDA group, every CUDA count.
-    PSVModelItem* kernel = node(b, "kernel");
-    PSVModelItem* device = node(kernel, "device_fn");
-    kernel->addCudaThreads(1, 7, 32, false, false);
-    kernel->addCudaThreads(1, 7, 32, false, false);
-    kernel->addCudaThreads(1, 8, 16, false, false);
-    EXPECT_EQ(kernel->totalThreads(), 2);
-    EXPECT_EQ(kernel->totalCudaThreads(), 80);
+    solve->addCudaThreads(1, 7, 32, false, false);
+    solve->addCudaThreads(1, 7, 32, false, false);
+    solve->addCudaThreads(1, 8, 16, false, false);
+    EXPECT_EQ(solve->totalThreads(), 2);
+    EXPECT_EQ(solve->totalCudaThreads(), 80);
+    PSVModelItem* device = node(solve, "device_fn");
     device->addCudaThreads(1, 7, 8, false, false);
-    EXPECT_EQ(device->getKernelName(), QStringLiteral("kernel"));
+    EXPECT_EQ(device->getKernelName(), QStringLiteral("solve"));
     EXPECT_EQ(root.getKernelName(), QString());
 
     // The flag marks every ancestor, and false never clears it.
     device->addThread(1, false, true);
     device->setUnexpectedStop(false);
-    EXPECT_TRUE(device->isUnexpectedStop() && !b->isUnexpectedStop());
-    EXPECT_TRUE(b->isUnexpectedStopAncestor() && root.isUnexpectedStopAncestor());
+    EXPECT_TRUE(device->isUnexpectedStop() && !solve->isUnexpectedStop());
+    EXPECT_TRUE(solve->isUnexpectedStopAncestor() && root.isUnexpectedStopAncestor() && !io->isUnexpectedStopAncestor());
+
+    io->detach();
+    EXPECT_EQ(io->parent(), nullptr);
+    delete io;
+    delete solve; // unlinks itself
+    EXPECT_EQ(main->childCount(), 0);
 }
 
 TEST(PSVModelItem, MergingRankTreesKeepsEveryCountExact)

@@ -48,11 +48,8 @@ TEST(DebugModeGuard, SwitchesOffForTheScopeUnlessDebugAnalysisSaysOtherwise)
         EXPECT_FALSE(modeInside(true, throwing) || modeInside(false, throwing));
 
     // The first variable present decides even when it says no.
-    const struct
-    {
-        const char *klb, *zor, *quorvex;
-        bool stays;
-    } cases[] = {{"off", "1", "1", false}, {nullptr, "", "off", true}, {nullptr, nullptr, "Disabled", false}, {nullptr, nullptr, "yes", true}};
+    const struct { const char *klb, *zor, *quorvex; bool stays; } cases[] = {
+        {"off", "1", "1", false}, {nullptr, "", "off", true}, {nullptr, nullptr, "Disabled", false}, {nullptr, nullptr, "yes", true}};
     for (const auto& c : cases) {
         setDebugAnalysis(c.klb, c.zor, c.quorvex);
         EXPECT_EQ(modeInside(true), c.stays) << c.klb << c.zor << c.quorvex;
