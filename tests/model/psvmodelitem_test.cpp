@@ -67,18 +67,19 @@ void growTree(PSVModelItem* parent, int rank, int depth, std::mt19937& rng)
     }
 }
 
-// Thread counts per rank by path; no position may stand twice among
-// siblings, which the sums would hide.
+// Thread counts by path: per rank, and the node's total under -1. No
+// position may stand twice among siblings, which the sums would hide.
 typedef std::map<QString, std::map<int, int>> CountsByPath;
-void collectCounts(const PSVModelItem& node, const QString& path, CountsByPath& counts)
+void collectCounts(const PSVModelItem& node, const QString& path, CountsByPath& counts, bool ranks = true)
 {
+    counts[path][-1] += node.totalThreads();
     for (const auto& entry : node.processToThreadCountMap()) {
-        for (int rank = entry.first.begin; rank < entry.first.end; ++rank)
+        for (int rank = entry.first.begin; rank < entry.first.end && ranks; ++rank)
             counts[path][rank] += entry.second;
     }
     for (const PSVModelItem* child : node.children()) {
         EXPECT_EQ(node.findChild(child->position()), child) << path.toStdString();
-        collectCounts(*child, path + QLatin1Char('/') + child->position().function, counts);
+        collectCounts(*child, path + QLatin1Char('/') + child->position().function, counts, ranks);
     }
 }
 
@@ -160,7 +161,10 @@ TEST(PSVModelItem, LookupsCountsAndFlags)
 
 TEST(PSVModelItem, MergingRankTreesKeepsEveryCountExact)
 {
+    // Merged as they are, every rank's count stays; merged brief, the maps
+    // elide but every node's total stays exact.
     PSVModelItem merged;
+    PSVModelItem brief;
     CountsByPath expected;
     std::mt19937 rng(3);
     for (int rank = 0; rank < 64; ++rank) {
@@ -168,12 +172,21 @@ TEST(PSVModelItem, MergingRankTreesKeepsEveryCountExact)
         tree.addThreads(rank, 1 + rank % 2, false, false);
         growTree(&tree, rank, 0, rng);
         collectCounts(tree, QString(), expected);
+        PSVModelItem briefTree(tree);
+        briefTree.setBrief(true);
+        brief.mergePSVModelItem(briefTree, nullptr);
         merged.mergePSVModelItem(tree, nullptr);
     }
     CountsByPath actual;
     collectCounts(merged, QString(), actual);
     EXPECT_EQ(actual, expected);
     EXPECT_EQ(merged.totalThreads(), 96);
+    CountsByPath totals;
+    collectCounts(brief, QString(), totals, false);
+    ASSERT_EQ(totals.size(), expected.size());
+    for (const auto& node : expected)
+        EXPECT_EQ(totals[node.first][-1], node.second.at(-1)) << node.first.toStdString();
+    EXPECT_EQ(brief.processToThreadCountMap().rangeCount(), BRIEF_RANGE_LIMIT);
 
     // Unmatched children move over, with their flags.
     PSVModelItem other;

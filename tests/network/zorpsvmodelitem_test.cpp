@@ -15,14 +15,16 @@ Position at(const char* function, int line = 10)
 }
 
 // The trees of ranks 0 to count-1 merged; each is main -> solve, with solve
-// on line 20 for even ranks and 21 for odd ones.
+// on line 20 for even ranks and 21 for odd ones. Only rank 1 marks main as
+// the main frame, and only even ranks have main-thread metrics.
 void mergeRankTrees(ZORPSVModelItem& merged, int count)
 {
     for (int rank = 0; rank < count; ++rank) {
         ZORPSVModelItem root;
         root.addThread(rank, false, false);
         ZORPSVModelItem* main = new ZORPSVModelItem(&root, at("main"));
-        main->setSpecial(ZORPSVModelItem::specialMainFrame);
+        if (rank == 1) // the merge takes it up, and no later rank's lack of it undoes that
+            main->setSpecial(ZORPSVModelItem::specialMainFrame);
         main->addThread(rank, false, false);
         main->addSampleCounts(1, 0, 0, 0);
         ZORPSVModelItem* solve = new ZORPSVModelItem(main, at("solve", 20 + rank % 2));
@@ -32,7 +34,7 @@ void mergeRankTrees(ZORPSVModelItem& merged, int count)
         metrics.set(QStringLiteral("instr_mem"), rank);
         metrics.set(QStringLiteral("instr_branch"), 1);
         solve->mergeActiveCoreLineMetrics(metrics);
-        if (rank == 0)
+        if (rank % 2 == 0)
             solve->mergeMainThreadLineMetrics(metrics);
         merged.mergePSVModelItem(root, nullptr);
     }
@@ -81,7 +83,7 @@ TEST(ZORPSVModelItem, MergingRanksAddsCountersAndLineMetrics)
     mergeRankTrees(merged, 4);
     EXPECT_EQ(describe(merged), QStringLiteral(":-1 [0-3=1] special 0 samples 0/0/0/0 | |\n"
                                                "  main:10 [0-3=1] special 2 samples 4/0/0/0 | |\n"
-                                               "    solve:20 [0=1,2=3] special 0 samples 2/2/0/0 | instr_branch=2 instr_mem=2 | instr_branch=1 instr_mem=0\n"
+                                               "    solve:20 [0=1,2=3] special 0 samples 2/2/0/0 | instr_branch=2 instr_mem=2 | instr_branch=2 instr_mem=2\n"
                                                "    solve:21 [1=2,3=4] special 0 samples 2/2/2/0 | instr_branch=2 instr_mem=4 |"));
     ZORPSVModelItem* main = merged.findChild(at("main"));
     EXPECT_EQ(main->findChild(at("solve", 21))->parentZORModelItem(), main);
