@@ -3,9 +3,8 @@
 #ifndef ZOR_TESTS_CHILDPROCESS_H
 #define ZOR_TESTS_CHILDPROCESS_H
 
+#include <QFile>
 #include <csignal>
-#include <cstdio>
-#include <string>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,25 +17,24 @@ public:
     {
         mPid = fork();
         if (mPid == 0) {
-            if (uid != uid_t(-1) && setuid(uid) != 0)
-                _exit(127);
-            execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
+            if (uid == uid_t(-1) || setuid(uid) == 0)
+                execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
             _exit(127);
         }
         // The name and parent only show once the child has exec'd, and its
         // memory only settles once it sleeps: wait for both.
-        for (int i = 0; i < 2000 && !hasExeced(); ++i)
-            usleep(1000);
-        long previous = -1;
+        QByteArray previous;
         for (int i = 0, steady = 0; i < 2000 && steady < 3; ++i) {
-            const long resident = residentPages();
-            steady = isSleeping() && resident == previous ? steady + 1 : 0;
+            const QByteArray stat = proc("stat");
+            const QByteArray resident = proc("statm").split(' ').value(1);
+            // "pid (comm) state ...": sleep's name holds no parenthesis.
+            const bool sleeping = proc("cmdline").startsWith("sleep") && stat.mid(stat.indexOf(") ") + 2, 1) == "S";
+            steady = sleeping && resident == previous ? steady + 1 : 0;
             previous = resident;
             usleep(2000);
         }
     }
     ~ChildProcess() { reap(); }
-
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
@@ -51,52 +49,18 @@ public:
     }
     void reap()
     {
-        if (mPid <= 0 || mReaped)
-            return;
-        kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-        mReaped = true;
+        if (mPid > 0 && !mReaped) {
+            kill(mPid, SIGKILL);
+            waitpid(mPid, nullptr, 0);
+            mReaped = true;
+        }
     }
-    bool reaped() const { return mReaped; }
 
 private:
-    long residentPages() const
+    QByteArray proc(const char* entry) const
     {
-        long size = 0;
-        long resident = -1;
-        FILE* file = fopen(procPath("statm").c_str(), "r");
-        if (file) {
-            if (fscanf(file, "%ld %ld", &size, &resident) != 2)
-                resident = -1;
-            fclose(file);
-        }
-        return resident;
-    }
-    bool isSleeping() const
-    {
-        char state = '?';
-        FILE* file = fopen(procPath("stat").c_str(), "r");
-        if (file) {
-            // "pid (comm) state ...": sleep's name holds no parenthesis.
-            if (fscanf(file, "%*d (%*[^)]) %c", &state) != 1)
-                state = '?';
-            fclose(file);
-        }
-        return state == 'S';
-    }
-    std::string procPath(const char* entry) const
-    {
-        return "/proc/" + std::to_string(mPid) + "/" + entry;
-    }
-    bool hasExeced() const
-    {
-        FILE* file = fopen(procPath("cmdline").c_str(), "r");
-        if (!file)
-            return false;
-        char word[16] = {};
-        const size_t n = fread(word, 1, sizeof word - 1, file);
-        fclose(file);
-        return n >= 5 && std::string(word) == "sleep";
+        QFile file(QStringLiteral("/proc/%1/%2").arg(mPid).arg(QLatin1String(entry)));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
     pid_t mPid = -1;

@@ -14,57 +14,53 @@ Position at(const char* function, int line = 10)
     return Position(QString::fromLatin1(function), QStringLiteral("/src/app.c"), line, -1);
 }
 
-LineMetrics metrics(double memory, double branches)
+// The trees of ranks 0 to count-1 merged; each is main -> solve, with solve
+// on line 20 for even ranks and 21 for odd ones. Only rank 1 marks main as
+// the main frame, and only even ranks have main-thread metrics.
+void mergeRankTrees(ZORPSVModelItem& merged, int count)
 {
-    LineMetrics m;
-    m.set(QStringLiteral("instr_mem"), memory);
-    m.set(QStringLiteral("instr_branch"), branches);
-    return m;
-}
-
-// One rank's tree: main -> solve (-> kernel) with the rank's counts.
-ZORPSVModelItem* rankTree(int rank)
-{
-    ZORPSVModelItem* root = new ZORPSVModelItem;
-    root->addThread(rank, false, false);
-    ZORPSVModelItem* main = new ZORPSVModelItem(root, at("main"));
-    main->setSpecial(ZORPSVModelItem::specialMainFrame);
-    main->addThread(rank, false, false);
-    main->addSampleCounts(1, 0, 0, 0);
-    ZORPSVModelItem* solve = new ZORPSVModelItem(main, at("solve", 20 + rank % 2));
-    solve->addThreads(rank, 1 + rank, false, false);
-    solve->addSampleCounts(1, 1, rank % 2, 0);
-    solve->mergeActiveCoreLineMetrics(metrics(rank, 1));
-    if (rank == 0)
-        solve->mergeMainThreadLineMetrics(metrics(0.5, 0));
-    return root;
-}
-
-void expectSameTree(const ZORPSVModelItem& a, const ZORPSVModelItem& b)
-{
-    SCOPED_TRACE(a.position().displayName().toStdString());
-    EXPECT_EQ(a.position(), b.position());
-    EXPECT_EQ(a.processToThreadCountMap(), b.processToThreadCountMap());
-    EXPECT_EQ(a.isUnexpectedStop(), b.isUnexpectedStop());
-    EXPECT_EQ(a.isUnexpectedStopAncestor(), b.isUnexpectedStopAncestor());
-    EXPECT_EQ(a.specialType(), b.specialType());
-    EXPECT_EQ(a.sampleCount(), b.sampleCount());
-    EXPECT_EQ(a.selfSampleCount(), b.selfSampleCount());
-    EXPECT_EQ(a.mpiSampleCount(), b.mpiSampleCount());
-    EXPECT_EQ(a.sleepingSampleCount(), b.sleepingSampleCount());
-    EXPECT_EQ(a.activeCoreLineMetrics(), b.activeCoreLineMetrics());
-    EXPECT_EQ(a.mainThreadLineMetrics(), b.mainThreadLineMetrics());
-    ASSERT_EQ(a.childCount(), b.childCount());
-    for (int i = 0; i < a.childCount(); ++i) {
-        const ZORPSVModelItem* childA = dynamic_cast<const ZORPSVModelItem*>(a.children().at(i));
-        const ZORPSVModelItem* childB = dynamic_cast<const ZORPSVModelItem*>(b.children().at(i));
-        ASSERT_TRUE(childA && childB);
-        expectSameTree(*childA, *childB);
+    for (int rank = 0; rank < count; ++rank) {
+        ZORPSVModelItem root;
+        root.addThread(rank, false, false);
+        ZORPSVModelItem* main = new ZORPSVModelItem(&root, at("main"));
+        if (rank == 1) // the merge takes it up, and no later rank's lack of it undoes that
+            main->setSpecial(ZORPSVModelItem::specialMainFrame);
+        main->addThread(rank, false, false);
+        main->addSampleCounts(1, 0, 0, 0);
+        ZORPSVModelItem* solve = new ZORPSVModelItem(main, at("solve", 20 + rank % 2));
+        solve->addThreads(rank, 1 + rank, false, false);
+        solve->addSampleCounts(1, 1, rank % 2, 0);
+        LineMetrics metrics;
+        metrics.set(QStringLiteral("instr_mem"), rank);
+        metrics.set(QStringLiteral("instr_branch"), 1);
+        solve->mergeActiveCoreLineMetrics(metrics);
+        if (rank % 2 == 0)
+            solve->mergeMainThreadLineMetrics(metrics);
+        merged.mergePSVModelItem(root, nullptr);
     }
 }
 
-// The tree inside a larger element, with siblings on both sides, as a
-// sample carries it.
+// One line per node, indented by depth: position, thread counts, special
+// type, the four counters, line metrics (active cores, then main thread)
+// and flags. Every node must be of the tree's own type.
+QString describe(const PSVModelItem& item, int depth = 0)
+{
+    const ZORPSVModelItem& node = dynamic_cast<const ZORPSVModelItem&>(item);
+    QString text = QStringLiteral("%1%2:%3 [%4] special %5 samples %6/%7/%8/%9")
+                       .arg(QString(depth * 2, QLatin1Char(' ')), node.position().function).arg(node.position().line)
+                       .arg(node.processToThreadCountMap().toString()).arg(int(node.specialType())).arg(node.sampleCount())
+                       .arg(node.selfSampleCount()).arg(node.mpiSampleCount()).arg(node.sleepingSampleCount());
+    for (const LineMetrics* metrics : {&node.activeCoreLineMetrics(), &node.mainThreadLineMetrics()}) {
+        text += QLatin1String(" |");
+        for (auto it = metrics->values().constBegin(); it != metrics->values().constEnd(); ++it)
+            text += QStringLiteral(" %1=%2").arg(it.key()).arg(it.value(), 0, 'g', 17);
+    }
+    text += QLatin1String(node.isUnexpectedStop() ? " stop" : "") + QLatin1String(node.isUnexpectedStopAncestor() ? " above-stop" : "");
+    for (const PSVModelItem* child : node.children())
+        text += QLatin1Char('\n') + describe(*child, depth + 1);
+    return text;
+}
+
 QString embed(const ZORPSVModelItem& root)
 {
     QString xml;
@@ -79,155 +75,89 @@ QString embed(const ZORPSVModelItem& root)
     return xml;
 }
 
-// Reads the tree out of embed's text and checks that the reader carries on
-// at the element after it.
-std::unique_ptr<ZORPSVModelItem> extract(const QString& xml, QString* error)
-{
-    QXmlStreamReader reader(xml);
-    reader.readNextStartElement(); // sample
-    reader.readNextStartElement(); // before
-    reader.skipCurrentElement();
-    reader.readNextStartElement(); // tree
-    std::unique_ptr<ZORPSVModelItem> root(ZORPSVModelItem::readTree(reader, error));
-    if (root) {
-        EXPECT_TRUE(reader.readNextStartElement());
-        EXPECT_EQ(reader.name(), QLatin1String("after"));
-    }
-    return root;
-}
-
 } // namespace
-
-TEST(ZORPSVModelItem, LookupsAndCopiesStayInTheTreeType)
-{
-    ZORPSVModelItem root;
-    ZORPSVModelItem* main = new ZORPSVModelItem(&root, at("main"));
-    main->setSpecial(ZORPSVModelItem::specialOmpMonitor);
-    new ZORPSVModelItem(main, at("solve"));
-    EXPECT_EQ(main->parentZORModelItem(), &root);
-    EXPECT_EQ(root.findChild(at("main")), main);
-    EXPECT_EQ(root.findChild(at("main", 11)), nullptr);
-    EXPECT_NE(dynamic_cast<ZORPSVModelItem*>(main->createChild(at("x"))), nullptr);
-
-    std::unique_ptr<ZORPSVModelItem> copy(root.clone());
-    ASSERT_NE(copy->findChild(at("main")), nullptr);
-    EXPECT_EQ(copy->findChild(at("main"))->specialType(), ZORPSVModelItem::specialOmpMonitor);
-    EXPECT_NE(dynamic_cast<ZORPSVModelItem*>(copy->firstChild()->firstChild()), nullptr);
-    EXPECT_TRUE(ZORPSVModelItem(Position(QStringLiteral("[w]")), 3, 1, 0, 2).isMultiSamplePSVModel());
-}
 
 TEST(ZORPSVModelItem, MergingRanksAddsCountersAndLineMetrics)
 {
     ZORPSVModelItem merged;
-    for (int rank = 0; rank < 4; ++rank) {
-        ZORPSVModelItem* tree = rankTree(rank);
-        merged.mergePSVModelItem(*tree, nullptr);
-        delete tree;
-    }
+    mergeRankTrees(merged, 4);
+    EXPECT_EQ(describe(merged), QStringLiteral(":-1 [0-3=1] special 0 samples 0/0/0/0 | |\n"
+                                               "  main:10 [0-3=1] special 2 samples 4/0/0/0 | |\n"
+                                               "    solve:20 [0=1,2=3] special 0 samples 2/2/0/0 | instr_branch=2 instr_mem=2 | instr_branch=2 instr_mem=2\n"
+                                               "    solve:21 [1=2,3=4] special 0 samples 2/2/2/0 | instr_branch=2 instr_mem=4 |"));
     ZORPSVModelItem* main = merged.findChild(at("main"));
-    ASSERT_NE(main, nullptr);
-    EXPECT_EQ(main->specialType(), ZORPSVModelItem::specialMainFrame);
-    EXPECT_EQ(main->sampleCount(), 4);
-    EXPECT_EQ(main->processToThreadCountMap().toString(), QStringLiteral("0-3=1"));
-
-    // Even ranks stop on line 20, odd ones on line 21.
-    ASSERT_EQ(main->childCount(), 2);
-    ZORPSVModelItem* even = main->findChild(at("solve", 20));
-    ZORPSVModelItem* odd = main->findChild(at("solve", 21));
-    ASSERT_TRUE(even && odd);
-    EXPECT_EQ(even->processToThreadCountMap().toString(), QStringLiteral("0=1,2=3"));
-    EXPECT_EQ(odd->totalThreads(), 2 + 4);
-    EXPECT_EQ(odd->mpiSampleCount(), 2);
-    EXPECT_EQ(even->activeCoreLineMetrics(), metrics(0 + 2, 2));
-    EXPECT_EQ(odd->activeCoreLineMetrics(), metrics(1 + 3, 2));
-    EXPECT_EQ(even->mainThreadLineMetrics(), metrics(0.5, 0));
-    EXPECT_TRUE(odd->mainThreadLineMetrics().isEmpty());
+    EXPECT_EQ(main->findChild(at("solve", 21))->parentZORModelItem(), main);
 }
 
 TEST(ZORPSVModelItem, EmbeddedTreeReadsBackEqual)
 {
     ZORPSVModelItem merged;
-    for (int rank = 0; rank < 3; ++rank) {
-        ZORPSVModelItem* tree = rankTree(rank);
-        merged.mergePSVModelItem(*tree, nullptr);
-        delete tree;
-    }
+    mergeRankTrees(merged, 3);
     ZORPSVModelItem* leaf = new ZORPSVModelItem(merged.findChild(at("main")), Position(QStringLiteral("[partial]")));
     leaf->setSpecial(ZORPSVModelItem::specialPartialTrace);
     leaf->addThread(1, false, true);
     LineMetrics fractions;
     fractions.set(QStringLiteral("instr_fp"), 1.0 / 3.0);
     leaf->mergeActiveCoreLineMetrics(fractions);
+    std::unique_ptr<ZORPSVModelItem> copy(merged.clone());
+    EXPECT_EQ(describe(*copy), describe(merged));
 
+    // The tree inside a larger element, with siblings on both sides, as a
+    // sample carries it. Both reading paths build the same tree and stop at
+    // the tree's end.
     const QString xml = embed(merged);
-    QString error;
-    std::unique_ptr<ZORPSVModelItem> back = extract(xml, &error);
-    ASSERT_TRUE(back) << error.toStdString();
-    expectSameTree(merged, *back);
-    EXPECT_TRUE(back->findChild(at("main"))->isUnexpectedStopAncestor());
-    EXPECT_EQ(embed(*back), xml);
-
-    // The element-by-element path builds the same tree.
-    QXmlStreamReader reader(xml);
-    while (reader.readNextStartElement() && reader.name() != QLatin1String("tree")) {
-        if (reader.name() != QLatin1String("sample"))
-            reader.skipCurrentElement();
+    for (bool viaHandler : {false, true}) {
+        QXmlStreamReader reader(xml);
+        while (reader.readNextStartElement() && reader.name() != QLatin1String("tree")) {
+            if (reader.name() != QLatin1String("sample"))
+                reader.skipCurrentElement();
+        }
+        QString error;
+        std::unique_ptr<ZORPSVModelItem> back(viaHandler ? new ZORPSVModelItem : ZORPSVModelItem::readTree(reader, &error));
+        if (viaHandler && !back->parseElement(reader, &error))
+            back.reset();
+        ASSERT_TRUE(back) << error.toStdString();
+        EXPECT_EQ(describe(*back), describe(merged));
+        EXPECT_EQ(embed(*back), xml);
+        EXPECT_TRUE(reader.readNextStartElement());
+        EXPECT_EQ(reader.name(), QLatin1String("after"));
     }
-    ZORPSVModelItem viaHandler;
-    ASSERT_TRUE(viaHandler.parseElement(reader, &error)) << error.toStdString();
-    expectSameTree(merged, viaHandler);
-    QXmlStreamReader truncated(xml.left(xml.indexOf(QStringLiteral("</tree>")) - 5));
-    truncated.readNextStartElement();
-    ZORPSVModelItem partial;
-    EXPECT_FALSE(partial.parseElement(truncated, &error));
 }
 
 TEST(ZORPSVModelItem, MalformedTreesAreRejected)
 {
-    const struct
-    {
-        const char* tree;
-        const char* why;
-    } cases[] = {
-        {"<tree><node function=\"f\" special=\"99\"/></tree>", "special out of range"},
-        {"<tree><node function=\"f\" samples=\"1,2\"/></tree>", "too few counters"},
-        {"<tree samples=\"1,x,0,0\"/>", "counter not a number"},
-        {"<tree><activeCoreLineMetrics><metric>instr_mem</metric></activeCoreLineMetrics></tree>", "entry without value"},
-        {"<tree><node function=\"f\"><node function=\"g\"", "truncated"},
-    };
-    for (const auto& c : cases) {
-        QXmlStreamReader reader(QString::fromLatin1(c.tree));
+    for (const char* tree : {
+             "<tree><node function=\"f\" special=\"99\"/></tree>",  // special out of range
+             "<tree><node function=\"f\" samples=\"1,2\"/></tree>",  // too few counters
+             "<tree samples=\"1,x,0,0\"/>",                          // counter not a number
+             "<tree><activeCoreLineMetrics><metric>instr_mem</metric></activeCoreLineMetrics></tree>",
+             "<tree><node function=\"f\"><node function=\"g\"",     // truncated
+         }) {
+        QXmlStreamReader reader(QString::fromLatin1(tree));
         ASSERT_TRUE(reader.readNextStartElement());
         QString error;
         std::unique_ptr<ZORPSVModelItem> root(ZORPSVModelItem::readTree(reader, &error));
-        EXPECT_FALSE(root) << c.why;
-        EXPECT_FALSE(error.isEmpty()) << c.why;
+        EXPECT_FALSE(root) << tree;
+        EXPECT_FALSE(error.isEmpty()) << tree;
     }
-    QXmlStreamReader notAtElement(QStringLiteral("<tree/>"));
+    // The element-by-element path fails on a truncated tree too.
+    QXmlStreamReader truncated(QStringLiteral("<tree><node function=\"f\"><node function=\"g\""));
+    truncated.readNextStartElement();
     QString error;
-    EXPECT_EQ(ZORPSVModelItem::readTree(notAtElement, &error), nullptr);
+    EXPECT_FALSE(ZORPSVModelItem().parseElement(truncated, &error));
 }
 
 TEST(ZORPSVModelItem, DetectsTheOpenMpRuntimeOfATree)
 {
-    const struct
-    {
-        const char* frame;
-        Category::OmpCompiler::Enum runtime;
-    } cases[] = {
-        {"compute._omp_fn.0", Category::OmpCompiler::Gnu},
-        {"GOMP_parallel", Category::OmpCompiler::Gnu},
-        {".omp_outlined._debug__", Category::OmpCompiler::Llvm},
-        {"__kmp_invoke_microtask", Category::OmpCompiler::Llvm},
-        {"L_compute_12__par_region0_2_0", Category::OmpCompiler::Intel},
-        {"__nv_compute_F1L12_1", Category::OmpCompiler::Nvidia},
-        {"_cray$mt_execute_parallel", Category::OmpCompiler::Cray},
-        {"compute", Category::OmpCompiler::Unknown},
+    typedef Category::OmpCompiler C;
+    const std::pair<const char*, C::Enum> cases[] = {
+        {"compute._omp_fn.0", C::Gnu}, {"GOMP_parallel", C::Gnu}, {".omp_outlined._debug__", C::Llvm}, {"__kmp_invoke_microtask", C::Llvm},
+        {"L_compute_12__par_region0_2_0", C::Intel}, {"__nv_compute_F1L12_1", C::Nvidia}, {"_cray$mt_execute_parallel", C::Cray},
+        {"compute", C::Unknown},
     };
     for (const auto& c : cases) {
         ZORPSVModelItem root;
-        ZORPSVModelItem* main = new ZORPSVModelItem(&root, at("main"));
-        new ZORPSVModelItem(main, Position(QString::fromLatin1(c.frame)));
-        EXPECT_EQ(root.detectOmpRuntime(), c.runtime) << c.frame;
+        new ZORPSVModelItem(new ZORPSVModelItem(&root, at("main")), Position(QString::fromLatin1(c.first)));
+        EXPECT_EQ(root.detectOmpRuntime(), c.second) << c.first;
     }
 }

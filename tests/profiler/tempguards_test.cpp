@@ -15,137 +15,79 @@ namespace {
 
 void setDebugAnalysis(const char* klb, const char* zor, const char* quorvex)
 {
-    const char* names[] = { "KLB_DEBUG_ANALYSIS", "ZOR_DEBUG_ANALYSIS", "QUORVEX_DEBUG_ANALYSIS" };
-    const char* values[] = { klb, zor, quorvex };
-    for (int i = 0; i < 3; ++i) {
-        if (values[i])
-            setenv(names[i], values[i], 1);
-        else
-            unsetenv(names[i]);
-    }
+    const char* names[] = {"KLB_DEBUG_ANALYSIS", "ZOR_DEBUG_ANALYSIS", "QUORVEX_DEBUG_ANALYSIS"};
+    const char* values[] = {klb, zor, quorvex};
+    for (int i = 0; i < 3; ++i)
+        values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
     ++g_cacheSerial;
 }
 
-class DebugModeGuard : public ::testing::Test
+// The debug mode seen inside a guarded scope that starts with `before` and
+// is left normally or by an exception; either way it must end as it began.
+bool modeInside(bool before, bool throwing = false)
 {
-protected:
-    void SetUp() override { setDebugAnalysis(nullptr, nullptr, nullptr); }
-    void TearDown() override { setDebugAnalysis(nullptr, nullptr, nullptr); }
-
-    // The debug mode seen inside a guarded scope that starts with `before`.
-    bool modeInside(bool before)
-    {
-        host.debugModeOn = before;
-        TempDisableDebugMode guard(&host);
-        return host.debugModeOn;
-    }
-
     FakeHost host;
-};
-
-TEST_F(DebugModeGuard, SwitchesOffForTheScopeAndRestoresEitherMode)
-{
-    EXPECT_FALSE(modeInside(true));
-    EXPECT_TRUE(host.debugModeOn);
-    EXPECT_FALSE(modeInside(false));
-    EXPECT_FALSE(host.debugModeOn);
-}
-
-TEST_F(DebugModeGuard, RestoresWhenAnExceptionPassesThrough)
-{
-    host.debugModeOn = true;
-    Exception* caught = nullptr;
+    host.debugModeOn = before;
+    bool inside = !before;
     try {
         TempDisableDebugMode guard(&host);
-        EXPECT_FALSE(host.debugModeOn);
-        throw new Exception(20001, QStringLiteral("analysis failed"));
+        inside = host.debugModeOn;
+        if (throwing)
+            throw new Exception(20001, QStringLiteral("analysis failed"));
     } catch (Exception* e) {
-        caught = e;
+        delete e;
     }
-    ASSERT_NE(caught, nullptr);
-    delete caught;
-    EXPECT_TRUE(host.debugModeOn);
+    EXPECT_EQ(host.debugModeOn, before);
+    return inside;
 }
 
-TEST_F(DebugModeGuard, TheFirstDebugAnalysisSpellingThatIsSetDecides)
+TEST(DebugModeGuard, SwitchesOffForTheScopeUnlessDebugAnalysisSaysOtherwise)
 {
+    setDebugAnalysis(nullptr, nullptr, nullptr);
+    for (bool throwing : {false, true})
+        EXPECT_FALSE(modeInside(true, throwing) || modeInside(false, throwing));
+
     // The first variable present decides even when it says no.
-    setDebugAnalysis("off", "1", "1");
-    EXPECT_FALSE(modeInside(true));
-
-    setDebugAnalysis(nullptr, "", "off");
-    EXPECT_TRUE(modeInside(true));
-
-    setDebugAnalysis(nullptr, nullptr, "Disabled");
-    EXPECT_FALSE(modeInside(true));
-
-    setDebugAnalysis(nullptr, nullptr, "yes");
-    EXPECT_TRUE(modeInside(true));
-    EXPECT_FALSE(modeInside(false));
+    const struct { const char *klb, *zor, *quorvex; bool stays; } cases[] = {
+        {"off", "1", "1", false}, {nullptr, "", "off", true}, {nullptr, nullptr, "Disabled", false}, {nullptr, nullptr, "yes", true}};
+    for (const auto& c : cases) {
+        setDebugAnalysis(c.klb, c.zor, c.quorvex);
+        EXPECT_EQ(modeInside(true), c.stays) << c.klb << c.zor << c.quorvex;
+        EXPECT_FALSE(modeInside(false));
+    }
+    setDebugAnalysis(nullptr, nullptr, nullptr);
 }
 
-class LanguageGuard : public ::testing::Test
+TEST(LanguageGuard, PutsTheLanguageFoundAtTheFirstChangeBackOnEveryPath)
 {
-protected:
-    QStringList sentLanguages() const
+    for (bool throwing : {false, true}) {
+        ScriptedDebugger debugger;
+        debugger.language = LanguageFortran;
+        try {
+            TempLangChange guard(&debugger, LanguageC);
+            guard.changeLanguage(LanguageAsm);
+            EXPECT_EQ(debugger.language, LanguageAsm);
+            if (throwing)
+                throw std::runtime_error("expression failed");
+        } catch (const std::runtime_error&) {
+        }
+        EXPECT_EQ(debugger.language, LanguageFortran);
+        EXPECT_EQ(debugger.languageQueries, 1);
+        QStringList sent;
+        for (const Command& command : debugger.languageCommands) {
+            EXPECT_EQ(command.name, QString::fromLatin1(CMD_SET_LANGUAGE));
+            EXPECT_EQ(command.getTarget(), QString::fromLatin1(XML_TARGET_DEBUGGER));
+            sent.append(command.getValue(QStringLiteral("language")).toString());
+        }
+        EXPECT_EQ(sent, QStringList({QStringLiteral("c"), QStringLiteral("asm"), QStringLiteral("fortran")}));
+    }
+    // A guard that changed nothing asks and sends nothing.
+    ScriptedDebugger untouched;
     {
-        QStringList languages;
-        for (const Command& command : debugger.languageCommands)
-            languages.append(command.getValue(QStringLiteral("language")).toString());
-        return languages;
+        TempLangChange guard(&untouched);
     }
-
-    ScriptedDebugger debugger;
-};
-
-TEST_F(LanguageGuard, ChangesForTheScopeAndPutsTheOldLanguageBack)
-{
-    debugger.language = LanguageFortran;
-    {
-        TempLangChange guard(&debugger, LanguageC);
-        EXPECT_EQ(debugger.language, LanguageC);
-    }
-    EXPECT_EQ(debugger.language, LanguageFortran);
-    EXPECT_EQ(sentLanguages(), (QStringList{ QStringLiteral("c"), QStringLiteral("fortran") }));
-
-    const Command& first = debugger.languageCommands.first();
-    EXPECT_EQ(first.name, QString::fromLatin1(CMD_SET_LANGUAGE));
-    EXPECT_EQ(first.getTarget(), QString::fromLatin1(XML_TARGET_DEBUGGER));
-    EXPECT_EQ(first.getValue(QStringLiteral("language")).type(), QVariant::String);
-}
-
-TEST_F(LanguageGuard, RestoresTheLanguageFoundAtTheFirstChange)
-{
-    debugger.language = LanguageCPlusPlus;
-    {
-        TempLangChange guard(&debugger);
-        guard.changeLanguage(LanguageC);
-        guard.changeLanguage(LanguageFortran);
-        guard.changeLanguage(LanguageAsm);
-        EXPECT_EQ(debugger.language, LanguageAsm);
-    }
-    EXPECT_EQ(debugger.language, LanguageCPlusPlus);
-    EXPECT_EQ(debugger.languageQueries, 1);
-}
-
-TEST_F(LanguageGuard, AGuardThatChangedNothingSendsNothing)
-{
-    {
-        TempLangChange guard(&debugger);
-    }
-    EXPECT_TRUE(debugger.languageCommands.isEmpty());
-    EXPECT_EQ(debugger.languageQueries, 0);
-}
-
-TEST_F(LanguageGuard, RestoresWhenAnExceptionPassesThrough)
-{
-    debugger.language = LanguageFortran;
-    try {
-        TempLangChange guard(&debugger, LanguageC);
-        throw std::runtime_error("expression failed");
-    } catch (const std::runtime_error&) {
-    }
-    EXPECT_EQ(debugger.language, LanguageFortran);
+    EXPECT_TRUE(untouched.languageCommands.isEmpty());
+    EXPECT_EQ(untouched.languageQueries, 0);
 }
 
 // A debugger that fails to set the language once it has been set once.
@@ -160,54 +102,37 @@ public:
     }
 };
 
-TEST_F(LanguageGuard, AFailedRestoreDuringAnExceptionDoesNotEndTheProcess)
+TEST(LanguageGuard, AFailedRestoreDuringAnExceptionDoesNotEndTheProcess)
 {
     RefusingDebugger refusing;
     refusing.language = LanguageFortran;
-    Exception* caught = nullptr;
+    int code = 0;
     try {
         TempLangChange guard(&refusing, LanguageC);
         throw new Exception(20003, QStringLiteral("expression failed"));
     } catch (Exception* e) {
-        caught = e;
+        code = e->code();
+        delete e;
     }
-    ASSERT_NE(caught, nullptr);
-    EXPECT_EQ(caught->code(), 20003);
-    delete caught;
+    EXPECT_EQ(code, 20003);
     EXPECT_EQ(refusing.language, LanguageC);
 }
 
-TEST_F(LanguageGuard, ABracketedLanguageInFrontIsTakenOffAndSet)
+TEST(LanguageGuard, ABracketedLanguageInFrontIsTakenOffAndSet)
 {
-    debugger.language = LanguageAuto;
+    ScriptedDebugger debugger;
     {
         TempLangChange guard(&debugger);
-        EXPECT_EQ(guard.removeLanguagePrefixAndChangeLanguage(QStringLiteral("[C++]sizeof(int)")),
-                  QStringLiteral("sizeof(int)"));
+        for (const QString& expression : {QStringLiteral("[c quorvex_sampler_version"), QStringLiteral("a[1]"), QStringLiteral(" [c]x"), QString()})
+            EXPECT_EQ(guard.removeLanguagePrefixAndChangeLanguage(expression), expression);
+        EXPECT_TRUE(debugger.languageCommands.isEmpty());
+
+        EXPECT_EQ(guard.removeLanguagePrefixAndChangeLanguage(QStringLiteral("[C++]sizeof(int)")), QStringLiteral("sizeof(int)"));
         EXPECT_EQ(debugger.language, LanguageCPlusPlus);
         EXPECT_EQ(guard.removeLanguagePrefixAndChangeLanguage(QStringLiteral("[fortran]")), QString());
         EXPECT_EQ(debugger.language, LanguageFortran);
     }
     EXPECT_EQ(debugger.language, LanguageAuto);
-}
-
-TEST_F(LanguageGuard, OtherExpressionsPassUnchangedWithoutAChange)
-{
-    TempLangChange guard(&debugger);
-    for (const QString& expression : { QStringLiteral("[c quorvex_sampler_version"), QStringLiteral("a[1]"),
-                                       QStringLiteral(" [c]x"), QString() })
-        EXPECT_EQ(guard.removeLanguagePrefixAndChangeLanguage(expression), expression);
-    EXPECT_TRUE(debugger.languageCommands.isEmpty());
-}
-
-TEST(Language, InternalNamesGoBothWays)
-{
-    for (LanguageTag tag : { LanguageAuto, LanguageC, LanguageCPlusPlus, LanguageFortran, LanguageAsm,
-                             LanguageMinimal })
-        EXPECT_EQ(Language::internalStringToLanguage(Language::languageToInternalString(tag)), tag);
-    EXPECT_EQ(Language::internalStringToLanguage(QStringLiteral("cobol")), LanguageAuto);
-    EXPECT_TRUE(Language::languageToInternalString(LanguageNone).isEmpty());
-    EXPECT_EQ(int(LanguageNone), 6);
 }
 
 } // namespace
