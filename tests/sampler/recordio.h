@@ -34,18 +34,23 @@ bool roundTrip(const In& in, Out& out)
     return readRecord(file, out);
 }
 
-// The file with its last `drop` bytes cut off, or with one byte replaced.
-inline void truncateBy(const TempFile& file, size_t drop)
+// Writes the record, then cuts off its last `drop` bytes or replaces the
+// byte at `offset`, counted from the end when negative.
+template <typename Record>
+void writeTruncated(const TempFile& file, const Record& record, size_t drop)
 {
+    writeRecord(file, record);
     std::vector<char> bytes = file.contents();
     bytes.resize(bytes.size() - drop);
     file.setContents(bytes);
 }
 
-inline void patchByte(const TempFile& file, size_t offset, char value)
+template <typename Record>
+void writePatched(const TempFile& file, const Record& record, long offset, char value)
 {
+    writeRecord(file, record);
     std::vector<char> bytes = file.contents();
-    bytes.at(offset) = value;
+    bytes.at(static_cast<size_t>(offset < 0 ? static_cast<long>(bytes.size()) + offset : offset)) = value;
     file.setContents(bytes);
 }
 

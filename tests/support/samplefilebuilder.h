@@ -92,7 +92,6 @@ private:
     std::mt19937_64 mRandom;
     timespec mClock;
     int mNextTid;
-    quorvex::zor_shared_ptr<quorvex::SGpuKernelHit> mPendingHit;
 };
 
 // Field-by-field comparison: an empty string when equal, otherwise the first
