@@ -14,16 +14,16 @@ extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t n, size_t size);
 extern "C" void* __libc_realloc(void* p, size_t size);
 extern "C" void* __libc_memalign(size_t alignment, size_t size);
-extern "C" void __libc_free(void* p);
 
 namespace {
 volatile bool g_counting = false;
 volatile long g_allocations = 0;
 
-void note()
+void* counted(void* block)
 {
     if (g_counting)
         g_allocations = g_allocations + 1;
+    return block;
 }
 
 template <typename F>
@@ -44,17 +44,16 @@ const bool g_policyChosen = [] {
 
 // Every allocation of the process passes here; the count is taken only while
 // the code under test runs.
-extern "C" void* malloc(size_t size) noexcept { return note(), __libc_malloc(size); }
-extern "C" void* calloc(size_t n, size_t size) noexcept { return note(), __libc_calloc(n, size); }
-extern "C" void* realloc(void* p, size_t size) noexcept { return note(), __libc_realloc(p, size); }
-extern "C" void* memalign(size_t alignment, size_t size) noexcept { return note(), __libc_memalign(alignment, size); }
+extern "C" void* malloc(size_t size) noexcept { return counted(__libc_malloc(size)); }
+extern "C" void* calloc(size_t n, size_t size) noexcept { return counted(__libc_calloc(n, size)); }
+extern "C" void* realloc(void* p, size_t size) noexcept { return counted(__libc_realloc(p, size)); }
+extern "C" void* memalign(size_t alignment, size_t size) noexcept { return counted(__libc_memalign(alignment, size)); }
 extern "C" void* aligned_alloc(size_t alignment, size_t size) noexcept { return memalign(alignment, size); }
 extern "C" int posix_memalign(void** out, size_t alignment, size_t size) noexcept
 {
     *out = memalign(alignment, size);
     return *out ? 0 : ENOMEM;
 }
-extern "C" void free(void* p) noexcept { __libc_free(p); }
 
 TEST(PreallocatedPolicy, ReservesTheDeepestTraceAndRejectsDeeperOnes)
 {

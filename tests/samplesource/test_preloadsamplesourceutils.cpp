@@ -43,23 +43,23 @@ struct SparseFixture
             list->createSample(zortest::makeBacktraceData({1}), timespec{i, 0}, interval, interval, downsampled,
                                false, 1, {1}, timespec{0, 0}, false);
         }
-        Metric rate("rate", 0), level("level", 1), plain("plain", 2), hidden("hidden", 3);
-        rate.setSparse(true);
-        rate.setDivideBySampleTime(true);
-        level.setSparse(true);
-        plain.setDivideBySampleTime(true);
-        hidden.setSparse(true);
-        hidden.setOnTimeDomain(false);
-        for (const Metric& m : {rate, level, plain, hidden})
-            definitions.addMetric(m);
+        for (unsigned m = 0; m < 4; ++m) {
+            Metric metric(QString::number(m), m);
+            metric.setSparse(m != 2);
+            metric.setDivideBySampleTime(divides(m));
+            metric.setOnTimeDomain(m != 3);
+            definitions.addMetric(metric);
+        }
     }
 
-    void set(unsigned sample, unsigned metric, SampleValue value, timespec interval = {0, 0})
+    static bool divides(unsigned metric) { return metric == 0 || metric == 2; }
+
+    void set(unsigned sample, unsigned metric, long value, timespec interval = {0, 0})
     {
-        const bool divide = metric == 0 || metric == 2;
         list->at(sample).metrics().setMetric(
-            metric, quorvex::SMetric(value, interval,
-                                     divide ? quorvex::SMetric::DivideBySampleInterval : quorvex::SMetric::NoNormalisation));
+            metric, quorvex::SMetric(SampleValue(value), interval,
+                                     divides(metric) ? quorvex::SMetric::DivideBySampleInterval
+                                                     : quorvex::SMetric::NoNormalisation));
     }
 
     std::vector<std::string> values(unsigned metric) const
@@ -84,12 +84,11 @@ using Values = std::vector<std::string>;
 TEST(CorrectSparseMetrics, SpreadsEachValueOverTheGapBeforeIt)
 {
     SparseFixture f;
-    f.set(2, 0, SampleValue(600L));
-    f.set(5, 0, SampleValue(1500L));
-    f.set(2, 1, SampleValue(7L));
-    f.set(5, 1, SampleValue(9L));
-    f.set(2, 2, SampleValue(600L));
-    f.set(2, 3, SampleValue(600L));
+    for (unsigned metric : {0, 2, 3})
+        f.set(2, metric, 600);
+    f.set(5, 0, 1500);
+    f.set(2, 1, 7);
+    f.set(5, 1, 9);
     PreloadSampleSourceUtils::correctSparseMetrics(f.list.get(), f.definitions);
 
     // Rates by interval: 1+2+3 ms share 600, 4+5+6 ms share 1500.
@@ -107,8 +106,8 @@ TEST(CorrectSparseMetrics, SpreadsEachValueOverTheGapBeforeIt)
 TEST(CorrectSparseMetrics, LeavesFirstSamplesAndEmptyMetricsAndUsesOwnIntervals)
 {
     SparseFixture f;
-    f.set(0, 0, SampleValue(5L));
-    f.set(2, 0, SampleValue(90L), timespec{0, 2000000}); // sample 1 empty; 2 ms of its own against 2 ms
+    f.set(0, 0, 5);
+    f.set(2, 0, 90, timespec{0, 2000000}); // sample 1 empty; 2 ms of its own against 2 ms
     PreloadSampleSourceUtils::correctSparseMetrics(f.list.get(), f.definitions);
     EXPECT_EQ(f.values(0), (Values{"5", "45", "45", "-", "-", "-"}));
     EXPECT_EQ(f.list->at(2).metrics().getMetricInterval(0).tv_nsec, 2000000);

@@ -227,17 +227,7 @@ std::ostream& operator<<(std::ostream& out, const std::vector<T>& items)
     return out << std::dec;
 }
 
-// Each field on a line of its own, nested records' lines under a prefix.
-std::string nested(const std::string& prefix, const std::string& lines)
-{
-    std::string out;
-    for (size_t at = 0, end; at < lines.size(); at = end + 1) {
-        end = lines.find('\n', at);
-        out += prefix + lines.substr(at, end - at + 1);
-    }
-    return out;
-}
-
+// Each field on a line of its own; a line ending in ':' opens a nested record.
 std::string describe(const SSimpleBacktrace& b)
 {
     std::ostringstream out;
@@ -278,28 +268,30 @@ std::string describe(const SSample& s)
 {
     std::ostringstream out;
     out << "valid " << s.isValid() << "\ntimestamp " << s.getTimestamp() << "\ninterval " << s.getInterval()
-        << "\nwindow " << s.getWindow() << "\ndownsampled " << s.downsamplingHappened() << "\n"
-        << nested("main thread: ", describe(s.mainThreadTrace())) << "other threads " << s.otherThreads().count()
-        << "\n";
-    for (size_t i = 0; i < s.otherThreads().count(); ++i)
-        out << nested("thread " + std::to_string(i) + ": ", describe(s.otherThreads()[i]));
+        << "\nwindow " << s.getWindow() << "\ndownsampled " << s.downsamplingHappened() << "\nother threads "
+        << s.otherThreads().count() << "\n";
     const SMetrics& m = s.metrics();
     out << "metrics valid " << m.isValid() << "\nmetrics " << m.size() << "\n";
     for (unsigned i = 0; i < m.size(); ++i)
         out << "metric " << i << ": " << m.getMetricValue(i) << ", interval " << m.getMetricInterval(i)
             << ", divides " << m.shouldDivideBySampleInterval(i) << "\n";
     out << "thread list " << s.threadList() << "\nkernel hits " << s.kernelHits().size() << "\n";
+    // The nested records last, so that a header stands for all lines after it.
+    out << "main thread:\n" << describe(s.mainThreadTrace());
+    for (size_t i = 0; i < s.otherThreads().count(); ++i)
+        out << "thread " << i << ":\n" << describe(s.otherThreads()[i]);
     for (size_t k = 0; k < s.kernelHits().size(); ++k)
-        out << nested("kernel hit " + std::to_string(k) + ": ", describe(*s.kernelHits()[k]));
+        out << "kernel hit " << k << ":\n" << describe(*s.kernelHits()[k]);
     return out.str();
 }
 
 std::string describe(const SSampleList& l)
 {
-    std::string out = "samples " + std::to_string(l.size()) + "\n";
+    std::ostringstream out;
+    out << "samples " << l.size() << "\n";
     for (unsigned i = 0; i < l.size(); ++i)
-        out += nested("sample " + std::to_string(i) + ": ", describe(l.at(i)));
-    return out;
+        out << "sample " << i << ":\n" << describe(l.at(i));
+    return out.str();
 }
 
 std::string describe(const SCallSite& c)
@@ -308,51 +300,39 @@ std::string describe(const SCallSite& c)
     out << "valid " << c.isValid() << "\n";
     if (c.isValid())
         out << "parallel id " << c.parallelId() << "\ntid " << c.tid() << "\ntag " << c.tag() << "\n"
-            << nested("trace: ", describe(*c.callSite()));
+            << "trace:\n" << describe(*c.callSite());
     return out.str();
 }
 
-// The first line that differs, as "a != b"; empty when the records are equal.
+// The first line that differs, after the headers of the records it sits in;
+// empty when the records are equal.
 template <typename Record>
 std::string firstDifference(const Record& a, const Record& b)
 {
     std::istringstream da(describe(a)), db(describe(b));
-    std::string la, lb;
+    std::string la, lb, sample, record;
     for (;;) {
         std::getline(da, la);
         std::getline(db, lb);
         if (!da && !db)
             return "";
         if (la != lb)
-            return la + " != " + lb;
+            return sample + record + la + " != " + lb;
+        if (la.compare(0, 7, "sample ") == 0) {
+            sample = la + " ";
+            record.clear();
+        } else if (la.back() == ':') {
+            record = la + " ";
+        }
     }
 }
 
 } // namespace
 
-std::string compareBacktraces(const SBacktrace& a, const SBacktrace& b)
-{
-    return firstDifference(a, b);
-}
-
-std::string compareKernelHits(const SGpuKernelHit& a, const SGpuKernelHit& b)
-{
-    return firstDifference(a, b);
-}
-
-std::string compareSamples(const SSample& a, const SSample& b)
-{
-    return firstDifference(a, b);
-}
-
-std::string compareLists(const SSampleList& a, const SSampleList& b)
-{
-    return firstDifference(a, b);
-}
-
-std::string compareCallSites(const SCallSite& a, const SCallSite& b)
-{
-    return firstDifference(a, b);
-}
+std::string compareBacktraces(const SBacktrace& a, const SBacktrace& b) { return firstDifference(a, b); }
+std::string compareKernelHits(const SGpuKernelHit& a, const SGpuKernelHit& b) { return firstDifference(a, b); }
+std::string compareSamples(const SSample& a, const SSample& b) { return firstDifference(a, b); }
+std::string compareLists(const SSampleList& a, const SSampleList& b) { return firstDifference(a, b); }
+std::string compareCallSites(const SCallSite& a, const SCallSite& b) { return firstDifference(a, b); }
 
 } // namespace zortest
