@@ -126,8 +126,6 @@ TEST(SSimpleBacktrace, FileFormAndItsAssertions)
     writeRecord(file, in, 10);
     EXPECT_FALSE(readRecord(file, out));
     EXPECT_FALSE(out.isValid());
-    writeRecord(file, in, 0, 1, 'x');
-    EXPECT_DEATH(readRecord(file, out), "Assertion `obuff\\[1\\] == 'b'' failed");
     writeRecord(file, in, 0, 3 + 8 + 8, 2); // the calling-frame flag
     EXPECT_DEATH(readRecord(file, out), "Assertion `stopsAtCallingFrame==0 \\|\\| stopsAtCallingFrame==1' failed");
 
@@ -142,7 +140,6 @@ TEST(SBacktraceList, CopiesAreDeepAndIndexesChecked)
     SBacktraceList list(2), assigned(4);
     for (int i = 0; i < 3; ++i)
         list.addBacktrace(makeBacktraceData({1, 2}), i == 0, 100 + i, timespec{1, i}, false);
-    EXPECT_FALSE(list.isPreallocated(&list[2]));
     EXPECT_DEATH(list[3], "ZOR: SBacktraceList index out of bounds: 3, size=3");
     SBacktraceList copy(list);
     EXPECT_TRUE(copy.isPreallocated(&copy[0]));
@@ -328,7 +325,6 @@ TEST(ZorSharedPtr, LastDetachDeletes)
     EXPECT_EQ(b.refCount(), 1);
     b.detach();
     EXPECT_EQ(deaths, 1);
-    EXPECT_DEATH((void)b->deaths, "Assertion `d' failed");
 }
 
 TEST(SSampleList, FullListHalvesBeforeTheNextSample)

@@ -47,17 +47,9 @@ std::vector<char> withVersion(std::vector<char> bytes, int64_t word)
 // Three samples of two threads, a shared kernel hit and two call sites.
 struct SmallFile : SampleFileBuilder
 {
-    explicit SmallFile(unsigned seed = 3) : SampleFileBuilder(8, 2, seed)
-    {
-        RandomSampleShape shape;
-        shape.numSamples = 3;
-        shape.threadsPerSample = 2;
-        shape.framesPerTrace = 3;
-        shape.numMetrics = 2;
-        shape.kernelHitEvery = 2;
-        shape.varySizes = false;
-        addRandom(shape);
-    }
+    // Samples, threads, frames, metrics, a kernel hit every n-th sample,
+    // call sites and varying sizes.
+    explicit SmallFile(unsigned seed = 3) : SampleFileBuilder(8, 2, seed) { addRandom({3, 2, 3, 2, 2, 2, false}); }
 };
 
 } // namespace
@@ -69,15 +61,8 @@ TEST(ReadSamples, RandomWholeFileRoundTrip)
 {
     for (unsigned seed = 1; seed <= 4; ++seed) {
         SampleFileBuilder builder(64, 8, seed);
-        RandomSampleShape shape;
-        shape.numSamples = 150;
-        shape.threadsPerSample = 12;
-        shape.framesPerTrace = 200;
-        shape.numMetrics = 6;
-        shape.kernelHitEvery = 2;
-        shape.numCallSites = 5;
         builder.list().setMergeGpuKernelListsWhenDownsampling(seed % 2 == 0);
-        builder.addRandom(shape);
+        builder.addRandom({150, 12, 200, 6, 2, 5}); // in the order of SmallFile's
         ASSERT_GT(builder.list().numDownsamples(), 0u);
         builder.header().version = 700 + seed;
         TempFile file;

@@ -228,29 +228,26 @@ std::ostream& operator<<(std::ostream& out, const std::vector<T>& items)
 }
 
 // Each field on a line of its own; a line ending in ':' opens a nested record.
-std::string describe(const SSimpleBacktrace& b)
+std::ostream& describe(std::ostream& out, const SSimpleBacktrace& b)
 {
-    std::ostringstream out;
     out << "valid " << b.isValid() << "\n";
-    if (b.isValid())
-        out << "tid " << b.tid() << "\nunwind status " << b.unwindStatus() << "\nstops at calling frame "
-            << b.stopsAtCallingFrame() << "\nframes " << b.trace() << "\n";
-    return out.str();
+    if (!b.isValid())
+        return out;
+    return out << "tid " << b.tid() << "\nunwind status " << b.unwindStatus() << "\nstops at calling frame "
+               << b.stopsAtCallingFrame() << "\nframes " << b.trace() << "\n";
 }
 
-std::string describe(const SBacktrace& b)
+std::ostream& describe(std::ostream& out, const SBacktrace& b)
 {
-    std::ostringstream out;
-    out << describe(static_cast<const SSimpleBacktrace&>(b));
-    if (b.isValid())
-        out << "parallel id " << b.parallelId() << "\nin MPI " << b.inMpi() << "\nsleeping " << b.isSleeping()
-            << "\nCPU time " << b.cpuTime() << "\n";
-    return out.str();
+    describe(out, static_cast<const SSimpleBacktrace&>(b));
+    if (!b.isValid())
+        return out;
+    return out << "parallel id " << b.parallelId() << "\nin MPI " << b.inMpi() << "\nsleeping " << b.isSleeping()
+               << "\nCPU time " << b.cpuTime() << "\n";
 }
 
-std::string describe(const SGpuKernelHit& k)
+std::ostream& describe(std::ostream& out, const SGpuKernelHit& k)
 {
-    std::ostringstream out;
     out << "correlation id " << k.correlationId() << "\nkernel name id " << k.kernelNameId() << "\nstart "
         << k.startTime() << "\nend " << k.endTime() << "\ndropped " << k.droppedSamples() << "\ntotal "
         << k.totalSamples() << "\nperiod " << k.samplingPeriodInCycles() << "\nlines " << k.lineHits().size() << "\n";
@@ -261,12 +258,11 @@ std::string describe(const SGpuKernelHit& k)
             out << " " << hits.samples[i] << "/" << hits.latencySamples[i];
         out << std::dec << "\n";
     }
-    return out.str();
+    return out;
 }
 
-std::string describe(const SSample& s)
+std::ostream& describe(std::ostream& out, const SSample& s)
 {
-    std::ostringstream out;
     out << "valid " << s.isValid() << "\ntimestamp " << s.getTimestamp() << "\ninterval " << s.getInterval()
         << "\nwindow " << s.getWindow() << "\ndownsampled " << s.downsamplingHappened() << "\nother threads "
         << s.otherThreads().count() << "\n";
@@ -277,31 +273,29 @@ std::string describe(const SSample& s)
             << ", divides " << m.shouldDivideBySampleInterval(i) << "\n";
     out << "thread list " << s.threadList() << "\nkernel hits " << s.kernelHits().size() << "\n";
     // The nested records last, so that a header stands for all lines after it.
-    out << "main thread:\n" << describe(s.mainThreadTrace());
+    describe(out << "main thread:\n", s.mainThreadTrace());
     for (size_t i = 0; i < s.otherThreads().count(); ++i)
-        out << "thread " << i << ":\n" << describe(s.otherThreads()[i]);
+        describe(out << "thread " << i << ":\n", s.otherThreads()[i]);
     for (size_t k = 0; k < s.kernelHits().size(); ++k)
-        out << "kernel hit " << k << ":\n" << describe(*s.kernelHits()[k]);
-    return out.str();
+        describe(out << "kernel hit " << k << ":\n", *s.kernelHits()[k]);
+    return out;
 }
 
-std::string describe(const SSampleList& l)
+std::ostream& describe(std::ostream& out, const SSampleList& l)
 {
-    std::ostringstream out;
     out << "samples " << l.size() << "\n";
     for (unsigned i = 0; i < l.size(); ++i)
-        out << "sample " << i << ":\n" << describe(l.at(i));
-    return out.str();
+        describe(out << "sample " << i << ":\n", l.at(i));
+    return out;
 }
 
-std::string describe(const SCallSite& c)
+std::ostream& describe(std::ostream& out, const SCallSite& c)
 {
-    std::ostringstream out;
     out << "valid " << c.isValid() << "\n";
-    if (c.isValid())
-        out << "parallel id " << c.parallelId() << "\ntid " << c.tid() << "\ntag " << c.tag() << "\n"
-            << "trace:\n" << describe(*c.callSite());
-    return out.str();
+    if (!c.isValid())
+        return out;
+    out << "parallel id " << c.parallelId() << "\ntid " << c.tid() << "\ntag " << c.tag() << "\ntrace:\n";
+    return describe(out, *c.callSite());
 }
 
 // The first line that differs, after the headers of the records it sits in;
@@ -309,7 +303,9 @@ std::string describe(const SCallSite& c)
 template <typename Record>
 std::string firstDifference(const Record& a, const Record& b)
 {
-    std::istringstream da(describe(a)), db(describe(b));
+    std::stringstream da, db;
+    describe(da, a);
+    describe(db, b);
     std::string la, lb, sample, record;
     for (;;) {
         std::getline(da, la);
