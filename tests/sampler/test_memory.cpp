@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <random>
 #include <sys/mman.h>
@@ -60,9 +61,14 @@ TEST(Stacks, LastInFirstOutAndATryPopThatFindsTheLockTaken)
     EXPECT_EQ(mpmc_stack_trypop(&mpmc), nullptr);
     EXPECT_EQ(mpmc.lock, 1u);
     EXPECT_EQ(mpmc.head, &a.link);
-    mpmc.lock = 0;
-    EXPECT_EQ(mpmc_stack_trypop(&mpmc), &a.link);
-    EXPECT_EQ(mpmc_stack_pop(&mpmc), nullptr);
+    // A pop waits for the owner to let go.
+    std::atomic<SStackNode*> popped{nullptr};
+    std::thread waiter([&] { popped = mpmc_stack_pop(&mpmc); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(popped.load(), nullptr);
+    __atomic_store_n(&mpmc.lock, 0u, __ATOMIC_RELEASE);
+    waiter.join();
+    EXPECT_EQ(popped.load(), &a.link);
 }
 
 // Nodes cycling between the stack and several threads, with both kinds of
@@ -97,13 +103,15 @@ TEST(Stacks, ConcurrentPopAndPushHandEachNodeToOneThread)
 // The single-consumer kind, fed by several pushers while it pops.
 TEST(Stacks, SingleConsumerStackTakesFromSeveralPushers)
 {
-    const size_t pushers = 4, perPusher = 50000;
+    const size_t pushers = 4, perPusher = 250000;
     std::vector<Node> nodes(pushers * perPusher);
     spsc_stack_t spsc = SPSC_STACK_INITIALIZER;
-    std::atomic<size_t> finished{0};
+    std::atomic<size_t> finished{0}, ready{0};
     std::vector<std::thread> threads;
     for (size_t p = 0; p < pushers; ++p)
         threads.emplace_back([&, p] {
+            for (++ready; ready < pushers;) // all at once, to contend
+                ;
             for (size_t i = 0; i < perPusher; ++i)
                 spsc_stack_push(&spsc, &nodes[p * perPusher + i].link);
             ++finished;
