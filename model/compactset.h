@@ -165,6 +165,15 @@ private:
     void noteInsertion(const Range& r, bool counted);
     void insertSimple(const CompactSet& other, bool counted);
     iterator endUpperBound(const Range& r);
+    // The first range that begins at or after value. Insertions past the
+    // last range are the common case and skip the search of the tree.
+    iterator lowerBound(T value)
+    {
+        std::set<Range>& s = d->mRanges;
+        if (!s.empty() && std::prev(s.end())->begin < value)
+            return s.end();
+        return s.lower_bound(Range(value, value));
+    }
 
     QExplicitlySharedDataPointer<Data> d;
 };
@@ -189,7 +198,7 @@ template <typename T>
 typename CompactSet<T>::iterator CompactSet<T>::endUpperBound(const Range& r)
 {
     std::set<Range>& s = d->mRanges;
-    iterator it = s.lower_bound(Range(r.end, r.end));
+    iterator it = lowerBound(r.end);
     if (it != s.begin()) {
         iterator before = std::prev(it);
         if (before->end > r.end)
@@ -213,7 +222,7 @@ void CompactSet<T>::insert(const Range& r, bool counted)
     noteInsertion(r, counted);
 
     std::set<Range>& s = d->mRanges;
-    iterator first = s.lower_bound(r);
+    iterator first = lowerBound(r.begin);
     iterator prev = first == s.begin() ? s.end() : std::prev(first);
     // Everything in the set begins below r.begin before first, so prev can
     // only hold r by reaching past r.end.

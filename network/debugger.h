@@ -3,6 +3,7 @@
 #ifndef ZOR_DEBUGGER_H
 #define ZOR_DEBUGGER_H
 
+#include "language.h"
 #include "response.h"
 
 class Command;
@@ -43,6 +44,11 @@ public:
     virtual Response* handleCommand(Command& command) = 0;
     // The current state; the argument is reserved and always 0.
     virtual StatusResponse currentStatus(int reserved) = 0;
+    // The language in which expressions are read now.
+    virtual LanguageTag currentLanguage() = 0;
+    // Answers CMD_SET_LANGUAGE, whose parameter "language" holds the
+    // internal name of the new language (Language::languageToInternalString).
+    virtual void handleSetLanguage(Command& command) = 0;
 
     bool isDebugMode() const { return mDebugMode; }
     void setDebugMode(bool enabled) { mDebugMode = enabled; }

@@ -60,7 +60,11 @@ bool Response::merge(const Response&)
 
 bool Response::readNextStartElement(QXmlStreamReader& reader)
 {
-    return reader.readNextStartElement();
+    while (!reader.atEnd()) {
+        if (reader.readNext() == QXmlStreamReader::StartElement)
+            return true;
+    }
+    return false;
 }
 
 ResponseFactoryPlugin::~ResponseFactoryPlugin() = default;

@@ -36,7 +36,8 @@ public:
     virtual bool isMergable() const { return false; }
     virtual bool merge(const Response& other);
 
-    // Moves to the next start element inside the current one; false at its end.
+    // Moves forward in document order to the next start element, whatever
+    // its depth; false when the document ends first.
     static bool readNextStartElement(QXmlStreamReader& reader);
 
 protected:

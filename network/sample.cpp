@@ -408,6 +408,11 @@ void Sample::writeXml(QXmlStreamWriter& writer) const
             writer.writeAttribute(QStringLiteral("v"), QString::number(m.value()));
             writer.writeEndElement();
         }
+        if (thread.tree && thread.tree->root) {
+            writer.writeStartElement(QStringLiteral("tree"));
+            thread.tree->root->writeXml(writer);
+            writer.writeEndElement();
+        }
         writer.writeEndElement();
     }
     writer.writeEndElement();
@@ -445,6 +450,12 @@ bool readThread(QXmlStreamReader& reader, SampleThread* thread, QString* error)
             if (!ok)
                 return fail(error, QStringLiteral("thread %1 has a bad metric value").arg(thread->tid));
             thread->metrics.insert(m.value(QLatin1String("id")).toString(), value);
+        } else if (reader.name() == QLatin1String("tree") && !thread->tree) {
+            ZORPSVModelItem* root = ZORPSVModelItem::readTree(reader, error);
+            if (!root)
+                return false;
+            thread->tree = QExplicitlySharedDataPointer<TreeHolder>(new TreeHolder(root));
+            continue;
         }
         reader.skipCurrentElement();
     }
@@ -509,6 +520,23 @@ bool Sample::readXml(QXmlStreamReader& reader, QString* error)
     return true;
 }
 
+namespace {
+
+// Trees compare by their wire form: equal in everything that travels.
+QString treeText(const SampleThread& thread)
+{
+    if (!thread.tree || !thread.tree->root)
+        return QString();
+    QString text;
+    QXmlStreamWriter writer(&text);
+    writer.writeStartElement(QStringLiteral("tree"));
+    thread.tree->root->writeXml(writer);
+    writer.writeEndElement();
+    return text;
+}
+
+} // namespace
+
 bool Sample::operator==(const Sample& other) const
 {
     if (d == other.d)
@@ -529,7 +557,7 @@ bool Sample::operator==(const Sample& other) const
         const SampleThread& x = a.threads.at(i);
         const SampleThread& y = b.threads.at(i);
         if (x.tid != y.tid || x.type != y.type || x.cpuTime != y.cpuTime || x.sleeping != y.sleeping || !(x.instruction == y.instruction)
-            || x.metrics != y.metrics)
+            || x.metrics != y.metrics || treeText(x) != treeText(y))
             return false;
     }
     return true;

@@ -5,7 +5,9 @@
 
 #include "constants.h"
 #include "instructioncategories.h"
+#include "linemetrics.h"
 #include "sample.h"
+#include "zorpsvmodelitem.h"
 
 namespace {
 
@@ -138,6 +140,52 @@ bool cpuInstructionMetricsSupported(const MetricDefinitions&)
 #else
     return false;
 #endif
+}
+
+void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample)
+{
+    if (!cpuInstructionMetricsSupported(definitions))
+        return;
+    for (int tid : sample.sampledTidList()) {
+        if (sample.backendOnly_isSleeping(tid))
+            continue;
+        PSVModelItem* leaf = sample.backendOnly_mutablePsvModel(tid);
+        if (!leaf)
+            continue;
+        while (leaf->firstChild())
+            leaf = leaf->firstChild();
+        if (!leaf->position().hasFileAndLine())
+            continue;
+        const QList<InstructionQuery> one{ sample.backendOnly_instruction(tid) };
+        const quint32 floatCount = floatInstructionCount(one);
+        const quint32 intCount = intInstructionCount(one);
+        const quint32 floatVector = floatVectorInstructionCount(one);
+        const quint32 intVector = intVectorInstructionCount(one);
+        const struct {
+            const char* id;
+            quint32 count;
+        } counts[] = {
+            { METRIC_INSTR_SCALAR_FP, floatCount - floatVector },
+            { METRIC_INSTR_SCALAR_INT, intCount - intVector },
+            { METRIC_INSTR_MEM, memInstructionCount(one) },
+            { METRIC_INSTR_IMPLICIT_MEM, implicitMemInstructionCount(one) },
+            { METRIC_INSTR_VECTOR_FP, floatVector },
+            { METRIC_INSTR_VECTOR_INT, intVector },
+            { METRIC_INSTR_BRANCH, branchInstructionCount(one) },
+            { METRIC_INSTR_OTHER, otherInstructionCount(one) },
+        };
+        LineMetrics metrics;
+        for (const auto& count : counts) {
+            if (count.count > 0)
+                metrics.set(QString::fromLatin1(count.id), count.count);
+        }
+        ZORPSVModelItem* node = dynamic_cast<ZORPSVModelItem*>(leaf);
+        if (!node)
+            continue;
+        node->mergeActiveCoreLineMetrics(metrics);
+        if (sample.backendOnly_threadType(tid) == Sample::MainThread)
+            node->mergeMainThreadLineMetrics(metrics);
+    }
 }
 
 Sample* sampleForTimeRange(long long start, long long end, QLinkedListIterator<Sample*> from)

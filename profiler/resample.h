@@ -24,6 +24,12 @@ SampleList resample(QLinkedListIterator<Sample*> source, long long duration, int
 // an empty list.
 Sample* sampleForTimeRange(long long start, long long end, QLinkedListIterator<Sample*> from);
 
+// Adds the instruction under each awake thread of the sample to the line
+// metrics of the source line where its tree ends (the leaf reached by first
+// children), and for the main thread to its main-thread metrics too. Does
+// nothing where instruction metrics can't be had.
+void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample);
+
 // Whether instruction metrics (line metrics, the instruction mix window) can
 // be had on this processor: decided when the back-end is built.
 bool cpuInstructionMetricsSupported(const MetricDefinitions& definitions);

@@ -2,6 +2,7 @@
 #ifndef ZOR_PRELOADSAMPLESOURCEUTILS_H
 #define ZOR_PRELOADSAMPLESOURCEUTILS_H
 
+#include <QStringList>
 #include <ctime>
 
 class MetricDefinitions;
@@ -26,6 +27,18 @@ public:
     // time since the last report: spreads each value over the empty samples
     // before it, by their intervals for rates, as a copy otherwise.
     static void correctSparseMetrics(quorvex::SSampleList* samples, const MetricDefinitions& definitions);
+
+    // Memory of the whole node, from /proc/meminfo; defined in
+    // host/sysmeminfo.cpp beside the self-measuring that uses them.
+    // The lines of the file, ending in an empty string; an empty list when
+    // it can't be read.
+    static QStringList readSysMemInfo();
+    // Sets `total` from "MemTotal:" if there is such a line, and `free` to
+    // the sum of "MemFree:", "Buffers:" and "Cached:", in the file's units.
+    static void parseSysMemInfo(const QStringList& lines, unsigned long long& total, unsigned long long& free);
+    // The percentage of memory in use, buffers and cache counted as free;
+    // 0 when the lines don't tell.
+    static short calcSysMemUsage(const QStringList& lines);
 };
 
 #endif

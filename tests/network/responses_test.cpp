@@ -9,9 +9,26 @@
 #include "debugger.h"
 #include "profilerresponses.h"
 #include "sample.h"
+#include "zorpsvmodelitem.h"
 #include "zorresponsefactoryplugin.h"
 
 namespace {
+
+// main -> solve (solver.c:42) -> dot (blas.c:7), with counts of rank 2.
+ZORPSVModelItem* tree()
+{
+    ZORPSVModelItem* root = new ZORPSVModelItem;
+    ZORPSVModelItem* main = new ZORPSVModelItem(root, Position(QStringLiteral("main"), QStringLiteral("main.c"), 3, -1));
+    ZORPSVModelItem* solve =
+        new ZORPSVModelItem(main, Position(QStringLiteral("solve"), QStringLiteral("solver.c"), 42, -1));
+    ZORPSVModelItem* dot = new ZORPSVModelItem(solve, Position(QStringLiteral("dot"), QStringLiteral("blas.c"), 7, -1));
+    main->setSpecial(ZORPSVModelItem::specialMainFrame);
+    for (PSVModelItem* node : { static_cast<PSVModelItem*>(root), static_cast<PSVModelItem*>(main),
+                                static_cast<PSVModelItem*>(solve), static_cast<PSVModelItem*>(dot) })
+        node->addThread(2, false, false);
+    dot->addSampleCounts(1, 1, 0, 0);
+    return root;
+}
 
 Sample* richSample(long long stamp)
 {
@@ -20,7 +37,7 @@ Sample* richSample(long long stamp)
     sample->setMetric(QString::fromLatin1(METRIC_CHARS_READ), SampleValue(4096UL));
     sample->setMetric(QString::fromLatin1(METRIC_MPI_TIME_IN_CALL), SampleValue(-3L));
     sample->setMetric(QString::fromLatin1(METRIC_CPU_TIME_PERCENT), SampleValue(99.5));
-    sample->backendOnly_addThread(nullptr, 100, ThreadContext(), InstructionQuery(QStringLiteral("addsd"), false),
+    sample->backendOnly_addThread(tree(), 100, ThreadContext(), InstructionQuery(QStringLiteral("addsd"), false),
                                   Sample::MainThread, 5000000ULL, false);
     sample->backendOnly_addThread(nullptr, 101, ThreadContext(), InstructionQuery(QStringLiteral("rep movsb"), true),
                                   Sample::ParallelRegionThread, 0ULL, true);
@@ -142,6 +159,16 @@ TEST(Responses, FieldsSurviveTheRoundTrip)
     EXPECT_EQ(sample.backendOnly_liveThreads(), QSet<int>({ 100, 101, 102 }));
     EXPECT_EQ(sample.libunwindErrorCodes(), QList<int>{ -3 });
     EXPECT_TRUE(sample.isIgnored());
+    const ZORPSVModelItem* root = sample.psvModel(100);
+    ASSERT_TRUE(root);
+    const PSVModelItem* leaf = root->firstChild()->firstChild()->firstChild();
+    ASSERT_TRUE(leaf);
+    EXPECT_EQ(leaf->position().function, QStringLiteral("dot"));
+    EXPECT_EQ(leaf->position().line, 7);
+    EXPECT_EQ(leaf->totalThreads(), 1);
+    EXPECT_EQ(static_cast<const ZORPSVModelItem*>(leaf)->selfSampleCount(), 1);
+    EXPECT_EQ(static_cast<const ZORPSVModelItem*>(root->firstChild())->specialType(), ZORPSVModelItem::specialMainFrame);
+    EXPECT_EQ(sample.psvModel(101), nullptr);
 
     ProfilerPlayResponse play(1, false, 2, 3, {}, false, true, false, {});
     play.setMetric(QStringLiteral("nan"), SampleValue(std::nan("")));

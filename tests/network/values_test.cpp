@@ -8,6 +8,7 @@
 #include "sample.h"
 #include "samplesranges.h"
 #include "xmlvalues.h"
+#include "zorpsvmodelitem.h"
 
 namespace {
 
@@ -179,6 +180,31 @@ TEST(Sample, CopiesAreIndependentAndRepeatsAreFlagged)
     EXPECT_FALSE(plain.isRepeat());
     EXPECT_FALSE(Sample().hasTimestamp());
     EXPECT_TRUE(Sample().metric(QStringLiteral("none")).singleValue().empty());
+}
+
+} // namespace
+
+namespace {
+
+TEST(Sample, TreesAreSharedByCopiesUntilOneChanges)
+{
+    Sample original;
+    ZORPSVModelItem* root = new ZORPSVModelItem;
+    new ZORPSVModelItem(root, Position(QStringLiteral("main")));
+    original.backendOnly_addThread(root, 1, ThreadContext(), InstructionQuery(), Sample::MainThread, 0, false);
+
+    Sample copy(original, false);
+    EXPECT_EQ(copy.psvModel(1), original.psvModel(1));
+    ZORPSVModelItem* changed = copy.backendOnly_mutablePsvModel(1);
+    ASSERT_TRUE(changed);
+    EXPECT_NE(changed, original.psvModel(1));
+    new ZORPSVModelItem(changed, Position(QStringLiteral("extra")));
+    EXPECT_EQ(changed->childCount(), 2);
+    EXPECT_EQ(original.psvModel(1)->childCount(), 1);
+    EXPECT_FALSE(copy == original);
+    // A tree no copy shares is changed in place.
+    EXPECT_EQ(original.backendOnly_mutablePsvModel(1), original.psvModel(1));
+    EXPECT_EQ(original.backendOnly_mutablePsvModel(2), nullptr);
 }
 
 } // namespace

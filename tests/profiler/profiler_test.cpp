@@ -3,10 +3,9 @@
 // sampler in a target.
 #include <QFile>
 #include <QTimer>
-#include <numeric>
 #include <gtest/gtest.h>
+#include <numeric>
 
-#include "command.h"
 #include "constants.h"
 #include "fakehost.h"
 #include "profiler.h"
@@ -17,14 +16,8 @@
 #include "scripteddebugger.h"
 #include "scriptedsamplesource.h"
 #include "zorprofiler.h"
-#include "zorresponsefactoryplugin.h"
 
 namespace {
-
-Command profilerCommand(const char* name)
-{
-    return Command(QString::fromLatin1(name), QString::fromLatin1(XML_TARGET_PROFILER));
-}
 
 Sample* sampleAt(long long ms)
 {
@@ -36,20 +29,36 @@ Sample* sampleAt(long long ms)
 class CommandPath : public ::testing::Test
 {
 protected:
-    void SetUp() override
+    void SetUp() override { restart(); }
+    // A fresh plug-in, source script and record.
+    void restart()
     {
         script = std::make_shared<SourceScript>();
         Profiler::setSampleSourceFactory(ScriptedSampleSource::factory(script));
+        host.clear();
+        plugin.reset(new ZORProfiler);
         Command initCommand;
-        plugin.init(initCommand, host);
-        handler = plugin.getMessageHandler();
+        plugin->init(initCommand, host);
+        handler = plugin->getMessageHandler();
         profiler = static_cast<Profiler*>(handler);
     }
     void TearDown() override { Profiler::setSampleSourceFactory(Profiler::SampleSourceFactory()); }
 
+    static Command make(const char* name, const QVariantMap& parameters = {})
+    {
+        Command command(QString::fromLatin1(name), QString::fromLatin1(XML_TARGET_PROFILER));
+        command.parameters = parameters;
+        return command;
+    }
     void deliver(Command& command) { host.deliver(*handler, command); }
+    Command run(const char* name, const QVariantMap& parameters = {})
+    {
+        Command command = make(name, parameters);
+        deliver(command);
+        return command;
+    }
 
-    // The one failure answering `command`.
+    // The one failure answering `command`, or null.
     std::shared_ptr<Exception> failureOf(const Command& command)
     {
         std::shared_ptr<Exception> found;
@@ -61,6 +70,14 @@ protected:
         }
         return found;
     }
+    void expectFailure(const Command& command, int code, const QString& text)
+    {
+        auto failure = failureOf(command);
+        ASSERT_TRUE(failure) << qPrintable(command.name);
+        EXPECT_EQ(failure->code(), code);
+        EXPECT_EQ(failure->message(), text);
+        EXPECT_EQ(failure->source(), QStringLiteral("profiler"));
+    }
 
     std::shared_ptr<ProfilerPlayResponse> playReply()
     {
@@ -71,7 +88,7 @@ protected:
     }
 
     FakeHost host;
-    ZORProfiler plugin;
+    std::unique_ptr<ZORProfiler> plugin;
     TharnMessageHandler* handler = nullptr;
     Profiler* profiler = nullptr;
     std::shared_ptr<SourceScript> script;
@@ -87,23 +104,12 @@ TEST_F(CommandPath, PlayRunsTheWholeRunAndAnswersWithItsFacts)
     script->ompRegions = true;
     script->ompRuntimes = { Category::OmpCompiler::Gnu };
     script->runMetrics.insert(QString::fromLatin1(METRIC_NUM_DOWNSAMPLES), SampleValue(2UL));
-    script->mpiCalls = { MpiCallMetric(3, QStringLiteral("MPI_Send"), SampleValue(1), SampleValue(2), SampleValue(3),
-                                       SampleValue(4)) };
 
-    QVariantMap metric;
-    metric.insert(QStringLiteral("index"), 0);
-    QVariantMap definitions;
-    definitions.insert(QString::fromLatin1(METRIC_CHARS_READ), metric);
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    play.addParameter(QStringLiteral("numSamples"), 100);
-    play.addParameter(QStringLiteral("initialInterval"), QStringLiteral("5"));
-    play.addParameter(QStringLiteral("metricDefinitions"), definitions);
-    play.addParameter(QStringLiteral("timestamp"), 77u);
-    play.addParameter(QStringLiteral("startOffset"), 1000);
-    play.addParameter(QStringLiteral("stopOffset"), QStringLiteral("2000"));
-    play.addParameter(QStringLiteral("cudaEnabled"), QStringLiteral("true"));
-    play.addParameter(QStringLiteral("enableLineMetrics"), false);
-    deliver(play);
+    QVariantMap definitions{ { QString::fromLatin1(METRIC_CHARS_READ), QVariantMap{ { "index", 0 } } } };
+    Command play = run(CMD_ZOR_PLAY, { { "numSamples", 100 }, { "initialInterval", "5" },
+                                       { "metricDefinitions", definitions }, { "timestamp", 77u },
+                                       { "startOffset", 1000 }, { "stopOffset", "2000" },
+                                       { "cudaEnabled", "true" }, { "enableLineMetrics", false } });
 
     // The init response goes out first, on its own, then the answer.
     ASSERT_EQ(host.records.size(), 2);
@@ -111,7 +117,6 @@ TEST_F(CommandPath, PlayRunsTheWholeRunAndAnswersWithItsFacts)
     auto init = std::dynamic_pointer_cast<ProfilerSamplerInitResponse>(host.records[0].response);
     ASSERT_TRUE(init);
     EXPECT_TRUE(init->hasWrappedMpiCalls());
-
     auto response = playReply();
     ASSERT_TRUE(response);
     EXPECT_EQ(host.records[1].commandUid, play.getUid());
@@ -134,7 +139,6 @@ TEST_F(CommandPath, PlayRunsTheWholeRunAndAnswersWithItsFacts)
     EXPECT_EQ(settings.stopOffset, 2000u);
     EXPECT_TRUE(settings.cudaEnabled);
     EXPECT_FALSE(settings.enableCudaPcSampling);
-    EXPECT_FALSE(settings.notSelected);
     ASSERT_NE(settings.metrics.getMetricById(QString::fromLatin1(METRIC_CHARS_READ)), nullptr);
     EXPECT_FALSE(script->lineMetrics);
 
@@ -142,22 +146,17 @@ TEST_F(CommandPath, PlayRunsTheWholeRunAndAnswersWithItsFacts)
     EXPECT_EQ(script->created, 1);
     EXPECT_EQ(script->destroyed, 1);
     EXPECT_EQ(script->readCalls, 2);
-    ASSERT_TRUE(profiler->samples());
     EXPECT_EQ(profiler->samples()->size(), 3);
     EXPECT_EQ(profiler->samples()->capacity(), 100);
     EXPECT_GE(host.flushes, 1);
     EXPECT_TRUE(profiler->currentCommand().isEmpty());
 }
 
-TEST_F(CommandPath, MissingOrUnconvertibleAttributesTakeTheirDefaults)
+TEST_F(CommandPath, AttributesFallBackToTheirDefaultsAndRanksAreSelected)
 {
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    play.addParameter(QStringLiteral("numSamples"), QStringLiteral("many"));
-    play.addParameter(QStringLiteral("timestamp"), QStringLiteral("-"));
-    play.addParameter(QStringLiteral("metricDefinitions"), QStringLiteral("not a map"));
-    play.addParameter(QStringLiteral("cudaEnabled"), QVariant());
-    deliver(play);
-
+    host.rank = 7;
+    run(CMD_ZOR_PLAY, { { "numSamples", "many" }, { "timestamp", "-" }, { "metricDefinitions", "not a map" },
+                        { "cudaEnabled", QVariant() }, { "selectedRanks", "0-3,5" } });
     ASSERT_TRUE(playReply());
     EXPECT_EQ(script->settings.numSamples, 0);
     EXPECT_EQ(script->settings.initialInterval, 20);
@@ -166,165 +165,112 @@ TEST_F(CommandPath, MissingOrUnconvertibleAttributesTakeTheirDefaults)
     EXPECT_FALSE(script->settings.cudaEnabled);
     EXPECT_TRUE(script->lineMetrics);
     EXPECT_EQ(profiler->samples()->capacity(), 0);
+    // Outside the selection: still a source and a run, flagged.
+    EXPECT_TRUE(playReply()->notSelected());
+    EXPECT_TRUE(script->settings.notSelected);
 
-    // An interval of 0 that converts stays 0; the next run is allowed once
-    // the first has ended.
-    Command again = profilerCommand(CMD_ZOR_PLAY);
-    again.addParameter(QStringLiteral("initialInterval"), QStringLiteral("0"));
-    deliver(again);
+    // An interval of 0 that converts stays 0. The selection is merged, not
+    // replaced: adding rank 7 selects this rank and keeps rank 2.
+    host.clear();
+    Command again = run(CMD_ZOR_PLAY, { { "initialInterval", "0" }, { "selectedRanks", "7" } });
     EXPECT_FALSE(failureOf(again));
     EXPECT_EQ(script->settings.initialInterval, 0);
-}
-
-TEST_F(CommandPath, SelectedRanksDecideNotSelectedButEveryRankStillPlays)
-{
-    host.rank = 7;
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    play.addParameter(QStringLiteral("selectedRanks"), QStringLiteral("0-3,5"));
-    deliver(play);
-    auto response = playReply();
-    ASSERT_TRUE(response);
-    EXPECT_TRUE(response->notSelected());
-    EXPECT_TRUE(script->settings.notSelected);
-    EXPECT_TRUE(profiler->selectedRanks().contains(5));
-
-    // The set is merged, not replaced: a later run adds rank 7.
-    host.clear();
-    Command second = profilerCommand(CMD_ZOR_PLAY);
-    second.addParameter(QStringLiteral("selectedRanks"), QStringLiteral("7"));
-    deliver(second);
-    ASSERT_TRUE(playReply());
     EXPECT_FALSE(playReply()->notSelected());
     EXPECT_TRUE(profiler->selectedRanks().contains(2));
-}
 
-TEST_F(CommandPath, NoSelectionOrABadOneSelectsEveryRank)
-{
+    // A selection that doesn't parse selects nobody in particular: every rank.
+    restart();
     host.rank = 12;
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    play.addParameter(QStringLiteral("selectedRanks"), QStringLiteral("3-x"));
-    deliver(play);
+    run(CMD_ZOR_PLAY, { { "selectedRanks", "3-x" } });
     ASSERT_TRUE(playReply());
     EXPECT_FALSE(playReply()->notSelected());
-    EXPECT_TRUE(profiler->selectedRanks().isEmpty());
 }
 
 TEST_F(CommandPath, StopDuringARunEndsItAndIsNeverAnswered)
 {
     script->waitForStop = true;
     script->batches = { { sampleAt(1) } };
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    Command stop = profilerCommand(CMD_ZOR_STOP);
+    Command play = make(CMD_ZOR_PLAY);
+    Command stop = make(CMD_ZOR_STOP);
     // The stop arrives while play waits inside the source's yield.
     QTimer::singleShot(0, [&]() { deliver(stop); });
     deliver(play);
 
-    auto response = playReply();
-    ASSERT_TRUE(response);
-    EXPECT_TRUE(response->interrupted());
-    EXPECT_EQ(response->sampleCount(), 1);
+    ASSERT_TRUE(playReply());
+    EXPECT_TRUE(playReply()->interrupted());
+    EXPECT_EQ(playReply()->sampleCount(), 1);
     EXPECT_EQ(script->stops, 1);
     for (const FakeHost::Record& record : host.records)
         EXPECT_NE(record.commandUid, stop.getUid());
-    EXPECT_TRUE(profiler->isStopRequested());
 }
 
-TEST_F(CommandPath, StopBeforeAnyRunMarksTheNextRunInterrupted)
+TEST_F(CommandPath, WhetherARunWasInterrupted)
 {
-    Command stop = profilerCommand(CMD_ZOR_STOP);
-    deliver(stop);
+    // A stop before any run reaches no source, gets no answer, and marks
+    // the next run interrupted; without it the source decides.
+    run(CMD_ZOR_STOP);
     EXPECT_TRUE(host.records.isEmpty());
-    EXPECT_EQ(script->created, 0);
-
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    deliver(play);
-    ASSERT_TRUE(playReply());
+    run(CMD_ZOR_PLAY);
     EXPECT_TRUE(playReply()->interrupted());
     EXPECT_EQ(script->stops, 0);
-}
 
-TEST_F(CommandPath, TheSourceDecidesWhetherAnUnstoppedRunWasInterrupted)
-{
+    restart();
     script->interrupted = true;
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    deliver(play);
-    ASSERT_TRUE(playReply());
+    run(CMD_ZOR_PLAY);
     EXPECT_TRUE(playReply()->interrupted());
+    host.clear();
+    script->interrupted = false;
+    run(CMD_ZOR_PLAY);
+    EXPECT_FALSE(playReply()->interrupted());
 }
 
-TEST_F(CommandPath, InitThenPlayFailsBecauseTheSourceExists)
+TEST_F(CommandPath, InitKillAndFinish)
 {
-    Command init = profilerCommand(CMD_ZOR_INIT);
-    deliver(init);
+    // Kill reaches only an initialised source; neither it nor finish answers.
+    run(CMD_ZOR_KILL);
+    EXPECT_TRUE(host.records.isEmpty());
+    run(CMD_ZOR_INIT);
     ASSERT_EQ(host.records.size(), 1);
     EXPECT_EQ(host.records[0].kind, FakeHost::Reply);
     EXPECT_EQ(host.records[0].elementName, ProfilerSamplerInitResponse::staticElementName());
-
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    deliver(play);
-    auto failure = failureOf(play);
-    ASSERT_TRUE(failure);
-    EXPECT_EQ(failure->code(), 20003);
-    EXPECT_EQ(failure->message(), QStringLiteral("Profiler::init() has already been called"));
-    EXPECT_EQ(failure->source(), QString::fromLatin1(XML_TARGET_PROFILER));
-    EXPECT_EQ(script->created, 1);
-}
-
-TEST_F(CommandPath, KillReachesAnInitialisedSourceOnlyAndIsNotAnswered)
-{
-    Command kill = profilerCommand(CMD_ZOR_KILL);
-    deliver(kill);
-    EXPECT_TRUE(host.records.isEmpty());
-
-    Command init = profilerCommand(CMD_ZOR_INIT);
-    deliver(init);
     host.clear();
-    Command kill2 = profilerCommand(CMD_ZOR_KILL);
-    deliver(kill2);
+    run(CMD_ZOR_KILL);
     EXPECT_EQ(script->terminates, 1);
-    EXPECT_TRUE(host.records.isEmpty());
-}
 
-TEST_F(CommandPath, FinishDetachesUnlessTheTargetIsGone)
-{
+    // Play after init fails: the source exists already.
+    Command play = run(CMD_ZOR_PLAY);
+    expectFailure(play, 20003, QStringLiteral("Profiler::init() has already been called"));
+    EXPECT_EQ(script->created, 1);
+
     ScriptedDebugger debugger;
     host.debugger = &debugger;
-    Command finish = profilerCommand(CMD_ZOR_FINISH);
-    deliver(finish);
+    host.clear();
+    run(CMD_ZOR_FINISH);
     EXPECT_EQ(host.targetMonitoringCalls, QList<bool>{ false });
     EXPECT_EQ(debugger.commands, QStringList{ QString::fromLatin1(CMD_DETACH) });
-    EXPECT_TRUE(host.records.isEmpty());
-
+    // With the target gone there is nothing to detach from.
     debugger.state = StatusResponse::TargetGone;
     debugger.commands.clear();
-    debugger.detachResponse = true;
-    Command finish2 = profilerCommand(CMD_ZOR_FINISH);
-    deliver(finish2);
+    run(CMD_ZOR_FINISH);
     EXPECT_TRUE(debugger.commands.isEmpty());
-    EXPECT_EQ(debugger.statusQueries, 2);
     EXPECT_TRUE(host.records.isEmpty());
 }
 
 TEST_F(CommandPath, UnknownCommandIsAnsweredWithItsNameAndTheNextOneWorks)
 {
-    Command bogus = profilerCommand("zor_bogus");
-    deliver(bogus);
-    auto failure = failureOf(bogus);
-    ASSERT_TRUE(failure);
-    EXPECT_EQ(failure->code(), 20004);
-    EXPECT_EQ(failure->message(), QStringLiteral("Unrecognised command \"zor_bogus\" sent to ZOR"));
-    EXPECT_EQ(failure->source(), QStringLiteral("profiler"));
-
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    deliver(play);
+    Command bogus = run("zor_bogus");
+    expectFailure(bogus, 20004, QStringLiteral("Unrecognised command \"zor_bogus\" sent to ZOR"));
+    run(CMD_ZOR_PLAY);
     EXPECT_TRUE(playReply());
+    EXPECT_TRUE(handler->messageHandlerAcceptsTarget(QStringLiteral("profiler")));
+    EXPECT_FALSE(handler->messageHandlerAcceptsTarget(QStringLiteral("debugger")));
 }
 
-TEST_F(CommandPath, ACancelledRunSendsNoAnswerButItsBlocksAndFailuresStillGoOut)
+TEST_F(CommandPath, ACancelledCommandSendsNoAnswerButStillItsFailure)
 {
     script->waitForStop = true;
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    Command stop = profilerCommand(CMD_ZOR_STOP);
+    Command play = make(CMD_ZOR_PLAY);
+    Command stop = make(CMD_ZOR_STOP);
     QTimer::singleShot(0, [&]() {
         handler->cancelCommand(play.getUid() + 1000);
         EXPECT_FALSE(profiler->isCancelled());
@@ -337,66 +283,43 @@ TEST_F(CommandPath, ACancelledRunSendsNoAnswerButItsBlocksAndFailuresStillGoOut)
     EXPECT_EQ(host.ofKind(FakeHost::Sent).size(), 1); // the init response
     EXPECT_EQ(script->destroyed, 1);
 
-    // A command cancelled while it fails is still answered with its failure.
-    script->waitForStop = true;
     script->failAfterBatch = 0;
     script->batches = { { sampleAt(5) } };
     script->readFailure = std::make_shared<Exception>(20009, QStringLiteral("No samples collected"));
-    Command failing = profilerCommand(CMD_ZOR_PLAY);
-    Command stop2 = profilerCommand(CMD_ZOR_STOP);
+    Command failing = make(CMD_ZOR_PLAY);
     QTimer::singleShot(0, [&]() {
         handler->cancelCommand(failing.getUid());
-        deliver(stop2);
+        deliver(stop);
     });
     deliver(failing);
     ASSERT_TRUE(failureOf(failing));
     EXPECT_EQ(failureOf(failing)->code(), 20019);
 }
 
-TEST_F(CommandPath, AFailedReadIsWrappedAndLeavesNoSamples)
+TEST_F(CommandPath, FailuresOfTheSourceLeaveTheProfilerUsable)
 {
+    // A failed read is wrapped, and the samples read before it are dropped.
     script->batches = { { sampleAt(1), sampleAt(2) }, { sampleAt(3) } };
     script->failAfterBatch = 1;
     script->readFailure = std::make_shared<Exception>(20009, QStringLiteral("No such file or directory"));
-    script->mpiCalls = { MpiCallMetric(0, QStringLiteral("MPI_Recv"), SampleValue(), SampleValue(), SampleValue(),
-                                       SampleValue()) };
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    deliver(play);
-
-    auto failure = failureOf(play);
-    ASSERT_TRUE(failure);
-    EXPECT_EQ(failure->code(), 20019);
-    EXPECT_EQ(failure->message(), QStringLiteral("Exception when reading sampler data"));
-    ASSERT_TRUE(failure->nested());
-    EXPECT_EQ(failure->nested()->code(), 20009);
-    EXPECT_EQ(failure->nested()->message(), QStringLiteral("No such file or directory"));
-    EXPECT_FALSE(playReply());
+    Command play = run(CMD_ZOR_PLAY);
+    expectFailure(play, 20019, QStringLiteral("Exception when reading sampler data"));
+    ASSERT_TRUE(failureOf(play)->nested());
+    EXPECT_EQ(failureOf(play)->nested()->code(), 20009);
+    EXPECT_EQ(failureOf(play)->nested()->message(), QStringLiteral("No such file or directory"));
     EXPECT_EQ(script->destroyed, 1);
-    ASSERT_TRUE(profiler->samples());
     EXPECT_EQ(profiler->samples()->size(), 0);
-}
 
-TEST_F(CommandPath, ASourceThatCannotStartFailsPlayAndAllowsAnotherTry)
-{
+    // A source that can't start fails play as it is, and a retry may follow.
+    host.clear();
     script->constructorFailure = std::make_shared<Exception>(20016, QStringLiteral("sampler refused"));
-    Command play = profilerCommand(CMD_ZOR_PLAY);
-    deliver(play);
-    auto failure = failureOf(play);
-    ASSERT_TRUE(failure);
-    EXPECT_EQ(failure->code(), 20016);
+    Command refused = run(CMD_ZOR_PLAY);
+    EXPECT_EQ(failureOf(refused)->code(), 20016);
     EXPECT_TRUE(host.ofKind(FakeHost::Sent).isEmpty());
-
     script->constructorFailure.reset();
-    Command retry = profilerCommand(CMD_ZOR_PLAY);
-    deliver(retry);
+    script->failAfterBatch = -1;
+    run(CMD_ZOR_PLAY);
     EXPECT_TRUE(playReply());
-}
-
-TEST_F(CommandPath, OnlyTheProfilerTargetIsAccepted)
-{
-    EXPECT_TRUE(handler->messageHandlerAcceptsTarget(QStringLiteral("profiler")));
-    EXPECT_FALSE(handler->messageHandlerAcceptsTarget(QStringLiteral("debugger")));
-    EXPECT_FALSE(handler->messageHandlerAcceptsTarget(QString()));
 }
 
 // Delivery after a run: resampled samples stream out in blocks, then the
@@ -421,62 +344,44 @@ protected:
         script->mpiCalls = { MpiCallMetric(2, QStringLiteral("MPI_Send"), SampleValue(1), SampleValue(2),
                                            SampleValue(3), SampleValue(4)) };
         script->selfProfile = SelfProfilePoints(2);
-        MetricErrorMap errors;
-        errors[QStringLiteral("m")].insert(3, MetricError(QStringLiteral("m"), 3, QStringLiteral("no m"), 2));
-        script->metricErrors = errors;
+        script->metricErrors[QStringLiteral("m")].insert(3, MetricError(QStringLiteral("m"), 3, QStringLiteral("no m"), 2));
     }
 
-    void play(const QString& selectedRanks = QString())
+    void play(const char* selectedRanks = "")
     {
-        Command command = profilerCommand(CMD_ZOR_PLAY);
-        command.addParameter(QStringLiteral("numSamples"), 100);
-        if (!selectedRanks.isNull())
-            command.addParameter(QStringLiteral("selectedRanks"), selectedRanks);
-        deliver(command);
+        run(CMD_ZOR_PLAY, { { "numSamples", 100 }, { "selectedRanks", selectedRanks } });
         ASSERT_TRUE(playReply());
         host.clear();
     }
 
-    Command sendSamples(QVariant numBlocks, QVariant blockSize = QVariant(), QVariant numSamples = QVariant())
+    Command sendSamples(QVariantMap parameters)
     {
-        Command command = profilerCommand(CMD_ZOR_SEND_SAMPLES);
-        if (numBlocks.isValid())
-            command.addParameter(QStringLiteral("numBlocks"), numBlocks);
-        if (blockSize.isValid())
-            command.addParameter(QStringLiteral("blockSize"), blockSize);
-        if (numSamples.isValid())
-            command.addParameter(QStringLiteral("numSamples"), numSamples);
-        command.addParameter(QStringLiteral("duration"), 100);
-        deliver(command);
-        return command;
+        parameters.insert(QStringLiteral("duration"), 100);
+        return run(CMD_ZOR_SEND_SAMPLES, parameters);
     }
 
     QList<std::shared_ptr<SampleBlockResponse>> blocks() const
     {
         QList<std::shared_ptr<SampleBlockResponse>> result;
-        for (const FakeHost::Record& record : host.responses(SampleBlockResponse::staticElementName())) {
-            EXPECT_EQ(record.kind, FakeHost::Sent);
+        for (const FakeHost::Record& record : host.responses(SampleBlockResponse::staticElementName()))
             result.append(std::dynamic_pointer_cast<SampleBlockResponse>(record.response));
-        }
         return result;
     }
+
+    Command sendHistograms(const QVariantMap& parameters) { return run(CMD_ZOR_SEND_HISTOGRAM, parameters); }
 };
 
 TEST_F(Delivery, PlayCountsMnemonicsThatNoCategoryKnows)
 {
-    Command command = profilerCommand(CMD_ZOR_PLAY);
-    command.addParameter(QStringLiteral("numSamples"), 100);
-    deliver(command);
+    run(CMD_ZOR_PLAY, { { "numSamples", 100 } });
     ASSERT_TRUE(playReply());
-    QMap<QString, unsigned int> expected;
-    expected.insert(QStringLiteral("frobnicate"), 5);
-    EXPECT_EQ(playReply()->uncategorisedInstructions(), expected);
+    EXPECT_EQ(playReply()->uncategorisedInstructions(), (QMap<QString, unsigned int>{ { "frobnicate", 5 } }));
 }
 
 TEST_F(Delivery, SamplesGoOutInEveryBlockAskedFor)
 {
-    play(QStringLiteral("0-3"));
-    Command command = sendSamples(4, 3, 10);
+    play("0-3");
+    Command command = sendSamples({ { "numBlocks", 4 }, { "blockSize", 3 }, { "numSamples", 10 } });
     const auto sent = blocks();
     ASSERT_EQ(sent.size(), 4);
     QVector<int> sizes;
@@ -496,82 +401,51 @@ TEST_F(Delivery, SamplesGoOutInEveryBlockAskedFor)
     ASSERT_EQ(replies.size(), 1);
     EXPECT_EQ(replies.first().commandUid, command.getUid());
     auto answer = std::dynamic_pointer_cast<SendSamplesResponse>(replies.first().response);
-    ASSERT_TRUE(answer);
     EXPECT_EQ(answer->rank(), 2);
     EXPECT_EQ(answer->numSamples(), 10);
 
-    // The raw list is untouched: another request gives a fresh result.
+    // The raw list is untouched: another request gives a fresh result, and
+    // zero samples give empty blocks. blockSize defaults to 8.
     host.clear();
-    sendSamples(2, QVariant(), 5);
+    sendSamples({ { "numBlocks", 2 }, { "numSamples", 5 } });
     ASSERT_EQ(blocks().size(), 2);
     EXPECT_EQ(blocks()[0]->samples().size(), 5);
     EXPECT_EQ(blocks()[0]->blockSize(), 8);
+    host.clear();
+    sendSamples({ { "numBlocks", 3 }, { "numSamples", 0 } });
+    ASSERT_EQ(blocks().size(), 3);
+    EXPECT_TRUE(blocks()[0]->samples().isEmpty());
     EXPECT_EQ(profiler->samples()->size(), 10);
 }
 
 TEST_F(Delivery, BlockCountIsCheckedBeforeAnythingIsSent)
 {
+    expectFailure(sendSamples({ { "numBlocks", 1 } }), 20005, QStringLiteral("Profiler::play() has not yet been called"));
     play();
-    Command tooMany = sendSamples(3, 2, 7);
-    ASSERT_TRUE(failureOf(tooMany));
-    EXPECT_EQ(failureOf(tooMany)->code(), 20007);
-    EXPECT_EQ(failureOf(tooMany)->message(),
-              QStringLiteral("Not enough blocks: 3 blocks of 2 samples transfers 6 samples, however 7 samples have "
-                             "been requested."));
+    expectFailure(sendSamples({ { "numBlocks", 3 }, { "blockSize", 2 }, { "numSamples", 7 } }), 20007,
+                  QStringLiteral("Not enough blocks: 3 blocks of 2 samples transfers 6 samples, however 7 samples "
+                                 "have been requested."));
     EXPECT_TRUE(blocks().isEmpty());
-
-    Command exact = sendSamples(3, 2, 6);
-    EXPECT_FALSE(failureOf(exact));
-
-    Command missing = sendSamples(QVariant(), 2, 6);
-    ASSERT_TRUE(failureOf(missing));
-    EXPECT_EQ(failureOf(missing)->code(), 20007);
-    EXPECT_EQ(failureOf(missing)->message(), QStringLiteral("CMD_SEND_SAMPLES missing numBlocks attribute"));
-    Command garbled = sendSamples(QStringLiteral("three"));
-    EXPECT_EQ(failureOf(garbled)->message(), QStringLiteral("CMD_SEND_SAMPLES missing numBlocks attribute"));
-
+    EXPECT_FALSE(failureOf(sendSamples({ { "numBlocks", 3 }, { "blockSize", 2 }, { "numSamples", 6 } })));
+    for (const QVariant& numBlocks : { QVariant(), QVariant(QStringLiteral("three")) }) {
+        QVariantMap parameters{ { "blockSize", 2 } };
+        if (numBlocks.isValid())
+            parameters.insert(QStringLiteral("numBlocks"), numBlocks);
+        expectFailure(sendSamples(parameters), 20007, QStringLiteral("CMD_SEND_SAMPLES missing numBlocks attribute"));
+    }
     // Without numSamples the whole list is asked for: 10 don't fit 1 block of 8.
-    Command whole = sendSamples(1);
-    ASSERT_TRUE(failureOf(whole));
-    EXPECT_EQ(failureOf(whole)->code(), 20007);
-}
-
-TEST_F(Delivery, ZeroSamplesSendsEmptyBlocksAndLosesNothing)
-{
-    play();
-    sendSamples(3, 4, 0);
-    ASSERT_EQ(blocks().size(), 3);
-    for (const auto& block : blocks())
-        EXPECT_TRUE(block->samples().isEmpty());
-    EXPECT_EQ(profiler->samples()->size(), 10);
-}
-
-TEST_F(Delivery, SamplesBeforeAnyRunFail)
-{
-    Command command = sendSamples(1);
-    ASSERT_TRUE(failureOf(command));
-    EXPECT_EQ(failureOf(command)->code(), 20005);
-    EXPECT_EQ(failureOf(command)->message(), QStringLiteral("Profiler::play() has not yet been called"));
+    EXPECT_EQ(failureOf(sendSamples({ { "numBlocks", 1 } }))->code(), 20007);
 }
 
 TEST_F(Delivery, HistogramsAreBinnedOverTheFrontEndsRanges)
 {
     play();
-    sendSamples(2, 5, 10);
+    sendSamples({ { "numBlocks", 2 }, { "blockSize", 5 }, { "numSamples", 10 } });
     host.clear();
-
     SamplesRanges ranges;
-    for (int i = 0; i < 10; ++i) {
-        QMap<QString, SampleValueRange> range;
-        range.insert(QStringLiteral("m"), SampleValueRange{ SampleValue(0.0), SampleValue(10.0) });
-        ranges.addSample(range);
-    }
-    Command command = profilerCommand(CMD_ZOR_SEND_HISTOGRAM);
-    command.addParameter(QStringLiteral("numBlocks"), 2);
-    command.addParameter(QStringLiteral("blockSize"), 5);
-    command.addParameter(QStringLiteral("numBins"), 5);
-    command.addParameter(QStringLiteral("ranges"), ranges.toBase64());
-    deliver(command);
+    for (int i = 0; i < 10; ++i)
+        ranges.addSample({ { QStringLiteral("m"), SampleValueRange{ SampleValue(0.0), SampleValue(10.0) } } });
+    sendHistograms({ { "numBlocks", 2 }, { "blockSize", 5 }, { "numBins", 5 }, { "ranges", ranges.toBase64() } });
 
     const QList<FakeHost::Record> sent = host.responses(HistogramBlockResponse::staticElementName());
     ASSERT_EQ(sent.size(), 2);
@@ -579,7 +453,6 @@ TEST_F(Delivery, HistogramsAreBinnedOverTheFrontEndsRanges)
     for (const FakeHost::Record& record : sent) {
         auto block = std::dynamic_pointer_cast<HistogramBlockResponse>(record.response);
         ASSERT_EQ(block->histograms().size(), 5);
-        EXPECT_EQ(block->numBins(), 5);
         for (const SampleHistogram& histogram : block->histograms()) {
             const QVector<quint32> bins = histogram.bins(QStringLiteral("m"));
             ASSERT_EQ(bins.size(), 5);
@@ -596,124 +469,89 @@ TEST_F(Delivery, HistogramsAreBinnedOverTheFrontEndsRanges)
 TEST_F(Delivery, HistogramAttributesAreChecked)
 {
     play();
+    const QString empty = SamplesRanges().toBase64();
+    // Valid, but before any samples were sent: refused, not a crash.
+    EXPECT_TRUE(failureOf(sendHistograms({ { "numBlocks", 1 }, { "blockSize", 1 }, { "numBins", 1 }, { "ranges", empty } })));
     const char* names[] = { "numBlocks", "blockSize", "numBins" };
-    for (int missing = 0; missing < 3; ++missing) {
-        Command command = profilerCommand(CMD_ZOR_SEND_HISTOGRAM);
-        for (int i = 0; i < 3; ++i) {
-            if (i != missing)
-                command.addParameter(QString::fromLatin1(names[i]), 2);
+    for (const char* missing : names) {
+        QVariantMap parameters{ { "ranges", empty } };
+        for (const char* name : names) {
+            if (name != missing)
+                parameters.insert(QString::fromLatin1(name), 2);
         }
-        command.addParameter(QStringLiteral("ranges"), SamplesRanges().toBase64());
-        deliver(command);
-        ASSERT_TRUE(failureOf(command));
-        EXPECT_EQ(failureOf(command)->code(), 20022);
-        EXPECT_EQ(failureOf(command)->message(),
-                  QStringLiteral("CMD_SEND_HISTOGRAMS missing %1 attribute").arg(QString::fromLatin1(names[missing])));
+        expectFailure(sendHistograms(parameters), 20022,
+                      QStringLiteral("CMD_SEND_HISTOGRAMS missing %1 attribute").arg(QString::fromLatin1(missing)));
     }
     SamplesRanges five;
     for (int i = 0; i < 5; ++i)
         five.addSample({});
     for (const QVariant& ranges : { QVariant(), QVariant(QStringLiteral("#not base64#")), QVariant(five.toBase64()) }) {
-        Command command = profilerCommand(CMD_ZOR_SEND_HISTOGRAM);
-        command.addParameter(QStringLiteral("numBlocks"), 2);
-        command.addParameter(QStringLiteral("blockSize"), 2);
-        command.addParameter(QStringLiteral("numBins"), 3);
+        QVariantMap parameters{ { "numBlocks", 2 }, { "blockSize", 2 }, { "numBins", 3 } };
         if (ranges.isValid())
-            command.addParameter(QStringLiteral("ranges"), ranges);
-        deliver(command);
-        ASSERT_TRUE(failureOf(command));
-        EXPECT_EQ(failureOf(command)->message(),
-                  QStringLiteral("CMD_SEND_HISTOGRAMS specifies the wrong number of ranges"));
+            parameters.insert(QStringLiteral("ranges"), ranges);
+        expectFailure(sendHistograms(parameters), 20022,
+                      QStringLiteral("CMD_SEND_HISTOGRAMS specifies the wrong number of ranges"));
     }
-    // Valid, but before any samples were sent: refused, not a crash.
-    Command early = profilerCommand(CMD_ZOR_SEND_HISTOGRAM);
-    early.addParameter(QStringLiteral("numBlocks"), 1);
-    early.addParameter(QStringLiteral("blockSize"), 1);
-    early.addParameter(QStringLiteral("numBins"), 1);
-    early.addParameter(QStringLiteral("ranges"), SamplesRanges().toBase64());
-    deliver(early);
-    EXPECT_TRUE(failureOf(early));
 }
 
 TEST_F(Delivery, EndMetricsAndErrorsGoToSelectedRanksOnly)
 {
     play();
-    Command errors = profilerCommand(CMD_ZOR_SEND_METRIC_ERRORS);
-    deliver(errors);
-    Command end = profilerCommand(CMD_ZOR_SEND_EXTERNAL_METRICS);
-    deliver(end);
-    auto errorReply = std::dynamic_pointer_cast<SendMetricErrorsResponse>(host.records.at(0).response);
-    ASSERT_TRUE(errorReply);
-    EXPECT_EQ(errorReply->errors().value(QStringLiteral("m")).value(3).message(), QStringLiteral("no m"));
-    auto endReply = std::dynamic_pointer_cast<SendMetricsCollectedAtTheEndResponse>(host.records.at(1).response);
-    ASSERT_TRUE(endReply);
-    ASSERT_TRUE(endReply->hasMpiCallMetrics());
-    EXPECT_EQ(endReply->mpiCallMetrics().calls().size(), 1);
-    EXPECT_EQ(endReply->mpiCallMetrics().rank(), 2);
-    EXPECT_TRUE(endReply->hasSelfProfilePoints());
+    run(CMD_ZOR_SEND_METRIC_ERRORS);
+    run(CMD_ZOR_SEND_EXTERNAL_METRICS);
+    auto errors = std::dynamic_pointer_cast<SendMetricErrorsResponse>(host.records.at(0).response);
+    ASSERT_TRUE(errors);
+    EXPECT_EQ(errors->errors().value(QStringLiteral("m")).value(3).message(), QStringLiteral("no m"));
+    auto end = std::dynamic_pointer_cast<SendMetricsCollectedAtTheEndResponse>(host.records.at(1).response);
+    ASSERT_TRUE(end);
+    ASSERT_TRUE(end->hasMpiCallMetrics());
+    EXPECT_EQ(end->mpiCallMetrics().calls().size(), 1);
+    EXPECT_EQ(end->mpiCallMetrics().rank(), 2);
+    EXPECT_TRUE(end->hasSelfProfilePoints());
 
-    host.clear();
-    play(QStringLiteral("5"));
-    deliver(errors);
-    deliver(end);
+    play("5");
+    run(CMD_ZOR_SEND_METRIC_ERRORS);
+    run(CMD_ZOR_SEND_EXTERNAL_METRICS);
     ASSERT_EQ(host.records.size(), 2);
     EXPECT_TRUE(std::dynamic_pointer_cast<SendMetricErrorsResponse>(host.records.at(0).response)->errors().isEmpty());
-    auto emptyEnd = std::dynamic_pointer_cast<SendMetricsCollectedAtTheEndResponse>(host.records.at(1).response);
-    EXPECT_FALSE(emptyEnd->hasMpiCallMetrics());
-    EXPECT_FALSE(emptyEnd->hasSelfProfilePoints());
+    EXPECT_FALSE(std::dynamic_pointer_cast<SendMetricsCollectedAtTheEndResponse>(host.records.at(1).response)
+                     ->hasMpiCallMetrics());
 }
 
-TEST(Entries, ProfilerEntryGuardsItsInitialisation)
+TEST(Entries, TheTwoEntriesOfThePlugIn)
 {
     FakeHost host;
     ZORProfiler plugin;
     EXPECT_EQ(plugin.getTargetName(), QStringLiteral("profiler"));
-    try {
-        plugin.getMessageHandler();
-        FAIL() << "no exception";
-    } catch (Exception* e) {
-        EXPECT_EQ(e->code(), 20001);
-        EXPECT_EQ(e->message(), QStringLiteral("ZORProfiler has not yet been initialised"));
-        delete e;
-    }
+    auto codeOf = [](const std::function<void()>& call) {
+        try {
+            call();
+        } catch (Exception* e) {
+            const int code = e->code();
+            delete e;
+            return code;
+        }
+        return 0;
+    };
     Command command;
+    EXPECT_EQ(codeOf([&] { plugin.getMessageHandler(); }), 20001);
     EXPECT_TRUE(plugin.init(command, host));
     TharnMessageHandler* first = plugin.getMessageHandler();
-    try {
-        plugin.init(command, host);
-        FAIL() << "no exception";
-    } catch (Exception* e) {
-        EXPECT_EQ(e->code(), 20002);
-        EXPECT_EQ(e->message(), QStringLiteral("ZORProfiler has already been initialised"));
-        delete e;
-    }
+    EXPECT_EQ(codeOf([&] { plugin.init(command, host); }), 20002);
     EXPECT_EQ(plugin.getMessageHandler(), first);
-}
 
-TEST(Entries, TreeServerHandsOutAFactoryOfEveryResponse)
-{
     ZORTreeserver server;
     EXPECT_EQ(server.getResponseFactoryPlugin(), nullptr);
     EXPECT_EQ(server.getTargetName(), QStringLiteral("profiler"));
-    Command command;
     EXPECT_TRUE(server.init(command));
-    ResponseFactoryPlugin* first = server.getResponseFactoryPlugin();
-    ASSERT_NE(first, nullptr);
     EXPECT_TRUE(server.init(command));
-    ASSERT_NE(server.getResponseFactoryPlugin(), nullptr);
-
-    SendSamplesResponse sent(4, 200);
     QString error;
-    std::unique_ptr<Response> rebuilt(server.getResponseFactoryPlugin()->fromXml(sent.toString().toUtf8(), &error));
-    ASSERT_TRUE(rebuilt) << qPrintable(error);
+    std::unique_ptr<Response> rebuilt(
+        server.getResponseFactoryPlugin()->fromXml(SendSamplesResponse(4, 200).toString().toUtf8(), &error));
     auto samples = dynamic_cast<SendSamplesResponse*>(rebuilt.get());
-    ASSERT_TRUE(samples);
-    EXPECT_EQ(samples->rank(), 4);
+    ASSERT_TRUE(samples) << qPrintable(error);
     EXPECT_EQ(samples->numSamples(), 200);
-}
 
-TEST(Entries, PluginCarriesItsQtConfResource)
-{
     QFile file(QStringLiteral(":/qt/etc/qt.conf"));
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_EQ(file.readAll(),

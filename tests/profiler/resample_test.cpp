@@ -242,3 +242,54 @@ TEST(Resample, ASleepingOrAbsentThreadGetsNoMix)
 }
 
 } // namespace
+
+#include "linemetrics.h"
+#include "zorpsvmodelitem.h"
+
+namespace {
+
+// root -> main -> kernel (k.c:12): the thread stopped on line 12.
+ZORPSVModelItem* leafOnLine(int line)
+{
+    ZORPSVModelItem* root = new ZORPSVModelItem;
+    ZORPSVModelItem* main = new ZORPSVModelItem(root, Position(QStringLiteral("main"), QStringLiteral("m.c"), 1, -1));
+    new ZORPSVModelItem(main, Position(QStringLiteral("kernel"), QStringLiteral("k.c"), line, -1));
+    return root;
+}
+
+const LineMetrics& leafMetrics(Sample& sample, int tid, bool mainThread)
+{
+    const ZORPSVModelItem* leaf = static_cast<const ZORPSVModelItem*>(
+        sample.psvModel(tid)->firstChild()->firstChild());
+    return mainThread ? leaf->mainThreadLineMetrics() : leaf->activeCoreLineMetrics();
+}
+
+TEST(LineMetrics, TheInstructionUnderAnAwakeThreadCountsOnItsLine)
+{
+    Sample sample;
+    sample.backendOnly_addThread(leafOnLine(12), 1, ThreadContext(), InstructionQuery(QStringLiteral("vfmadd231pd"), true),
+                                 Sample::MainThread, 0, false);
+    sample.backendOnly_addThread(leafOnLine(12), 2, ThreadContext(), InstructionQuery(QStringLiteral("imull"), false),
+                                 Sample::OtherThread, 0, false);
+    sample.backendOnly_addThread(leafOnLine(12), 3, ThreadContext(), InstructionQuery(QStringLiteral("addsd"), false),
+                                 Sample::OtherThread, 0, true);
+    sample.backendOnly_addThread(leafOnLine(0), 4, ThreadContext(), InstructionQuery(QStringLiteral("addsd"), false),
+                                 Sample::OtherThread, 0, false);
+    populateLineMetrics(MetricDefinitions(), sample);
+
+    const LineMetrics& main = leafMetrics(sample, 1, false);
+    EXPECT_EQ(main.value(QString::fromLatin1(METRIC_INSTR_VECTOR_FP)), 1.0);
+    EXPECT_EQ(main.value(QString::fromLatin1(METRIC_INSTR_MEM)), 1.0);
+    EXPECT_EQ(main.value(QString::fromLatin1(METRIC_INSTR_IMPLICIT_MEM)), 1.0);
+    EXPECT_FALSE(main.values().contains(QString::fromLatin1(METRIC_INSTR_SCALAR_FP)));
+    EXPECT_EQ(leafMetrics(sample, 1, true), main);
+
+    const LineMetrics& worker = leafMetrics(sample, 2, false);
+    EXPECT_EQ(worker.values().keys(), QList<QString>{ QString::fromLatin1(METRIC_INSTR_SCALAR_INT) });
+    EXPECT_TRUE(leafMetrics(sample, 2, true).isEmpty());
+    // Asleep, or on no line: nothing.
+    EXPECT_TRUE(leafMetrics(sample, 3, false).isEmpty());
+    EXPECT_TRUE(leafMetrics(sample, 4, false).isEmpty());
+}
+
+} // namespace

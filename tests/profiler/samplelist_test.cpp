@@ -3,7 +3,6 @@
 
 #include "sample.h"
 #include "samplelist.h"
-#include "samplesource.h"
 
 namespace {
 
@@ -50,32 +49,22 @@ TEST(SampleList, AFullListKeepsOneOfEachPairAndAlwaysAppends)
     qDeleteAll(samples);
 }
 
-TEST(SampleList, TinyCapacitiesThinBeforeEveryAddition)
+TEST(SampleList, TinyCapacitiesAndOddCounts)
 {
-    QVector<Sample*> samples = numbered(4);
+    QVector<Sample*> samples = numbered(7);
     SampleList none(0);
     EXPECT_TRUE(none.addSample(samples[0]));
     EXPECT_TRUE(none.addSample(samples[1]));
-    EXPECT_EQ(none.size(), 2);
     EXPECT_TRUE(none.addSample(samples[2]));
     EXPECT_EQ(none.size(), 2);
 
-    SampleList one(1);
-    EXPECT_FALSE(one.addSample(samples[3]));
-    one.downsample();
-    EXPECT_EQ(one.size(), 1);
-    qDeleteAll(samples);
-}
-
-TEST(SampleList, WithAnOddCountTheNewestSampleSurvives)
-{
-    QVector<Sample*> samples = numbered(7);
-    SampleList list(100);
+    // With an odd count the newest sample survives a thinning.
+    SampleList odd(100);
     for (Sample* sample : samples)
-        list.addSample(sample);
-    list.downsample();
-    EXPECT_EQ(list.size(), 4);
-    EXPECT_EQ(list.lastSample(), samples[6]);
+        odd.addSample(sample);
+    odd.downsample();
+    EXPECT_EQ(odd.size(), 4);
+    EXPECT_EQ(odd.lastSample(), samples[6]);
     qDeleteAll(samples);
 }
 
@@ -119,29 +108,6 @@ TEST(SampleList, ThinningIsFairAndKeepsTheRunEvenlyCovered)
     }
     EXPECT_GT(previous, 100000 - 2 * stride);
     qDeleteAll(run);
-}
-
-class EmptySource : public FakeSampleSource
-{
-public:
-    long long duration() override { return 0; }
-    void stop() override {}
-    void terminate() override {}
-    bool hasWrappedMpiCalls() override { return false; }
-    void provideMetrics(ProfilerPlayResponse&) override {}
-    void provideGpuProfilingInfo(ProfilerPlayResponse&) override {}
-    bool interrupted() const override { return false; }
-};
-
-TEST(FakeSampleSource, HasNoSamples)
-{
-    EmptySource source;
-    SampleList list(4);
-    Sample sample;
-    list.addSample(&sample);
-    EXPECT_FALSE(source.readSamples(list));
-    EXPECT_EQ(list.size(), 1);
-    EXPECT_EQ(source.sampleInterval(), 100);
 }
 
 } // namespace

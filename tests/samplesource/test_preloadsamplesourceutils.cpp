@@ -8,116 +8,97 @@
 #include <cmath>
 #include <memory>
 
-TEST(PreloadSampleSourceUtils, TimeConversions)
+using Utils = PreloadSampleSourceUtils;
+
+TEST(PreloadSampleSourceUtils, TimeConversionsClampAndScale)
 {
-    EXPECT_EQ(PreloadSampleSourceUtils::msFromTimespec(timespec{2, 0}, timespec{1, 999999999}), 1);
     // No borrow between the fields: the nanosecond part truncates on its own.
-    EXPECT_EQ(PreloadSampleSourceUtils::msFromTimespec(timespec{1, 0}, timespec{0, 999999}), 1000);
-    EXPECT_EQ(PreloadSampleSourceUtils::msFromTimespec(timespec{0, 0}, timespec{3, 0}), -3000);
-    EXPECT_EQ(PreloadSampleSourceUtils::nsFromTimespec(timespec{3, 5}), 3000000005LL);
-    EXPECT_EQ(PreloadSampleSourceUtils::nsFromTimespec(timespec{100000, 0}), 100000000000000LL);
-}
-
-TEST(PreloadSampleSourceUtils, ClampAndScale)
-{
-    EXPECT_EQ(PreloadSampleSourceUtils::clampPercentage(-0.5), 0.0);
-    EXPECT_EQ(PreloadSampleSourceUtils::clampPercentage(42.5), 42.5);
-    EXPECT_EQ(PreloadSampleSourceUtils::clampPercentage(100.0), 100.0);
-    EXPECT_EQ(PreloadSampleSourceUtils::clampPercentage(250.0), 100.0);
-    EXPECT_EQ(PreloadSampleSourceUtils::clampPercentage(std::nan("")), 100.0);
-
-    EXPECT_EQ(PreloadSampleSourceUtils::calculateScaleUpFactor(timespec{0, 500000000}), 2.0);
-    EXPECT_EQ(PreloadSampleSourceUtils::calculateScaleUpFactor(timespec{0, 0}), 1.0);
-    EXPECT_DOUBLE_EQ(PreloadSampleSourceUtils::calculateScaleUpFactor(timespec{4, 0}), 0.25);
-    EXPECT_DEATH(PreloadSampleSourceUtils::calculateScaleUpFactor(timespec{1, -1}), "Assertion `a\\.tv_nsec >=0' failed");
+    EXPECT_EQ(Utils::msFromTimespec(timespec{2, 0}, timespec{1, 999999999}), 1);
+    EXPECT_EQ(Utils::msFromTimespec(timespec{1, 0}, timespec{0, 999999}), 1000);
+    EXPECT_EQ(Utils::msFromTimespec(timespec{0, 0}, timespec{3, 0}), -3000);
+    EXPECT_EQ(Utils::nsFromTimespec(timespec{100000, 5}), 100000000000005LL);
+    for (const auto& [in, out] : {std::pair<double, double>{-0.5, 0}, {42.5, 42.5}, {100, 100}, {250, 100},
+                                  {std::nan(""), 100}})
+        EXPECT_EQ(Utils::clampPercentage(in), out) << in;
+    EXPECT_EQ(Utils::calculateScaleUpFactor(timespec{0, 500000000}), 2.0);
+    EXPECT_EQ(Utils::calculateScaleUpFactor(timespec{0, 0}), 1.0);
+    EXPECT_DOUBLE_EQ(Utils::calculateScaleUpFactor(timespec{4, 0}), 0.25);
 }
 
 namespace {
 
-// Six samples of 1 to 6 ms; metric 0 a sparse rate, 1 a sparse level, 2 a
-// plain rate, 3 sparse but not shown over time.
-struct SparseFixture
+const long E = -1; // no value
+
+// Six samples of 1 to 6 ms with a row of values for each metric: 0 a sparse
+// rate, 1 a sparse level, 2 a plain rate, 3 sparse but not shown over time.
+// Sample 2's value of metric 0 may carry an interval of its own. Corrected
+// on construction.
+struct SparseList
 {
-    SparseFixture()
+    SparseList(const std::vector<std::vector<long>>& rows, timespec ownInterval = {0, 0})
     {
+        for (unsigned m = 0; m < 4; ++m) {
+            Metric metric(QString::number(m), m);
+            metric.setSparse(m != 2);
+            metric.setDivideBySampleTime(m == 0 || m == 2);
+            metric.setOnTimeDomain(m != 3);
+            definitions.addMetric(metric);
+        }
         srand48_r(1, &random);
         list.reset(new quorvex::SSampleList(6, 0, random));
         list->setMetricCount(4);
         for (int i = 0; i < 6; ++i) {
             bool downsampled = false;
             const timespec interval = {0, (i + 1) * 1000000L};
-            list->createSample(zortest::makeBacktraceData({1}), timespec{i, 0}, interval, interval, downsampled,
-                               false, 1, {1}, timespec{0, 0}, false);
+            quorvex::SSample* s = list->createSample(zortest::makeBacktraceData({1}), timespec{i, 0}, interval,
+                                                     interval, downsampled, false, 1, {1}, timespec{0, 0}, false);
+            for (unsigned m = 0; m < rows.size(); ++m)
+                if (rows[m][static_cast<size_t>(i)] != E)
+                    s->metrics().setMetric(m, quorvex::SMetric(SampleValue(rows[m][static_cast<size_t>(i)]),
+                                                               m == 0 && i == 2 ? ownInterval : timespec{0, 0},
+                                                               m == 0 || m == 2 ? quorvex::SMetric::DivideBySampleInterval
+                                                                                : quorvex::SMetric::NoNormalisation));
         }
-        Metric rate("rate", 0), level("level", 1), plain("plain", 2), hidden("hidden", 3);
-        rate.setSparse(true);
-        rate.setDivideBySampleTime(true);
-        level.setSparse(true);
-        plain.setDivideBySampleTime(true);
-        hidden.setSparse(true);
-        hidden.setOnTimeDomain(false);
-        for (const Metric& m : {rate, level, plain, hidden})
-            definitions.addMetric(m);
+        PreloadSampleSourceUtils::correctSparseMetrics(list.get(), definitions);
     }
 
-    void set(unsigned sample, unsigned metric, SampleValue value, timespec interval = {0, 0})
+    std::vector<long> values(unsigned metric) const
     {
-        const bool divide = metric == 0 || metric == 2;
-        list->at(sample).metrics().setMetric(
-            metric, quorvex::SMetric(value, interval,
-                                     divide ? quorvex::SMetric::DivideBySampleInterval : quorvex::SMetric::NoNormalisation));
-    }
-
-    std::vector<std::string> values(unsigned metric) const
-    {
-        std::vector<std::string> out;
+        std::vector<long> out;
         for (unsigned i = 0; i < list->size(); ++i) {
-            const SampleValue v = list->at(i).metrics().getMetricValue(metric);
-            out.push_back(v.empty() ? "-" : std::to_string(v.to_int64_t()));
+            const SampleValue v = at(i).getMetricValue(metric);
+            out.push_back(v.empty() ? E : v.to_int64_t());
         }
         return out;
     }
+    const quorvex::SMetrics& at(unsigned sample) const { return list->at(sample).metrics(); }
 
     drand48_data random;
     std::unique_ptr<quorvex::SSampleList> list;
     MetricDefinitions definitions;
 };
 
-using Values = std::vector<std::string>;
+using Values = std::vector<long>;
 
 } // namespace
 
-TEST(CorrectSparseMetrics, SpreadsEachValueOverTheGapBeforeIt)
+TEST(CorrectSparseMetrics, SpreadsRatesCopiesLevelsAndLeavesTheOthers)
 {
-    SparseFixture f;
-    f.set(2, 0, SampleValue(600L));
-    f.set(5, 0, SampleValue(1500L));
-    f.set(2, 1, SampleValue(7L));
-    f.set(5, 1, SampleValue(9L));
-    f.set(2, 2, SampleValue(600L));
-    f.set(2, 3, SampleValue(600L));
-    PreloadSampleSourceUtils::correctSparseMetrics(f.list.get(), f.definitions);
-
     // Rates by interval: 1+2+3 ms share 600, 4+5+6 ms share 1500.
-    EXPECT_EQ(f.values(0), (Values{"100", "200", "300", "400", "500", "600"}));
-    EXPECT_TRUE(f.list->at(0).metrics().shouldDivideBySampleInterval(0));
-    EXPECT_EQ(f.list->at(0).metrics().getMetricInterval(0).tv_nsec, 0);
-    // Levels are copied.
-    EXPECT_EQ(f.values(1), (Values{"7", "7", "7", "9", "9", "9"}));
-    EXPECT_FALSE(f.list->at(3).metrics().shouldDivideBySampleInterval(1));
-    // Not sparse, or not shown over time: untouched.
-    EXPECT_EQ(f.values(2), (Values{"-", "-", "600", "-", "-", "-"}));
-    EXPECT_EQ(f.values(3), (Values{"-", "-", "600", "-", "-", "-"}));
-}
+    const SparseList f({{E, E, 600, E, E, 1500}, {E, E, 7, E, E, 9}, {E, E, 600, E, E, E}, {E, E, 600, E, E, E}});
+    EXPECT_EQ(f.values(0), (Values{100, 200, 300, 400, 500, 600}));
+    EXPECT_EQ(f.values(1), (Values{7, 7, 7, 9, 9, 9}));
+    EXPECT_EQ(f.values(2), (Values{E, E, 600, E, E, E}));
+    EXPECT_EQ(f.values(3), (Values{E, E, 600, E, E, E}));
+    EXPECT_TRUE(f.at(0).shouldDivideBySampleInterval(0));
+    EXPECT_EQ(f.at(0).getMetricInterval(0).tv_nsec, 0);
+    EXPECT_FALSE(f.at(3).shouldDivideBySampleInterval(1));
 
-TEST(CorrectSparseMetrics, LeavesFirstSamplesAndEmptyMetricsAndUsesOwnIntervals)
-{
-    SparseFixture f;
-    f.set(0, 0, SampleValue(5L));
-    f.set(2, 0, SampleValue(90L), timespec{0, 2000000}); // sample 1 empty; 2 ms of its own against 2 ms
-    PreloadSampleSourceUtils::correctSparseMetrics(f.list.get(), f.definitions);
-    EXPECT_EQ(f.values(0), (Values{"5", "45", "45", "-", "-", "-"}));
-    EXPECT_EQ(f.list->at(2).metrics().getMetricInterval(0).tv_nsec, 2000000);
-    EXPECT_EQ(f.list->at(1).metrics().getMetricInterval(0).tv_nsec, 0);
-    EXPECT_EQ(f.values(1), (Values{"-", "-", "-", "-", "-", "-"}));
+    // The first sample's value stays; a value spreads by the intervals
+    // before it, its own sample's where it has one: 2 ms against 2 ms.
+    const SparseList g({{5, E, 90, E, E, E}}, timespec{0, 2000000});
+    EXPECT_EQ(g.values(0), (Values{5, 45, 45, E, E, E}));
+    EXPECT_EQ(g.at(2).getMetricInterval(0).tv_nsec, 2000000);
+    EXPECT_EQ(g.at(1).getMetricInterval(0).tv_nsec, 0);
+    EXPECT_EQ(g.values(1), Values(6, E));
 }

@@ -7,12 +7,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
+#include <tuple>
 #include <unistd.h>
 
 using namespace quorvex;
@@ -33,7 +30,7 @@ struct ReadResult
     bool mpiMultiple = false;
     QMap<int, SCallSite> callSites;
 
-    void read(const std::string& path)
+    explicit ReadResult(const std::string& path)
     {
         list.reset(quorvex_read_samples(path.c_str(), &startTime, &stopReason, &rebuilds, &checks, &downsamples,
                                         &skipped, &resuming, &total, &spare1, &spare2, ompText, &cuda, callSites,
@@ -50,94 +47,73 @@ std::vector<char> withVersion(std::vector<char> bytes, int64_t word)
 // Three samples of two threads, a shared kernel hit and two call sites.
 struct SmallFile : SampleFileBuilder
 {
-    explicit SmallFile(unsigned seed = 3) : SampleFileBuilder(8, 2, seed) { fill(*this); }
-    static void fill(SampleFileBuilder& builder);
+    // Samples, threads, frames, metrics, a kernel hit every n-th sample,
+    // call sites and varying sizes.
+    explicit SmallFile(unsigned seed = 3) : SampleFileBuilder(8, 2, seed) { addRandom({3, 2, 3, 2, 2, 2, false}); }
 };
-
-void SmallFile::fill(SampleFileBuilder& builder)
-{
-    RandomSampleShape shape;
-    shape.numSamples = 3;
-    shape.threadsPerSample = 2;
-    shape.framesPerTrace = 3;
-    shape.numMetrics = 2;
-    shape.kernelHitEvery = 2;
-    shape.numCallSites = 2;
-    builder.addRandom(shape);
-}
 
 } // namespace
 
-TEST(ReadSamples, WholeFileRoundTrip)
+// Random samples with many threads, deep traces, metrics and kernel hits,
+// thinned on the way, come back equal field by field, with the header and
+// the call sites.
+TEST(ReadSamples, RandomWholeFileRoundTrip)
 {
-    SampleFileBuilder builder(64, 8, 17);
-    RandomSampleShape shape;
-    shape.numSamples = 100;
-    shape.threadsPerSample = 10;
-    shape.framesPerTrace = 64;
-    shape.numCallSites = 5;
-    builder.addRandom(shape);
-    builder.header().version = 705;
-    TempFile file;
-    builder.writeTo(file);
+    for (unsigned seed = 1; seed <= 4; ++seed) {
+        SampleFileBuilder builder(64, 8, seed);
+        builder.list().setMergeGpuKernelListsWhenDownsampling(seed % 2 == 0);
+        builder.addRandom({150, 12, 200, 6, 2, 5}); // in the order of SmallFile's
+        ASSERT_GT(builder.list().numDownsamples(), 0u);
+        builder.header().version = 700 + seed;
+        TempFile file;
+        builder.writeTo(file);
 
-    ReadResult r;
-    errno = 0;
-    r.read(file.path());
-    ASSERT_TRUE(r.list);
-    EXPECT_EQ(errno, 0);
-    EXPECT_EQ(compareLists(builder.list(), *r.list), "");
-    const SamplerFileHeader& h = builder.header();
-    EXPECT_EQ(r.startTime.tv_sec, h.startTime.tv_sec);
-    EXPECT_EQ(r.startTime.tv_nsec, h.startTime.tv_nsec);
-    EXPECT_EQ(r.stopReason, h.stopReason);
-    EXPECT_EQ(r.mpiMultiple, h.mpiThreadMultiple == 1);
-    EXPECT_EQ(r.rebuilds, h.numPhdrCacheRebuilds);
-    EXPECT_EQ(r.checks, h.numPhdrCacheChecks);
-    EXPECT_EQ(r.downsamples, h.numDownsamples);
-    EXPECT_EQ(r.skipped, h.numSkippedWhileSuspended);
-    EXPECT_EQ(r.resuming, h.numTakenWhileResuming);
-    EXPECT_EQ(r.total, h.numTakenInTotal);
-    EXPECT_EQ(r.spare1, h.firstSpareWord);
-    EXPECT_EQ(r.spare2, h.secondSpareWord);
-    EXPECT_EQ(r.ompText.toStdString(), std::string(h.ompThreadsText));
-    EXPECT_EQ(r.cuda, h.cudaProfilingEnabled == 1);
-    ASSERT_EQ(r.callSites.size(), 5);
-    for (const SCallSite& site : builder.callSites())
-        EXPECT_EQ(compareCallSites(site, r.callSites.value(site.parallelId())), "");
+        errno = 0;
+        ReadResult r(file.path());
+        ASSERT_TRUE(r.list);
+        EXPECT_EQ(errno, 0);
+        EXPECT_EQ(compareLists(builder.list(), *r.list), "") << "seed " << seed;
+        const SamplerFileHeader& h = builder.header();
+        EXPECT_EQ(std::make_tuple(r.startTime.tv_sec, r.startTime.tv_nsec, r.stopReason, r.mpiMultiple, r.cuda,
+                                  r.ompText.toStdString()),
+                  std::make_tuple(h.startTime.tv_sec, h.startTime.tv_nsec, h.stopReason, h.mpiThreadMultiple == 1,
+                                  h.cudaProfilingEnabled == 1, std::string(h.ompThreadsText)));
+        EXPECT_EQ(std::make_tuple(r.rebuilds, r.checks, r.downsamples, r.skipped, r.resuming, r.total, r.spare1,
+                                  r.spare2),
+                  std::make_tuple(h.numPhdrCacheRebuilds, h.numPhdrCacheChecks, h.numDownsamples,
+                                  h.numSkippedWhileSuspended, h.numTakenWhileResuming, h.numTakenInTotal,
+                                  h.firstSpareWord, h.secondSpareWord));
+        ASSERT_EQ(r.callSites.size(), 5);
+        for (const SCallSite& site : builder.callSites())
+            EXPECT_EQ(compareCallSites(site, r.callSites.value(site.parallelId())), "");
+    }
 }
 
+// A non-negative first word is an old file, taken as version 421.
 TEST(ReadSamples, VersionRule)
 {
-    SmallFile builder;
-    const std::vector<char> bytes = builder.bytes();
+    const std::vector<char> bytes = SmallFile().bytes();
+    const std::pair<int64_t, const char*> wordAndRejectedVersion[] = {
+        {0, "421"}, {700, "421"}, {-699, "699"}, {-700, nullptr}, {-701, nullptr}, {-100000, nullptr}};
     TempFile file;
-    for (int64_t word : {int64_t(0), int64_t(700), int64_t(-699)}) {
+    for (const auto& [word, rejectedAs] : wordAndRejectedVersion) {
         file.setContents(withVersion(bytes, word));
-        ReadResult r;
         testing::internal::CaptureStderr();
-        r.read(file.path());
+        const ReadResult r(file.path());
         const std::string errors = testing::internal::GetCapturedStderr();
-        EXPECT_FALSE(r.list);
-        const std::string version = word >= 0 ? "421" : "699";
-        EXPECT_NE(errors.find("Quorvex Sampler: The sample data was generated by an incompatible older version of the "
-                              "sampler libraries (" + version + ", 700 required)\nIf it was manually linked"),
-                  std::string::npos)
-            << errors;
-    }
-    for (int64_t word : {int64_t(-700), int64_t(-701), int64_t(-100000)}) {
-        file.setContents(withVersion(bytes, word));
-        ReadResult r;
-        r.read(file.path());
-        EXPECT_TRUE(r.list) << word;
+        EXPECT_EQ(r.list == nullptr, rejectedAs != nullptr) << word;
+        const std::string message = rejectedAs ? "Quorvex Sampler: The sample data was generated by an incompatible "
+                                                 "older version of the sampler libraries (" + std::string(rejectedAs) +
+                                                     ", 700 required)\nIf it was manually linked"
+                                               : "";
+        EXPECT_NE(errors.find(message), std::string::npos) << errors;
     }
 }
 
-TEST(ReadSamples, MissingFileShortFileAndEmptyCallSites)
+TEST(ReadSamples, MissingFileShortFileNoCallSitesAndTrailingBytes)
 {
-    ReadResult missing;
     testing::internal::CaptureStderr();
-    missing.read("/nonexistent/smpls");
+    const ReadResult missing("/nonexistent/smpls");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Quorvex Sampler: Error reading /nonexistent/smpls: No such file or directory\n");
     EXPECT_FALSE(missing.list);
@@ -146,32 +122,25 @@ TEST(ReadSamples, MissingFileShortFileAndEmptyCallSites)
     // fields are in.
     SmallFile builder;
     TempFile file;
-    int fd = file.openForWriting();
+    const int fd = file.openForWriting();
     quorvex_write_sampler_file_header(fd, builder.header());
     close(fd);
-    ReadResult headerOnly;
     testing::internal::CaptureStderr();
-    headerOnly.read(file.path());
+    const ReadResult headerOnly(file.path());
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_FALSE(headerOnly.list);
     EXPECT_EQ(headerOnly.total, builder.header().numTakenInTotal);
-    EXPECT_TRUE(headerOnly.cuda == (builder.header().cudaProfilingEnabled == 1));
 
     builder.callSites().clear();
     builder.header().ompThreadsText = nullptr;
-    builder.writeTo(file);
-    ReadResult noSites;
-    noSites.read(file.path());
+    std::vector<char> bytes = builder.bytes();
+    bytes.insert(bytes.end(), {'x', 'y'});
+    file.setContents(bytes);
+    const ReadResult noSites(file.path());
     ASSERT_TRUE(noSites.list);
     EXPECT_EQ(noSites.list->size(), 3u);
     EXPECT_TRUE(noSites.callSites.isEmpty());
     EXPECT_TRUE(noSites.ompText.isEmpty());
-
-    std::vector<char> bytes = file.contents();
-    bytes.insert(bytes.end(), {'x', 'y'});
-    file.setContents(bytes);
-    noSites.read(file.path());
-    EXPECT_TRUE(noSites.list) << "trailing bytes are ignored";
 }
 
 TEST(ReadSamplesDeathTest, BadHeaderWordsAreAssertions)
@@ -180,52 +149,12 @@ TEST(ReadSamplesDeathTest, BadHeaderWordsAreAssertions)
     TempFile file;
     builder.header().startTime.tv_nsec = ONE_SECOND_NS;
     builder.writeTo(file);
-    ReadResult r;
-    EXPECT_DEATH(r.read(file.path()), "Assertion `nsecs < ONE_SECOND_NS' failed");
+    EXPECT_DEATH(ReadResult{file.path()}, "Assertion `nsecs < ONE_SECOND_NS' failed");
     builder.header().startTime.tv_nsec = 0;
     builder.header().cudaProfilingEnabled = 2;
     builder.writeTo(file);
-    EXPECT_DEATH(r.read(file.path()),
+    EXPECT_DEATH(ReadResult{file.path()},
                  "Assertion `cudaProfilingEnabled_uint32==0 \\|\\| cudaProfilingEnabled_uint32==1' failed");
-}
-
-// Through a pipe a read can come back short while data still follows: the
-// list then fails, but the call sites after it are still read.
-TEST(ReadSamples, FailedListStillReadsTheCallSites)
-{
-    SmallFile builder;
-    TempFile withSites, without;
-    builder.writeTo(withSites);
-    const std::vector<char> full = withSites.contents();
-    std::vector<SCallSite> sites = builder.callSites();
-    builder.callSites().clear();
-    builder.writeTo(without);
-    // Everything up to the call-site count, less the last 4 bytes of the list.
-    std::vector<char> head = without.contents();
-    head.resize(head.size() - 4 - 4);
-    // The call-site count and the call sites.
-    const std::vector<char> tail(full.begin() + static_cast<long>(head.size() + 4), full.end());
-
-    TempFile fifo("zor-fifo");
-    unlink(fifo.path().c_str());
-    ASSERT_EQ(mkfifo(fifo.path().c_str(), 0600), 0);
-    std::thread writer([&] {
-        const int fd = open(fifo.path().c_str(), O_WRONLY);
-        ASSERT_EQ(write(fd, head.data(), head.size()), static_cast<ssize_t>(head.size()));
-        // Wait until the reader has drained the pipe, so that its last read
-        // of the list came back short.
-        int pending = 1;
-        while (ioctl(fd, FIONREAD, &pending) == 0 && pending > 0)
-            usleep(1000);
-        usleep(50000);
-        ASSERT_EQ(write(fd, tail.data(), tail.size()), static_cast<ssize_t>(tail.size()));
-        close(fd);
-    });
-    ReadResult r;
-    r.read(fifo.path());
-    writer.join();
-    EXPECT_FALSE(r.list);
-    EXPECT_EQ(r.callSites.size(), static_cast<int>(sites.size()));
 }
 
 // Every prefix of a small file gives a null result or the documented
@@ -235,42 +164,32 @@ TEST(ReadSamples, FileCutAtEveryOffset)
     SmallFile builder(9);
     const std::vector<char> bytes = builder.bytes();
     ASSERT_GT(bytes.size(), 500u);
-    TempFile file;
+    TempFile file, errors;
     int asserted = 0;
     for (size_t length = 0; length < bytes.size(); ++length) {
         file.setContents(std::vector<char>(bytes.begin(), bytes.begin() + static_cast<long>(length)));
-        int err[2];
-        ASSERT_EQ(pipe(err), 0);
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
             alarm(20);
-            dup2(err[1], 2);
-            close(err[0]);
-            ReadResult r;
-            r.read(file.path());
+            dup2(errors.openForWriting(), 2);
+            const ReadResult r(file.path());
             _exit(r.list ? 3 : 0);
         }
-        close(err[1]);
-        std::string errors;
-        char chunk[512];
-        ssize_t n;
-        while ((n = read(err[0], chunk, sizeof chunk)) > 0)
-            errors.append(chunk, static_cast<size_t>(n));
-        close(err[0]);
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
         if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
             continue;
+        const std::vector<char> text = errors.contents();
+        const std::string message(text.begin(), text.end());
         const bool documentedAssertion = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT &&
-                                         errors.find("Assertion `") != std::string::npos;
+                                         message.find("Assertion `") != std::string::npos;
         ASSERT_TRUE(documentedAssertion) << "cut at " << length << " of " << bytes.size() << ": status " << status
-                                         << ", stderr: " << errors;
+                                         << ", stderr: " << message;
         ++asserted;
     }
     EXPECT_GT(asserted, 0); // backtraces of other threads cut short do assert
     file.setContents(bytes);
-    ReadResult whole;
-    whole.read(file.path());
+    const ReadResult whole(file.path());
     EXPECT_TRUE(whole.list);
 }

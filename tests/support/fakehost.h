@@ -7,6 +7,7 @@
 #include <QStringList>
 #include <memory>
 
+#include "command.h"
 #include "exception.h"
 #include "response.h"
 #include "tharninterface.h"

@@ -2,10 +2,11 @@
 #include "timespec_utils.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <unistd.h>
@@ -18,13 +19,11 @@ TempFile::TempFile(const char* stem)
 {
     const char* dir = getenv("TMPDIR");
     std::string pattern = std::string(dir && *dir ? dir : "/tmp") + "/" + stem + "-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    const int fd = mkstemp(buffer.data());
+    const int fd = mkstemp(&pattern[0]);
     if (fd < 0)
         throw std::runtime_error(std::string("mkstemp: ") + strerror(errno));
     close(fd);
-    mPath = buffer.data();
+    mPath = pattern;
 }
 
 TempFile::~TempFile()
@@ -42,28 +41,17 @@ int TempFile::openForWriting() const
 
 std::vector<char> TempFile::contents() const
 {
-    std::vector<char> bytes;
-    FILE* f = fopen(mPath.c_str(), "rb");
-    if (!f)
+    std::ifstream in(mPath, std::ios::binary);
+    if (!in)
         throw std::runtime_error("cannot read " + mPath);
-    char chunk[65536];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof chunk, f)) > 0)
-        bytes.insert(bytes.end(), chunk, chunk + n);
-    fclose(f);
-    return bytes;
+    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 void TempFile::setContents(const std::vector<char>& bytes) const
 {
-    FILE* f = fopen(mPath.c_str(), "wb");
-    if (!f)
+    std::ofstream out(mPath, std::ios::binary | std::ios::trunc);
+    if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())))
         throw std::runtime_error("cannot write " + mPath);
-    if (!bytes.empty() && fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) {
-        fclose(f);
-        throw std::runtime_error("short write to " + mPath);
-    }
-    fclose(f);
 }
 
 ExtendedBacktraceData makeBacktraceData(const std::vector<unsigned long>& frames, int unwindStatus,
@@ -71,9 +59,8 @@ ExtendedBacktraceData makeBacktraceData(const std::vector<unsigned long>& frames
 {
     ExtendedBacktraceData data;
     std::memset(&data, 0, sizeof data);
-    const size_t n = std::min<size_t>(frames.size(), MAX_BACKTRACE_DEPTH);
-    std::copy(frames.begin(), frames.begin() + static_cast<long>(n), data.frames);
-    data.size = static_cast<std::uint32_t>(n);
+    data.size = static_cast<std::uint32_t>(std::min<size_t>(frames.size(), MAX_BACKTRACE_DEPTH));
+    std::copy(frames.begin(), frames.begin() + data.size, data.frames);
     data.unwindStatus = unwindStatus;
     data.stopsAtCallingFrame = stopsAtCallingFrame;
     data.parallelId = parallelId;
@@ -98,74 +85,61 @@ std::vector<unsigned long> SampleFileBuilder::randomFrames(int count)
 
 timespec SampleFileBuilder::randomStep()
 {
-    timespec step = {0, static_cast<long>(1000000 + mRandom() % 9000000)};
-    if (mRandom() % 8 == 0)
-        step.tv_sec = 1;
-    return step;
+    return timespec{mRandom() % 8 == 0 ? 1 : 0, static_cast<long>(1000000 + mRandom() % 9000000)};
 }
 
 void SampleFileBuilder::randomiseHeader()
 {
-    mHeader.startTime = timespec{static_cast<time_t>(1000 + mRandom() % 100000),
-                                 static_cast<long>(mRandom() % ONE_SECOND_NS)};
-    mHeader.mpiThreadMultiple = static_cast<std::int32_t>(mRandom() % 2);
-    mHeader.stopReason = static_cast<std::int32_t>(mRandom() % 4);
-    mHeader.numPhdrCacheRebuilds = mRandom() % 1000;
-    mHeader.numPhdrCacheChecks = mRandom() % 100000;
-    mHeader.numDownsamples = mRandom() % 10;
-    mHeader.numSkippedWhileSuspended = mRandom() % 50;
-    mHeader.numTakenWhileResuming = mRandom() % 50;
-    mHeader.numTakenInTotal = mRandom() % 100000;
-    mHeader.firstSpareWord = static_cast<std::uint32_t>(mRandom());
-    mHeader.secondSpareWord = static_cast<std::uint32_t>(mRandom());
+    SamplerFileHeader& h = mHeader;
+    h.startTime = timespec{static_cast<time_t>(1000 + mRandom() % 100000), static_cast<long>(mRandom() % ONE_SECOND_NS)};
+    h.mpiThreadMultiple = static_cast<std::int32_t>(mRandom() % 2);
+    h.stopReason = static_cast<std::int32_t>(mRandom() % 4);
+    for (std::uint64_t* counter : {&h.numPhdrCacheRebuilds, &h.numPhdrCacheChecks, &h.numDownsamples,
+                                   &h.numSkippedWhileSuspended, &h.numTakenWhileResuming, &h.numTakenInTotal})
+        *counter = mRandom() % 100000;
+    h.firstSpareWord = static_cast<std::uint32_t>(mRandom());
+    h.secondSpareWord = static_cast<std::uint32_t>(mRandom());
     mOmpText = "OMP_NUM_THREADS=" + std::to_string(1 + mRandom() % 64);
-    mHeader.ompThreadsText = mOmpText.c_str();
-    mHeader.cudaProfilingEnabled = static_cast<std::uint32_t>(mRandom() % 2);
+    h.ompThreadsText = mOmpText.c_str();
+    h.cudaProfilingEnabled = static_cast<std::uint32_t>(mRandom() % 2);
 }
 
 SSample* SampleFileBuilder::addRandomSample(int threads, int frames, int numMetrics)
 {
     const timespec step = randomStep();
     timespec_add(mClock, step);
+    auto coin = [this] { return mRandom() % 2 == 0; };
+    auto cpuTime = [this] {
+        return timespec{static_cast<time_t>(mRandom() % 5), static_cast<long>(mRandom() % ONE_SECOND_NS)};
+    };
+    // Negative statuses, parallel ids and tids exercise sign extension.
+    auto trace = [&](int parallelId) {
+        return makeBacktraceData(randomFrames(frames), static_cast<int>(mRandom() % 5) - 2, coin(), parallelId);
+    };
 
     const int mainTid = mNextTid;
     threadlist_t tids;
     for (int t = 0; t < threads; ++t)
         tids.push_back(mainTid + t);
-    // A few signed values, so that sign extension is exercised.
     if (mRandom() % 4 == 0)
         tids.push_back(-1);
-
-    auto cpuTime = [this]() {
-        return timespec{static_cast<time_t>(mRandom() % 5), static_cast<long>(mRandom() % ONE_SECOND_NS)};
-    };
-    auto status = [this]() { return static_cast<int>(mRandom() % 5) - 2; };
-
     bool downsampled = false;
-    const ExtendedBacktraceData main =
-        makeBacktraceData(randomFrames(frames), status(), mRandom() % 2 == 0, static_cast<int>(mRandom() % 7) - 1);
-    SSample* sample = mList->createSample(main, mClock, step, step, downsampled, mRandom() % 2 == 0, mainTid, tids,
-                                          cpuTime(), mRandom() % 3 == 0);
-    for (int t = 1; t < threads; ++t) {
-        const ExtendedBacktraceData other =
-            makeBacktraceData(randomFrames(frames), status(), mRandom() % 2 == 0, static_cast<int>(mRandom() % 7));
-        sample->addThreadBacktrace(other, mRandom() % 2 == 0, mainTid + t, cpuTime(), mRandom() % 3 == 0);
-    }
+    SSample* sample = mList->createSample(trace(static_cast<int>(mRandom() % 7) - 1), mClock, step, step, downsampled,
+                                          coin(), mainTid, tids, cpuTime(), mRandom() % 3 == 0);
+    for (int t = 1; t < threads; ++t)
+        sample->addThreadBacktrace(trace(static_cast<int>(mRandom() % 7)), coin(), mainTid + t, cpuTime(),
+                                   mRandom() % 3 == 0);
 
     // A metric divides by the sample interval or not for the whole run.
-    SMetrics& metrics = sample->metrics();
-    metrics.initializeMetrics(static_cast<unsigned int>(numMetrics));
+    sample->metrics().initializeMetrics(static_cast<unsigned int>(numMetrics));
     for (int m = 0; m < numMetrics; ++m) {
-        SampleValue value;
-        switch (mRandom() % 4) {
-        case 0: break;
-        case 1: value = SampleValue(static_cast<long>(mRandom() % 2000) - 1000); break;
-        case 2: value = SampleValue(static_cast<unsigned long>(mRandom())); break;
-        default: value = SampleValue(static_cast<double>(mRandom() % 100000) / 7.0); break;
-        }
+        const SampleValue values[] = {SampleValue(), SampleValue(static_cast<long>(mRandom() % 2000) - 1000),
+                                      SampleValue(static_cast<unsigned long>(mRandom())),
+                                      SampleValue(static_cast<double>(mRandom() % 100000) / 7.0)};
         const timespec interval = mRandom() % 3 == 0 ? timespec{0, 0} : randomStep();
-        metrics.setMetric(static_cast<unsigned int>(m),
-                          SMetric(value, interval, m % 2 ? SMetric::DivideBySampleInterval : SMetric::NoNormalisation));
+        sample->metrics().setMetric(static_cast<unsigned int>(m),
+                                    SMetric(values[mRandom() % 4], interval,
+                                            m % 2 ? SMetric::DivideBySampleInterval : SMetric::NoNormalisation));
     }
     return sample;
 }
@@ -181,7 +155,9 @@ void SampleFileBuilder::addRandomCallSite(int parallelId, int frames)
 void SampleFileBuilder::addRandom(const RandomSampleShape& shape)
 {
     randomiseHeader();
-    for (int i = 0; i < shape.numSamples; ++i) {
+    // A kernel hit is shared with the sample after the one that made it.
+    zor_shared_ptr<SGpuKernelHit> pending;
+    for (int i = 0; i < shape.numSamples; ++i, mNextTid += 100) {
         int threads = shape.threadsPerSample;
         int frames = shape.framesPerTrace;
         if (shape.varySizes) {
@@ -189,28 +165,22 @@ void SampleFileBuilder::addRandom(const RandomSampleShape& shape)
             frames = static_cast<int>(mRandom() % static_cast<unsigned>(std::max(frames, 1) * 2 + 1));
         }
         SSample* sample = addRandomSample(threads, frames, shape.numMetrics);
-        if (!mPendingHit.isNull()) {
-            sample->addKernelHit(mPendingHit);
-            mPendingHit.detach();
+        if (!pending.isNull())
+            sample->addKernelHit(pending);
+        pending.detach();
+        if (shape.kernelHitEvery <= 0 || i % shape.kernelHitEvery != 0)
+            continue;
+        pending = zor_shared_ptr<SGpuKernelHit>(new SGpuKernelHit(static_cast<unsigned>(mRandom()),
+                                                                  static_cast<unsigned>(mRandom() % 100),
+                                                                  sample->getTimestamp(), sample->getTimestamp()));
+        pending->setSamplingRecordInfo(mRandom() % 10, mRandom() % 10000, 1 + mRandom() % 1000);
+        for (unsigned lines = mRandom() % 4; lines > 0; --lines) {
+            const std::uint32_t samples = static_cast<std::uint32_t>(mRandom() % 100);
+            pending->addLineHit(static_cast<std::uint32_t>(mRandom()),
+                                static_cast<GpuProfilerTypes::StallReason::Enum>(mRandom() % 12), samples, samples / 2);
         }
-        if (shape.kernelHitEvery > 0 && i % shape.kernelHitEvery == 0) {
-            zor_shared_ptr<SGpuKernelHit> hit(new SGpuKernelHit(static_cast<unsigned>(mRandom()),
-                                                                static_cast<unsigned>(mRandom() % 100),
-                                                                sample->getTimestamp(), sample->getTimestamp()));
-            hit->setSamplingRecordInfo(mRandom() % 10, mRandom() % 10000, 1 + mRandom() % 1000);
-            const int lines = static_cast<int>(mRandom() % 4);
-            for (int l = 0; l < lines; ++l) {
-                const std::uint32_t samples = static_cast<std::uint32_t>(mRandom() % 100);
-                hit->addLineHit(static_cast<std::uint32_t>(mRandom()),
-                                static_cast<GpuProfilerTypes::StallReason::Enum>(mRandom() % 12), samples,
-                                samples / 2);
-            }
-            sample->addKernelHit(hit);
-            mPendingHit = hit;
-        }
-        mNextTid += 100;
+        sample->addKernelHit(pending);
     }
-    mPendingHit.detach();
     for (int c = 0; c < shape.numCallSites; ++c)
         addRandomCallSite(c + 1, 1 + static_cast<int>(mRandom() % 20));
 }
@@ -236,160 +206,129 @@ std::vector<char> SampleFileBuilder::bytes() const
 
 namespace {
 
-std::string str(const timespec& t)
+std::ostream& operator<<(std::ostream& out, const timespec& t)
 {
-    return std::to_string(t.tv_sec) + "s" + std::to_string(t.tv_nsec) + "ns";
+    return out << t.tv_sec << "s" << t.tv_nsec << "ns";
+}
+
+// Exact bits, so that a NaN equals itself and 0.0 differs from -0.0.
+std::ostream& operator<<(std::ostream& out, const SampleValue& v)
+{
+    out << "type " << int(v.type());
+    return v.empty() ? out : out << " bits " << v.rawBits();
 }
 
 template <typename T>
-std::string differ(const char* what, const T& a, const T& b)
+std::ostream& operator<<(std::ostream& out, const std::vector<T>& items)
 {
-    std::ostringstream out;
-    out << what << ": " << a << " != " << b;
-    return out.str();
+    out << items.size() << std::hex;
+    for (const T& item : items)
+        out << " " << item;
+    return out << std::dec;
 }
 
-std::string differTime(const char* what, const timespec& a, const timespec& b)
+// Each field on a line of its own; a line ending in ':' opens a nested record.
+std::ostream& describe(std::ostream& out, const SSimpleBacktrace& b)
 {
-    return std::string(what) + ": " + str(a) + " != " + str(b);
+    out << "valid " << b.isValid() << "\n";
+    if (!b.isValid())
+        return out;
+    return out << "tid " << b.tid() << "\nunwind status " << b.unwindStatus() << "\nstops at calling frame "
+               << b.stopsAtCallingFrame() << "\nframes " << b.trace() << "\n";
 }
 
-bool sameValue(const SampleValue& a, const SampleValue& b)
+std::ostream& describe(std::ostream& out, const SBacktrace& b)
 {
-    return a.type() == b.type() && (a.empty() || a.rawBits() == b.rawBits());
+    describe(out, static_cast<const SSimpleBacktrace&>(b));
+    if (!b.isValid())
+        return out;
+    return out << "parallel id " << b.parallelId() << "\nin MPI " << b.inMpi() << "\nsleeping " << b.isSleeping()
+               << "\nCPU time " << b.cpuTime() << "\n";
+}
+
+std::ostream& describe(std::ostream& out, const SGpuKernelHit& k)
+{
+    out << "correlation id " << k.correlationId() << "\nkernel name id " << k.kernelNameId() << "\nstart "
+        << k.startTime() << "\nend " << k.endTime() << "\ndropped " << k.droppedSamples() << "\ntotal "
+        << k.totalSamples() << "\nperiod " << k.samplingPeriodInCycles() << "\nlines " << k.lineHits().size() << "\n";
+    for (const auto& line : k.lineHits()) {
+        const auto& hits = line.second;
+        out << "line " << line.first << std::hex;
+        for (size_t i = 0; i < sizeof hits.samples / sizeof hits.samples[0]; ++i)
+            out << " " << hits.samples[i] << "/" << hits.latencySamples[i];
+        out << std::dec << "\n";
+    }
+    return out;
+}
+
+std::ostream& describe(std::ostream& out, const SSample& s)
+{
+    out << "valid " << s.isValid() << "\ntimestamp " << s.getTimestamp() << "\ninterval " << s.getInterval()
+        << "\nwindow " << s.getWindow() << "\ndownsampled " << s.downsamplingHappened() << "\nother threads "
+        << s.otherThreads().count() << "\n";
+    const SMetrics& m = s.metrics();
+    out << "metrics valid " << m.isValid() << "\nmetrics " << m.size() << "\n";
+    for (unsigned i = 0; i < m.size(); ++i)
+        out << "metric " << i << ": " << m.getMetricValue(i) << ", interval " << m.getMetricInterval(i)
+            << ", divides " << m.shouldDivideBySampleInterval(i) << "\n";
+    out << "thread list " << s.threadList() << "\nkernel hits " << s.kernelHits().size() << "\n";
+    // The nested records last, so that a header stands for all lines after it.
+    describe(out << "main thread:\n", s.mainThreadTrace());
+    for (size_t i = 0; i < s.otherThreads().count(); ++i)
+        describe(out << "thread " << i << ":\n", s.otherThreads()[i]);
+    for (size_t k = 0; k < s.kernelHits().size(); ++k)
+        describe(out << "kernel hit " << k << ":\n", *s.kernelHits()[k]);
+    return out;
+}
+
+std::ostream& describe(std::ostream& out, const SSampleList& l)
+{
+    out << "samples " << l.size() << "\n";
+    for (unsigned i = 0; i < l.size(); ++i)
+        describe(out << "sample " << i << ":\n", l.at(i));
+    return out;
+}
+
+std::ostream& describe(std::ostream& out, const SCallSite& c)
+{
+    out << "valid " << c.isValid() << "\n";
+    if (!c.isValid())
+        return out;
+    out << "parallel id " << c.parallelId() << "\ntid " << c.tid() << "\ntag " << c.tag() << "\ntrace:\n";
+    return describe(out, *c.callSite());
+}
+
+// The first line that differs, after the headers of the records it sits in;
+// empty when the records are equal.
+template <typename Record>
+std::string firstDifference(const Record& a, const Record& b)
+{
+    std::stringstream da, db;
+    describe(da, a);
+    describe(db, b);
+    std::string la, lb, sample, record;
+    for (;;) {
+        std::getline(da, la);
+        std::getline(db, lb);
+        if (!da && !db)
+            return "";
+        if (la != lb)
+            return sample + record + la + " != " + lb;
+        if (la.compare(0, 7, "sample ") == 0) {
+            sample = la + " ";
+            record.clear();
+        } else if (la.back() == ':') {
+            record = la + " ";
+        }
+    }
 }
 
 } // namespace
 
-std::string compareBacktraces(const SBacktrace& a, const SBacktrace& b)
-{
-    if (a.isValid() != b.isValid())
-        return differ("valid", a.isValid(), b.isValid());
-    if (!a.isValid())
-        return "";
-    if (a.tid() != b.tid())
-        return differ("tid", a.tid(), b.tid());
-    if (a.unwindStatus() != b.unwindStatus())
-        return differ("unwind status", a.unwindStatus(), b.unwindStatus());
-    if (a.stopsAtCallingFrame() != b.stopsAtCallingFrame())
-        return differ("stops at calling frame", a.stopsAtCallingFrame(), b.stopsAtCallingFrame());
-    if (a.trace() != b.trace())
-        return differ("frame count", a.trace().size(), b.trace().size()) + " or frames differ";
-    if (a.parallelId() != b.parallelId())
-        return differ("parallel id", a.parallelId(), b.parallelId());
-    if (a.inMpi() != b.inMpi())
-        return differ("in MPI", a.inMpi(), b.inMpi());
-    if (a.isSleeping() != b.isSleeping())
-        return differ("sleeping", a.isSleeping(), b.isSleeping());
-    if (!timespec_equal(a.cpuTime(), b.cpuTime()))
-        return differTime("CPU time", a.cpuTime(), b.cpuTime());
-    return "";
-}
-
-std::string compareKernelHits(const SGpuKernelHit& a, const SGpuKernelHit& b)
-{
-    if (a.correlationId() != b.correlationId())
-        return differ("correlation id", a.correlationId(), b.correlationId());
-    if (a.kernelNameId() != b.kernelNameId())
-        return differ("kernel name id", a.kernelNameId(), b.kernelNameId());
-    if (!timespec_equal(a.startTime(), b.startTime()))
-        return differTime("kernel start", a.startTime(), b.startTime());
-    if (!timespec_equal(a.endTime(), b.endTime()))
-        return differTime("kernel end", a.endTime(), b.endTime());
-    if (a.droppedSamples() != b.droppedSamples() || a.totalSamples() != b.totalSamples()
-        || a.samplingPeriodInCycles() != b.samplingPeriodInCycles())
-        return "kernel sampling counters differ";
-    if (a.lineHits().size() != b.lineHits().size())
-        return differ("kernel line count", a.lineHits().size(), b.lineHits().size());
-    auto ia = a.lineHits().begin();
-    auto ib = b.lineHits().begin();
-    for (; ia != a.lineHits().end(); ++ia, ++ib) {
-        if (ia->first != ib->first)
-            return differ("kernel line", ia->first, ib->first);
-        if (std::memcmp(&ia->second, &ib->second, sizeof ia->second) != 0)
-            return "kernel line " + std::to_string(ia->first) + ": counters differ";
-    }
-    return "";
-}
-
-std::string compareSamples(const SSample& a, const SSample& b)
-{
-    if (a.isValid() != b.isValid())
-        return differ("sample valid", a.isValid(), b.isValid());
-    if (!timespec_equal(a.getTimestamp(), b.getTimestamp()))
-        return differTime("timestamp", a.getTimestamp(), b.getTimestamp());
-    if (!timespec_equal(a.getInterval(), b.getInterval()))
-        return differTime("interval", a.getInterval(), b.getInterval());
-    if (!timespec_equal(a.getWindow(), b.getWindow()))
-        return differTime("window", a.getWindow(), b.getWindow());
-    if (a.downsamplingHappened() != b.downsamplingHappened())
-        return differ("downsampled", a.downsamplingHappened(), b.downsamplingHappened());
-    std::string d = compareBacktraces(a.mainThreadTrace(), b.mainThreadTrace());
-    if (!d.empty())
-        return "main thread: " + d;
-    if (a.otherThreads().count() != b.otherThreads().count())
-        return differ("other threads", a.otherThreads().count(), b.otherThreads().count());
-    for (size_t i = 0; i < a.otherThreads().count(); ++i) {
-        d = compareBacktraces(a.otherThreads()[i], b.otherThreads()[i]);
-        if (!d.empty())
-            return "thread " + std::to_string(i) + ": " + d;
-    }
-    const SMetrics& ma = a.metrics();
-    const SMetrics& mb = b.metrics();
-    if (ma.isValid() != mb.isValid())
-        return differ("metrics valid", ma.isValid(), mb.isValid());
-    if (ma.size() != mb.size())
-        return differ("metric count", ma.size(), mb.size());
-    for (unsigned m = 0; m < ma.size(); ++m) {
-        if (!sameValue(ma.getMetricValue(m), mb.getMetricValue(m)))
-            return "metric " + std::to_string(m) + ": values differ";
-        if (!timespec_equal(ma.getMetricInterval(m), mb.getMetricInterval(m)))
-            return differTime("metric interval", ma.getMetricInterval(m), mb.getMetricInterval(m));
-        if (ma.shouldDivideBySampleInterval(m) != mb.shouldDivideBySampleInterval(m))
-            return "metric " + std::to_string(m) + ": divide flags differ";
-    }
-    if (a.threadList() != b.threadList())
-        return differ("thread list size", a.threadList().size(), b.threadList().size()) + " or ids differ";
-    if (a.kernelHits().size() != b.kernelHits().size())
-        return differ("kernel hits", a.kernelHits().size(), b.kernelHits().size());
-    for (size_t k = 0; k < a.kernelHits().size(); ++k) {
-        d = compareKernelHits(*a.kernelHits()[k], *b.kernelHits()[k]);
-        if (!d.empty())
-            return "kernel hit " + std::to_string(k) + ": " + d;
-    }
-    return "";
-}
-
-std::string compareLists(const SSampleList& a, const SSampleList& b)
-{
-    if (a.size() != b.size())
-        return differ("sample count", a.size(), b.size());
-    for (unsigned i = 0; i < a.size(); ++i) {
-        const std::string d = compareSamples(a.at(i), b.at(i));
-        if (!d.empty())
-            return "sample " + std::to_string(i) + ": " + d;
-    }
-    return "";
-}
-
-std::string compareCallSites(const SCallSite& a, const SCallSite& b)
-{
-    if (a.isValid() != b.isValid())
-        return differ("call site valid", a.isValid(), b.isValid());
-    if (!a.isValid())
-        return "";
-    if (a.parallelId() != b.parallelId())
-        return differ("parallel id", a.parallelId(), b.parallelId());
-    if (a.tid() != b.tid())
-        return differ("call site tid", a.tid(), b.tid());
-    if (a.tag() != b.tag())
-        return differ("tag", a.tag(), b.tag());
-    const SSimpleBacktrace* ta = a.callSite();
-    const SSimpleBacktrace* tb = b.callSite();
-    if (ta->tid() != tb->tid() || ta->unwindStatus() != tb->unwindStatus()
-        || ta->stopsAtCallingFrame() != tb->stopsAtCallingFrame() || ta->trace() != tb->trace())
-        return "call site backtraces differ";
-    return "";
-}
+std::string compareBacktraces(const SBacktrace& a, const SBacktrace& b) { return firstDifference(a, b); }
+std::string compareKernelHits(const SGpuKernelHit& a, const SGpuKernelHit& b) { return firstDifference(a, b); }
+std::string compareSamples(const SSample& a, const SSample& b) { return firstDifference(a, b); }
+std::string compareLists(const SSampleList& a, const SSampleList& b) { return firstDifference(a, b); }
+std::string compareCallSites(const SCallSite& a, const SCallSite& b) { return firstDifference(a, b); }
 
 } // namespace zortest

@@ -65,9 +65,7 @@ public:
 
     quorvex::SamplerFileHeader& header() { return mHeader; }
     quorvex::SSampleList& list() { return *mList; }
-    const quorvex::SSampleList& list() const { return *mList; }
     std::vector<quorvex::SCallSite>& callSites() { return mCallSites; }
-    const std::vector<quorvex::SCallSite>& callSites() const { return mCallSites; }
     std::mt19937_64& random() { return mRandom; }
 
     // Random header fields, samples and call sites of the given shape.
@@ -92,7 +90,6 @@ private:
     std::mt19937_64 mRandom;
     timespec mClock;
     int mNextTid;
-    quorvex::zor_shared_ptr<quorvex::SGpuKernelHit> mPendingHit;
 };
 
 // Field-by-field comparison: an empty string when equal, otherwise the first

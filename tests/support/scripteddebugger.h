@@ -6,6 +6,7 @@
 
 #include "command.h"
 #include "debugger.h"
+#include "language.h"
 
 class ScriptedDebugger : public Debugger
 {
@@ -20,11 +21,30 @@ public:
         ++statusQueries;
         return StatusResponse(state);
     }
+    LanguageTag currentLanguage() override
+    {
+        ++languageQueries;
+        return language;
+    }
+    // Takes the language named by the command; an unknown name is recorded
+    // but changes nothing, as a real debugger would refuse it.
+    void handleSetLanguage(Command& command) override
+    {
+        languageCommands.append(command);
+        const QString name = command.getValue(QStringLiteral("language")).toString();
+        const LanguageTag tag = Language::internalStringToLanguage(name);
+        if (Language::languageToInternalString(tag) == name)
+            language = tag;
+    }
 
     int state = StatusResponse::TargetStopped;
     bool detachResponse = false;
     int statusQueries = 0;
     QStringList commands;
+    LanguageTag language = LanguageAuto;
+    int languageQueries = 0;
+    // Every CMD_SET_LANGUAGE, in order.
+    QList<Command> languageCommands;
 };
 
 #endif

@@ -1,0 +1,3 @@
+#include "compactmap.h"
+
+template class CompactMap<int, int>;

@@ -1,0 +1,236 @@
+#include "intprocessmap.h"
+
+#include <QVector>
+
+#include <climits>
+#include <utility>
+
+namespace {
+
+int product32(int length, int value)
+{
+    return int(static_cast<unsigned int>(length) * static_cast<unsigned int>(value));
+}
+
+} // namespace
+
+IntProcessMapData* IntProcessMap::sharedEmptyTotal()
+{
+    static QExplicitlySharedDataPointer<IntProcessMapData> empty(new IntProcessMapData);
+    return empty.data();
+}
+
+IntProcessMap::IntProcessMap() : t(sharedEmptyTotal()) {}
+
+IntProcessMap::IntProcessMap(const QString& text) : t(sharedEmptyTotal())
+{
+    if (text.isEmpty())
+        return;
+    const QStringList tokens = text.split(QLatin1Char(','));
+    for (const QString& token : tokens) {
+        const zor_compact::BriefTail tail = zor_compact::parseBriefTail(token);
+        if (tail.isTail) {
+            int size = 0;
+            int total = 0;
+            if (tail.elided) {
+                const QString counts = token.mid(tail.numberStart);
+                const int equals = counts.indexOf(QLatin1Char('='));
+                size = counts.left(equals).toInt();
+                if (equals >= 0)
+                    total = counts.mid(equals + 1).toInt();
+            }
+            setBrief(true, size, total, tail.elided, tail.lowerBound);
+            return;
+        }
+        const int equals = token.indexOf(QLatin1Char('='));
+        const QString keys = equals < 0 ? token : token.left(equals);
+        const int value = equals < 0 ? 0 : token.mid(equals + 1).toInt();
+        // "-" is looked for past the first character so that keys may be negative.
+        const int dash = keys.indexOf(QLatin1Char('-'), 1);
+        const int first = (dash < 0 ? keys : keys.left(dash)).toInt();
+        const int last = dash < 0 ? first : keys.mid(dash + 1).toInt();
+        set(first, zor_compact::successor(last), value, true);
+    }
+}
+
+void IntProcessMap::setTotal(int total)
+{
+    t.detach();
+    t->mTotal = total;
+}
+
+void IntProcessMap::set(const range<int>& r, int value, bool counted)
+{
+    // The map is about to elide: from now on the total is counted.
+    if (isBrief() && !isElided() && rangeCount() > BRIEF_RANGE_LIMIT - 1)
+        setTotal(total());
+    Base::set(r, value, counted);
+    if (counted && isElided())
+        setTotal(zor_compact::add32(t->mTotal, static_cast<unsigned int>(product32(r.end - r.begin, value))));
+}
+
+void IntProcessMap::set(const CompactSet<int>& ranks, int value, bool counted)
+{
+    for (const range<int>& r : ranks)
+        Base::set(r, value, counted);
+}
+
+void IntProcessMap::setSimple(const IntProcessMap& other, bool counted)
+{
+    if (mayElideMerging(other, counted))
+        setTotal(total());
+    const int totalBefore = t->mTotal;
+    Base::setSimple(other, counted);
+    if (counted && isElided())
+        setTotal(zor_compact::add32(totalBefore, static_cast<unsigned int>(other.total())));
+}
+
+void IntProcessMap::set(const IntProcessMap& other, bool counted)
+{
+    if (&other == this)
+        return;
+    if (!takesModeFrom(other)) {
+        setSimple(other, counted);
+        return;
+    }
+    // The result takes on the brief and elided states of other.
+    if (isEmpty()) {
+        d = other.d;
+        t = other.t;
+        return;
+    }
+    IntProcessMap merged(other);
+    merged.setSimple(*this, counted);
+    d = merged.d;
+    t = merged.t;
+}
+
+void IntProcessMap::add(int key, int delta)
+{
+    const iterator it = lookup(key);
+    set(key, it == d->mRanges.end() ? delta : it->second + delta, false);
+}
+
+void IntProcessMap::add(const range<int>& r, int delta)
+{
+    if (!(r.begin < r.end))
+        return;
+    // Gather first, then change: gaps get delta, stored ranges their value
+    // plus delta.
+    QVector<std::pair<range<int>, int>> pieces;
+    const Ranges& m = ranges();
+    const_iterator it = m.upper_bound(range<int>(r.begin, r.begin));
+    if (it != m.begin() && std::prev(it)->first.end > r.begin)
+        --it;
+    int position = r.begin;
+    for (; it != m.end() && it->first.begin < r.end; ++it) {
+        if (it->first.begin > position)
+            pieces.append(std::make_pair(range<int>(position, it->first.begin), delta));
+        const int pieceBegin = std::max(it->first.begin, position);
+        const int pieceEnd = std::min(it->first.end, r.end);
+        pieces.append(std::make_pair(range<int>(pieceBegin, pieceEnd), it->second + delta));
+        position = pieceEnd;
+    }
+    if (position < r.end)
+        pieces.append(std::make_pair(range<int>(position, r.end), delta));
+    for (const auto& piece : pieces)
+        set(piece.first, piece.second, false);
+}
+
+void IntProcessMap::add(const CompactSet<int>& ranks, int delta)
+{
+    for (const range<int>& r : ranks)
+        add(r, delta);
+}
+
+void IntProcessMap::add(const CompactMap<int, int>& other)
+{
+    // A copy keeps the ranges steady should other be this map.
+    const CompactMap<int, int> source(other);
+    for (const auto& entry : source)
+        add(entry.first, entry.second);
+}
+
+int IntProcessMap::max() const
+{
+    int largest = INT_MIN;
+    for (const auto& entry : ranges())
+        largest = std::max(largest, entry.second);
+    return largest;
+}
+
+int IntProcessMap::totalLowerBound() const
+{
+    if (isElided() && !countIsLowerBound())
+        return t->mTotal;
+    int sum = 0;
+    for (const auto& entry : ranges())
+        sum = zor_compact::add32(sum, static_cast<unsigned int>(product32(entry.first.end - entry.first.begin, entry.second)));
+    return sum;
+}
+
+void IntProcessMap::setBrief(bool brief, int size, int total, bool elided, bool lowerBound)
+{
+    t.detach();
+    if (elided) {
+        // The total and the count take their new values by opposite tests.
+        if (!isElided())
+            t->mTotal = std::max(t->mTotal, total);
+        else
+            t->mTotal = total != 0 ? total : this->total();
+    }
+    d.detach();
+    if (elided) {
+        if (isElided())
+            d->mCount = std::max(d->mCount, size);
+        else
+            d->mCount = size != 0 ? size : sizeLowerBound();
+    }
+    d->mBrief = brief;
+    d->mElided = elided;
+    d->mCountIsLowerBound = lowerBound;
+}
+
+void IntProcessMap::setBrief(bool brief)
+{
+    Base::setBrief(brief);
+}
+
+QString IntProcessMap::toString() const
+{
+    QString text;
+    for (const auto& entry : ranges()) {
+        // Room ahead, so that long maps don't reallocate at every range.
+        if (text.capacity() - text.size() < 512)
+            text.reserve(text.size() + 1024);
+        if (!text.isEmpty())
+            text += QLatin1Char(',');
+        text += QString::number(entry.first.begin);
+        if (entry.first.end - entry.first.begin != 1) {
+            text += QLatin1Char('-');
+            text += QString::number(entry.first.end - 1);
+        }
+        text += QLatin1Char('=');
+        text += QString::number(entry.second);
+    }
+    if (isBrief()) {
+        if (!text.isEmpty())
+            text += QLatin1Char(',');
+        if (isElided())
+            text += QLatin1String("...");
+        text += QLatin1Char('/');
+        if (countIsLowerBound())
+            text += QLatin1Char('>');
+        if (isElided()) {
+            text += QString::number(count());
+            text += QLatin1Char('=');
+            text += QString::number(t->mTotal);
+        }
+    }
+    return text;
+}
+
+bool IntProcessMap::operator==(const IntProcessMap& other) const
+{
+    return Base::operator==(other) && (!isElided() || t->mTotal == other.t->mTotal);
+}

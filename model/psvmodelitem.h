@@ -1,0 +1,143 @@
+// A node of a merged call tree: one stack frame at one source position, and
+// per process rank how many threads stood there. Trees of threads, samples
+// and processes merge into one by position; a tree travels as XML.
+#ifndef ZOR_PSVMODELITEM_H
+#define ZOR_PSVMODELITEM_H
+
+#include "intprocessmap.h"
+#include "position.h"
+#include "saxhandler.h"
+
+#include <QLatin1String>
+#include <QList>
+#include <QVariantMap>
+
+class QXmlStreamAttributes;
+class QXmlStreamReader;
+class QXmlStreamWriter;
+
+class PSVModelItem : public SaxHandler
+{
+public:
+    // The element name of a child node in the XML form.
+    static const QLatin1String XML_NODE;
+
+    PSVModelItem();
+    explicit PSVModelItem(const Position& position);
+    // These two append the new node to parent's children when parent isn't null.
+    explicit PSVModelItem(PSVModelItem* parent);
+    PSVModelItem(PSVModelItem* parent, const Position& position);
+    // A deep copy, children cloned with their own types; the copy has no parent.
+    PSVModelItem(const PSVModelItem& other);
+    PSVModelItem& operator=(const PSVModelItem&) = delete;
+    // Deletes the subtree, and unlinks the node from its parent if it has one.
+    ~PSVModelItem() override;
+
+    // -6 and -1: a node that stands for no single rank or thread.
+    virtual int rank() const;
+    virtual int threadId() const;
+
+    // Writes into an element that the caller has opened: the node's
+    // attributes, its extra XML, then a "node" element per child.
+    virtual void writeXml(QXmlStreamWriter& writer) const;
+    // Reads the element at which reader stands, through its end element.
+    virtual bool readXml(QXmlStreamReader& reader, QString* error);
+    virtual bool useXmlStreamReader() const;
+    virtual void readXmlStreamAttributes(const QXmlStreamAttributes& attributes);
+    virtual PSVModelItem* createChild(const Position& position);
+    // Merges other into this node by position. Children of other that have
+    // no counterpart here move over, so other is left gutted.
+    virtual void mergePSVModelItem(const PSVModelItem& other, void* context);
+    virtual PSVModelItem* clone() const;
+    virtual bool isSimplePSVModel() const;
+    // The variables seen in this frame, by name; null when there are none.
+    virtual const QVariantMap* variables() const;
+    virtual PSVModelItem* constructChild();
+    virtual void writeExtraXml(QXmlStreamWriter& writer) const;
+    // Reads a child element other than "node". The default passes over it.
+    virtual bool readExtraXml(QXmlStreamReader& reader, QString* error);
+    virtual void extraMergePSVModelItem(const PSVModelItem& other, void* context);
+    // Merges item into the child at its position, or moves it here.
+    virtual void addPSVModelItem(PSVModelItem* item, void* context);
+
+    PSVModelItem* parent() const { return mParent; }
+    const Position& position() const { return mPosition; }
+    int childCount() const { return mChildren.size(); }
+    QList<PSVModelItem*> children() const { return mChildren; }
+    PSVModelItem* firstChild() { return mChildren.isEmpty() ? nullptr : mChildren.first(); }
+    const PSVModelItem* firstChild() const { return mChildren.isEmpty() ? nullptr : mChildren.first(); }
+    int indexOfChild(PSVModelItem* child) const { return mChildren.indexOf(child); }
+
+    int totalThreads() const { return mProcessThreads.total(); }
+    int totalCudaThreads() const { return mCudaThreads.total(); }
+    int totalProcesses() const { return mProcessThreads.sizeLowerBound(); }
+    const IntProcessMap& processToThreadCountMap() const { return mProcessThreads; }
+    const IntProcessMap& processToCudaThreadCountMap() const { return mCudaThreads; }
+    bool isCurrentGroup() const { return mCurrentGroup; }
+    bool isUnexpectedStop() const { return mUnexpectedStop; }
+    bool isUnexpectedStopAncestor() const { return mUnexpectedStopAncestor; }
+
+    void addChild(PSVModelItem* child);
+    // Unlinks this node from its parent.
+    void detach();
+    // Deletes the subtree below this node; the node's own fields stay.
+    void clear();
+
+    void addThreads(int process, int count, bool current, bool unexpected);
+    void addThread(int process, bool current, bool unexpected) { addThreads(process, 1, current, unexpected); }
+    void removeThread(int process) { addThreads(process, -1, false, false); }
+    // Each new group counts as one more thread of the process.
+    void addCudaThreads(int process, int group, int count, bool current, bool unexpected);
+    // Sets the flag and marks every ancestor. It can't be cleared this way.
+    void setUnexpectedStop(bool value);
+
+    bool hasThreadsForProcessSet(const CompactSet<int>& set) const;
+    // Positions from the root down to this node; empty for a root.
+    QList<Position> stack() const;
+    QString getKernelName() const;
+    CompactSet<int> processes() const;
+    PSVModelItem* childWithRank(int rank) const;
+
+    // The first child at position: the very object, or equal function,
+    // column and line and the same file by PathString::fileNamesEqual.
+    PSVModelItem* findChild(const Position& position);
+    const PSVModelItem* findChild(const Position& position) const;
+
+    // Follows frames from the last to the first, each a child of the one
+    // before: the node reached, null if a step fails, this node for none.
+    // A frame has function, file and line members.
+    template <typename Frame>
+    PSVModelItem* findDescendant(const QList<Frame*>& frames);
+
+    void setBrief(bool brief);
+    void mapRanks(const QMap<int, int>& ranks);
+
+protected:
+    // Whether two positions name the same frame.
+    static bool samePosition(const Position& a, const Position& b);
+    // Shares the storage of equal function and file names read from XML.
+    static QString internString(const QString& text);
+
+    IntProcessMap mProcessThreads;
+    IntProcessMap mCudaThreads;
+    QList<PSVModelItem*> mChildren;
+    PSVModelItem* mParent;
+    Position mPosition;
+    int mLastCudaGroup;
+    bool mCurrentGroup;
+    bool mUnexpectedStop;
+    bool mUnexpectedStopAncestor;
+};
+
+template <typename Frame>
+PSVModelItem* PSVModelItem::findDescendant(const QList<Frame*>& frames)
+{
+    PSVModelItem* node = this;
+    for (int i = frames.size() - 1; i >= 0 && node; --i) {
+        const Frame* frame = frames.at(i);
+        node = node->findChild(Position(frame->function, frame->file, frame->line, -1));
+    }
+    return node;
+}
+
+#endif
