@@ -787,7 +787,6 @@ int arm(const ArmSettings& settings, const quorvex::SamplerConfig* givenConfig)
         clock_gettime(threadCpuClock(tid), &slot->lastCpu);
         slot->lastWall = s.start;
     }
-    takeMetricBaselines();
 
     const int running = open(s.runningPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (running < 0)
@@ -796,6 +795,8 @@ int arm(const ArmSettings& settings, const quorvex::SamplerConfig* givenConfig)
     pidText.dec(s.pid).str("\n");
     pidText.writeTo(running);
     close(running);
+    // After the sampler's own writing, which is not the program's.
+    takeMetricBaselines();
 
     sigevent event;
     std::memset(&event, 0, sizeof event);
