@@ -31,11 +31,29 @@
 
 #define ZS_EXPORT __attribute__((visibility("default")))
 
-/* The next definition of `name` after this library, found on first use. */
-#define ZS_REAL(name) \
-    static __typeof__(&name) real_##name; \
+/* Every function stood in front of. */
+#define ZS_FOR_EACH_REAL(X) \
+    X(pthread_create) X(sigaction) X(pthread_sigmask) X(sigprocmask) X(_exit) X(_Exit) X(nanosleep) \
+    X(clock_nanosleep) X(pause) X(sigsuspend) X(sigtimedwait) X(poll) X(ppoll) X(select) X(pselect) \
+    X(epoll_wait) X(epoll_pwait) X(msgsnd) X(msgrcv) X(semop) X(semtimedop)
+
+/* The next definition of each after this library. */
+#define ZS_DECLARE_REAL(name) static __typeof__(&name) real_##name;
+ZS_FOR_EACH_REAL(ZS_DECLARE_REAL)
+
+#define ZS_RESOLVE_REAL(name) \
     if (!real_##name) \
-        real_##name = (__typeof__(&name))dlsym(RTLD_NEXT, #name)
+        real_##name = (__typeof__(&name))dlsym(RTLD_NEXT, #name);
+
+/* Looked up when the library is loaded, so that no handler ever has to:
+ * dlsym takes the loader's lock. The look-up on use is for calls that come
+ * before the library's constructor. */
+__attribute__((constructor(101))) static void resolve_real_functions(void)
+{
+    ZS_FOR_EACH_REAL(ZS_RESOLVE_REAL)
+}
+
+#define ZS_REAL(name) ZS_RESOLVE_REAL(name)
 
 /* Taken before the call; tells afterwards whether only the sampler's
  * handler ran on this thread meanwhile. */

@@ -499,10 +499,10 @@ void collectLastAnswers()
 
 void setTimer(int intervalMs, long long firstMs)
 {
-    itimerspec spec;
-    spec.it_value = fromMs(firstMs);
-    spec.it_interval = fromMs(intervalMs);
-    timer_settime(gState.timer, 0, &spec, nullptr);
+    itimerspec timing;
+    timing.it_value = fromMs(firstMs);
+    timing.it_interval = fromMs(intervalMs);
+    timer_settime(gState.timer, 0, &timing, nullptr);
 }
 
 // ---- the end ----
@@ -615,13 +615,15 @@ int finish(int stopReason, bool inSamplingHandler)
 
     // The sampling handler may be running; wait for it to let go of the
     // list. If it is this very thread's, interrupted and held by a
-    // debugger, it can't let go: write around what it is doing.
+    // debugger, it can't let go: write around what it is doing. The same
+    // when it doesn't let go for long, as in a debugger that runs only the
+    // thread it calls into.
     bool locked = inSamplingHandler;
     int stage = CommitNone;
-    while (!locked) {
+    for (int waited = 0; !locked; ++waited) {
         if (tryLock(LockFinished)) {
             locked = true;
-        } else if (lockOwner() == currentTid()) {
+        } else if (lockOwner() == currentTid() || waited == 10000) {
             stage = s.commitStage.load(std::memory_order_acquire);
             break;
         } else {
