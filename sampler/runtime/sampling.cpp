@@ -72,7 +72,7 @@ const long long ANSWER_DEADLINE_NS = 50 * 1000 * 1000;
 const int PENDING_PER_THREAD = 64;
 // A thread that used less CPU than this share of the wall time since its
 // previous sample counts as sleeping.
-const double SLEEPING_CPU_SHARE = 0.05;
+const double SLEEPING_CPU_SHARE = 0.1;
 // The sample list and its backtraces must fit in this; the number of
 // samples kept is lowered to make them fit.
 const std::size_t LIST_MEMORY_BUDGET = std::size_t(512) << 20;
