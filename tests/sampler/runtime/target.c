@@ -281,6 +281,12 @@ static void work_with_io(void)
     }
 }
 
+static void write_file(const char* path, const char* text)
+{
+    FILE* f = fopen(path, "w");
+    CHECK(f && fputs(text, f) >= 0 && fclose(f) == 0, "can't write %s", path);
+}
+
 /* Refusals come with a code and a reason. */
 static void refused(int code, int samples, int interval, const char* path, const char* reason)
 {
@@ -305,13 +311,11 @@ static void run_control(const char* path, int stop_self)
 
     refused(2, 0, 20, path, "");
     refused(2, 100, 0, path, "");
-    FILE* f = fopen(bad, "w");
-    fputs("hello\n", f);
-    fclose(f);
+    write_file(bad, "hello\n");
     refused(3, 100, 20, bad, "not a sampler configuration");
     refused(3, 100, 20, "/nonexistent/zor-config", "");
     CHECK(!exists(running), "a refusal left %s", running);
-    fclose(fopen(running, "w"));
+    write_file(running, "left over\n");
     refused(5, 100, 20, path, running);
     unlink(running);
 
