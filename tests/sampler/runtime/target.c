@@ -1,0 +1,359 @@
+/* The program that the tests run under the sampler, one mode per check. It
+ * prints "ok" at the end and exits 0, or prints what went wrong and exits 1.
+ *   eintr          sleeps, waits and reads come back whole, never with EINTR,
+ *                  while the program's own signals still interrupt
+ *   handlers       the program's handlers, masks and sigwait work as without
+ *                  the sampler
+ *   fork RUNNING   children of fork, one exec'ing, leave RUNNING alone
+ *   threads        200 short threads, ending in every way a thread can;
+ *                  prints how many got to the end of their work
+ *   stop PATH      drives the sampler as the back-end does, refusals first,
+ *                  with the configuration at PATH, and stops it; prints the
+ *                  boundary frame it gave, its caller's return address
+ *   stop-offset PATH   the same, but the sampler stops itself at 300 ms */
+#define _GNU_SOURCE
+#include "quorvex_sampler.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+static int failures;
+
+#define CHECK(cond, ...) \
+    do { \
+        if (!(cond)) { \
+            ++failures; \
+            printf(__VA_ARGS__); \
+            printf("\n"); \
+        } \
+    } while (0)
+
+static int64_t now_ns(void)
+{
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return (int64_t)t.tv_sec * 1000000000LL + t.tv_nsec;
+}
+
+static volatile uint64_t sink;
+
+static void burn_ms(int ms)
+{
+    const int64_t end = now_ns() + (int64_t)ms * 1000000;
+    uint64_t x = sink;
+    while (now_ns() < end)
+        for (int i = 0; i < 1000; ++i)
+            x = x * 6364136223846793005ULL + 1;
+    sink = x;
+}
+
+static volatile sig_atomic_t handled[NSIG];
+
+static void count(int sig)
+{
+    ++handled[sig];
+}
+
+static int exists(const char* path)
+{
+    return access(path, F_OK) == 0;
+}
+
+/* ---- eintr ---- */
+
+/* Each call must take its whole time and succeed. */
+#define TIMED(name, ms, call, ok) \
+    do { \
+        const int64_t start_ = now_ns(); \
+        errno = 0; \
+        const long result_ = (long)(call); \
+        const int error_ = errno; \
+        const int64_t took_ = now_ns() - start_; \
+        CHECK(ok, "%s returned %ld (%s)", name, result_, strerror(error_)); \
+        CHECK(took_ >= (int64_t)(ms) * 1000000 - 200000, "%s came back early: %lld ns", name, (long long)took_); \
+    } while (0)
+
+static int pipe_fds[2];
+
+static void* reader(void* unused)
+{
+    char byte = 0;
+    const ssize_t n = read(pipe_fds[0], &byte, 1);
+    CHECK(n == 1 && byte == 'x', "the worker's read returned %zd (%s)", n, strerror(errno));
+    return unused;
+}
+
+static void run_eintr(void)
+{
+    pthread_t read_thread;
+    if (pipe(pipe_fds) != 0 || pthread_create(&read_thread, NULL, reader, NULL) != 0) {
+        CHECK(0, "can't set up the reader");
+        return;
+    }
+    sigset_t usr2;
+    sigemptyset(&usr2);
+    sigaddset(&usr2, SIGUSR2);
+    sigprocmask(SIG_BLOCK, &usr2, NULL);
+    for (const int64_t end = now_ns() + 1500000000LL; now_ns() < end;) {
+        TIMED("nanosleep", 3, nanosleep(&(struct timespec){0, 3000000}, NULL), result_ == 0);
+        TIMED("clock_nanosleep", 3, clock_nanosleep(CLOCK_MONOTONIC, 0, &(struct timespec){0, 3000000}, NULL),
+              result_ == 0);
+        TIMED("poll", 3, poll(NULL, 0, 3), result_ == 0);
+        struct timeval tv = {0, 3000};
+        TIMED("select", 3, select(0, NULL, NULL, NULL, &tv), result_ == 0);
+        TIMED("sigtimedwait", 3, sigtimedwait(&usr2, NULL, &(struct timespec){0, 3000000}),
+              result_ < 0 && error_ == EAGAIN);
+    }
+    CHECK(write(pipe_fds[1], "x", 1) == 1, "can't write to the pipe");
+    pthread_join(read_thread, NULL);
+
+    /* The program's own signals interrupt as they always did. */
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = count;
+    sigaction(SIGALRM, &action, NULL);
+    struct itimerval once = {{0, 0}, {0, 200000}};
+    setitimer(ITIMER_REAL, &once, NULL);
+    const int paused = pause();
+    CHECK(paused == -1 && errno == EINTR && handled[SIGALRM], "pause: %d, SIGALRM handled %d times", paused,
+          (int)handled[SIGALRM]);
+}
+
+/* ---- handlers ---- */
+
+static void run_handlers(void)
+{
+    const int ours = quorvex_sampler_signal();
+
+    struct sigaction action, seen;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = count;
+    sigaction(SIGUSR1, &action, NULL);
+    sigaction(SIGUSR1, NULL, &seen);
+    CHECK(seen.sa_handler == count && !(seen.sa_flags & SA_SIGINFO), "SIGUSR1's handler reads back changed");
+    CHECK(signal(SIGUSR2, count) == SIG_DFL, "signal() didn't give back the default action");
+
+    sigset_t usr2, mask;
+    sigemptyset(&usr2);
+    sigaddset(&usr2, SIGUSR2);
+    sigprocmask(SIG_BLOCK, &usr2, NULL);
+    burn_ms(600);
+    sigprocmask(SIG_BLOCK, NULL, &mask);
+    CHECK(sigismember(&mask, SIGUSR2) == 1, "SIGUSR2 is no longer blocked");
+    CHECK(sigismember(&mask, ours) == 0, "the mask gained the sampler's signal");
+    raise(SIGUSR2);
+    CHECK(handled[SIGUSR2] == 0, "a blocked SIGUSR2 was handled");
+    sigprocmask(SIG_UNBLOCK, &usr2, NULL);
+    CHECK(handled[SIGUSR2] == 1, "SIGUSR2 was handled %d times after unblocking", (int)handled[SIGUSR2]);
+
+    /* Waiting for every signal, with all blocked, hands out the program's
+     * own and none of the sampler's, which keep coming meanwhile. */
+    sigset_t all, saved;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &saved);
+    const int none = sigtimedwait(&all, NULL, &(struct timespec){0, 100000000});
+    CHECK(none == -1 && errno == EAGAIN, "sigtimedwait for every signal got %d (%s)", none, strerror(errno));
+    raise(SIGUSR1);
+    const int got = sigwaitinfo(&all, NULL);
+    CHECK(got == SIGUSR1 && handled[SIGUSR1] == 0, "sigwaitinfo got signal %d, the handler ran %d times", got,
+          (int)handled[SIGUSR1]);
+    pthread_sigmask(SIG_SETMASK, &saved, NULL);
+
+    /* The program's own handler for the sampler's signal. */
+    CHECK(sigaction(ours, &action, NULL) == 0, "can't set a handler for signal %d", ours);
+    raise(ours);
+    burn_ms(300);
+    CHECK(handled[ours] == 1, "the program's handler for signal %d ran %d times", ours, (int)handled[ours]);
+
+    /* A one-shot handler falls back to the default once it has run. */
+    action.sa_flags = SA_RESETHAND;
+    sigaction(SIGWINCH, &action, NULL);
+    raise(SIGWINCH);
+    sigaction(SIGWINCH, NULL, &seen);
+    CHECK(handled[SIGWINCH] == 1 && seen.sa_handler == SIG_DFL, "SA_RESETHAND: ran %d times, then %s",
+          (int)handled[SIGWINCH], seen.sa_handler == SIG_DFL ? "default" : "not default");
+}
+
+/* ---- fork ---- */
+
+static void run_fork(const char* running)
+{
+    burn_ms(300);
+    for (int execs = 0; execs < 2; ++execs) {
+        const pid_t child = fork();
+        if (child == 0 && execs) {
+            execl("/bin/true", "true", (char*)NULL);
+            _exit(127);
+        }
+        if (child == 0) {
+            burn_ms(300);
+            exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0, "child %d ended badly", execs);
+        CHECK(exists(running), "%s is gone after child %d", running, execs);
+    }
+    burn_ms(300);
+}
+
+/* ---- threads ---- */
+
+#define THREADS 200
+#define AT_ONCE 8
+
+static volatile int finished;
+static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+
+static void* short_thread(void* argument)
+{
+    const long n = (long)(intptr_t)argument;
+    burn_ms(2 + n % 5);
+    pthread_mutex_lock(&lock);
+    ++finished;
+    pthread_mutex_unlock(&lock);
+    if (n % 4 == 1)
+        pthread_exit(NULL);
+    while (n % 4 == 2) /* waits to be cancelled */
+        pthread_testcancel();
+    return NULL;
+}
+
+static void run_threads(void)
+{
+    for (int started = 0; started < THREADS;) {
+        pthread_t batch[AT_ONCE];
+        const int first = started;
+        for (; started < first + AT_ONCE && started < THREADS; ++started) {
+            if (pthread_create(&batch[started - first], NULL, short_thread, (void*)(intptr_t)started) != 0) {
+                CHECK(0, "pthread_create failed");
+                return;
+            }
+        }
+        for (int n = first; n < started; ++n) {
+            if (n % 4 == 2) {
+                nanosleep(&(struct timespec){0, 8000000}, NULL);
+                pthread_cancel(batch[n - first]);
+            }
+            if (n % 4 == 3)
+                pthread_detach(batch[n - first]);
+            else
+                pthread_join(batch[n - first], NULL);
+        }
+    }
+    /* The detached ones may still be running; one that never gets to the
+     * end shows in the count. */
+    int done = 0;
+    for (int waited = 0; waited < 10000 && done < THREADS; ++waited) {
+        nanosleep(&(struct timespec){0, 1000000}, NULL);
+        pthread_mutex_lock(&lock);
+        done = finished;
+        pthread_mutex_unlock(&lock);
+    }
+    printf("done %d\n", done);
+}
+
+/* ---- stop, stop-offset ---- */
+
+/* Works for 500 ms, reading back all it writes, for the I/O metrics. */
+static void work_with_io(void)
+{
+    char buffer[4096] = {0};
+    for (const int64_t end = now_ns() + 500000000LL; now_ns() < end;) {
+        burn_ms(5);
+        FILE* f = tmpfile();
+        CHECK(f && fwrite(buffer, 1, sizeof buffer, f) == sizeof buffer && fseek(f, 0, SEEK_SET) == 0
+                  && fread(buffer, 1, sizeof buffer, f) == sizeof buffer,
+              "can't write and read back a temporary file");
+        if (f)
+            fclose(f);
+    }
+}
+
+static void write_file(const char* path, const char* text)
+{
+    FILE* f = fopen(path, "w");
+    CHECK(f && fputs(text, f) >= 0 && fclose(f) == 0, "can't write %s", path);
+}
+
+/* Refusals come with a code and a reason. */
+static void refused(int code, int samples, int interval, const char* path, const char* reason)
+{
+    const int got = quorvex_init_sampler_now(samples, interval, path, 1, 0, 0);
+    CHECK(got == code && quorvex_sampler_error[0] && strstr(quorvex_sampler_error, reason),
+          "arming with %d, %d, %s: code %d: %s", samples, interval, path, got, quorvex_sampler_error);
+}
+
+static void run_control(const char* path, int stop_self)
+{
+    char running[4096], bad[4096];
+    snprintf(running, sizeof running, "%s.running", path);
+    snprintf(bad, sizeof bad, "%s.bad", path);
+
+    CHECK(quorvex_sampler_version() == 700, "version %d", quorvex_sampler_version());
+    /* As a debugger does with main: backtraces end in the function that arms. */
+    const unsigned long boundary = (unsigned long)__builtin_return_address(0);
+    CHECK(quorvex_set_boundary_frame_ip(boundary) == 0, "the boundary was refused");
+    printf("boundary %lx\n", boundary);
+    CHECK(quorvex_set_GPUProfiler_configuration(0, 0) == 0, "no GPU profiling was refused");
+    CHECK(quorvex_ui_stop_sampling() == 7, "stopping before arming didn't say so");
+
+    refused(2, 0, 20, path, "");
+    refused(2, 100, 0, path, "");
+    write_file(bad, "hello\n");
+    refused(3, 100, 20, bad, "not a sampler configuration");
+    refused(3, 100, 20, "/nonexistent/zor-config", "");
+    CHECK(!exists(running), "a refusal left %s", running);
+    write_file(running, "left over\n");
+    refused(5, 100, 20, path, running);
+    unlink(running);
+
+    const int armed = quorvex_init_sampler_now(1000, 2, path, 1, 0, stop_self ? 300 : 0);
+    CHECK(armed == 0, "arming gave %d: %s", armed, quorvex_sampler_error);
+    CHECK(exists(running), "%s wasn't created at arming", running);
+    refused(1, 1000, 2, path, "");
+
+    work_with_io();
+    if (stop_self) {
+        CHECK(!exists(running), "the sampler didn't stop by itself");
+    } else {
+        CHECK(exists(running), "%s went away while sampling", running);
+        quorvex_sampling_finished = 1;
+        CHECK(quorvex_ui_stop_sampling() == 0, "stopping failed: %s", quorvex_sampler_error);
+        CHECK(!exists(running), "%s is still there after the stop", running);
+        CHECK(quorvex_ui_stop_sampling() == 0, "stopping twice failed");
+    }
+}
+
+int main(int argc, char** argv)
+{
+    const char* mode = argc > 1 ? argv[1] : "";
+    if (argc == 2 && strcmp(mode, "eintr") == 0)
+        run_eintr();
+    else if (argc == 2 && strcmp(mode, "handlers") == 0)
+        run_handlers();
+    else if (argc == 3 && strcmp(mode, "fork") == 0)
+        run_fork(argv[2]);
+    else if (argc == 2 && strcmp(mode, "threads") == 0)
+        run_threads();
+    else if (argc == 3 && (strcmp(mode, "stop") == 0 || strcmp(mode, "stop-offset") == 0))
+        run_control(argv[2], strcmp(mode, "stop-offset") == 0);
+    else {
+        fprintf(stderr, "usage: target eintr | handlers | fork RUNNING | threads | stop PATH | stop-offset PATH\n");
+        return 2;
+    }
+    if (failures == 0)
+        printf("ok\n");
+    return failures != 0;
+}
