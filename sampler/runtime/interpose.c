@@ -123,6 +123,33 @@ static int ms_left(struct timespec deadline)
     return ms > 0x7fffffff ? 0x7fffffff : (int)ms;
 }
 
+/* The timeout for the next attempt of a call given `timeout`: what is left
+ * until `deadline`, or null (wait for ever) when there was none. */
+static const struct timespec* remaining(const struct timespec* timeout, struct timespec deadline,
+                                        struct timespec* left)
+{
+    if (!timeout)
+        return NULL;
+    *left = time_left(deadline);
+    return left;
+}
+
+/* Makes `call` again for as long as it fails with EINTR only because the
+ * sampler's own handler ran, leaving errno as the program had it; `again`
+ * runs before each new attempt. Any other result goes back to the program. */
+#define ZS_RETRY_WHILE_OURS(type, call, again)                              \
+    for (;;) {                                                              \
+        const handler_counts before_ = count_handlers();                    \
+        const int saved_errno_ = errno;                                     \
+        const type result_ = (call);                                        \
+        if (result_ < 0 && errno == EINTR && only_ours_ran(before_)) {      \
+            errno = saved_errno_;                                           \
+            again;                                                          \
+            continue;                                                       \
+        }                                                                   \
+        return result_;                                                     \
+    }
+
 /* ---- the functions the rest of the sampler calls directly ---- */
 
 int zs_real_sigaction(int sig, const struct sigaction* act, struct sigaction* old)
@@ -279,31 +306,13 @@ ZS_EXPORT unsigned int sleep(unsigned int seconds)
 ZS_EXPORT int pause(void)
 {
     ZS_REAL(pause);
-    for (;;) {
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_pause();
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            continue;
-        }
-        return result;
-    }
+    ZS_RETRY_WHILE_OURS(int, real_pause(), (void)0)
 }
 
 ZS_EXPORT int sigsuspend(const sigset_t* mask)
 {
     ZS_REAL(sigsuspend);
-    for (;;) {
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_sigsuspend(mask);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            continue;
-        }
-        return result;
-    }
+    ZS_RETRY_WHILE_OURS(int, real_sigsuspend(mask), (void)0)
 }
 
 ZS_EXPORT int sigtimedwait(const sigset_t* set, siginfo_t* info, const struct timespec* timeout)
@@ -358,37 +367,15 @@ ZS_EXPORT int poll(struct pollfd* fds, nfds_t n, int timeout)
     const struct timespec span = ms_to_timespec(timeout > 0 ? timeout : 0);
     const struct timespec deadline = deadline_after(&span);
     int wait = timeout;
-    for (;;) {
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_poll(fds, n, wait);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            if (timeout > 0)
-                wait = ms_left(deadline);
-            continue;
-        }
-        return result;
-    }
+    ZS_RETRY_WHILE_OURS(int, real_poll(fds, n, wait), if (timeout > 0) wait = ms_left(deadline))
 }
 
 ZS_EXPORT int ppoll(struct pollfd* fds, nfds_t n, const struct timespec* timeout, const sigset_t* mask)
 {
     ZS_REAL(ppoll);
     const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
-    for (;;) {
-        struct timespec left;
-        if (timeout)
-            left = time_left(deadline);
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_ppoll(fds, n, timeout ? &left : NULL, mask);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            continue;
-        }
-        return result;
-    }
+    struct timespec left;
+    ZS_RETRY_WHILE_OURS(int, real_ppoll(fds, n, remaining(timeout, deadline, &left), mask), (void)0)
 }
 
 /* On an interruption Linux leaves the sets alone and brings the timeout
@@ -396,16 +383,7 @@ ZS_EXPORT int ppoll(struct pollfd* fds, nfds_t n, const struct timespec* timeout
 ZS_EXPORT int select(int n, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struct timeval* timeout)
 {
     ZS_REAL(select);
-    for (;;) {
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_select(n, readfds, writefds, exceptfds, timeout);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            continue;
-        }
-        return result;
-    }
+    ZS_RETRY_WHILE_OURS(int, real_select(n, readfds, writefds, exceptfds, timeout), (void)0)
 }
 
 ZS_EXPORT int pselect(int n, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, const struct timespec* timeout,
@@ -413,19 +391,9 @@ ZS_EXPORT int pselect(int n, fd_set* readfds, fd_set* writefds, fd_set* exceptfd
 {
     ZS_REAL(pselect);
     const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
-    for (;;) {
-        struct timespec left;
-        if (timeout)
-            left = time_left(deadline);
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_pselect(n, readfds, writefds, exceptfds, timeout ? &left : NULL, mask);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            continue;
-        }
-        return result;
-    }
+    struct timespec left;
+    ZS_RETRY_WHILE_OURS(int, real_pselect(n, readfds, writefds, exceptfds, remaining(timeout, deadline, &left), mask),
+                        (void)0)
 }
 
 ZS_EXPORT int epoll_wait(int epfd, struct epoll_event* events, int max, int timeout)
@@ -434,18 +402,7 @@ ZS_EXPORT int epoll_wait(int epfd, struct epoll_event* events, int max, int time
     const struct timespec span = ms_to_timespec(timeout > 0 ? timeout : 0);
     const struct timespec deadline = deadline_after(&span);
     int wait = timeout;
-    for (;;) {
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_epoll_wait(epfd, events, max, wait);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            if (timeout > 0)
-                wait = ms_left(deadline);
-            continue;
-        }
-        return result;
-    }
+    ZS_RETRY_WHILE_OURS(int, real_epoll_wait(epfd, events, max, wait), if (timeout > 0) wait = ms_left(deadline))
 }
 
 ZS_EXPORT int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout, const sigset_t* mask)
@@ -454,18 +411,7 @@ ZS_EXPORT int epoll_pwait(int epfd, struct epoll_event* events, int max, int tim
     const struct timespec span = ms_to_timespec(timeout > 0 ? timeout : 0);
     const struct timespec deadline = deadline_after(&span);
     int wait = timeout;
-    for (;;) {
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_epoll_pwait(epfd, events, max, wait, mask);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            if (timeout > 0)
-                wait = ms_left(deadline);
-            continue;
-        }
-        return result;
-    }
+    ZS_RETRY_WHILE_OURS(int, real_epoll_pwait(epfd, events, max, wait, mask), if (timeout > 0) wait = ms_left(deadline))
 }
 
 /* ---- System V IPC ---- */
@@ -473,63 +419,25 @@ ZS_EXPORT int epoll_pwait(int epfd, struct epoll_event* events, int max, int tim
 ZS_EXPORT int msgsnd(int id, const void* message, size_t size, int flags)
 {
     ZS_REAL(msgsnd);
-    for (;;) {
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_msgsnd(id, message, size, flags);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            continue;
-        }
-        return result;
-    }
+    ZS_RETRY_WHILE_OURS(int, real_msgsnd(id, message, size, flags), (void)0)
 }
 
 ZS_EXPORT ssize_t msgrcv(int id, void* message, size_t size, long type, int flags)
 {
     ZS_REAL(msgrcv);
-    for (;;) {
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const ssize_t result = real_msgrcv(id, message, size, type, flags);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            continue;
-        }
-        return result;
-    }
+    ZS_RETRY_WHILE_OURS(ssize_t, real_msgrcv(id, message, size, type, flags), (void)0)
 }
 
 ZS_EXPORT int semop(int id, struct sembuf* ops, size_t n)
 {
     ZS_REAL(semop);
-    for (;;) {
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_semop(id, ops, n);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            continue;
-        }
-        return result;
-    }
+    ZS_RETRY_WHILE_OURS(int, real_semop(id, ops, n), (void)0)
 }
 
 ZS_EXPORT int semtimedop(int id, struct sembuf* ops, size_t n, const struct timespec* timeout)
 {
     ZS_REAL(semtimedop);
     const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
-    for (;;) {
-        struct timespec left;
-        if (timeout)
-            left = time_left(deadline);
-        const handler_counts before = count_handlers();
-        const int saved_errno = errno;
-        const int result = real_semtimedop(id, ops, n, timeout ? &left : NULL);
-        if (result < 0 && errno == EINTR && only_ours_ran(before)) {
-            errno = saved_errno;
-            continue;
-        }
-        return result;
-    }
+    struct timespec left;
+    ZS_RETRY_WHILE_OURS(int, real_semtimedop(id, ops, n, remaining(timeout, deadline, &left)), (void)0)
 }
