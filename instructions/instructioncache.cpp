@@ -239,30 +239,25 @@ InstructionCache::PreviousInstruction InstructionCache::searchPrevious(unsigned 
     const bool hasInstruction = atAddress && !next->mnemonic.isEmpty();
     bool ok = false;
 
-    if (next == mInstructions.begin()) {
+    // No instruction can be found before the address: the address is
+    // unobtainable, or, if it holds an instruction, its own previous one.
+    const auto noPrevious = [&](const char* why) {
         if (!hasInstruction) {
             mUnobtainable.insert(AddressRange(address, address + 1), true);
             return PreviousInstruction();
         }
         next->previousAddress = address;
         if (mLog)
-            customLogMessage(
-                QStringLiteral("... Previous instruction for 0x%1 unobtainable. Caching this result").arg(hex(address)));
+            customLogMessage(QStringLiteral("... Previous instruction for 0x%1 %2. Caching this result")
+                                 .arg(hex(address), QLatin1String(why)));
         return previousInstructionInfoFromCachedInstruction(next, &ok);
-    }
+    };
+    if (next == mInstructions.begin())
+        return noPrevious("unobtainable");
 
     const InstructionMap::iterator before = std::prev(next);
-    if (address - before.key() > MaxInstructionDistance) {
-        if (!hasInstruction) {
-            mUnobtainable.insert(AddressRange(address, address + 1), true);
-            return PreviousInstruction();
-        }
-        next->previousAddress = address;
-        if (mLog)
-            customLogMessage(
-                QStringLiteral("... Previous instruction for 0x%1 too distant. Caching this result").arg(hex(address)));
-        return previousInstructionInfoFromCachedInstruction(next, &ok);
-    }
+    if (address - before.key() > MaxInstructionDistance)
+        return noPrevious("too distant");
 
     if (!before->mnemonic.isEmpty()) {
         if (atAddress) {
