@@ -2,6 +2,8 @@
 // start with every way it fails, the end of a run, reading and analysing,
 // the analysis lock between processes, kept files and the side files.
 #include <QDir>
+#include <QElapsedTimer>
+#include <QProcess>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -21,6 +23,7 @@
 #include "platformnames.h"
 #include "preloadsamplesource.h"
 #include "profilerresponses.h"
+#include "sample.h"
 #include "samplefilebuilder.h"
 #include "samplelist.h"
 #include "samplevalue.h"
@@ -657,6 +660,60 @@ TEST(PreloadSampleSourceRun, TheAnalysisLockIsTakenInTurnsAndEachTurnEndsWithAFr
     PidFile next(QStringLiteral("quorvex-profiler-analysis"), false);
     EXPECT_TRUE(next.lock(false));
     unsetEnv("KLB_REDUCE_MEMORY_USAGE");
+}
+
+TEST(PreloadSampleSourceRun, TheRealSamplersFilesOfARealRunLandInTheSampleList)
+{
+    // The real sampler, started on its own in a real program by the
+    // variable that names its output, plays the target's side; the scripted
+    // debugger only answers for the debugger.
+    Rig rig;
+    QProcess program;
+    rig.debugger.onCall = [&](const QString& call) {
+        if (!call.startsWith(QLatin1String("evaluate:quorvex_init_sampler_now(")))
+            return;
+        const QString path = call.section(QLatin1Char('"'), 1, 1);
+        rig.debugger.expressions[call.mid(int(strlen("evaluate:")))] = QStringLiteral("0");
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("LD_PRELOAD"), QStringLiteral(ZOR_SAMPLER_LIBRARY));
+        environment.insert(QStringLiteral("ZOR_SAMPLER_OUTPUT"), path);
+        environment.insert(QStringLiteral("ZOR_SAMPLER_OPTIONS"), QStringLiteral("interval=5"));
+        program.setProcessEnvironment(environment);
+        program.setProgram(QStringLiteral(ZOR_EXAMPLE));
+        program.setArguments({QStringLiteral("--seconds"), QStringLiteral("1")});
+        // Not a child of ours: the source lowers its own children's priority,
+        // as it does the debugger's, but never the target's.
+        ASSERT_TRUE(program.startDetached());
+        // Armed when ".running" is there.
+        QElapsedTimer waited;
+        waited.start();
+        while (!QFile::exists(path + QStringLiteral(".running")) && waited.elapsed() < 10000)
+            usleep(1000);
+    };
+    auto source = rig.start();
+    ASSERT_TRUE(QFile::exists(source->runningFile()));
+
+    SampleList list(1000);
+    source->readSamples(list);
+    EXPECT_GT(source->numRawSamples(), 5u);
+    EXPECT_EQ(list.size(), int(source->numRawSamples()));
+    EXPECT_FALSE(source->interrupted());
+    // Samples come in time order and carry the program's threads.
+    long long last = -1;
+    for (const Sample* sample : list) {
+        EXPECT_GE(sample->backendOnly_getTimestamp(), last);
+        last = sample->backendOnly_getTimestamp();
+        EXPECT_FALSE(sample->backendOnly_sampledTids().isEmpty());
+    }
+    EXPECT_GT(source->duration(), 200);
+
+    // Its side files are there for the end of the command, and read.
+    MpiCallMetrics calls(rig.host.rank);
+    source->readMpiCallMetrics(calls);
+    EXPECT_TRUE(calls.isEmpty());
+    MetricErrorMap errors;
+    source->readMetricErrors(errors);
+    EXPECT_TRUE(errors.isEmpty());
 }
 
 // ---------------------------------------------------------------------------
