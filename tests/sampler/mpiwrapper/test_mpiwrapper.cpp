@@ -11,7 +11,9 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <algorithm>
 #include <map>
+#include <memory>
 #include <sys/wait.h>
 #include <unistd.h>
 
