@@ -2,13 +2,13 @@
 // flag of each thread, the MPI time of the process, and ".mpi".
 #include "mpihooks.h"
 
+#include "clock.h"
 #include "mpicallfile.h"
 #include "quorvex_mpi_hooks.h"
 #include "safe_malloc.h"
 #include "threads.h"
 
 #include <atomic>
-#include <ctime>
 #if defined(__x86_64__) || defined(__i386__)
 #include <x86intrin.h>
 #endif
@@ -31,9 +31,7 @@ std::atomic<bool> gThreadMultiple{false};
 
 std::int64_t monotonicNs()
 {
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return static_cast<std::int64_t>(t.tv_sec) * 1000000000LL + t.tv_nsec;
+    return zs_nanoseconds(zs_now(CLOCK_MONOTONIC));
 }
 
 __attribute__((constructor)) void takeBase()

@@ -38,6 +38,31 @@ std::map<std::string, MpiCallRecord> readMpiFile(const QString& path, bool* comp
     return byName;
 }
 
+struct SampleFileContents
+{
+    std::unique_ptr<quorvex::SSampleList> list;
+};
+
+SampleFileContents readSampleFile(const QString& path)
+{
+    SampleFileContents file;
+    timespec start;
+    int stopReason = 0;
+    unsigned long rebuilds = 0, checks = 0, downsamples = 0;
+    std::uint64_t skipped = 0, resuming = 0, taken = 0;
+    unsigned int spare1 = 0, spare2 = 0;
+    QString omp;
+    bool cuda = false, mpiMultiple = false;
+    QMap<int, quorvex::SCallSite> callSites;
+    errno = 0;
+    file.list.reset(quorvex_read_samples(QFile::encodeName(path).constData(), &start, &stopReason, &rebuilds, &checks,
+                                         &downsamples, &skipped, &resuming, &taken, &spare1, &spare2, omp, &cuda,
+                                         callSites, &mpiMultiple));
+    if (errno != 0)
+        file.list.reset();
+    return file;
+}
+
 TEST(MpiCallFile, RoundTripAndTruncation)
 {
     QTemporaryDir dir;
@@ -106,6 +131,106 @@ TEST(MpiWrapper, AnswersItsVersionAndStandsInFrontOfEveryKindOfCall)
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0) << "10: no wrapper, 11: wrong version, 12: a call not wrapped, "
                                          "13: a call wrapped that should not be";
+}
+
+struct MpiRun
+{
+    int exitCode = -1;
+    QString out;
+    QStringList outputs; // the data files, one per rank, in rank order
+};
+
+// Runs zor-mpi-example on `ranks` ranks through mpirun with the sampler and
+// the wrapper preloaded, each rank writing its results into `dir`.
+MpiRun runExample(const QTemporaryDir& dir, int ranks, const QStringList& arguments)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("OMPI_ALLOW_RUN_AS_ROOT", "1");
+    environment.insert("OMPI_ALLOW_RUN_AS_ROOT_CONFIRM", "1");
+    environment.insert("OMPI_MCA_rmaps_base_oversubscribe", "1");
+    QStringList args = {"-n", QString::number(ranks), "-x",
+                        QString("LD_PRELOAD=%1:%2").arg(ZOR_SAMPLER_LIBRARY, ZOR_MPIWRAPPER_LIBRARY), "-x",
+                        "ZOR_SAMPLER_OUTPUT=" + dir.filePath("rank.%p"), "-x", "ZOR_SAMPLER_OPTIONS=interval=5"};
+    args << ZOR_MPI_EXAMPLE << arguments;
+    QProcess mpirun;
+    mpirun.setProcessEnvironment(environment);
+    mpirun.setProcessChannelMode(QProcess::MergedChannels);
+    mpirun.start("mpirun", args);
+    MpiRun run;
+    if (!mpirun.waitForStarted() || !mpirun.waitForFinished(120000)) {
+        mpirun.kill();
+        mpirun.waitForFinished();
+        return run;
+    }
+    run.exitCode = mpirun.exitStatus() == QProcess::NormalExit ? mpirun.exitCode() : -1;
+    run.out = QString::fromLocal8Bit(mpirun.readAll());
+    // Each rank's process id names its files; its rank comes from the order
+    // of the process ids, which mpirun starts in rank order on one node.
+    QList<int> pids;
+    for (const QString& name : QDir(dir.path()).entryList({"rank.*"})) {
+        bool number = false;
+        const int pid = name.mid(5).toInt(&number);
+        if (number)
+            pids << pid;
+    }
+    std::sort(pids.begin(), pids.end());
+    for (int pid : pids)
+        run.outputs << dir.filePath(QString("rank.%1").arg(pid));
+    return run;
+}
+
+// Two ranks, rank 0 with the least work before each barrier: every call
+// counted as the program made it, the waiting in the barrier on the rank
+// that waits, and samples inside MPI flagged.
+TEST(MpiWrapper, TwoRanksCountEveryCallAndTheTimeInIt)
+{
+    QTemporaryDir dir;
+    const int rounds = 8;
+    const MpiRun run = runExample(dir, 2, {QString::number(rounds), "2500", "16"});
+    ASSERT_EQ(run.exitCode, 0) << run.out.toStdString();
+    ASSERT_EQ(run.outputs.size(), 2) << run.out.toStdString();
+    // Its index among the sampler's own metrics when no configuration names
+    // any.
+    const unsigned mpiTimeMetric = 4;
+    std::uint64_t barrierNs[2] = {0, 0};
+    for (int rank = 0; rank < 2; ++rank) {
+        SCOPED_TRACE("rank " + std::to_string(rank));
+        bool complete = false;
+        std::map<std::string, MpiCallRecord> calls = readMpiFile(run.outputs[rank] + ".mpi", &complete);
+        ASSERT_TRUE(complete);
+        EXPECT_EQ(calls["MPI_Init"].calls, 1u);
+        EXPECT_EQ(calls["MPI_Finalize"].calls, 1u);
+        EXPECT_EQ(calls["MPI_Allreduce"].calls, std::uint64_t(rounds));
+        EXPECT_EQ(calls["MPI_Allreduce"].bytesSent, std::uint64_t(rounds) * 16 * sizeof(double));
+        EXPECT_EQ(calls["MPI_Allreduce"].bytesReceived, std::uint64_t(rounds) * 16 * sizeof(double));
+        EXPECT_EQ(calls["MPI_Barrier"].calls, std::uint64_t(rounds));
+        EXPECT_EQ(calls["MPI_Barrier"].bytesSent + calls["MPI_Barrier"].bytesReceived, 0u);
+        EXPECT_EQ(calls.count("MPI_Comm_rank"), 0u) << "not wrapped, so not counted";
+        EXPECT_EQ(calls.size(), 4u);
+        barrierNs[rank] = calls["MPI_Barrier"].nanoseconds;
+
+        // The MPI time of the samples is that of the calls, less what came
+        // after the last sample.
+        std::uint64_t total = 0;
+        for (const auto& call : calls)
+            total += call.second.nanoseconds;
+        unsigned long inMpi = 0;
+        std::uint64_t sampledNs = 0;
+        SampleFileContents file = readSampleFile(run.outputs[rank]);
+        ASSERT_TRUE(file.list);
+        for (unsigned i = 0; i < file.list->size(); ++i) {
+            inMpi += file.list->at(i).mainThreadTrace().inMpi();
+            sampledNs += file.list->at(i).metrics().getMetricValue(mpiTimeMetric).to_uint64_t();
+        }
+        EXPECT_GT(inMpi, 0u);
+        EXPECT_LT(inMpi, file.list->size());
+        EXPECT_LE(sampledNs, total);
+        EXPECT_GT(sampledNs + total / 10 + 20000000, total);
+    }
+    // Rank 1 computes 2500 units more than rank 0 before each barrier, some
+    // 10 ms: rank 0 waits at least half of that in every round.
+    EXPECT_GT(barrierNs[0], barrierNs[1]);
+    EXPECT_GT(barrierNs[0], std::uint64_t(rounds) * 5000000);
 }
 
 } // namespace
