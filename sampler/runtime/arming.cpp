@@ -2,6 +2,8 @@
 // handlers fill made ready, the handler installed, the timer started. Runs
 // outside signal handlers and may allocate.
 #include "clock.h"
+#include "dispositions.h"
+#include "procparse.h"
 #include "quorvex_sampler.h"
 #include "runtime.h"
 #include "samplerconfig.h"
@@ -9,6 +11,7 @@
 #include "sampling.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -127,6 +130,31 @@ quorvex::SamplerConfig defaultConfig()
     return config;
 }
 
+// Whether ".running" at `path` belongs to a process that still samples into
+// the same files. One left by a process that is gone (killed by SIGKILL, or
+// ended before the sampler could finish) is taken away.
+bool runningFileIsLive(const char* path)
+{
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return errno != ENOENT;
+    char text[32] = {0};
+    const ssize_t n = read(fd, text, sizeof text - 1);
+    close(fd);
+    std::uint64_t owner = 0;
+    const bool named = n > 0 && parseDecimal(text, owner) && owner > 0 && owner <= INT_MAX;
+    // Without a pid it may be a file that its owner is writing just now.
+    if (!named)
+        return true;
+    const pid_t pid = static_cast<pid_t>(owner);
+    if (pid != getpid() && (kill(pid, 0) == 0 || errno == EPERM))
+        return true;
+    quorvex::SafeMessage message = logLine();
+    message.str("taking away ").str(path).str(", left by process ").dec(pid).str(", which is gone\n");
+    writeLog(message);
+    return unlink(path) != 0 && errno != ENOENT;
+}
+
 } // namespace
 
 int arm(const ArmSettings& settings, bool readConfigFile)
@@ -160,7 +188,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
             return fail(QUORVEX_SAMPLER_BAD_CONFIG, error);
     }
 
-    if (access(s.runningPath, F_OK) == 0)
+    if (runningFileIsLive(s.runningPath))
         return fail(QUORVEX_SAMPLER_RUNNING_FILE, std::string(s.runningPath) + " exists already");
     const int out = open(s.path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (out < 0)
@@ -228,6 +256,9 @@ int arm(const ArmSettings& settings, bool readConfigFile)
     prepareUnwinding();
     if (!installSamplerHandler())
         return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't install the signal handler: ") + strerror(errno));
+    if (!installFatalHandlers())
+        return fail(QUORVEX_SAMPLER_SETUP_FAILED,
+                    std::string("can't install the handlers of fatal signals: ") + strerror(errno));
 
     // CPU times are counted from here, for the threads running already too.
     s.start = zs_now(CLOCK_MONOTONIC);

@@ -4,7 +4,7 @@
 // Set-up files (may allocate and call any C library function): arming.cpp,
 // process.cpp, capi.cpp, dispositions.cpp, threads.cpp, interpose.c.
 // Handler files (only what is async-signal-safe: no heap, no locks, no
-// stdio): samplehandler.cpp, finishhandler.cpp, signalhandler.cpp,
+// stdio): samplehandler.cpp, finishhandler.cpp, fatalhandler.cpp, signalhandler.cpp,
 // unwind.cpp, procmetrics.cpp, procparse.cpp, clock.h.
 #ifndef ZOR_SAMPLER_SAMPLERSTATE_H
 #define ZOR_SAMPLER_SAMPLERSTATE_H
