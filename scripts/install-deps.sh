@@ -14,6 +14,7 @@ PACKAGES="
   libgtest-dev libgmock-dev libbenchmark-dev
   gdb libdw-dev libelf-dev libcapstone-dev libunwind-dev
   libopenmpi-dev openmpi-bin
+  python3 clang libomp-dev
 "
 if [ "${1:-}" = "--compare" ]; then
     PACKAGES="$PACKAGES linux-perf google-perftools python3.11-dbg xz-utils"
