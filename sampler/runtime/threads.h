@@ -22,8 +22,9 @@ struct ThreadSlot
     ThreadSlot* next = nullptr;
     std::atomic<int> state{SlotStarting};
     std::atomic<int> tid{0};
-    // The thread's mask blocks the sampler's signal: it isn't asked.
-    std::atomic<bool> blocksSignal{false};
+    // The creating thread believed that it blocked the sampler's signal,
+    // so the new thread believes it too (its mask never really does).
+    std::atomic<bool> programBlocksSignal{false};
     std::atomic<bool> inMpi{false};
     // The sample generation that the thread is asked to answer, 0 for none;
     // the thread takes the request by swapping in 0.
