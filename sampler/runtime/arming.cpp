@@ -32,6 +32,7 @@ const char METRIC_ID_CPU_PERCENT[] = "cpu_time_percent";
 const char METRIC_ID_RSS[] = "rss_bytes";
 const char METRIC_ID_CHARS_READ[] = "chars_read";
 const char METRIC_ID_CHARS_WRITTEN[] = "chars_written";
+const char METRIC_ID_MPI_TIME[] = "mpi_time_in_call";
 
 // Codes of the records in ".errorMessages".
 const int METRIC_ERROR_UNKNOWN = 1;
@@ -80,6 +81,8 @@ void planMetrics(const quorvex::SamplerConfig& config, std::string& records)
         } else if (metric.id == METRIC_ID_CHARS_WRITTEN) {
             plan.kind = MetricCharsWritten;
             s.needIo = true;
+        } else if (metric.id == METRIC_ID_MPI_TIME) {
+            plan.kind = MetricMpiTime;
         } else {
             addMetricError(records, metric.index, METRIC_ERROR_UNKNOWN,
                            "The sampler doesn't know the metric \"" + metric.id + "\"; it has no values.");
@@ -118,12 +121,13 @@ void takeMetricBaselines()
 quorvex::SamplerConfig defaultConfig()
 {
     quorvex::SamplerConfig config;
-    const char* ids[] = {METRIC_ID_CPU_PERCENT, METRIC_ID_RSS, METRIC_ID_CHARS_READ, METRIC_ID_CHARS_WRITTEN};
-    for (unsigned int i = 0; i < 4; ++i) {
+    const char* ids[] = {METRIC_ID_CPU_PERCENT, METRIC_ID_RSS, METRIC_ID_CHARS_READ, METRIC_ID_CHARS_WRITTEN,
+                         METRIC_ID_MPI_TIME};
+    for (unsigned int i = 0; i < 5; ++i) {
         quorvex::SamplerMetricConfig metric;
         metric.index = i;
         metric.id = ids[i];
-        metric.divide = i >= 2;
+        metric.divide = i == 2 || i == 3;
         metric.onTimeDomain = true;
         config.metrics.push_back(metric);
     }

@@ -9,6 +9,7 @@
 // sample list, every backtrace in it and the table of pending answers are
 // sized when sampling is armed.
 #include "clock.h"
+#include "mpihooks.h"
 #include "quorvex_sampler.h"
 #include "runtime.h"
 #include "samplerstate.h"
@@ -155,6 +156,8 @@ void readMetrics(const timespec& wall)
         s.lastCharsWritten = totalWritten;
         s.ownBytesRead = static_cast<std::uint64_t>(n);
     }
+    // The MPI time since the previous sample.
+    const std::uint64_t mpiNs = takeMpiTimeNs();
     for (unsigned int i = 0; i < s.metricCount; ++i) {
         SampleValue value;
         switch (s.metrics[i].kind) {
@@ -173,6 +176,9 @@ void readMetrics(const timespec& wall)
         case MetricCharsWritten:
             if (haveIo)
                 value = SampleValue(static_cast<unsigned long>(charsWritten));
+            break;
+        case MetricMpiTime:
+            value = SampleValue(static_cast<unsigned long>(mpiNs));
             break;
         case MetricNotTaken:
             break;

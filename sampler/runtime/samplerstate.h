@@ -47,7 +47,7 @@ const double SLEEPING_CPU_SHARE = 0.1;
 const std::size_t LIST_MEMORY_BUDGET = std::size_t(512) << 20;
 
 enum Phase { PhaseIdle = 0, PhaseArmed, PhaseFinishing, PhaseFinished };
-enum MetricKind { MetricNotTaken = 0, MetricCpuPercent, MetricRss, MetricCharsRead, MetricCharsWritten };
+enum MetricKind { MetricNotTaken = 0, MetricCpuPercent, MetricRss, MetricCharsRead, MetricCharsWritten, MetricMpiTime };
 // What the sampling handler is doing to the list, for a stop that lands on
 // top of it.
 enum CommitStage { CommitNone = 0, CommitFilling, CommitThinning, CommitAdding };

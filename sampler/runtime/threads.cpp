@@ -26,6 +26,9 @@ void resetSlot(ThreadSlot* slot)
     slot->tid.store(0, std::memory_order_relaxed);
     slot->blocksSignal.store(false, std::memory_order_relaxed);
     slot->inMpi.store(false, std::memory_order_relaxed);
+    slot->mpiCallStart.store(0, std::memory_order_relaxed);
+    slot->mpiTicks.store(0, std::memory_order_relaxed);
+    slot->mpiTicksCounted = 0;
     slot->request.store(0, std::memory_order_relaxed);
     slot->done.store(0, std::memory_order_relaxed);
     slot->owesAnswer = false;
