@@ -10,7 +10,10 @@
  *   stop PATH      drives the sampler as the back-end does, refusals first,
  *                  with the configuration at PATH, and stops it; prints the
  *                  boundary frame it gave, its caller's return address
- *   stop-offset PATH   the same, but the sampler stops itself at 300 ms */
+ *   stop-offset PATH   the same, but the sampler stops itself at 300 ms
+ *   die HOW        a worker and the main thread busy, then the process dies:
+ *                  HOW is segv (a fault), abort, or wait (busy until a signal
+ *                  from outside ends it); prints "dying" first */
 #define _GNU_SOURCE
 #include "quorvex_sampler.h"
 
@@ -336,6 +339,35 @@ static void run_control(const char* path, int stop_self)
     }
 }
 
+/* ---- die ---- */
+
+static void* busy_worker(void* unused)
+{
+    for (;;)
+        burn_ms(10);
+    return unused;
+}
+
+static void run_die(const char* how)
+{
+    pthread_t worker;
+    if (pthread_create(&worker, NULL, busy_worker, NULL) != 0) {
+        CHECK(0, "can't start the worker");
+        return;
+    }
+    burn_ms(300);
+    printf("dying\n");
+    fflush(stdout);
+    static int* volatile nowhere;
+    if (strcmp(how, "segv") == 0)
+        *nowhere = 1;
+    else if (strcmp(how, "abort") == 0)
+        abort();
+    else
+        burn_ms(30000);
+    CHECK(0, "still alive");
+}
+
 int main(int argc, char** argv)
 {
     const char* mode = argc > 1 ? argv[1] : "";
@@ -349,8 +381,11 @@ int main(int argc, char** argv)
         run_threads();
     else if (argc == 3 && (strcmp(mode, "stop") == 0 || strcmp(mode, "stop-offset") == 0))
         run_control(argv[2], strcmp(mode, "stop-offset") == 0);
+    else if (argc == 3 && strcmp(mode, "die") == 0)
+        run_die(argv[2]);
     else {
-        fprintf(stderr, "usage: target eintr | handlers | fork RUNNING | threads | stop PATH | stop-offset PATH\n");
+        fprintf(stderr, "usage: target eintr | handlers | fork RUNNING | threads | stop PATH | stop-offset PATH"
+                        " | die segv|abort|wait\n");
         return 2;
     }
     if (failures == 0)

@@ -1,7 +1,8 @@
-// Signals: the sampler's own handler, and the program's dispositions kept
-// as the program set them. Every handler that the program installs runs
-// behind a small trampoline that counts its invocations per thread; the
-// EINTR guards of interpose.c compare those counts with the sampler's own.
+// The program's dispositions of the signals, kept as it set them: sigaction
+// as the program sees it, the sampler's own handler put in place, and the
+// program's view of its masks. Set-up code, but what handlers call
+// (loadDisposition, resetDispositionToDefault) is async-signal-safe.
+#include "dispositions.h"
 #include "runtime.h"
 #include "sampling.h"
 #include "threads.h"
@@ -10,21 +11,12 @@
 #include <cerrno>
 #include <cstring>
 #include <sched.h>
-#include <sys/syscall.h>
 #include <unistd.h>
-
-ZS_TLS unsigned int zs_our_signal_count;
-ZS_TLS unsigned int zs_target_signal_count;
-
-namespace {
-// Inside the sampler's own handler on this thread. Mask changes made there
-// (libunwind blocks signals around some look-ups) are not the program's.
-ZS_TLS bool tlsInSamplerHandler;
-}
 
 namespace zorsampler {
 
-const char gSignalCookie = 0;
+void programTrampoline(int sig, siginfo_t* info, void* ucontext);
+void fatalSignalHandler(int sig, siginfo_t* info, void* ucontext);
 
 namespace {
 
@@ -104,6 +96,8 @@ bool load(int sig, struct sigaction& action)
     }
 }
 
+} // namespace
+
 struct sigaction defaultAction()
 {
     struct sigaction action;
@@ -113,70 +107,83 @@ struct sigaction defaultAction()
     return action;
 }
 
-void resetToDefault(int sig)
+
+bool loadDisposition(int sig, struct sigaction& action)
 {
-    WriteGuard guard;
-    store(sig, defaultAction());
+    return load(sig, action);
 }
 
-// Behind every handler the program installs.
-void programTrampoline(int sig, siginfo_t* info, void* ucontext)
+namespace {
+
+std::atomic<bool> gFatalHandlersInstalled{false};
+
+// What the kernel gets for the program's `action`: a function of the
+// program's runs behind the trampoline, and the default action of a signal
+// that ends the process runs behind the sampler's fatal handler, which
+// writes the results first. SA_RESETHAND is the trampoline's to do, so that
+// the reset goes through here too.
+struct sigaction kernelAction(int sig, const struct sigaction& action)
 {
-    ++zs_target_signal_count;
-    deliverToProgram(sig, info, ucontext);
+    struct sigaction installed = action;
+    if (isFunction(action)) {
+        installed.sa_sigaction = programTrampoline;
+        installed.sa_flags |= SA_SIGINFO;
+        installed.sa_flags &= ~SA_RESETHAND;
+    } else if (action.sa_handler == SIG_DFL && endsTheProcess(sig)
+               && gFatalHandlersInstalled.load(std::memory_order_acquire)) {
+        std::memset(&installed, 0, sizeof installed);
+        installed.sa_sigaction = fatalSignalHandler;
+        // On the alternate stack where the thread has one: a stack
+        // overflow's SIGSEGV still gets its results written.
+        installed.sa_flags = SA_SIGINFO | SA_ONSTACK;
+        sigfillset(&installed.sa_mask);
+    }
+    return installed;
 }
 
 } // namespace
 
-void deliverToProgram(int sig, siginfo_t* info, void* ucontext)
+void resetDispositionToDefault(int sig)
 {
-    struct sigaction action;
-    if (!load(sig, action))
-        return;
-    if (action.sa_handler == SIG_IGN)
-        return;
-    if (action.sa_handler == SIG_DFL) {
-        // Only the sampler's signal gets here with the default action: an
-        // instance that somebody else sent ends the process, as it would
-        // have done without the sampler. The signal is blocked while this
-        // handler runs, so it takes effect on return.
-        if (sig == zs_sampler_signal()) {
-            struct sigaction dfl = defaultAction();
-            zs_real_sigaction(sig, &dfl, nullptr);
-            syscall(SYS_tgkill, getpid(), currentTid(), sig);
-        }
-        return;
-    }
-    if (action.sa_flags & SA_RESETHAND)
-        resetToDefault(sig);
-    if (action.sa_flags & SA_SIGINFO)
-        action.sa_sigaction(sig, info, ucontext);
-    else
-        action.sa_handler(sig);
+    WriteGuard guard;
+    const struct sigaction dfl = defaultAction();
+    const struct sigaction installed = kernelAction(sig, dfl);
+    zs_real_sigaction(sig, &installed, nullptr);
+    store(sig, dfl);
 }
 
-void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext)
+bool endsTheProcess(int sig)
 {
-    const int savedErrno = errno;
-    if (zs_is_sampler_instance(sig, info)) {
-        ++zs_our_signal_count;
-        tlsInSamplerHandler = true;
-        // Some calls made here are cancellation points (pread, and the
-        // memory checks of libunwind): a cancellation pending for the thread
-        // must not take effect inside the sampler's handler.
-        int cancelState = PTHREAD_CANCEL_DISABLE;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-        if (info->si_code == TIMER_CODE)
-            takeSample(ucontext);
-        else
-            answerRequest(ucontext);
-        pthread_setcancelstate(cancelState, nullptr);
-        tlsInSamplerHandler = false;
-    } else {
-        ++zs_target_signal_count;
-        deliverToProgram(sig, info, ucontext);
+    switch (sig) {
+    case SIGHUP: case SIGINT: case SIGQUIT: case SIGILL: case SIGTRAP: case SIGABRT: case SIGBUS: case SIGFPE:
+    case SIGUSR1: case SIGSEGV: case SIGUSR2: case SIGPIPE: case SIGALRM: case SIGTERM: case SIGSTKFLT:
+    case SIGXCPU: case SIGXFSZ: case SIGVTALRM: case SIGPROF: case SIGIO: case SIGPWR: case SIGSYS:
+        return true;
+    default:
+        return false;
     }
-    errno = savedErrno;
+}
+
+bool installFatalHandlers()
+{
+    WriteGuard guard;
+    gFatalHandlersInstalled.store(true, std::memory_order_release);
+    for (int sig = 1; sig < NUM_SIGNALS; ++sig) {
+        if (!endsTheProcess(sig))
+            continue;
+        struct sigaction current;
+        if (!load(sig, current)) {
+            if (zs_real_sigaction(sig, nullptr, &current) != 0)
+                return false;
+            store(sig, current);
+        }
+        if (isFunction(current) || current.sa_handler == SIG_IGN)
+            continue;
+        const struct sigaction installed = kernelAction(sig, current);
+        if (zs_real_sigaction(sig, &installed, nullptr) != 0)
+            return false;
+    }
+    return true;
 }
 
 bool installSamplerHandler()
@@ -212,18 +219,6 @@ void resetSignalsAfterFork()
 
 using namespace zorsampler;
 
-extern "C" int zs_sampler_signal(void)
-{
-    // Near the top of the real-time range, which programs use least.
-    return SIGRTMAX - 3;
-}
-
-extern "C" int zs_is_sampler_instance(int sig, const siginfo_t* info)
-{
-    return sig == zs_sampler_signal() && info && (info->si_code == TIMER_CODE || info->si_code == REQUEST_CODE)
-        && info->si_value.sival_ptr == &gSignalCookie;
-}
-
 extern "C" int zs_sigaction(int sig, const struct sigaction* act, struct sigaction* old)
 {
     if (sig <= 0 || sig >= NUM_SIGNALS || sig == SIGKILL || sig == SIGSTOP)
@@ -238,11 +233,7 @@ extern "C" int zs_sigaction(int sig, const struct sigaction* act, struct sigacti
     if (act) {
         const bool keepOurs = sig == zs_sampler_signal() && gSamplerHandlerInstalled.load(std::memory_order_acquire);
         if (!keepOurs) {
-            struct sigaction installed = *act;
-            if (isFunction(*act)) {
-                installed.sa_sigaction = programTrampoline;
-                installed.sa_flags |= SA_SIGINFO;
-            }
+            const struct sigaction installed = kernelAction(sig, *act);
             if (zs_real_sigaction(sig, &installed, nullptr) != 0)
                 return -1;
         }
