@@ -135,9 +135,14 @@ SymbolTable::~SymbolTable()
 QList<SharedLibrary> SymbolTable::mappedFiles(int pid)
 {
     QFile maps(QStringLiteral("/proc/%1/maps").arg(pid));
-    QList<SharedLibrary> result;
     if (!maps.open(QIODevice::ReadOnly))
-        return result;
+        return QList<SharedLibrary>();
+    return parseMaps(maps.readAll());
+}
+
+QList<SharedLibrary> SymbolTable::parseMaps(const QByteArray& maps)
+{
+    QList<SharedLibrary> result;
     struct Range
     {
         unsigned long long start, end;
@@ -146,7 +151,7 @@ QList<SharedLibrary> SymbolTable::mappedFiles(int pid)
     QStringList order;
     QHash<QString, Range> ranges;
     // "start-end perms offset dev inode path"; the path may hold spaces.
-    for (const QByteArray& line : maps.readAll().split('\n')) {
+    for (const QByteArray& line : maps.split('\n')) {
         const QList<QByteArray> fields = line.simplified().split(' ');
         if (fields.size() < 6 || !fields[5].startsWith('/'))
             continue;

@@ -41,6 +41,8 @@ public:
     // The files mapped into process `pid`, each with the range of all its
     // mappings, from /proc. Empty when the process can't be read.
     static QList<SharedLibrary> mappedFiles(int pid);
+    // The same from the text of a maps file.
+    static QList<SharedLibrary> parseMaps(const QByteArray& maps);
 
     // Replaces the modules by the files of `libraries`; a file that can't
     // be read is left out and named in `problems`.
