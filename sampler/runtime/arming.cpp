@@ -5,6 +5,7 @@
 #include "dispositions.h"
 #include "procparse.h"
 #include "quorvex_sampler.h"
+#include "regions.h"
 #include "runtime.h"
 #include "samplerconfig.h"
 #include "samplerstate.h"
@@ -244,6 +245,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
         srand48_r(static_cast<long>(s.pid) ^ zs_now(CLOCK_REALTIME).tv_nsec, &s.random);
         s.list = new SSampleList(numSamples, s.threadsPerSample, s.random);
         s.list->setMetricCount(static_cast<int>(s.metricCount));
+        prepareCallSiteWriting();
         s.threadIds = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.asking = new ThreadSlot*[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.askingTid = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
