@@ -160,7 +160,56 @@ bool runningFileIsLive(const char* path)
     return unlink(path) != 0 && errno != ENOENT;
 }
 
+// A timer that sends the sampler's signal to the thread `tid`.
+bool createTimer(int tid, timer_t& timer)
+{
+    sigevent event;
+    std::memset(&event, 0, sizeof event);
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = zs_sampler_signal();
+    event.sigev_value.sival_ptr = const_cast<char*>(&gSignalCookie);
+#ifdef sigev_notify_thread_id
+    event.sigev_notify_thread_id = tid;
+#else
+    event._sigev_un._tid = tid;
+#endif
+    return timer_create(CLOCK_MONOTONIC, &event, &timer) == 0;
+}
+
 } // namespace
+
+void moveTimerOffThisThread()
+{
+    State& s = gState;
+    const int self = currentTid();
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || getpid() != s.pid || self != s.mainTid)
+        return;
+    // The lock keeps the sampling handler away while the target changes.
+    for (int attempt = 0; !tryLock(LockRecycling); ++attempt) {
+        if (attempt == 1000)
+            return;
+        const timespec pause = {0, 100000};
+        zs_real_nanosleep(&pause, nullptr);
+    }
+    int next = 0;
+    for (ThreadSlot* slot = firstSlot(); slot && !next; slot = slot->next) {
+        const int tid = slot->tid.load(std::memory_order_relaxed);
+        if (slot->state.load(std::memory_order_acquire) == SlotLive && tid != self)
+            next = tid;
+    }
+    timer_t timer;
+    if (next && s.phase.load(std::memory_order_acquire) == PhaseArmed && createTimer(next, timer)) {
+        timer_delete(s.timer);
+        s.timer = timer;
+        s.mainTid = next;
+        clock_gettime(zs_thread_cpu_clock(next), &s.mainLastCpu);
+        setTimer(s.intervalMs, s.intervalMs);
+        quorvex::SafeMessage message = logLine();
+        message.str("thread ").dec(self).str(" ends; thread ").dec(next).str(" takes the samples from now on\n");
+        writeLog(message);
+    }
+    unlock();
+}
 
 int arm(const ArmSettings& settings, bool readConfigFile)
 {
@@ -288,17 +337,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
     // After the sampler's own writing, which is not the program's.
     takeMetricBaselines();
 
-    sigevent event;
-    std::memset(&event, 0, sizeof event);
-    event.sigev_notify = SIGEV_THREAD_ID;
-    event.sigev_signo = zs_sampler_signal();
-    event.sigev_value.sival_ptr = const_cast<char*>(&gSignalCookie);
-#ifdef sigev_notify_thread_id
-    event.sigev_notify_thread_id = s.mainTid;
-#else
-    event._sigev_un._tid = s.mainTid;
-#endif
-    if (timer_create(CLOCK_MONOTONIC, &event, &s.timer) != 0) {
+    if (!createTimer(s.mainTid, s.timer)) {
         const int error = errno;
         unlink(s.runningPath);
         return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't create the sampling timer: ") + strerror(error));

@@ -129,6 +129,8 @@ struct sigaction kernelAction(int sig, const struct sigaction& action)
         installed.sa_sigaction = programTrampoline;
         installed.sa_flags |= SA_SIGINFO;
         installed.sa_flags &= ~SA_RESETHAND;
+        // The sampler's signal stays unblocked in the program's handlers too.
+        sigdelset(&installed.sa_mask, zs_sampler_signal());
     } else if (action.sa_handler == SIG_DFL && endsTheProcess(sig)
                && gFatalHandlersInstalled.load(std::memory_order_acquire)) {
         std::memset(&installed, 0, sizeof installed);
@@ -242,18 +244,4 @@ extern "C" int zs_sigaction(int sig, const struct sigaction* act, struct sigacti
     if (old)
         *old = previous;
     return 0;
-}
-
-extern "C" void zs_note_mask_change(int how, const sigset_t* set)
-{
-    ThreadSlot* slot = currentSlot();
-    if (!slot || !set || tlsInSamplerHandler)
-        return;
-    const bool named = sigismember(set, zs_sampler_signal()) == 1;
-    if (how == SIG_SETMASK)
-        slot->blocksSignal.store(named, std::memory_order_relaxed);
-    else if (named && how == SIG_BLOCK)
-        slot->blocksSignal.store(true, std::memory_order_relaxed);
-    else if (named && how == SIG_UNBLOCK)
-        slot->blocksSignal.store(false, std::memory_order_relaxed);
 }

@@ -33,8 +33,7 @@ int askOtherThreads(std::uint64_t generation)
     State& s = gState;
     auto askable = [&](ThreadSlot* slot) {
         return slot->state.load(std::memory_order_acquire) == SlotLive
-            && slot->tid.load(std::memory_order_relaxed) != s.mainTid
-            && !slot->blocksSignal.load(std::memory_order_relaxed) && !slot->owesAnswer;
+            && slot->tid.load(std::memory_order_relaxed) != s.mainTid && !slot->owesAnswer;
     };
     int candidates = 0;
     for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next)

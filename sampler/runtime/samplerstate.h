@@ -78,6 +78,8 @@ struct State
     std::atomic<int> commitStage;
     std::atomic<int> finisherTid;
     pid_t pid;
+    // The thread that the timer's signal goes to, which takes the samples:
+    // the main thread, until it ends.
     int mainTid;
     bool allThreads;
     bool debugLog;
@@ -190,6 +192,10 @@ struct ArmSettings
 // Arms sampling; a QUORVEX_SAMPLER_* code. The metrics come from the
 // configuration at the path when `readConfigFile`, else the default ones.
 int arm(const ArmSettings& settings, bool readConfigFile);
+
+// The thread that the timer's signal goes to is ending: another live
+// thread takes the samples from now on.
+void moveTimerOffThisThread();
 
 } // namespace zorsampler
 

@@ -22,8 +22,9 @@ struct ThreadSlot
     ThreadSlot* next = nullptr;
     std::atomic<int> state{SlotStarting};
     std::atomic<int> tid{0};
-    // The thread's mask blocks the sampler's signal: it isn't asked.
-    std::atomic<bool> blocksSignal{false};
+    // The creating thread believed that it blocked the sampler's signal,
+    // so the new thread believes it too (its mask never really does).
+    std::atomic<bool> programBlocksSignal{false};
     std::atomic<bool> inMpi{false};
     // The thread's MPI calls as the MPI wrapper reports them, in ticks of
     // the sampler's clock: when the running call began, and the time of the

@@ -375,6 +375,45 @@ TEST(SamplerRun, DeathBySignalKeepsTheSamples)
     }
 }
 
+// Threads that block every signal, a main thread that waits for all of them
+// in sigwait and a signalfd, a main thread that leaves before its workers:
+// every thread that runs is sampled, and the program's signals and masks
+// are as it set them.
+TEST(SamplerRun, EveryThreadIsSampledWhateverItsMask)
+{
+    const struct
+    {
+        const char* mode;
+        std::size_t threads;
+    } cases[] = {{"masked", 3}, {"sigwait", 2}, {"main-exit", 2}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.mode);
+        TempDir dir;
+        const std::string path = dir.file("samples");
+        const ProgramRun run = runSampled({ZOR_TARGET, c.mode},
+                                          {"ZOR_SAMPLER_OUTPUT=" + path, "ZOR_SAMPLER_OPTIONS=interval=2"});
+        EXPECT_EQ(run.exitCode, 0) << run.describe();
+        EXPECT_EQ(run.out, "ok\n");
+        EXPECT_EQ(run.err, "");
+        EXPECT_FALSE(exists(path + ".running"));
+        const SampleFile file = readSampleFile(path);
+        ASSERT_TRUE(file.list);
+        std::set<int> threads = sampledThreads(*file.list);
+        unsigned byMain = 0;
+        for (unsigned i = 0; i < file.list->size(); ++i)
+            byMain += file.list->at(i).mainThreadTrace().tid() == run.pid;
+        if (std::string(c.mode) == "main-exit") {
+            // Taken by a worker once the main thread is gone.
+            EXPECT_GT(file.list->size() - byMain, 20u);
+            threads.erase(run.pid);
+        } else {
+            EXPECT_EQ(byMain, file.list->size());
+            EXPECT_GT(byMain, 20u);
+        }
+        EXPECT_EQ(threads.size(), c.threads);
+    }
+}
+
 // ---- driven through the functions the back-end calls ----
 
 void writeConfig(const std::string& path)
