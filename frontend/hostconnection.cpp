@@ -1,0 +1,154 @@
+#include "hostconnection.h"
+
+#include <QLocalSocket>
+#include <QRegularExpression>
+
+#include <csignal>
+#include <cstring>
+
+#include "profilerresponses.h"
+
+namespace {
+
+int signalNumber(QString name)
+{
+    if (name.startsWith(QLatin1String("SIG")))
+        name = name.mid(3);
+    for (int number = 1; number < NSIG; ++number) {
+        const char* abbreviation = sigabbrev_np(number);
+        if (abbreviation && name == QLatin1String(abbreviation))
+            return number;
+    }
+    return name.toInt();
+}
+
+} // namespace
+
+void readExitStatus(const QVariantMap& values, int* exitCode, int* signal)
+{
+    *exitCode = values.value(QStringLiteral("exitCode"), 0).toInt();
+    *signal = values.value(QStringLiteral("signal"), 0).toInt();
+    // In words: "exited normally", "exited with code N" (octal where the
+    // debugger writes a leading 0), "killed by signal SIGX".
+    const QString status = values.value(QStringLiteral("status")).toString();
+    QRegularExpressionMatch match = QRegularExpression(QStringLiteral("exited with code (\\d+)")).match(status);
+    if (match.hasMatch()) {
+        const QString code = match.captured(1);
+        *exitCode = code.toInt(nullptr, code.startsWith(QLatin1Char('0')) ? 8 : 10);
+    }
+    match = QRegularExpression(QStringLiteral("(?:killed by signal|terminated with signal) (SIG\\w+|\\d+)")).match(status);
+    if (match.hasMatch())
+        *signal = signalNumber(match.captured(1));
+}
+
+HostConnection::HostConnection(QLocalSocket* socket, const ResponseFactoryPlugin* factory, QObject* parent)
+    : QObject(parent)
+    , mSocket(socket)
+    , mStream(socket, factory)
+{
+    socket->setParent(this);
+    connect(&mStream, &MessageStream::messageReady, this, &HostConnection::takeMessages);
+    connect(&mStream, &MessageStream::failed, this, [this](const QString& reason) {
+        mBroken = reason;
+        emit changed();
+    });
+    connect(socket, &QLocalSocket::disconnected, this, [this]() {
+        if (mBroken.isEmpty())
+            mBroken = QStringLiteral("the host closed the connection");
+        emit changed();
+    });
+    // Messages may already wait in the socket.
+    takeMessages();
+}
+
+HostConnection::~HostConnection() = default;
+
+int HostConnection::targetPid() const
+{
+    return mHelloValues.value(QString::fromLatin1(HelloKeys::TargetPid), 0).toInt();
+}
+
+int HostConnection::send(Command command)
+{
+    command.setUid(mNextUid++);
+    if (!mStream.send(Message::forCommand(command)) && mBroken.isEmpty())
+        mBroken = QStringLiteral("can't send %1: %2").arg(command.name, mSocket->errorString());
+    return command.getUid();
+}
+
+void HostConnection::flush()
+{
+    mStream.flush(5000);
+}
+
+QList<Sample> HostConnection::takeSamples()
+{
+    QList<Sample> samples;
+    for (const QList<Sample>& block : qAsConst(mBlocks))
+        samples += block;
+    mBlocks.clear();
+    return samples;
+}
+
+void HostConnection::takeMessages()
+{
+    while (mStream.hasMessage())
+        handle(mStream.takeMessage());
+    emit changed();
+}
+
+void HostConnection::handle(const Message& message)
+{
+    switch (message.kind) {
+    case Message::Hello:
+        mHello = true;
+        mHelloValues = message.values;
+        mRank = message.values.value(QString::fromLatin1(HelloKeys::Rank), 0).toInt();
+        mRankCount = message.values.value(QString::fromLatin1(HelloKeys::RankCount), 1).toInt();
+        break;
+    case Message::ResponseMessage:
+        if (auto block = std::dynamic_pointer_cast<SampleBlockResponse>(message.response)) {
+            // The block owns its samples; copies share their data.
+            QList<Sample>& samples = mBlocks[block->blockNumber()];
+            for (const Sample* sample : block->samples())
+                samples.append(*sample);
+        } else if (auto histograms = std::dynamic_pointer_cast<HistogramBlockResponse>(message.response)) {
+            mHistograms += histograms->histograms().size();
+        } else if (auto progress = std::dynamic_pointer_cast<ProfilerProgressResponse>(message.response)) {
+            switch (progress->status()) {
+            case ProfilerProgressResponse::RunOverTargetAlive:
+            case ProfilerProgressResponse::RunOverTargetGone:
+            case ProfilerProgressResponse::SamplesRead:
+                mRunOver = true;
+                break;
+            case ProfilerProgressResponse::AnalysisProgress:
+                mRunOver = true;
+                mAnalysisPercent = qBound(0, mAnalysisPercent + progress->progress(), 100);
+                break;
+            case ProfilerProgressResponse::AnalysisComplete:
+                mRunOver = true;
+                mAnalysisPercent = 100;
+                break;
+            }
+        }
+        break;
+    case Message::Reply:
+        mAnswers.insert(message.uid, message.response);
+        break;
+    case Message::ReplyException:
+        mFailures.insert(message.uid, message.exception ? message.exception->fullMessage() : QStringLiteral("failed"));
+        break;
+    case Message::ExceptionMessage:
+        if (message.exception)
+            fprintf(stderr, "zor: %s%s\n", mRankCount > 1 ? qPrintable(QStringLiteral("rank %1: ").arg(mRank)) : "",
+                    qPrintable(message.exception->fullMessage()));
+        break;
+    case Message::TargetExit:
+        mTargetEnded = true;
+        readExitStatus(message.values, &mExitCode, &mExitSignal);
+        break;
+    case Message::CommandMessage:
+    case Message::Cancel:
+        break;
+    }
+}
