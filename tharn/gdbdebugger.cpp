@@ -14,7 +14,6 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include "constants.h"
@@ -39,18 +38,12 @@ QString gdbSignalName(int number)
     return QString::fromLatin1(sigabbrev_np(number)).prepend(QStringLiteral("SIG"));
 }
 
-// An argument as gdb's own splitting of the argument string reads it.
+// An argument as the shell that starts the program reads it.
 QString argumentWord(const QString& argument)
 {
-    if (argument.isEmpty())
-        return QStringLiteral("''");
-    QString word;
-    for (const QChar c : argument) {
-        if (!c.isLetterOrNumber() && !QStringLiteral("_./-=,:+@%").contains(c))
-            word += QLatin1Char('\\');
-        word += c;
-    }
-    return word;
+    QString word = argument;
+    word.replace(QLatin1Char('\''), QLatin1String("'\\''"));
+    return QLatin1Char('\'') + word + QLatin1Char('\'');
 }
 
 QString stopEvent(const MiRecord& record, int pid)
@@ -104,8 +97,11 @@ GdbDebugger::GdbDebugger(const Options& options, QObject* parent)
 GdbDebugger::~GdbDebugger()
 {
     terminate();
-    if (mPtyMaster >= 0)
-        ::close(mPtyMaster);
+    closeChildEnds();
+    for (int fd : mOutput) {
+        if (fd >= 0)
+            ::close(fd);
+    }
 }
 
 void GdbDebugger::fail(int code, const QString& message)
@@ -143,28 +139,25 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
         }
     }
 
-    // The target's terminal: its output comes to the host, apart from gdb's.
-    mPtyMaster = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (mPtyMaster < 0 || grantpt(mPtyMaster) != 0 || unlockpt(mPtyMaster) != 0) {
-        *error = QStringLiteral("Can't open a terminal for the program: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-        return false;
-    }
-    mPtyName = QString::fromLocal8Bit(ptsname(mPtyMaster));
-    {
-        // Lines as the program wrote them, without carriage returns.
-        const int slave = ::open(ptsname(mPtyMaster), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        termios attributes;
-        if (slave >= 0 && tcgetattr(slave, &attributes) == 0) {
-            attributes.c_oflag &= ~OPOST;
-            attributes.c_lflag &= ~ECHO;
-            tcsetattr(slave, TCSANOW, &attributes);
+    // The program's own channels, apart from gdb's: pipes for its output
+    // and a copy of the host's input, left open across exec for gdb to hand
+    // down; this side of the pipes closes on exec.
+    for (int i = 0; i < 2; ++i) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) {
+            *error = QStringLiteral("Can't make a pipe for the program: %1").arg(QString::fromLocal8Bit(strerror(errno)));
+            return false;
         }
-        if (slave >= 0)
-            ::close(slave);
+        mOutput[i] = fds[0];
+        fcntl(mOutput[i], F_SETFL, fcntl(mOutput[i], F_GETFL) | O_NONBLOCK);
+        mChildEnds[i] = fds[1];
+        fcntl(mChildEnds[i], F_SETFD, 0);
+        mOutputNotifiers[i] = new QSocketNotifier(mOutput[i], QSocketNotifier::Read, this);
+        connect(mOutputNotifiers[i], &QSocketNotifier::activated, this, &GdbDebugger::readTargetOutput);
     }
-    fcntl(mPtyMaster, F_SETFL, fcntl(mPtyMaster, F_GETFL) | O_NONBLOCK);
-    mPtyNotifier = new QSocketNotifier(mPtyMaster, QSocketNotifier::Read, this);
-    connect(mPtyNotifier, &QSocketNotifier::activated, this, &GdbDebugger::readTargetOutput);
+    mChildEnds[2] = fcntl(0, F_DUPFD, 3);
+    if (mChildEnds[2] < 0)
+        mChildEnds[2] = ::open("/dev/null", O_RDONLY);
 
     if (!startGdb(error))
         return false;
@@ -174,16 +167,25 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
             words << argumentWord(argument);
         if (!words.isEmpty())
             commandOk(QStringLiteral("-exec-arguments ") + words.join(QLatin1Char(' ')));
+        // gdb starts the program through a shell that runs the wrapper; the
+        // wrapper gives the program its channels and, at its exec alone, the
+        // preloaded libraries.
+        QString wrapper = QStringLiteral("/bin/sh -c '");
         if (!mOptions.preload.isEmpty()) {
             QStringList preload = mOptions.preload;
             const QString inherited = QProcessEnvironment::systemEnvironment().value(QStringLiteral("LD_PRELOAD"));
             if (!inherited.isEmpty())
                 preload << inherited;
-            // For the program alone: gdb runs it without a shell in between.
-            commandOk(QStringLiteral("-gdb-set environment LD_PRELOAD=") + preload.join(QLatin1Char(':')));
+            wrapper += QStringLiteral("LD_PRELOAD=\"%1\" ").arg(preload.join(QLatin1Char(':')));
         }
-        commandOk(QStringLiteral("-inferior-tty-set ") + miQuote(mPtyName));
+        // By path: a plain sh names no descriptor above 9 in a redirection.
+        wrapper += QStringLiteral("exec \"$0\" \"$@\" </dev/fd/%1 >/dev/fd/%2 2>/dev/fd/%3'")
+                       .arg(mChildEnds[2])
+                       .arg(mChildEnds[0])
+                       .arg(mChildEnds[1]);
+        commandOk(QStringLiteral("-interpreter-exec console ") + miQuote(QStringLiteral("set exec-wrapper ") + wrapper));
         Answer run = command(QStringLiteral("-exec-run --start"));
+        closeChildEnds();
         if (run.result.className == QLatin1String("error")) {
             *error = QStringLiteral("Can't start %1: %2").arg(mProgram[0], run.result.results.str(QStringLiteral("msg")));
             return false;
@@ -231,7 +233,7 @@ bool GdbDebugger::startGdb(QString* error)
     try {
         for (const char* setting :
              {"confirm off", "pagination off", "width 0", "height 0", "print elements 0", "print repeats 0",
-              "startup-with-shell off", "unwindonsignal on", "debuginfod enabled off", "breakpoint pending off"})
+              "unwindonsignal on", "debuginfod enabled off", "breakpoint pending off"})
             command(QStringLiteral("-gdb-set ") + QLatin1String(setting));
         for (const QString& name : {gdbSignalName(samplerSignal()), QStringLiteral("SIGPROF")})
             commandOk(QStringLiteral("-interpreter-exec console ")
@@ -418,23 +420,41 @@ void GdbDebugger::noteTargetGone(const QString& status)
 
 void GdbDebugger::readTargetOutput()
 {
-    if (mPtyMaster < 0)
-        return;
     char buffer[65536];
-    for (;;) {
-        const ssize_t n = ::read(mPtyMaster, buffer, sizeof buffer);
-        if (n <= 0)
-            break;
-        if (mOptions.echoFd >= 0) {
-            ssize_t done = 0;
-            while (done < n) {
-                const ssize_t w = ::write(mOptions.echoFd, buffer + done, size_t(n - done));
-                if (w <= 0 && errno != EINTR)
-                    break;
-                done += std::max<ssize_t>(w, 0);
+    for (int i = 0; i < 2; ++i) {
+        if (mOutput[i] < 0)
+            continue;
+        for (;;) {
+            const ssize_t n = ::read(mOutput[i], buffer, sizeof buffer);
+            if (n == 0) {
+                // Every writer is gone.
+                delete mOutputNotifiers[i];
+                mOutputNotifiers[i] = nullptr;
+                ::close(mOutput[i]);
+                mOutput[i] = -1;
             }
+            if (n <= 0)
+                break;
+            const int echo = mOptions.echoFds[i];
+            for (ssize_t done = 0; echo >= 0 && done < n;) {
+                const ssize_t w = ::write(echo, buffer + done, size_t(n - done));
+                if (w < 0 && errno == EINTR)
+                    continue;
+                if (w <= 0)
+                    break;
+                done += w;
+            }
+            targetPrinted(QString::fromLocal8Bit(buffer, int(n)));
         }
-        targetPrinted(QString::fromLocal8Bit(buffer, int(n)));
+    }
+}
+
+void GdbDebugger::closeChildEnds()
+{
+    for (int& fd : mChildEnds) {
+        if (fd >= 0)
+            ::close(fd);
+        fd = -1;
     }
 }
 

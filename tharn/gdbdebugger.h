@@ -2,9 +2,10 @@
 // and calls into it, and the symbol table (libdwfl, Capstone) for positions
 // and disassembly, which need no round trip to gdb.
 //
-// The target runs on a pseudo-terminal of the host, whose output the host
-// copies to its own standard output; gdb's output stays apart from it. The
-// sampler is preloaded into the target alone, never into gdb. While the
+// The target writes to pipes of the host, which copies what comes to its own
+// standard output and error, so that gdb's output stays apart from it; it
+// reads the host's standard input. A wrapper shell gives it those and
+// preloads the sampler into it alone, never into gdb or the shell. While the
 // debugger is detached, a pidfd tells when the target ends.
 #ifndef ZOR_GDBDEBUGGER_H
 #define ZOR_GDBDEBUGGER_H
@@ -41,9 +42,9 @@ public:
         QStringList preload;
         // Longest wait for one answer of gdb.
         int timeoutMs = 120000;
-        // Where the target's output goes besides the target output that is
-        // collected; -1 for nowhere.
-        int echoFd = 1;
+        // Where the target's standard output and error go besides the
+        // output that is collected; -1 for nowhere.
+        int echoFds[2] = {1, 2};
     };
 
     explicit GdbDebugger(const Options& options, QObject* parent = nullptr);
@@ -99,6 +100,7 @@ protected:
 
 private slots:
     void readTargetOutput();
+    void closeChildEnds();
     void pidfdReadable();
 
 private:
@@ -138,9 +140,13 @@ private:
     bool mDetached = false;
     QString mExitStatus;
     QString mBoundaryIp;
-    int mPtyMaster = -1;
-    QString mPtyName;
-    QSocketNotifier* mPtyNotifier = nullptr;
+    // The program's output, and its input, through descriptors that gdb
+    // hands down to it: [0] standard output, [1] standard error, read here.
+    int mOutput[2] = {-1, -1};
+    QSocketNotifier* mOutputNotifiers[2] = {nullptr, nullptr};
+    // The ends that the program writes, and its standard input, until gdb
+    // has them.
+    int mChildEnds[3] = {-1, -1, -1};
     int mPidfd = -1;
     QSocketNotifier* mPidfdNotifier = nullptr;
     QStringList mDispositionCommands;

@@ -139,7 +139,7 @@ TEST(GdbDebugger, DrivesARealProgram)
         GTEST_SKIP() << problem.toStdString();
     GdbDebugger::Options options;
     options.preload << QStringLiteral(ZOR_SAMPLER_LIBRARY);
-    options.echoFd = -1;
+    options.echoFds[0] = options.echoFds[1] = -1;
     options.timeoutMs = 60000;
     GdbDebugger debugger(options);
     QString error;
@@ -256,7 +256,7 @@ TEST(GdbDebugger, RestartKeepsTheProgramAndEndsItOnTerminate)
         GTEST_SKIP() << problem.toStdString();
     GdbDebugger::Options options;
     options.preload << QStringLiteral(ZOR_SAMPLER_LIBRARY);
-    options.echoFd = -1;
+    options.echoFds[0] = options.echoFds[1] = -1;
     GdbDebugger debugger(options);
     QString error;
     ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
