@@ -433,7 +433,11 @@ void ProfileRun::abortHosts()
 {
     if (mLauncher.state() == QProcess::NotRunning)
         return;
-    // The program and its debugger go with the hosts.
+    // Asked to end, a host ends the program and its debugger and removes
+    // the run's files; whatever is left after a while is killed.
+    mLauncher.terminate();
+    if (mLauncher.waitForFinished(10000))
+        return;
     for (HostConnection* host : qAsConst(mHosts)) {
         for (const char* key : { HelloKeys::TargetPid, HelloKeys::DebuggerPid }) {
             const int pid = host->hello().value(QString::fromLatin1(key), 0).toInt();
