@@ -56,3 +56,5 @@ const char* const METRIC_MAX_CUDA_KERNEL_DURATION = "max_cuda_kernel_duration";
 const char* const METRIC_MEAN_CUDA_KERNEL_DURATION = "mean_cuda_kernel_duration";
 const char* const METRIC_MIN_CUDA_KERNEL_SAMPLING_PERIOD = "min_cuda_kernel_sampling_period";
 const char* const METRIC_MAX_CUDA_KERNEL_SAMPLING_PERIOD = "max_cuda_kernel_sampling_period";
+const char* const ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION = "<unknown>";
+const char* const ZOR_FUNCTION_NAME_FOR_PARTIAL_TRACE = "[partial trace]";

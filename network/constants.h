@@ -69,4 +69,8 @@ extern const char* const METRIC_MEAN_CUDA_KERNEL_DURATION;
 extern const char* const METRIC_MIN_CUDA_KERNEL_SAMPLING_PERIOD;
 extern const char* const METRIC_MAX_CUDA_KERNEL_SAMPLING_PERIOD;
 
+// Names of frames that stand for no function of the program.
+extern const char* const ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION;
+extern const char* const ZOR_FUNCTION_NAME_FOR_PARTIAL_TRACE;
+
 #endif

@@ -13,6 +13,7 @@ PACKAGES="
   libgtest-dev libgmock-dev libbenchmark-dev
   gdb libdw-dev libelf-dev libcapstone-dev libunwind-dev
   libopenmpi-dev openmpi-bin
+  libomp-dev
 "
 missing=""
 for p in $PACKAGES; do
