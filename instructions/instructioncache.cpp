@@ -34,12 +34,6 @@ bool isJump(const QString& mnemonic)
 
 } // namespace
 
-QString Instruction::toString(unsigned long long address) const
-{
-    return QString::asprintf("%c%p %s %s", symbolStart ? '*' : ' ', reinterpret_cast<void*>(address),
-                             mnemonic.toUtf8().constData(), operands.toUtf8().constData());
-}
-
 QString InstructionCache::CachedInstruction::toString(unsigned long long address) const
 {
     if (previousAddress == 0)

@@ -9,6 +9,7 @@
 #include "exception.h"
 #include "instructioncategories.h"
 #include "managedsamplelist.h"
+#include "preloadsamplesource.h"
 #include "profilerresponses.h"
 #include "resample.h"
 #include "sample.h"
@@ -19,16 +20,18 @@
 
 namespace {
 
-// Until the sampler's own source is part of the plug-in, a run without a
-// factory from outside can't start; it says so as the command's answer.
-ProfilerSampleSource* missingSource(TharnInterface&, const SampleSourceSettings&)
+// The product's source: the sampler preloaded into the target, armed
+// through the debugger.
+ProfilerSampleSource* preloadSource(TharnInterface& host, const SampleSourceSettings& settings)
 {
-    throw new Exception(20008, QCoreApplication::translate("QObject", "This build of ZOR has no sampler source."));
+    return new PreloadSampleSource(host, settings.numSamples, settings.initialInterval, settings.metrics,
+                                   settings.timestamp, settings.startOffset, settings.stopOffset,
+                                   settings.cudaEnabled, settings.enableCudaPcSampling, settings.notSelected);
 }
 
 Profiler::SampleSourceFactory& sourceFactory()
 {
-    static Profiler::SampleSourceFactory factory = &missingSource;
+    static Profiler::SampleSourceFactory factory = &preloadSource;
     return factory;
 }
 
@@ -61,7 +64,7 @@ unsigned int uintAttribute(const Command& command, const char* key)
 
 void Profiler::setSampleSourceFactory(const SampleSourceFactory& factory)
 {
-    sourceFactory() = factory ? factory : SampleSourceFactory(&missingSource);
+    sourceFactory() = factory ? factory : SampleSourceFactory(&preloadSource);
 }
 
 Profiler::Profiler(Command&, TharnInterface& tharn, ZORProfiler& owner)

@@ -2,17 +2,69 @@
 #ifndef ZOR_TESTS_SCRIPTEDDEBUGGER_H
 #define ZOR_TESTS_SCRIPTEDDEBUGGER_H
 
+#include <QMap>
 #include <QStringList>
+#include <functional>
 
 #include "command.h"
+#include "constants.h"
 #include "debugger.h"
 #include "language.h"
 
 class ScriptedDebugger : public Debugger
 {
 public:
+    // Every operation asked, in order, as "operation" or "operation:argument"
+    // (see each operation below), language and status queries excepted.
+    QStringList calls;
+    // Called with the entry of `calls` before each operation answers: may
+    // throw, or change the script (say, to make the target die).
+    std::function<void(const QString& call)> onCall;
+
+    // Commands of the generic operation, of detach and of reattach, by name.
+    QStringList commands;
+    bool detachResponse = false;
+    int state = StatusResponse::TargetStopped;
+    int statusQueries = 0;
+    LanguageTag language = LanguageAuto;
+    int languageQueries = 0;
+    // Every CMD_SET_LANGUAGE, in order.
+    QList<Command> languageCommands;
+
+    // Answers of evaluateExpression by expression; others give "".
+    QMap<QString, QString> expressions;
+    // What the target prints while an expression runs, by expression.
+    QMap<QString, QString> printed;
+    // getAddressValue by expression; others give 0.
+    QMap<QString, unsigned long long> addresses;
+    // readTargetString by variable; others give the default.
+    QMap<QString, QString> targetStrings;
+    // setTargetVariable, in order, as "name=value".
+    QStringList assignments;
+    QList<ThreadResponse> threads;
+    int activeThread = 0;
+    // Debugger ids selected through SetThreadCommand.
+    QList<int> selectedThreads;
+    // setSignalDisposition, in order, as "SIGNAL=disposition".
+    QStringList dispositions;
+    QString boundaryIp = QStringLiteral("0x401000");
+    QString mainFunction = QStringLiteral("main");
+    QList<SharedLibrary> libraries;
+    QList<SharedLibrary> keptLibraries;
+    // demangleName by name; others come back unchanged.
+    QMap<QString, QString> demangled;
+    // positionOfAddress by address; others are a position without a symbol.
+    QMap<unsigned long long, PositionResponse> positions;
+    // Inlined callers by address, innermost first.
+    QMap<unsigned long long, QList<PositionResponse>> inlinedCallers;
+    // positionOfFunction by name; others give null.
+    QMap<QString, PositionResponse> functions;
+    // The target's code, for disassembleRange.
+    QMap<unsigned long long, Instruction> code;
+
     Response* handleCommand(Command& command) override
     {
+        record(QStringLiteral("command:") + command.name);
         commands.append(command.name);
         return detachResponse ? new StatusResponse(StatusResponse::Detached) : nullptr;
     }
@@ -20,6 +72,114 @@ public:
     {
         ++statusQueries;
         return StatusResponse(state);
+    }
+    ThreadsResponse* handleGetThreads(Command& command, int) override
+    {
+        record(QStringLiteral("getThreads"));
+        commands.append(command.name);
+        return new ThreadsResponse(threads, activeThread);
+    }
+    void handleSetThread(Command& command) override
+    {
+        const int id = SetThreadCommand(0).name == command.name
+            ? command.getValue(QStringLiteral("thread"), -1).toInt()
+            : -1;
+        record(QStringLiteral("setThread:%1").arg(id));
+        selectedThreads.append(id);
+    }
+    Response* handleDetach(Command& command) override
+    {
+        record(QStringLiteral("detach"));
+        commands.append(command.name);
+        if (state == StatusResponse::TargetStopped)
+            state = StatusResponse::Detached;
+        return detachResponse ? new StatusResponse(StatusResponse::Detached) : nullptr;
+    }
+    void setTargetVariable(const QString& name, const QString& value) override
+    {
+        record(QStringLiteral("set:%1=%2").arg(name, value));
+        assignments.append(name + QLatin1Char('=') + value);
+    }
+    QString readTargetString(const QString& name, const QString& defaultValue, int) override
+    {
+        record(QStringLiteral("read:") + name);
+        return targetStrings.value(name, defaultValue);
+    }
+    QString evaluateExpression(const QString& expression) override
+    {
+        record(QStringLiteral("evaluate:") + expression);
+        targetPrinted(printed.value(expression));
+        return expressions.value(expression);
+    }
+    QString mainFrameBoundaryIp() override
+    {
+        record(QStringLiteral("boundaryIp"));
+        return boundaryIp;
+    }
+    QString mainFunctionName() override
+    {
+        record(QStringLiteral("mainFunctionName"));
+        return mainFunction;
+    }
+    Response* handleReattach(Command& command) override
+    {
+        record(QStringLiteral("reattach"));
+        commands.append(command.name);
+        if (state == StatusResponse::Detached)
+            state = StatusResponse::TargetStopped;
+        return detachResponse ? new StatusResponse(state) : nullptr;
+    }
+    void setSignalDisposition(const QString& name, const QString& disposition) override
+    {
+        record(QStringLiteral("disposition:%1=%2").arg(name, disposition));
+        dispositions.append(name + QLatin1Char('=') + disposition);
+    }
+    QList<SharedLibrary> sharedLibraries() override
+    {
+        record(QStringLiteral("sharedLibraries"));
+        return libraries;
+    }
+    void keepSharedLibraries(QList<SharedLibrary>& list) override
+    {
+        record(QStringLiteral("keepSharedLibraries"));
+        keptLibraries = list;
+    }
+    QString demangleName(const QString& name) override
+    {
+        record(QStringLiteral("demangle:") + name);
+        return demangled.value(name, name);
+    }
+    void prepareTarget() override { record(QStringLiteral("prepareTarget")); }
+    PositionResponse* positionOfAddress(unsigned long long address, int, QList<PositionResponse*>* inlined) override
+    {
+        record(QStringLiteral("positionOfAddress:0x") + QString::number(address, 16));
+        for (const PositionResponse& caller : inlinedCallers.value(address))
+            inlined->append(new PositionResponse(caller));
+        return new PositionResponse(positions.value(address));
+    }
+    PositionResponse* positionOfFunction(const QString& name) override
+    {
+        record(QStringLiteral("positionOfFunction:") + name);
+        return functions.contains(name) ? new PositionResponse(functions.value(name)) : nullptr;
+    }
+    // The instructions of `code` from `start` on: up to `start + length`, or
+    // with a length of 0 up to the next symbol start.
+    QMap<unsigned long long, Instruction> disassembleRange(unsigned long long start, long long length,
+                                                           unsigned long long* end) override
+    {
+        record(QStringLiteral("disassemble:0x%1+%2").arg(start, 0, 16).arg(length));
+        QMap<unsigned long long, Instruction> result;
+        auto it = code.lowerBound(start);
+        for (; it != code.end(); ++it) {
+            if (length > 0 && it.key() >= start + static_cast<unsigned long long>(length))
+                break;
+            if (length == 0 && it.key() != start && it.value().symbolStart)
+                break;
+            result.insert(it.key(), it.value());
+        }
+        if (!result.isEmpty())
+            *end = (it == code.end() ? result.lastKey() + 1 : it.key());
+        return result;
     }
     LanguageTag currentLanguage() override
     {
@@ -37,14 +197,31 @@ public:
             language = tag;
     }
 
-    int state = StatusResponse::TargetStopped;
-    bool detachResponse = false;
-    int statusQueries = 0;
-    QStringList commands;
-    LanguageTag language = LanguageAuto;
-    int languageQueries = 0;
-    // Every CMD_SET_LANGUAGE, in order.
-    QList<Command> languageCommands;
+    // The calls that start with `prefix`, in order.
+    QStringList callsStartingWith(const QString& prefix) const
+    {
+        QStringList result;
+        for (const QString& call : calls) {
+            if (call.startsWith(prefix))
+                result.append(call);
+        }
+        return result;
+    }
+
+protected:
+    unsigned long long addressValue(const QString& expression) override
+    {
+        record(QStringLiteral("address:") + expression);
+        return addresses.value(expression, 0);
+    }
+
+private:
+    void record(const QString& call)
+    {
+        calls.append(call);
+        if (onCall)
+            onCall(call);
+    }
 };
 
 #endif

@@ -1,0 +1,312 @@
+// The sample source of a run with the sampler library preloaded into the
+// target: it arms the sampler through the debugger, lets the target run,
+// waits for the run to end, reads the sampler's data file and turns the raw
+// samples into analysed ones.
+//
+// The run's control (start, stop, reading, metrics and side files) lives in
+// preloadsamplesource.cpp; the analysis of the raw samples (addresses,
+// trees, sample building, thread classes, unwind errors, GPU trees) in
+// files of its own beside it.
+#ifndef ZOR_PRELOADSAMPLESOURCE_H
+#define ZOR_PRELOADSAMPLESOURCE_H
+
+#include <QHash>
+#include <QList>
+#include <QMap>
+#include <QMutex>
+#include <QObject>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <ctime>
+#include <memory>
+#include <vector>
+
+#include "category.h"
+#include "debuggertypes.h"
+#include "disassembler.h"
+#include "gpuprofilerglobaldata.h"
+#include "instructioncache.h"
+#include "instructionquery.h"
+#include "metric.h"
+#include "mpicallmetrics.h"
+#include "position.h"
+#include "qorderedset.h"
+#include "samplesource.h"
+#include "samplevalue.h"
+#include "scallsite.h"
+#include "selfprofilepoints.h"
+#include "ssimplebacktrace.h"
+
+class Debugger;
+class GpuProfilePSVModelItem;
+class PidFile;
+class PSVModelItem;
+class ProfilerPlayResponse;
+class Sample;
+class SampleList;
+class TharnInterface;
+class ZORPSVModelItem;
+namespace quorvex {
+class SBacktrace;
+class SSample;
+class SSampleList;
+}
+
+typedef unsigned long long Address;
+
+// The instruction cache's view of the target's code, through the debugger.
+class DebuggerDisassembler : public Disassembler
+{
+public:
+    DebuggerDisassembler(Debugger* debugger, int rank) : mDebugger(debugger), mRank(rank) {}
+
+    QMap<unsigned long long, Instruction> disassemble(unsigned long long start, long long length,
+                                                      unsigned long long* end) override;
+    int id() override { return mRank; }
+    Position position(unsigned long long address) override;
+
+private:
+    Debugger* mDebugger;
+    int mRank;
+};
+
+// Waits for the node's analysis lock without blocking the host: retries
+// after random delays that double in range each time.
+class MyPidFileWaiter : public QObject
+{
+    Q_OBJECT
+
+public:
+    MyPidFileWaiter(PidFile* lock, int mask) : mLock(lock), mMask(mask) {}
+
+    int mask() const { return mMask; }
+    // Arms the timer of the next try and widens the range of the delay.
+    void scheduleRetry();
+
+signals:
+    void locked();
+
+public slots:
+    void checkOrBackoff();
+
+private:
+    PidFile* mLock;
+    int mMask;
+};
+
+class PreloadSampleSource : public ProfilerSampleSource
+{
+    Q_OBJECT
+
+public:
+    enum AnalysisPhase {
+        DisassembleLeafAddresses = 0,
+        DecodeLeafAddresses = 1,
+        DecodeReturnAddresses = 2,
+        BuildSampleTrunks = 3
+    };
+    enum AllowPositionLookup { PositionLookupAllowed = 0, PositionLookupForbidden = 1 };
+
+    // Removes its file once, at the latest when it goes out of scope.
+    struct AutoFileRemove
+    {
+        explicit AutoFileRemove(const QString& path = QString()) : path(path), removed(false) {}
+        AutoFileRemove(const AutoFileRemove&) = delete;
+        AutoFileRemove& operator=(const AutoFileRemove&) = delete;
+        ~AutoFileRemove() { remove(); }
+        void remove();
+
+        QString path;
+        bool removed;
+    };
+
+    // The samples that one unwinding status hit, with some of their traces.
+    struct UnwindError
+    {
+        UnwindError() : count(0) {}
+        int count;
+        QList<quorvex::SSimpleBacktrace> backtraces;
+    };
+
+    // Arms the sampler in the stopped target; throws Exception* with words
+    // for the user when it can't.
+    PreloadSampleSource(TharnInterface& host, int numSamples, int initialInterval, const MetricDefinitions& metrics,
+                        unsigned int timestamp, unsigned int startOffset, unsigned int stopOffset, bool cudaEnabled,
+                        bool enableCudaPcSampling, bool notSelected);
+    ~PreloadSampleSource() override;
+
+    // SampleSource.
+    bool readSamples(SampleList& list) override;
+    int sampleInterval() const override { return 0; }
+    long long duration() override { return mRunDurationMs; }
+    bool hasWrappedMpiCalls() override { return mHasWrappedMpiCalls; }
+    void provideMetrics(ProfilerPlayResponse& response) override;
+    void provideGpuProfilingInfo(ProfilerPlayResponse& response) override;
+    bool interrupted() const override;
+
+    // What the profiler asks at the end of a run.
+    void enableLineMetrics(bool enable) override { mLineMetricsEnabled = enable; }
+    void readMpiCallMetrics(MpiCallMetrics& metrics) override;
+    void readMetricErrors(MetricErrorMap& errors) override;
+    SelfProfilePoints selfProfile() const override;
+    bool isMPIThreadMultiple() const override { return mMpiThreadMultiple; }
+    bool hasOmpRegions() const override { return mHasOmpRegions; }
+    QSet<Category::OmpCompiler::Enum> ompRuntimes() const override { return mOmpRuntimes; }
+
+    // Start of sampling.
+    bool isFirstOnNode();
+    void constructSystemSharedLibrariesList(const QList<SharedLibrary>& libraries);
+    bool isAddressInLibraries(unsigned long long address, QMap<unsigned long long, unsigned long long> libraries);
+    bool isAddressFromSystemSharedLibrary(unsigned long long address);
+    bool isAddressFromCUDALibrary(unsigned long long address, const QString& functionName);
+
+    // Progress of the analysis, `fraction` of the phase done.
+    void reportAnalysisProcessing(AnalysisPhase phase, double fraction);
+
+    // The analysis of a run, in the order in which it happens.
+    void populateSampleList(SampleList& samples, quorvex::SSampleList* raw,
+                            const QMap<int, quorvex::SCallSite>& callSites);
+
+    // Addresses to source positions.
+    Position decodeAddress(Address address, AllowPositionLookup lookup);
+    void precacheLineAndInstructionInfo(const quorvex::SSampleList* samples,
+                                        const QMap<int, quorvex::SCallSite>& callSites);
+    void disassembleAndDecodeLeafAddresses();
+    unsigned int findRootFramesOfThread(const std::vector<unsigned long>& trace, bool& found);
+
+    // Backtraces to trees.
+    ZORPSVModelItem* createPSVModelForBacktrace(const quorvex::SBacktrace& backtrace, bool partialTrace,
+                                                unsigned int rootFramesToSkip, QString* instruction,
+                                                bool* accelerator);
+    void addLeafNode(Address address, ZORPSVModelItem*& parent, InstructionQuery& query, bool& fromCuda);
+    void addInlineCallerFrames(Address address, ZORPSVModelItem*& parent);
+    ZORPSVModelItem* getOrCreatePSVModelItem(const Position& position, ZORPSVModelItem* parent);
+    bool replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query);
+
+    // Raw samples to analysed ones.
+    Sample* createSample(const quorvex::SSample& raw, timespec start, const QMap<int, quorvex::SCallSite>& callSites,
+                         const quorvex::SSample* previous);
+    void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample);
+    bool cpuInstructionMetricsSupported(const MetricDefinitions& definitions);
+
+    // Classes of threads.
+    bool isTidClassified(int tid) const;
+    void classifyNonMainTid(int tid, const ZORPSVModelItem* item);
+    void identifyMonitorThreads();
+    void prependClassificationFramesToSampleBacktraces(SampleList& samples);
+
+    // Unwinding failures.
+    void printUnwindErrors();
+    QString backtraceToString(const quorvex::SSimpleBacktrace& backtrace);
+
+    // GPU trees.
+    GpuProfilePSVModelItem* createGpuPsvModel(const quorvex::SSample& sample);
+    int convertGpuProfilerStallReason(int reason) const;
+
+    // Files of the run, for whoever needs to know (the host's diagnostics,
+    // tests).
+    QString sampleFile() const { return mSampleFile; }
+    QString runningFile() const { return mRunningFile; }
+    QString errorMessagesFile() const { return mErrorMessagesFile; }
+    QString mpiFile() const { return mMpiFile; }
+    QString gpuFile() const { return mGpuFile; }
+    unsigned int numRawSamples() const { return mNumSamples; }
+
+signals:
+    void stopping();
+
+public slots:
+    void stop() override;
+    void terminate() override;
+    void checkIfTargetWantsToStop(const QString& path);
+
+private:
+    void lookForMpiWrapper();
+    void watchAndWaitForStop();
+    void takeAnalysisLock(PidFile& lock);
+    void keepSamplesFiles(const QString& destination);
+
+    TharnInterface& mTharn;
+    Debugger* mDebugger;
+    QString mSampleFile;
+    QString mRunningFile;
+    QString mErrorMessagesFile;
+    QString mMpiFile;
+    QString mGpuFile;
+    QString mOmpNumThreads;
+    std::unique_ptr<DebuggerDisassembler> mDisassembler;
+    InstructionCache mInstructionCache;
+    bool mHasWrappedMpiCalls;
+    unsigned long mMissingBacktraceSamples;
+    unsigned long mAverageSampleIntervalNs;
+    QString mMainFunctionName;
+    long long mRunDurationMs;
+    bool mTargetWantsToStop;
+    bool mDetaching;
+    bool mStopStarted;
+    QMutex mStopMutex;
+    QMap<int, UnwindError> mUnwindErrors;
+    unsigned int mNumSamples;
+    unsigned int mStopReason;
+    unsigned long mNumPhdrCacheRebuilds;
+    unsigned long mNumPhdrCacheChecks;
+    unsigned long mNumDownsamples;
+    unsigned long mNumSamplesSkippedWhileSuspended;
+    unsigned long mNumSamplesTakenWhileResuming;
+    unsigned long mNumSamplesTakenInTotal;
+    timespec mStartTime;
+    unsigned long mCharsRead;
+    unsigned long mCharsWritten;
+    unsigned long mLustreCharsRead;
+    unsigned long mLustreCharsWritten;
+    MetricDefinitions mMetricDefinitions;
+    QMap<QString, SampleValue> mCustomMetrics;
+    unsigned int mTimestamp;
+    bool mDebugAddresses;
+    bool mUseGpuLatencyStalls;
+    bool mLineMetricsEnabled;
+    QHash<unsigned long long, Position> mPositionCache;
+    QOrderedSet<unsigned long long> mLeafAddresses;
+    QHash<unsigned long long, QList<Position>> mInlineFrames;
+    QSet<unsigned long long> mJumpTargetLeafs;
+    int mRank;
+    int mTargetPid;
+    unsigned int mFirstSpareWord;
+    unsigned int mSecondSpareWord;
+    QString mHostname;
+    QMap<unsigned long long, unsigned long long> mSystemLibraries;
+    QMap<unsigned long long, unsigned long long> mCudaLibraries;
+    QList<SharedLibrary> mSharedLibraries;
+    AutoFileRemove mSampleFileRemove;
+    AutoFileRemove mRunningFileRemove;
+    AutoFileRemove mErrorMessagesFileRemove;
+    AutoFileRemove mMpiFileRemove;
+    AutoFileRemove mGpuFileRemove;
+    QStringList mSamplerTemporaryFiles;
+    QSet<int> mAcceleratorTids;
+    QSet<int> mMainTids;
+    QSet<int> mMpiTids;
+    QSet<int> mOmpTids;
+    QSet<int> mRegionTids;
+    QSet<int> mMonitorTids;
+    QMap<int, int> mSleepingCounts;
+    QMap<int, int> mAwakeCounts;
+    unsigned long mMaxBacktracesPerSample;
+    int mMainThreadUid;
+    bool mCudaPcSampling;
+    bool mMpiThreadMultiple;
+    bool mCudaProfilingEnabled;
+    bool mHasOmpRegions;
+    GpuProfilerGlobalData mGpuData;
+    bool mIgnoreSamples;
+    QSet<Category::OmpCompiler::Enum> mOmpRuntimes;
+    SelfProfilePoints mSelfProfilePoints;
+    int mReportedProgress;
+};
+
+// Lowers the priority of this process and of its children to the least, so
+// that the back-end and its debugger stay out of the target's way.
+void reduceSelfAndChildrenPriority();
+
+#endif
