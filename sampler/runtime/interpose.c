@@ -14,6 +14,7 @@
  * - _exit and _Exit, which write the results first, as exit does.
  * Calls made inside the C library itself don't pass through here. */
 #define _GNU_SOURCE
+#include "clock.h"
 #include "runtime.h"
 
 #include <dlfcn.h>
@@ -74,51 +75,10 @@ static int only_ours_ran(handler_counts before)
     return zs_target_signal_count == before.theirs && zs_our_signal_count != before.ours;
 }
 
-static struct timespec monotonic_now(void)
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now;
-}
-
-static struct timespec deadline_after(const struct timespec* timeout)
-{
-    struct timespec deadline = monotonic_now();
-    deadline.tv_sec += timeout->tv_sec;
-    deadline.tv_nsec += timeout->tv_nsec;
-    if (deadline.tv_nsec >= 1000000000L) {
-        deadline.tv_sec += 1;
-        deadline.tv_nsec -= 1000000000L;
-    }
-    return deadline;
-}
-
-/* Time left until `deadline`, never negative. */
-static struct timespec time_left(struct timespec deadline)
-{
-    struct timespec now = monotonic_now();
-    struct timespec left = {deadline.tv_sec - now.tv_sec, deadline.tv_nsec - now.tv_nsec};
-    if (left.tv_nsec < 0) {
-        left.tv_sec -= 1;
-        left.tv_nsec += 1000000000L;
-    }
-    if (left.tv_sec < 0) {
-        left.tv_sec = 0;
-        left.tv_nsec = 0;
-    }
-    return left;
-}
-
-static struct timespec ms_to_timespec(int ms)
-{
-    struct timespec ts = {ms / 1000, (long)(ms % 1000) * 1000000L};
-    return ts;
-}
-
 /* Milliseconds left, rounded up so that a wait never ends early. */
 static int ms_left(struct timespec deadline)
 {
-    struct timespec left = time_left(deadline);
+    struct timespec left = zs_time_left(deadline);
     long long ms = (long long)left.tv_sec * 1000 + (left.tv_nsec + 999999) / 1000000;
     return ms > 0x7fffffff ? 0x7fffffff : (int)ms;
 }
@@ -130,7 +90,7 @@ static const struct timespec* remaining(const struct timespec* timeout, struct t
 {
     if (!timeout)
         return NULL;
-    *left = time_left(deadline);
+    *left = zs_time_left(deadline);
     return left;
 }
 
@@ -318,12 +278,12 @@ ZS_EXPORT int sigsuspend(const sigset_t* mask)
 ZS_EXPORT int sigtimedwait(const sigset_t* set, siginfo_t* info, const struct timespec* timeout)
 {
     ZS_REAL(sigtimedwait);
-    const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
+    const struct timespec deadline = timeout ? zs_deadline_after(*timeout) : zs_now(CLOCK_MONOTONIC);
     for (;;) {
         siginfo_t got;
         struct timespec left;
         if (timeout)
-            left = time_left(deadline);
+            left = zs_time_left(deadline);
         const handler_counts before = count_handlers();
         const int saved_errno = errno;
         const int result = real_sigtimedwait(set, &got, timeout ? &left : NULL);
@@ -364,8 +324,7 @@ ZS_EXPORT int sigwait(const sigset_t* set, int* sig)
 ZS_EXPORT int poll(struct pollfd* fds, nfds_t n, int timeout)
 {
     ZS_REAL(poll);
-    const struct timespec span = ms_to_timespec(timeout > 0 ? timeout : 0);
-    const struct timespec deadline = deadline_after(&span);
+    const struct timespec deadline = zs_deadline_after(zs_from_ms(timeout > 0 ? timeout : 0));
     int wait = timeout;
     ZS_RETRY_WHILE_OURS(int, real_poll(fds, n, wait), if (timeout > 0) wait = ms_left(deadline))
 }
@@ -373,7 +332,7 @@ ZS_EXPORT int poll(struct pollfd* fds, nfds_t n, int timeout)
 ZS_EXPORT int ppoll(struct pollfd* fds, nfds_t n, const struct timespec* timeout, const sigset_t* mask)
 {
     ZS_REAL(ppoll);
-    const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
+    const struct timespec deadline = timeout ? zs_deadline_after(*timeout) : zs_now(CLOCK_MONOTONIC);
     struct timespec left;
     ZS_RETRY_WHILE_OURS(int, real_ppoll(fds, n, remaining(timeout, deadline, &left), mask), (void)0)
 }
@@ -390,7 +349,7 @@ ZS_EXPORT int pselect(int n, fd_set* readfds, fd_set* writefds, fd_set* exceptfd
                       const sigset_t* mask)
 {
     ZS_REAL(pselect);
-    const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
+    const struct timespec deadline = timeout ? zs_deadline_after(*timeout) : zs_now(CLOCK_MONOTONIC);
     struct timespec left;
     ZS_RETRY_WHILE_OURS(int, real_pselect(n, readfds, writefds, exceptfds, remaining(timeout, deadline, &left), mask),
                         (void)0)
@@ -399,8 +358,7 @@ ZS_EXPORT int pselect(int n, fd_set* readfds, fd_set* writefds, fd_set* exceptfd
 ZS_EXPORT int epoll_wait(int epfd, struct epoll_event* events, int max, int timeout)
 {
     ZS_REAL(epoll_wait);
-    const struct timespec span = ms_to_timespec(timeout > 0 ? timeout : 0);
-    const struct timespec deadline = deadline_after(&span);
+    const struct timespec deadline = zs_deadline_after(zs_from_ms(timeout > 0 ? timeout : 0));
     int wait = timeout;
     ZS_RETRY_WHILE_OURS(int, real_epoll_wait(epfd, events, max, wait), if (timeout > 0) wait = ms_left(deadline))
 }
@@ -408,8 +366,7 @@ ZS_EXPORT int epoll_wait(int epfd, struct epoll_event* events, int max, int time
 ZS_EXPORT int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout, const sigset_t* mask)
 {
     ZS_REAL(epoll_pwait);
-    const struct timespec span = ms_to_timespec(timeout > 0 ? timeout : 0);
-    const struct timespec deadline = deadline_after(&span);
+    const struct timespec deadline = zs_deadline_after(zs_from_ms(timeout > 0 ? timeout : 0));
     int wait = timeout;
     ZS_RETRY_WHILE_OURS(int, real_epoll_pwait(epfd, events, max, wait, mask), if (timeout > 0) wait = ms_left(deadline))
 }
@@ -437,7 +394,7 @@ ZS_EXPORT int semop(int id, struct sembuf* ops, size_t n)
 ZS_EXPORT int semtimedop(int id, struct sembuf* ops, size_t n, const struct timespec* timeout)
 {
     ZS_REAL(semtimedop);
-    const struct timespec deadline = timeout ? deadline_after(timeout) : monotonic_now();
+    const struct timespec deadline = timeout ? zs_deadline_after(*timeout) : zs_now(CLOCK_MONOTONIC);
     struct timespec left;
     ZS_RETRY_WHILE_OURS(int, real_semtimedop(id, ops, n, remaining(timeout, deadline, &left)), (void)0)
 }

@@ -7,37 +7,6 @@
 
 namespace zorsampler {
 
-namespace {
-
-const char* skipSpaces(const char* p)
-{
-    while (*p == ' ' || *p == '\t')
-        ++p;
-    return p;
-}
-
-// A decimal number at `p`; null if there is none.
-const char* parseNumber(const char* p, std::uint64_t& value)
-{
-    if (*p < '0' || *p > '9')
-        return nullptr;
-    value = 0;
-    while (*p >= '0' && *p <= '9')
-        value = value * 10 + static_cast<std::uint64_t>(*p++ - '0');
-    return p;
-}
-
-bool startsWith(const char* text, const char* prefix)
-{
-    while (*prefix) {
-        if (*text++ != *prefix++)
-            return false;
-    }
-    return true;
-}
-
-} // namespace
-
 bool ProcFile::open(const char* path)
 {
     mFd = ::open(path, O_RDONLY | O_CLOEXEC);
@@ -71,32 +40,6 @@ void ProcFile::close()
     if (fstat(mFd, &status) == 0 && status.st_dev == mDevice && status.st_ino == mInode)
         ::close(mFd);
     mOpen = false;
-}
-
-bool parseResidentPages(const char* text, std::uint64_t& pages)
-{
-    std::uint64_t size = 0;
-    const char* p = parseNumber(skipSpaces(text), size);
-    if (!p || *p != ' ')
-        return false;
-    return parseNumber(skipSpaces(p), pages) != nullptr;
-}
-
-bool parseIoCounters(const char* text, std::uint64_t& charsRead, std::uint64_t& charsWritten)
-{
-    bool haveRead = false;
-    bool haveWritten = false;
-    for (const char* line = text; *line;) {
-        if (startsWith(line, "rchar:"))
-            haveRead = parseNumber(skipSpaces(line + 6), charsRead) != nullptr;
-        else if (startsWith(line, "wchar:"))
-            haveWritten = parseNumber(skipSpaces(line + 6), charsWritten) != nullptr;
-        while (*line && *line != '\n')
-            ++line;
-        if (*line == '\n')
-            ++line;
-    }
-    return haveRead && haveWritten;
 }
 
 } // namespace zorsampler

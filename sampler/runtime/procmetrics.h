@@ -5,6 +5,8 @@
 #ifndef ZOR_SAMPLER_PROCMETRICS_H
 #define ZOR_SAMPLER_PROCMETRICS_H
 
+#include "procparse.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <sys/types.h>
@@ -32,11 +34,6 @@ private:
     dev_t mDevice;
     ino_t mInode;
 };
-
-// "/proc/self/statm": the second field, resident pages.
-bool parseResidentPages(const char* text, std::uint64_t& pages);
-// "/proc/self/io": the "rchar:" and "wchar:" lines.
-bool parseIoCounters(const char* text, std::uint64_t& charsRead, std::uint64_t& charsWritten);
 
 } // namespace zorsampler
 

@@ -1,6 +1,6 @@
-// The parts of the sampler's core that call each other: the signal side
-// (signals.cpp), the taking of samples (sampling.cpp), unwinding
-// (unwind.cpp) and the per-sample metrics (procmetrics.cpp).
+// The signal side of the sampler: the handler and its instances
+// (signalhandler.cpp, dispositions.cpp), the taking of samples
+// (samplehandler.cpp) and unwinding (unwind.cpp).
 #ifndef ZOR_SAMPLER_SAMPLING_H
 #define ZOR_SAMPLER_SAMPLING_H
 

@@ -64,6 +64,21 @@ void SSample::makeValid(const ExtendedBacktraceData& bt, const timespec& timesta
     mKernelHits.clear();
 }
 
+void SSample::makeValid(const ExtendedBacktraceData& bt, const timespec& timestamp, const timespec& interval,
+                        const timespec& window, bool downsampled, bool inMpi, int tid, const int* threads,
+                        std::size_t threadCount, const timespec& cpuTime, bool sleeping)
+{
+    ZOR_ASSERT(!mMainThreadTrace.isValid());
+    mMainThreadTrace.set(bt, inMpi, tid, cpuTime, sleeping);
+    ZOR_ASSERT(mMainThreadTrace.isValid());
+    mDownsampled = downsampled;
+    setTimestamp(timestamp);
+    setInterval(interval);
+    setWindow(window);
+    mThreadList.assign(threads, threads + threadCount);
+    mKernelHits.clear();
+}
+
 void SSample::addThreadBacktrace(const ExtendedBacktraceData& bt, bool inMpi, int tid, const timespec& cpuTime,
                                  bool sleeping)
 {

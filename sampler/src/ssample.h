@@ -32,6 +32,11 @@ public:
     void makeValid(const ExtendedBacktraceData& bt, const timespec& timestamp, const timespec& interval,
                    const timespec& window, bool downsampled, bool inMpi, int tid, const threadlist_t& threads,
                    const timespec& cpuTime, bool sleeping);
+    // The same with the thread list as `threadCount` ids at `threads`; no
+    // allocation while they fit in the list's reserved room.
+    void makeValid(const ExtendedBacktraceData& bt, const timespec& timestamp, const timespec& interval,
+                   const timespec& window, bool downsampled, bool inMpi, int tid, const int* threads,
+                   std::size_t threadCount, const timespec& cpuTime, bool sleeping);
     void addThreadBacktrace(const ExtendedBacktraceData& bt, bool inMpi, int tid, const timespec& cpuTime,
                             bool sleeping);
 

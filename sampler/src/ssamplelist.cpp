@@ -51,6 +51,19 @@ SSample* SSampleList::createSample(const ExtendedBacktraceData& bt, const timesp
     return &sample;
 }
 
+SSample* SSampleList::createSample(const ExtendedBacktraceData& bt, const timespec& timestamp,
+                                   const timespec& interval, const timespec& window, bool& downsampled, bool inMpi,
+                                   int tid, const int* threads, std::size_t threadCount, const timespec& cpuTime,
+                                   bool sleeping)
+{
+    makeRoom(downsampled);
+    SSample& sample = mSamples[mSize];
+    sample.makeValid(bt, timestamp, interval, window, downsampled, inMpi, tid, threads, threadCount, cpuTime,
+                     sleeping);
+    ++mSize;
+    return &sample;
+}
+
 SSample* SSampleList::createSample(const SSample& source, bool& downsampled)
 {
     ZOR_ASSERT(source.isValid());

@@ -28,6 +28,11 @@ public:
                           const timespec& window, bool& downsampled, bool inMpi, int tid, const threadlist_t& threads,
                           const timespec& cpuTime, bool sleeping);
     SSample* createSample(const SSample& sample, bool& downsampled);
+    // The same with the thread list as `threadCount` ids at `threads`, for a
+    // caller that can't grow a vector (the sampler's signal handler).
+    SSample* createSample(const ExtendedBacktraceData& bt, const timespec& timestamp, const timespec& interval,
+                          const timespec& window, bool& downsampled, bool inMpi, int tid, const int* threads,
+                          std::size_t threadCount, const timespec& cpuTime, bool sleeping);
 
     SSample& getLatestSample();
     SSample& at(unsigned int index);

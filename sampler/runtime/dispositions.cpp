@@ -1,7 +1,8 @@
-// Signals: the sampler's own handler, and the program's dispositions kept
-// as the program set them. Every handler that the program installs runs
-// behind a small trampoline that counts its invocations per thread; the
-// EINTR guards of interpose.c compare those counts with the sampler's own.
+// The program's dispositions of the signals, kept as it set them: sigaction
+// as the program sees it, the sampler's own handler put in place, and the
+// program's view of its masks. Set-up code, but what handlers call
+// (loadDisposition, resetDispositionToDefault) is async-signal-safe.
+#include "dispositions.h"
 #include "runtime.h"
 #include "sampling.h"
 #include "threads.h"
@@ -10,21 +11,11 @@
 #include <cerrno>
 #include <cstring>
 #include <sched.h>
-#include <sys/syscall.h>
 #include <unistd.h>
-
-ZS_TLS unsigned int zs_our_signal_count;
-ZS_TLS unsigned int zs_target_signal_count;
-
-namespace {
-// Inside the sampler's own handler on this thread. Mask changes made there
-// (libunwind blocks signals around some look-ups) are not the program's.
-ZS_TLS bool tlsInSamplerHandler;
-}
 
 namespace zorsampler {
 
-const char gSignalCookie = 0;
+void programTrampoline(int sig, siginfo_t* info, void* ucontext);
 
 namespace {
 
@@ -104,6 +95,8 @@ bool load(int sig, struct sigaction& action)
     }
 }
 
+} // namespace
+
 struct sigaction defaultAction()
 {
     struct sigaction action;
@@ -113,70 +106,16 @@ struct sigaction defaultAction()
     return action;
 }
 
-void resetToDefault(int sig)
+
+bool loadDisposition(int sig, struct sigaction& action)
+{
+    return load(sig, action);
+}
+
+void resetDispositionToDefault(int sig)
 {
     WriteGuard guard;
     store(sig, defaultAction());
-}
-
-// Behind every handler the program installs.
-void programTrampoline(int sig, siginfo_t* info, void* ucontext)
-{
-    ++zs_target_signal_count;
-    deliverToProgram(sig, info, ucontext);
-}
-
-} // namespace
-
-void deliverToProgram(int sig, siginfo_t* info, void* ucontext)
-{
-    struct sigaction action;
-    if (!load(sig, action))
-        return;
-    if (action.sa_handler == SIG_IGN)
-        return;
-    if (action.sa_handler == SIG_DFL) {
-        // Only the sampler's signal gets here with the default action: an
-        // instance that somebody else sent ends the process, as it would
-        // have done without the sampler. The signal is blocked while this
-        // handler runs, so it takes effect on return.
-        if (sig == zs_sampler_signal()) {
-            struct sigaction dfl = defaultAction();
-            zs_real_sigaction(sig, &dfl, nullptr);
-            syscall(SYS_tgkill, getpid(), currentTid(), sig);
-        }
-        return;
-    }
-    if (action.sa_flags & SA_RESETHAND)
-        resetToDefault(sig);
-    if (action.sa_flags & SA_SIGINFO)
-        action.sa_sigaction(sig, info, ucontext);
-    else
-        action.sa_handler(sig);
-}
-
-void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext)
-{
-    const int savedErrno = errno;
-    if (zs_is_sampler_instance(sig, info)) {
-        ++zs_our_signal_count;
-        tlsInSamplerHandler = true;
-        // Some calls made here are cancellation points (pread, and the
-        // memory checks of libunwind): a cancellation pending for the thread
-        // must not take effect inside the sampler's handler.
-        int cancelState = PTHREAD_CANCEL_DISABLE;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-        if (info->si_code == TIMER_CODE)
-            takeSample(ucontext);
-        else
-            answerRequest(ucontext);
-        pthread_setcancelstate(cancelState, nullptr);
-        tlsInSamplerHandler = false;
-    } else {
-        ++zs_target_signal_count;
-        deliverToProgram(sig, info, ucontext);
-    }
-    errno = savedErrno;
 }
 
 bool installSamplerHandler()
@@ -211,18 +150,6 @@ void resetSignalsAfterFork()
 } // namespace zorsampler
 
 using namespace zorsampler;
-
-extern "C" int zs_sampler_signal(void)
-{
-    // Near the top of the real-time range, which programs use least.
-    return SIGRTMAX - 3;
-}
-
-extern "C" int zs_is_sampler_instance(int sig, const siginfo_t* info)
-{
-    return sig == zs_sampler_signal() && info && (info->si_code == TIMER_CODE || info->si_code == REQUEST_CODE)
-        && info->si_value.sival_ptr == &gSignalCookie;
-}
 
 extern "C" int zs_sigaction(int sig, const struct sigaction* act, struct sigaction* old)
 {

@@ -1,0 +1,289 @@
+// Arming: the metrics planned, the sample list and every table the
+// handlers fill made ready, the handler installed, the timer started. Runs
+// outside signal handlers and may allocate.
+#include "clock.h"
+#include "quorvex_sampler.h"
+#include "runtime.h"
+#include "samplerconfig.h"
+#include "samplerstate.h"
+#include "sampling.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using quorvex::SMetric;
+using quorvex::SSample;
+using quorvex::SSampleList;
+
+namespace zorsampler {
+
+namespace {
+
+// Identifiers of the metrics this sampler takes itself.
+const char METRIC_ID_CPU_PERCENT[] = "cpu_time_percent";
+const char METRIC_ID_RSS[] = "rss_bytes";
+const char METRIC_ID_CHARS_READ[] = "chars_read";
+const char METRIC_ID_CHARS_WRITTEN[] = "chars_written";
+
+// Codes of the records in ".errorMessages".
+const int METRIC_ERROR_UNKNOWN = 1;
+const int METRIC_ERROR_PLUGIN = 2;
+const int METRIC_ERROR_SOURCE = 3;
+
+int fail(int code, const std::string& message)
+{
+    return zorsampler::fail(code, message.c_str());
+}
+
+// A record of ".errorMessages".
+void addMetricError(std::string& records, unsigned int index, int code, const std::string& message)
+{
+    records += std::to_string(index) + "\n" + std::to_string(code) + "\n" + message + "\n#\n";
+}
+
+// ---- metrics ----
+
+void planMetrics(const quorvex::SamplerConfig& config, std::string& records)
+{
+    State& s = gState;
+    s.metricCount = config.metricCount();
+    s.metrics = new MetricPlan[s.metricCount];
+    s.values = new SampleValue[s.metricCount];
+    for (unsigned int i = 0; i < s.metricCount; ++i)
+        s.metrics[i] = MetricPlan{MetricNotTaken, quorvex::SMetric::NoNormalisation};
+
+    bool wantStatm = false;
+    for (const quorvex::SamplerMetricConfig& metric : config.metrics) {
+        MetricPlan& plan = s.metrics[metric.index];
+        plan.mode = metric.divide ? quorvex::SMetric::DivideBySampleInterval : quorvex::SMetric::NoNormalisation;
+        if (!metric.library.empty()) {
+            addMetricError(records, metric.index, METRIC_ERROR_PLUGIN,
+                           "The sampler can't load metric plug-ins; \"" + metric.id + "\" from " + metric.library
+                               + " has no values.");
+        } else if (metric.id == METRIC_ID_CPU_PERCENT) {
+            plan.kind = MetricCpuPercent;
+            s.needProcessCpu = true;
+        } else if (metric.id == METRIC_ID_RSS) {
+            plan.kind = MetricRss;
+            wantStatm = true;
+        } else if (metric.id == METRIC_ID_CHARS_READ) {
+            plan.kind = MetricCharsRead;
+            s.needIo = true;
+        } else if (metric.id == METRIC_ID_CHARS_WRITTEN) {
+            plan.kind = MetricCharsWritten;
+            s.needIo = true;
+        } else {
+            addMetricError(records, metric.index, METRIC_ERROR_UNKNOWN,
+                           "The sampler doesn't know the metric \"" + metric.id + "\"; it has no values.");
+        }
+    }
+
+    // A source that can't be opened leaves its metrics empty, with a word
+    // for each of them.
+    auto dropSource = [&](MetricKind a, MetricKind b, const char* path, int error) {
+        for (unsigned int i = 0; i < s.metricCount; ++i) {
+            if (s.metrics[i].kind == a || s.metrics[i].kind == b) {
+                s.metrics[i].kind = MetricNotTaken;
+                addMetricError(records, i, METRIC_ERROR_SOURCE, std::string("Can't open ") + path + ": " + strerror(error));
+            }
+        }
+    };
+    if (wantStatm && !s.statm.open("/proc/self/statm"))
+        dropSource(MetricRss, MetricRss, "/proc/self/statm", errno);
+    if (s.needIo && !s.io.open("/proc/self/io")) {
+        dropSource(MetricCharsRead, MetricCharsWritten, "/proc/self/io", errno);
+        s.needIo = false;
+    }
+    s.pageSize = sysconf(_SC_PAGESIZE);
+}
+
+void takeMetricBaselines()
+{
+    State& s = gState;
+    s.lastProcessCpu = zs_now(CLOCK_PROCESS_CPUTIME_ID);
+    char text[1024];
+    const long n = s.needIo ? s.io.read(text, sizeof text) : -1;
+    if (n > 0 && parseIoCounters(text, s.lastCharsRead, s.lastCharsWritten))
+        s.ownBytesRead = static_cast<std::uint64_t>(n);
+}
+
+quorvex::SamplerConfig defaultConfig()
+{
+    quorvex::SamplerConfig config;
+    const char* ids[] = {METRIC_ID_CPU_PERCENT, METRIC_ID_RSS, METRIC_ID_CHARS_READ, METRIC_ID_CHARS_WRITTEN};
+    for (unsigned int i = 0; i < 4; ++i) {
+        quorvex::SamplerMetricConfig metric;
+        metric.index = i;
+        metric.id = ids[i];
+        metric.divide = i >= 2;
+        metric.onTimeDomain = true;
+        config.metrics.push_back(metric);
+    }
+    return config;
+}
+
+} // namespace
+
+int arm(const ArmSettings& settings, bool readConfigFile)
+{
+    State& s = gState;
+    if (s.phase.load(std::memory_order_acquire) != PhaseIdle)
+        return fail(QUORVEX_SAMPLER_ALREADY_ARMED, "sampling has already been armed in this process");
+    if (settings.numSamples <= 0)
+        return fail(QUORVEX_SAMPLER_BAD_ARGUMENTS, "the number of samples must be positive, not "
+                                                       + std::to_string(settings.numSamples));
+    if (settings.intervalMs <= 0)
+        return fail(QUORVEX_SAMPLER_BAD_ARGUMENTS, "the sampling interval must be positive, not "
+                                                       + std::to_string(settings.intervalMs) + " ms");
+    if (!settings.path || !*settings.path || std::strlen(settings.path) >= PATH_MAX)
+        return fail(QUORVEX_SAMPLER_BAD_ARGUMENTS, "the output path is empty or too long");
+
+    std::strcpy(s.path, settings.path);
+    std::strcpy(s.runningPath, settings.path);
+    std::strcat(s.runningPath, ".running");
+    std::strcpy(s.mpiPath, settings.path);
+    std::strcat(s.mpiPath, ".mpi");
+    std::strcpy(s.errorsPath, settings.path);
+    std::strcat(s.errorsPath, ".errorMessages");
+
+    quorvex::SamplerConfig config;
+    if (!readConfigFile) {
+        config = defaultConfig();
+    } else {
+        std::string error;
+        if (!quorvex::readSamplerConfigFile(settings.path, config, error))
+            return fail(QUORVEX_SAMPLER_BAD_CONFIG, error);
+    }
+
+    if (access(s.runningPath, F_OK) == 0)
+        return fail(QUORVEX_SAMPLER_RUNNING_FILE, std::string(s.runningPath) + " exists already");
+    const int out = open(s.path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out < 0)
+        return fail(QUORVEX_SAMPLER_BAD_OUTPUT, std::string("can't write ") + s.path + ": " + strerror(errno));
+    close(out);
+    // Side files of an earlier run under the same name would be taken for
+    // this run's.
+    unlink(s.mpiPath);
+    unlink(s.errorsPath);
+
+    s.pid = getpid();
+    s.mainTid = currentTid();
+    s.allThreads = settings.allThreads;
+    s.intervalMs = settings.intervalMs;
+    s.startOffsetMs = settings.startOffsetMs;
+    s.stopOffsetMs = settings.stopOffsetMs;
+    s.threadsPerSample = settings.allThreads
+        ? (s.threadsPerSampleOption > 0 ? s.threadsPerSampleOption : DEFAULT_THREADS_PER_SAMPLE)
+        : 0;
+    const char* omp = getenv("OMP_NUM_THREADS");
+    s.haveOmpThreads = omp != nullptr;
+    if (omp) {
+        std::strncpy(s.ompThreads, omp, sizeof s.ompThreads - 1);
+        s.ompThreads[sizeof s.ompThreads - 1] = '\0';
+    }
+
+    int numSamples = settings.numSamples;
+    try {
+        std::string records;
+        planMetrics(config, records);
+        s.errorRecordsSize = records.size();
+        s.errorRecords = new char[records.size() + 1];
+        std::memcpy(s.errorRecords, records.c_str(), records.size() + 1);
+
+        // Every record must be filled without allocating, so each backtrace
+        // keeps room for the deepest stack from the start.
+        if (quorvex::SSimpleBacktrace::storagePolicy() != quorvex::SSimpleBacktrace::StoragePolicyPreallocated)
+            quorvex::SSimpleBacktrace::setStoragePolicy(quorvex::SSimpleBacktrace::StoragePolicyPreallocated);
+        const std::size_t perTrace = sizeof(quorvex::SBacktrace) + MAX_BACKTRACE_DEPTH * sizeof(unsigned long) + 32;
+        const std::size_t perSample = sizeof(SSample) + (static_cast<std::size_t>(s.threadsPerSample) + 1) * perTrace
+            + s.metricCount * sizeof(SMetric);
+        const std::size_t affordable = LIST_MEMORY_BUDGET / perSample;
+        if (static_cast<std::size_t>(numSamples) > affordable) {
+            numSamples = static_cast<int>(affordable);
+            quorvex::SafeMessage message = logLine();
+            message.str("keeping at most ").dec(numSamples).str(" samples, which fit in the memory budget\n");
+            writeLog(message);
+        }
+        srand48_r(static_cast<long>(s.pid) ^ zs_now(CLOCK_REALTIME).tv_nsec, &s.random);
+        s.list = new SSampleList(numSamples, s.threadsPerSample, s.random);
+        s.list->setMetricCount(static_cast<int>(s.metricCount));
+        s.threadIds = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
+        s.asking = new ThreadSlot*[static_cast<std::size_t>(s.threadsPerSample) + 1];
+        s.askingTid = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
+        s.pendingCapacity = static_cast<unsigned int>(s.threadsPerSample) * PENDING_PER_THREAD;
+        s.pending = new PendingAnswer[s.pendingCapacity + 1];
+    } catch (const std::bad_alloc&) {
+        return fail(QUORVEX_SAMPLER_SETUP_FAILED, "not enough memory for " + std::to_string(numSamples) + " samples");
+    }
+    s.missingTrace.size = 0;
+    s.missingTrace.unwindStatus = UNWIND_NOT_ANSWERED;
+    s.missingTrace.stopsAtCallingFrame = false;
+    s.missingTrace.parallelId = 0;
+
+    prepareUnwinding();
+    if (!installSamplerHandler())
+        return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't install the signal handler: ") + strerror(errno));
+
+    // CPU times are counted from here, for the threads running already too.
+    s.start = zs_now(CLOCK_MONOTONIC);
+    s.lastSample = s.start;
+    s.mainLastCpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+        const int tid = slot->tid.load(std::memory_order_relaxed);
+        if (slot->state.load(std::memory_order_acquire) != SlotLive || tid == s.mainTid)
+            continue;
+        clock_gettime(zs_thread_cpu_clock(tid), &slot->lastCpu);
+        slot->lastWall = s.start;
+    }
+
+    const int running = open(s.runningPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (running < 0)
+        return fail(QUORVEX_SAMPLER_RUNNING_FILE, std::string("can't create ") + s.runningPath + ": " + strerror(errno));
+    quorvex::SafeMessage pidText;
+    pidText.dec(s.pid).str("\n");
+    pidText.writeTo(running);
+    close(running);
+    // After the sampler's own writing, which is not the program's.
+    takeMetricBaselines();
+
+    sigevent event;
+    std::memset(&event, 0, sizeof event);
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = zs_sampler_signal();
+    event.sigev_value.sival_ptr = const_cast<char*>(&gSignalCookie);
+#ifdef sigev_notify_thread_id
+    event.sigev_notify_thread_id = s.mainTid;
+#else
+    event._sigev_un._tid = s.mainTid;
+#endif
+    if (timer_create(CLOCK_MONOTONIC, &event, &s.timer) != 0) {
+        const int error = errno;
+        unlink(s.runningPath);
+        return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't create the sampling timer: ") + strerror(error));
+    }
+    s.haveTimer = true;
+    quorvex_sampling_finished = 0;
+    s.phase.store(PhaseArmed, std::memory_order_release);
+    if (!setTimer(s.intervalMs, s.startOffsetMs > 0 ? s.startOffsetMs : s.intervalMs)) {
+        const int error = errno;
+        s.phase.store(PhaseIdle, std::memory_order_release);
+        timer_delete(s.timer);
+        s.haveTimer = false;
+        unlink(s.runningPath);
+        return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't start the sampling timer: ") + strerror(error));
+    }
+
+    quorvex::SafeMessage message = logLine();
+    message.str("armed: every ").dec(s.intervalMs).str(" ms, at most ").dec(numSamples).str(" samples, ")
+        .dec(s.threadsPerSample).str(" other threads per sample, ").udec(s.metricCount).str(" metrics, results to ")
+        .str(s.path).str("\n");
+    writeLog(message);
+    return QUORVEX_SAMPLER_OK;
+}
+
+} // namespace zorsampler

@@ -1,0 +1,192 @@
+// The end of sampling: the last answers are collected and the results
+// written. It may run in the sampling handler (a stop offset that has
+// passed), on top of an interrupted handler (a debugger's call), or at the
+// program's exit: it allocates nothing and waits for no lock for long.
+#include "clock.h"
+#include "quorvex_sampler.h"
+#include "runtime.h"
+#include "samplerfile.h"
+#include "samplerstate.h"
+#include "sampling.h"
+#include "sfileio.h"
+
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace zorsampler {
+
+namespace {
+
+// At the end: the answers still out get a little time to come in.
+void collectLastAnswers()
+{
+    State& s = gState;
+    const timespec deadline = zs_add(zs_now(CLOCK_MONOTONIC), zs_from_ns(ANSWER_DEADLINE_NS));
+    std::atomic<int>& sequence = answerSequence();
+    answerWaiters().fetch_add(1, std::memory_order_acq_rel);
+    for (;;) {
+        const int seen = sequence.load(std::memory_order_acquire);
+        const timespec current = zs_now(CLOCK_MONOTONIC);
+        const bool late = zs_nanoseconds(current) >= zs_nanoseconds(deadline);
+        collectAnswers(current, late);
+        if (s.pendingCount == 0 || late)
+            break;
+        timespec left = zs_difference(deadline, current);
+        syscall(SYS_futex, reinterpret_cast<int*>(&sequence), FUTEX_WAIT_PRIVATE, seen, &left, nullptr, 0);
+    }
+    answerWaiters().fetch_sub(1, std::memory_order_acq_rel);
+}
+
+// The first `count` samples but the one at `skip`.
+void writeSamplesUpTo(int fd, const quorvex::SamplerFileHeader& header, unsigned int count, unsigned int skip)
+{
+    quorvex::quorvex_write_sampler_file_header(fd, header);
+    QUORVEX_WRITE(fd, "sl", 2);
+    QUORVEX_WRITE_UWIDE(fd, skip < count ? count - 1 : count);
+    for (unsigned int i = 0; i < count; ++i) {
+        if (i != skip)
+            gState.list->at(i).writeToFile(fd);
+    }
+    QUORVEX_WRITE(fd, "/sl", 3);
+    const std::uint32_t noCallSites = 0;
+    QUORVEX_WRITE(fd, &noCallSites, sizeof noCallSites);
+}
+
+void reportFileError(const char* what, const char* path)
+{
+    quorvex::SafeMessage message;
+    message.str("zor sampler: can't write ").str(what).str(" ").str(path).str(" (error ").dec(errno).str(")\n");
+    message.writeTo(2);
+}
+
+// Writes the data file, ".errorMessages" and, unless an MPI wrapper has
+// written one, ".mpi"; then deletes ".running". Allocates nothing and takes
+// no lock, since it may run on top of an interrupted handler.
+void writeResults(int stopReason, int stage)
+{
+    State& s = gState;
+    quorvex::SamplerFileHeader header;
+    header.startTime = s.start;
+    header.stopReason = stopReason;
+    header.numDownsamples = s.list->numDownsamples();
+    header.numSkippedWhileSuspended = s.skipped;
+    header.numTakenInTotal = s.taken;
+    // The spare words: the sampling interval at the end, in milliseconds,
+    // and the mean time of the sampling handler, in microseconds.
+    header.firstSpareWord = static_cast<std::uint32_t>(s.intervalMs);
+    header.secondSpareWord = s.taken ? static_cast<std::uint32_t>(s.handlerNs / s.taken / 1000) : 0;
+    header.ompThreadsText = s.haveOmpThreads ? s.ompThreads : nullptr;
+    header.cudaProfilingEnabled = 0;
+
+    int fd = open(s.path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        reportFileError("the data file", s.path);
+    } else {
+        if (stage == CommitFilling) {
+            // The newest sample is half made; the ones before it are whole.
+            writeSamplesUpTo(fd, header, s.sizeBeforeCommit, UINT_MAX);
+        } else if (stage == CommitAdding) {
+            // One sample is getting a thread's backtrace.
+            writeSamplesUpTo(fd, header, s.list->size(), s.sampleBeingAddedTo);
+        } else if (stage == CommitThinning) {
+            quorvex::SafeMessage message;
+            message.str("zor sampler: stopped while the sample list was being thinned; no samples are kept\n");
+            message.writeTo(2);
+            writeSamplesUpTo(fd, header, 0, UINT_MAX);
+        } else {
+            quorvex::quorvex_write_sampler_file(fd, header, *s.list, nullptr, 0);
+        }
+        close(fd);
+    }
+
+    fd = open(s.errorsPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        reportFileError("the metric errors", s.errorsPath);
+    } else {
+        quorvex::safe_write_all(fd, s.errorRecords, s.errorRecordsSize);
+        close(fd);
+    }
+
+    fd = open(s.mpiPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd >= 0) {
+        SampleValue(0).writeToFile(fd);
+        close(fd);
+    } else if (errno != EEXIST) {
+        reportFileError("the MPI figures", s.mpiPath);
+    }
+
+    unlink(s.runningPath);
+}
+
+} // namespace
+
+int finish(int stopReason, bool inSamplingHandler)
+{
+    State& s = gState;
+    if (s.phase.load(std::memory_order_acquire) == PhaseIdle)
+        return fail(QUORVEX_SAMPLER_NOT_ARMED, "sampling was never armed");
+    if (getpid() != s.pid)
+        return fail(QUORVEX_SAMPLER_OTHER_PROCESS, "this process is a child of the sampled one");
+    int expected = PhaseArmed;
+    if (!s.phase.compare_exchange_strong(expected, PhaseFinishing, std::memory_order_acq_rel)) {
+        // Another thread is finishing: wait until the results are on disk.
+        const int self = currentTid();
+        while (s.phase.load(std::memory_order_acquire) == PhaseFinishing
+               && s.finisherTid.load(std::memory_order_relaxed) != self) {
+            const timespec pause = {0, 200000};
+            zs_real_nanosleep(&pause, nullptr);
+        }
+        return QUORVEX_SAMPLER_OK;
+    }
+    s.finisherTid.store(currentTid(), std::memory_order_relaxed);
+    quorvex_sampling_finished = 1;
+    if (s.haveTimer) {
+        timer_delete(s.timer);
+        s.haveTimer = false;
+    }
+
+    // The sampling handler may be running; wait for it to let go of the
+    // list. If it is this very thread's, interrupted and held by a
+    // debugger, it can't let go: write around what it is doing. The same
+    // when it doesn't let go for long, as in a debugger that runs only the
+    // thread it calls into.
+    bool locked = inSamplingHandler;
+    int stage = CommitNone;
+    for (int waited = 0; !locked; ++waited) {
+        if (tryLock(LockFinished)) {
+            locked = true;
+        } else if (lockOwner() == currentTid() || waited == 10000) {
+            stage = s.commitStage.load(std::memory_order_acquire);
+            break;
+        } else {
+            const timespec pause = {0, 200000};
+            zs_real_nanosleep(&pause, nullptr);
+        }
+    }
+
+    if (locked) {
+        if (inSamplingHandler)
+            collectAnswers(zs_now(CLOCK_MONOTONIC), true);
+        else
+            collectLastAnswers();
+    }
+    writeResults(stopReason, stage);
+    s.statm.close();
+    s.io.close();
+    s.phase.store(PhaseFinished, std::memory_order_release);
+    if (locked)
+        unlock();
+
+    quorvex::SafeMessage message = logLine();
+    message.str("stopped (reason ").dec(stopReason).str("), ").udec(s.taken).str(" samples taken, ")
+        .udec(s.list->size()).str(" kept, ").udec(s.skipped).str(" skipped, ").udec(s.missedThreads)
+        .str(" thread backtraces missed; results in ").str(s.path).str("\n");
+    writeLog(message);
+    return QUORVEX_SAMPLER_OK;
+}
+
+} // namespace zorsampler

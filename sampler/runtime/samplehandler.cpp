@@ -1,0 +1,278 @@
+// The sampling handler: at each expiry of the timer, in the main thread,
+// it unwinds the interrupted thread from the signal context, asks other
+// live threads for their backtraces with a signal of the same number
+// carrying a request, reads the per-sample metrics and puts the sample into
+// the list. It doesn't wait for the other threads: each takes its backtrace
+// when its own handler runs (answerRequest), and the handler at the next
+// tick adds the answers that have come in to the samples they belong to. An
+// answer that is overdue counts as missing. Nothing here allocates: the
+// sample list, every backtrace in it and the table of pending answers are
+// sized when sampling is armed.
+#include "clock.h"
+#include "quorvex_sampler.h"
+#include "runtime.h"
+#include "samplerstate.h"
+#include "sampling.h"
+
+#include <cstring>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using quorvex::SSample;
+
+namespace zorsampler {
+
+namespace {
+
+
+// Sends the request of this tick to the threads whose turn it is; returns
+// how many were asked. A thread that still owes an answer isn't asked again.
+int askOtherThreads(std::uint64_t generation)
+{
+    State& s = gState;
+    auto askable = [&](ThreadSlot* slot) {
+        return slot->state.load(std::memory_order_acquire) == SlotLive
+            && slot->tid.load(std::memory_order_relaxed) != s.mainTid
+            && !slot->blocksSignal.load(std::memory_order_relaxed) && !slot->owesAnswer;
+    };
+    int candidates = 0;
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next)
+        candidates += askable(slot);
+    int take = candidates < s.threadsPerSample ? candidates : s.threadsPerSample;
+    const int room = static_cast<int>(s.pendingCapacity - s.pendingCount);
+    take = take < room ? take : room;
+    if (take <= 0)
+        return 0;
+    // With more threads than room in a sample, a window that moves on each
+    // time shares the room out between them.
+    const int first = candidates > take ? static_cast<int>(s.rotation % static_cast<unsigned int>(candidates)) : 0;
+    s.rotation += static_cast<unsigned int>(take);
+
+    siginfo_t info;
+    std::memset(&info, 0, sizeof info);
+    info.si_signo = zs_sampler_signal();
+    info.si_code = REQUEST_CODE;
+    info.si_pid = s.pid;
+    info.si_value.sival_ptr = const_cast<char*>(&gSignalCookie);
+
+    int index = 0;
+    int count = 0;
+    for (ThreadSlot* slot = firstSlot(); slot && index < candidates; slot = slot->next) {
+        if (!askable(slot))
+            continue;
+        const int position = (index++ - first + candidates) % candidates;
+        if (position >= take)
+            continue;
+        const int tid = slot->tid.load(std::memory_order_relaxed);
+        slot->request.store(generation, std::memory_order_release);
+        if (syscall(SYS_rt_tgsigqueueinfo, s.pid, tid, info.si_signo, &info) != 0) {
+            // Gone already, or the signal queue is full: not in this sample.
+            slot->request.exchange(0, std::memory_order_acq_rel);
+            continue;
+        }
+        slot->owesAnswer = true;
+        s.asking[count] = slot;
+        s.askingTid[count] = tid;
+        ++count;
+    }
+    return count;
+}
+
+} // namespace
+
+// Adds the answers that have come in to their samples. One that is overdue,
+// or every one still out when `giveUpAll` is set, goes in as missing; a
+// thread that ended without answering is left out.
+void collectAnswers(const timespec& current, bool giveUpAll)
+{
+    State& s = gState;
+    for (unsigned int i = 0; i < s.pendingCount;) {
+        const PendingAnswer& answer = s.pending[i];
+        ThreadSlot* slot = answer.slot;
+        const bool inMpi = slot->inMpi.load(std::memory_order_relaxed);
+        s.sampleBeingAddedTo = answer.sampleIndex;
+        s.commitStage.store(CommitAdding, std::memory_order_release);
+        if (slot->done.load(std::memory_order_acquire) == answer.generation) {
+            s.list->at(answer.sampleIndex)
+                .addThreadBacktrace(slot->data, inMpi, answer.tid, slot->cpuInterval, slot->sleeping);
+        } else if (slot->state.load(std::memory_order_acquire) == SlotDead) {
+            // Ended before it could answer.
+        } else if (giveUpAll || zs_nanoseconds(zs_difference(current, answer.askedAt)) >= ANSWER_DEADLINE_NS) {
+            // Withdraw the request, so that a late handler leaves the slot
+            // alone, and say in the sample that the answer is missing.
+            slot->request.exchange(0, std::memory_order_acq_rel);
+            ++s.missedThreads;
+            s.list->at(answer.sampleIndex).addThreadBacktrace(s.missingTrace, inMpi, answer.tid, timespec{0, 0}, false);
+        } else {
+            s.commitStage.store(CommitNone, std::memory_order_release);
+            ++i;
+            continue;
+        }
+        s.commitStage.store(CommitNone, std::memory_order_release);
+        slot->owesAnswer = false;
+        s.pending[i] = s.pending[--s.pendingCount];
+    }
+}
+
+// The values of this sample; `wall` is the time since the previous one.
+void readMetrics(const timespec& wall)
+{
+    State& s = gState;
+    if (s.metricCount == 0)
+        return;
+    double cpuPercent = 0;
+    bool haveCpu = false;
+    if (s.needProcessCpu) {
+        const timespec cpu = zs_now(CLOCK_PROCESS_CPUTIME_ID);
+        const long long wallNs = zs_nanoseconds(wall);
+        if (wallNs > 0) {
+            cpuPercent = 100.0 * static_cast<double>(zs_nanoseconds(zs_difference(cpu, s.lastProcessCpu)))
+                / static_cast<double>(wallNs);
+            haveCpu = true;
+        }
+        s.lastProcessCpu = cpu;
+    }
+    char text[1024];
+    std::uint64_t residentPages = 0;
+    bool haveRss = false;
+    if (s.statm.isOpen()) {
+        const long n = s.statm.read(text, sizeof text);
+        haveRss = n > 0 && parseResidentPages(text, residentPages);
+        s.ownBytesRead += n > 0 ? static_cast<std::uint64_t>(n) : 0;
+    }
+    std::uint64_t charsRead = 0, charsWritten = 0;
+    bool haveIo = false;
+    const long n = s.needIo ? s.io.read(text, sizeof text) : -1;
+    if (n > 0 && parseIoCounters(text, charsRead, charsWritten)) {
+        // The counts only grow; a smaller one is a misreading. The text
+        // was made before this read was counted: it shows next time.
+        haveIo = charsRead >= s.lastCharsRead + s.ownBytesRead && charsWritten >= s.lastCharsWritten;
+        const std::uint64_t totalRead = charsRead;
+        const std::uint64_t totalWritten = charsWritten;
+        charsRead = totalRead - s.lastCharsRead - s.ownBytesRead;
+        charsWritten = totalWritten - s.lastCharsWritten;
+        s.lastCharsRead = totalRead;
+        s.lastCharsWritten = totalWritten;
+        s.ownBytesRead = static_cast<std::uint64_t>(n);
+    }
+    for (unsigned int i = 0; i < s.metricCount; ++i) {
+        SampleValue value;
+        switch (s.metrics[i].kind) {
+        case MetricCpuPercent:
+            if (haveCpu)
+                value = SampleValue(cpuPercent);
+            break;
+        case MetricRss:
+            if (haveRss)
+                value = SampleValue(static_cast<unsigned long>(residentPages * static_cast<std::uint64_t>(s.pageSize)));
+            break;
+        case MetricCharsRead:
+            if (haveIo)
+                value = SampleValue(static_cast<unsigned long>(charsRead));
+            break;
+        case MetricCharsWritten:
+            if (haveIo)
+                value = SampleValue(static_cast<unsigned long>(charsWritten));
+            break;
+        case MetricNotTaken:
+            break;
+        }
+        s.values[i] = value;
+    }
+}
+
+void takeSample(void* ucontext)
+{
+    State& s = gState;
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed)
+        return;
+    if (quorvex_sampling_finished) {
+        // The back-end is about to stop sampling: no more signals, which a
+        // debugger would only have to pass on.
+        setTimer(0, 0);
+        return;
+    }
+    if (!tryLock(LockSampling)) {
+        ++s.skipped;
+        return;
+    }
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed) {
+        unlock();
+        return;
+    }
+    // The thread's CPU time is taken before the handler's own work and
+    // again after it, so that what the sampler costs counts for no thread.
+    const timespec mainCpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
+    const timespec started = zs_now(CLOCK_MONOTONIC);
+    if (s.stopOffsetMs > 0 && zs_nanoseconds(zs_difference(started, s.start)) >= 1000000LL * s.stopOffsetMs) {
+        // The sampler's own decision to stop: the lock passes to the end.
+        finish(QUORVEX_STOP_ON_REQUEST, true);
+        return;
+    }
+
+    unwindFromSignalContext(s.mainTrace, ucontext, s.boundaryIp);
+    const timespec mainCpuInterval = zs_difference(mainCpu, s.mainLastCpu);
+    const timespec wall = zs_difference(started, s.lastSample);
+
+    // Answers to earlier ticks first; all of them when the list is about to
+    // be thinned, since thinning moves the samples they belong to.
+    collectAnswers(started, s.list->isFull());
+    const std::uint64_t generation = ++s.generation;
+    const int count = s.allThreads ? askOtherThreads(generation) : 0;
+    readMetrics(wall);
+
+    s.threadIds[0] = s.mainTid;
+    for (int k = 0; k < count; ++k)
+        s.threadIds[k + 1] = s.askingTid[k];
+
+    s.sizeBeforeCommit = s.list->size();
+    s.commitStage.store(s.list->isFull() ? CommitThinning : CommitFilling, std::memory_order_release);
+    bool downsampled = false;
+    ThreadSlot* mainSlot = currentSlot();
+    SSample* sample = s.list->createSample(s.mainTrace, started, wall, wall, downsampled,
+                                           mainSlot && mainSlot->inMpi.load(std::memory_order_relaxed), s.mainTid,
+                                           s.threadIds, static_cast<std::size_t>(count) + 1, mainCpuInterval,
+                                           isSleeping(mainCpuInterval, wall));
+    sample->metrics().setValid();
+    for (unsigned int i = 0; i < s.metricCount; ++i)
+        sample->metrics().setMetric(i, quorvex::SMetric(s.values[i], wall, s.metrics[i].mode));
+    for (int k = 0; k < count; ++k)
+        s.pending[s.pendingCount++] = PendingAnswer{s.asking[k], s.askingTid[k], s.list->size() - 1, generation, started};
+    s.commitStage.store(CommitNone, std::memory_order_release);
+    s.lastSample = started;
+    ++s.taken;
+
+    if (downsampled && s.intervalMs <= INT_MAX / 2) {
+        // Half the samples are gone, each survivor standing for twice the
+        // time: sample half as often from now on.
+        s.intervalMs *= 2;
+        setTimer(s.intervalMs, s.intervalMs);
+        quorvex::SafeMessage message = logLine();
+        message.str("sample list thinned, sampling every ").dec(s.intervalMs).str(" ms\n");
+        writeLog(message);
+    }
+    s.mainLastCpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
+    s.handlerNs += static_cast<std::uint64_t>(zs_nanoseconds(zs_difference(zs_now(CLOCK_MONOTONIC), started)));
+    unlock();
+}
+
+void answerRequest(void* ucontext)
+{
+    ThreadSlot* slot = currentSlot();
+    if (!slot)
+        return;
+    const std::uint64_t generation = slot->request.exchange(0, std::memory_order_acq_rel);
+    if (generation == 0)
+        return;
+    const timespec cpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
+    const timespec wall = zs_now(CLOCK_MONOTONIC);
+    unwindFromSignalContext(slot->data, ucontext, gState.boundaryIp);
+    slot->cpuInterval = zs_difference(cpu, slot->lastCpu);
+    slot->sleeping = isSleeping(slot->cpuInterval, zs_difference(wall, slot->lastWall));
+    slot->lastWall = wall;
+    slot->lastCpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
+    slot->done.store(generation, std::memory_order_release);
+    announceAnswer();
+}
+
+} // namespace zorsampler

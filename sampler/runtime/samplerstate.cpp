@@ -1,0 +1,55 @@
+// The sampler's state and the helpers that every file may call, from a
+// signal handler too.
+#include "samplerstate.h"
+#include "clock.h"
+#include "sampling.h"
+
+#include <cstring>
+#include <type_traits>
+#include <unistd.h>
+
+extern "C" {
+__attribute__((visibility("default"))) volatile int quorvex_sampling_finished;
+__attribute__((visibility("default"))) char quorvex_sampler_error[1024];
+}
+
+namespace zorsampler {
+
+State gState;
+static_assert(std::is_trivially_default_constructible<State>::value, "the state must need no constructor");
+
+int fail(int code, const char* message)
+{
+    std::strncpy(quorvex_sampler_error, message, sizeof quorvex_sampler_error - 1);
+    quorvex_sampler_error[sizeof quorvex_sampler_error - 1] = '\0';
+    return code;
+}
+
+quorvex::SafeMessage logLine()
+{
+    quorvex::SafeMessage message;
+    message.str("zor sampler[").dec(getpid()).str("]: ");
+    return message;
+}
+
+void writeLog(const quorvex::SafeMessage& message)
+{
+    if (gState.debugLog)
+        message.writeTo(2);
+}
+
+bool setTimer(int intervalMs, long long firstMs)
+{
+    itimerspec timing;
+    timing.it_value = zs_from_ms(firstMs);
+    timing.it_interval = zs_from_ms(intervalMs);
+    return timer_settime(gState.timer, 0, &timing, nullptr) == 0;
+}
+
+bool isSleeping(const timespec& cpu, const timespec& wall)
+{
+    const long long wallNs = zs_nanoseconds(wall);
+    return wallNs > 0 && static_cast<double>(zs_nanoseconds(cpu)) < SLEEPING_CPU_SHARE * static_cast<double>(wallNs);
+}
+
+} // namespace zorsampler

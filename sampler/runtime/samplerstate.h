@@ -1,0 +1,196 @@
+// What the sampler keeps while it samples, shared by its set-up files and
+// its handler files, and the functions they call across.
+//
+// Set-up files (may allocate and call any C library function): arming.cpp,
+// process.cpp, capi.cpp, dispositions.cpp, threads.cpp, interpose.c.
+// Handler files (only what is async-signal-safe: no heap, no locks, no
+// stdio): samplehandler.cpp, finishhandler.cpp, signalhandler.cpp,
+// unwind.cpp, procmetrics.cpp, procparse.cpp, clock.h.
+#ifndef ZOR_SAMPLER_SAMPLERSTATE_H
+#define ZOR_SAMPLER_SAMPLERSTATE_H
+
+#include "procmetrics.h"
+#include "samplevalue.h"
+#include "smetric.h"
+#include "ssamplelist.h"
+#include "threads.h"
+#include "zor_print.h"
+
+#include <atomic>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+
+extern "C" {
+extern volatile int quorvex_sampling_finished;
+extern char quorvex_sampler_error[1024];
+}
+
+namespace zorsampler {
+
+const int DEFAULT_INTERVAL_MS = 20;
+const int DEFAULT_NUM_SAMPLES = 1000;
+const int DEFAULT_THREADS_PER_SAMPLE = 8;
+const int MAX_THREADS_PER_SAMPLE = 4096;
+// How long an answer may take before it counts as missing. Only a thread
+// that can't run its handler takes so long: one that is stopped, or waits
+// for a lock that the interrupted main thread holds.
+const long long ANSWER_DEADLINE_NS = 50 * 1000 * 1000;
+// Pending answers kept, per thread that a sample may hold.
+const int PENDING_PER_THREAD = 64;
+// A thread that used less CPU than this share of the wall time since its
+// previous sample counts as sleeping.
+const double SLEEPING_CPU_SHARE = 0.1;
+// The sample list and its backtraces must fit in this; the number of
+// samples kept is lowered to make them fit.
+const std::size_t LIST_MEMORY_BUDGET = std::size_t(512) << 20;
+
+enum Phase { PhaseIdle = 0, PhaseArmed, PhaseFinishing, PhaseFinished };
+enum MetricKind { MetricNotTaken = 0, MetricCpuPercent, MetricRss, MetricCharsRead, MetricCharsWritten };
+// What the sampling handler is doing to the list, for a stop that lands on
+// top of it.
+enum CommitStage { CommitNone = 0, CommitFilling, CommitThinning, CommitAdding };
+
+struct MetricPlan
+{
+    MetricKind kind;
+    quorvex::SMetric::NormalisationMode mode;
+};
+
+// A thread asked for its backtrace, whose answer goes into the sample at
+// `sampleIndex` when it comes.
+struct PendingAnswer
+{
+    ThreadSlot* slot;
+    int tid;
+    unsigned int sampleIndex;
+    std::uint64_t generation;
+    timespec askedAt;
+};
+
+// Everything the sampler keeps. Zero-initialised, with no constructor to
+// run: the program may start threads or set handlers before the library's
+// constructors have run.
+struct State
+{
+    std::atomic<int> phase;
+    std::atomic<int> commitStage;
+    std::atomic<int> finisherTid;
+    pid_t pid;
+    int mainTid;
+    bool allThreads;
+    bool debugLog;
+    bool gpuRequested;
+    bool noForkHandler;
+    int threadsPerSampleOption;
+    unsigned long boundaryIp;
+
+    char path[PATH_MAX];
+    char runningPath[PATH_MAX + 16];
+    char mpiPath[PATH_MAX + 16];
+    char errorsPath[PATH_MAX + 16];
+    char ompThreads[256];
+    bool haveOmpThreads;
+
+    int intervalMs;
+    unsigned int startOffsetMs;
+    unsigned int stopOffsetMs;
+    timespec start;
+    timespec lastSample;
+    timer_t timer;
+    bool haveTimer;
+
+    quorvex::SSampleList* list;
+    drand48_data random;
+    // The threads of the sample being taken: the main thread, then those asked.
+    int* threadIds;
+    int threadsPerSample;
+    // The threads asked at this tick.
+    ThreadSlot** asking;
+    int* askingTid;
+    PendingAnswer* pending;
+    unsigned int pendingCount;
+    unsigned int pendingCapacity;
+    std::uint64_t generation;
+    unsigned int rotation;
+    unsigned int sizeBeforeCommit;
+    unsigned int sampleBeingAddedTo;
+
+    ExtendedBacktraceData mainTrace;
+    ExtendedBacktraceData missingTrace;
+    timespec mainLastCpu;
+
+    MetricPlan* metrics;
+    SampleValue* values;
+    unsigned int metricCount;
+    bool needProcessCpu;
+    bool needIo;
+    ProcFile statm;
+    ProcFile io;
+    long pageSize;
+    timespec lastProcessCpu;
+    std::uint64_t lastCharsRead;
+    std::uint64_t lastCharsWritten;
+    // What the sampler read from /proc itself and the read count of the
+    // process doesn't show yet: not the program's reading.
+    std::uint64_t ownBytesRead;
+    // The records of ".errorMessages", made at arming.
+    char* errorRecords;
+    std::size_t errorRecordsSize;
+
+    std::uint64_t taken;
+    std::uint64_t skipped;
+    std::uint64_t missedThreads;
+    std::uint64_t handlerNs;
+};
+
+extern State gState;
+
+// ---- safe anywhere ----
+
+// Sets quorvex_sampler_error and returns `code`.
+int fail(int code, const char* message);
+// A line of the debug log, started with the sampler's name and pid.
+quorvex::SafeMessage logLine();
+// Written to standard error only when the debug log is on.
+void writeLog(const quorvex::SafeMessage& message);
+// Arms the interval timer: the first expiry after `firstMs`, then every
+// `intervalMs` (0 and 0 disarm it). False when the kernel refuses.
+bool setTimer(int intervalMs, long long firstMs);
+bool isSleeping(const timespec& cpu, const timespec& wall);
+
+// ---- samplehandler.cpp ----
+
+// Adds the answers that have come in to their samples. One that is overdue,
+// or every one still out when `giveUpAll` is set, goes in as missing; a
+// thread that ended without answering is left out.
+void collectAnswers(const timespec& current, bool giveUpAll);
+// The values of this sample; `wall` is the time since the previous one.
+void readMetrics(const timespec& wall);
+
+// ---- finishhandler.cpp ----
+
+// Stops sampling and writes the results; from the sampling handler itself
+// when `inSamplingHandler`. A QUORVEX_SAMPLER_* code.
+int finish(int stopReason, bool inSamplingHandler);
+
+// ---- arming.cpp ----
+
+struct ArmSettings
+{
+    int numSamples;
+    int intervalMs;
+    const char* path;
+    bool allThreads;
+    unsigned int startOffsetMs;
+    unsigned int stopOffsetMs;
+};
+
+// Arms sampling; a QUORVEX_SAMPLER_* code. The metrics come from the
+// configuration at the path when `readConfigFile`, else the default ones.
+int arm(const ArmSettings& settings, bool readConfigFile);
+
+} // namespace zorsampler
+
+#endif
