@@ -105,37 +105,58 @@ bool Category::isMpiWorkerThread(const QString& function)
     return isMpiLibrary(libraryOfUnknownFrame(function));
 }
 
-Category::Enum Category::categoriseFunction(const QString& function, const Position& parent, Enum start)
+Category::NameFacts Category::factsOf(const QString& function)
 {
-    if (function.isEmpty())
+    NameFacts facts;
+    facts.empty = function.isEmpty();
+    facts.ompWorker = isOmpWorkerThread(function);
+    facts.mpiWorker = isMpiWorkerThread(function);
+    facts.runsRegionBodies = equalsAny(function, {"__kmp_invoke_microtask", "GOMP_parallel", "GOMP_parallel_start"});
+    facts.ompRuntimeInternal = function.startsWith(QLatin1String("__kmp")) || function.startsWith(QLatin1String("gomp_"));
+    if (facts.empty)
+        facts.category = Other;
+    else if (isOmpRegionName(function))
+        facts.category = OmpRegion;
+    else if (facts.ompWorker)
+        facts.category = OmpWorkerEntry;
+    else if (isOmpWaitName(function))
+        facts.category = OmpWait;
+    else if (startsWithAny(function, {"GOMP_", "GOACC_", "omp_", "__kmpc_", "__kmp_"}))
+        facts.category = OmpRuntimeCall;
+    else if (facts.mpiWorker)
+        facts.category = MpiProgress;
+    else if (startsWithAny(function, {"MPI_", "PMPI_", "mpi_", "pmpi_"}))
+        facts.category = MpiCall;
+    else if (isAcceleratorName(function) || isAcceleratorLibrary(libraryOfUnknownFrame(function)))
+        facts.category = Accelerator;
+    else if (equalsAny(function, {"start_thread", "clone", "__clone", "clone3", "__clone3"}))
+        facts.category = ThreadStart;
+    else if (equalsAny(function, {"poll", "__poll", "ppoll", "epoll_wait", "epoll_pwait", "select", "pselect",
+                                  "nanosleep", "__nanosleep", "clock_nanosleep", "__clock_nanosleep", "sched_yield",
+                                  "pthread_cond_wait", "pthread_cond_timedwait", "__futex_abstimed_wait_common",
+                                  "futex_wait", "sigwait", "sigtimedwait", "pause", "usleep", "sleep"}))
+        facts.category = SystemWait;
+    else
+        facts.category = Other;
+    return facts;
+}
+
+Category::Enum Category::categorise(const NameFacts& function, const NameFacts& parent, Enum start)
+{
+    if (function.empty)
         return start;
-    if (isOmpRegionName(function))
+    if (function.category == OmpRegion)
         return OmpRegion;
     // The frame that a runtime calls to run a region is the region, whatever
     // the binary's symbols say of it.
-    if (equalsAny(parent.function, {"__kmp_invoke_microtask", "GOMP_parallel", "GOMP_parallel_start"})
-        && !function.startsWith(QLatin1String("__kmp")) && !function.startsWith(QLatin1String("gomp_")))
+    if (parent.runsRegionBodies && !function.ompRuntimeInternal)
         return OmpRegion;
-    if (isOmpWorkerThread(function))
-        return OmpWorkerEntry;
-    if (isOmpWaitName(function))
-        return OmpWait;
-    if (startsWithAny(function, {"GOMP_", "GOACC_", "omp_", "__kmpc_", "__kmp_"}))
-        return OmpRuntimeCall;
-    if (isMpiWorkerThread(function))
-        return MpiProgress;
-    if (startsWithAny(function, {"MPI_", "PMPI_", "mpi_", "pmpi_"}))
-        return MpiCall;
-    if (isAcceleratorName(function) || isAcceleratorLibrary(libraryOfUnknownFrame(function)))
-        return Accelerator;
-    if (equalsAny(function, {"start_thread", "clone", "__clone", "clone3", "__clone3"}))
-        return ThreadStart;
-    if (equalsAny(function, {"poll", "__poll", "ppoll", "epoll_wait", "epoll_pwait", "select", "pselect",
-                             "nanosleep", "__nanosleep", "clock_nanosleep", "__clock_nanosleep", "sched_yield",
-                             "pthread_cond_wait", "pthread_cond_timedwait", "__futex_abstimed_wait_common",
-                             "futex_wait", "sigwait", "sigtimedwait", "pause", "usleep", "sleep"}))
-        return SystemWait;
-    return start;
+    return function.category == Other ? start : function.category;
+}
+
+Category::Enum Category::categoriseFunction(const QString& function, const Position& parent, Enum start)
+{
+    return categorise(factsOf(function), factsOf(parent.function), start);
 }
 
 // Frames that give an OpenMP runtime away: its entry points, and the names

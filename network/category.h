@@ -45,6 +45,24 @@ public:
         enum Enum { Unknown = 0, Gnu = 1, Intel = 2, Llvm = 3, Cray = 4, Nvidia = 5 };
     };
 
+    // What the rules read from one name, so that a caller that meets the
+    // same names again and again can keep it.
+    struct NameFacts
+    {
+        // The category of the name on its own; Other when it tells none.
+        Enum category;
+        bool empty;
+        bool ompWorker;
+        bool mpiWorker;
+        // What such a function calls is the body of a parallel region.
+        bool runsRegionBodies;
+        // A function of the OpenMP runtime's own.
+        bool ompRuntimeInternal;
+    };
+    static NameFacts factsOf(const QString& function);
+    // categoriseFunction from the facts of the two names.
+    static Enum categorise(const NameFacts& function, const NameFacts& parent, Enum start);
+
     // The category of a frame named `function` whose caller stood at
     // `parent` (an empty function for a frame right below a thread's root).
     // `start` is what the caller already knows; it comes back when the name

@@ -6,6 +6,9 @@
 #include <QFileInfo>
 #include <QRegExp>
 
+#include <algorithm>
+#include <vector>
+
 #include "constants.h"
 #include "debugger.h"
 #include "selfprofile.h"
@@ -67,6 +70,73 @@ bool isThreadLibraryRoot(const QString& outer, const QString& inner)
         && Category::libraryOfUnknownFrame(inner) == library;
 }
 
+// The distinct addresses of a run, in ascending order. A run puts millions
+// of frames through this and most of them are repeats, so they are gathered
+// in an open-addressing table first and sorted once.
+class AddressCollector
+{
+public:
+    AddressCollector() : mSlots(1 << 16, Empty), mShift(64 - 16), mCount(0), mHasEmpty(false) {}
+
+    void insert(Address address)
+    {
+        if (address == Empty) {
+            mHasEmpty = true;
+            return;
+        }
+        if ((mCount + 1) * 2 > mSlots.size())
+            grow();
+        insertNew(address);
+    }
+    std::vector<Address> sorted() const
+    {
+        std::vector<Address> addresses;
+        addresses.reserve(mCount + 1);
+        for (Address slot : mSlots) {
+            if (slot != Empty)
+                addresses.push_back(slot);
+        }
+        if (mHasEmpty)
+            addresses.push_back(Empty);
+        std::sort(addresses.begin(), addresses.end());
+        return addresses;
+    }
+
+private:
+    // The slot marker; the address itself is told by a flag.
+    static constexpr Address Empty = ~Address(0);
+
+    void insertNew(Address address)
+    {
+        const size_t mask = mSlots.size() - 1;
+        for (size_t i = (address * 0x9E3779B97F4A7C15ULL) >> mShift;; i = (i + 1) & mask) {
+            if (mSlots[i] == address)
+                return;
+            if (mSlots[i] == Empty) {
+                mSlots[i] = address;
+                ++mCount;
+                return;
+            }
+        }
+    }
+    void grow()
+    {
+        std::vector<Address> old(mSlots.size() * 2, Empty);
+        old.swap(mSlots);
+        --mShift;
+        mCount = 0;
+        for (Address slot : old) {
+            if (slot != Empty)
+                insertNew(slot);
+        }
+    }
+
+    std::vector<Address> mSlots;
+    int mShift;
+    size_t mCount;
+    bool mHasEmpty;
+};
+
 } // namespace
 
 Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup lookup)
@@ -121,7 +191,13 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
 
 void PreloadSampleSource::noteDecodedFrame(Address address, const Position& position)
 {
-    DecodedFrame& frame = mDecodedFrames[address];
+    int index = mFrameIndex.find(address);
+    if (index < 0) {
+        index = int(mDecodedFrames.size());
+        mDecodedFrames.emplace_back();
+        mFrameIndex.insert(address, index);
+    }
+    DecodedFrame& frame = mDecodedFrames[size_t(index)];
     frame.position = position;
     frame.inlineCallers = mInlineFrames.value(address);
     frame.hasLineInfo = position.hasFileAndLine();
@@ -134,13 +210,13 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
 
 DecodedFrame& PreloadSampleSource::decodedFrame(Address address)
 {
-    const auto found = mDecodedFrames.find(address);
-    if (found != mDecodedFrames.end())
-        return *found;
+    const int index = mFrameIndex.find(address);
+    if (index >= 0)
+        return mDecodedFrames[size_t(index)];
     // Positions that reached the cache some other way: asserts when there
     // is none at all.
     noteDecodedFrame(address, decodeAddress(address, PositionLookupForbidden));
-    return mDecodedFrames[address];
+    return mDecodedFrames[size_t(mFrameIndex.find(address))];
 }
 
 void PreloadSampleSource::findSamplerLibraries()
@@ -166,7 +242,7 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
 {
     TempDisableDebugMode quiet(&mTharn);
     findSamplerLibraries();
-    QOrderedSet<unsigned long long> addresses;
+    AddressCollector collector;
 
     SelfProfile prep(mTharn, QStringLiteral("30.precachePrep"));
     for (unsigned int i = 0; i < samples->size(); ++i) {
@@ -177,8 +253,8 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
             if (trace.empty())
                 missing = true;
             for (unsigned long address : trace) {
-                addresses.insert(address);
-                addresses.insert(Address(address) - 1);
+                collector.insert(address);
+                collector.insert(Address(address) - 1);
             }
         }
         if (missing)
@@ -186,9 +262,10 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
     }
     for (const quorvex::SCallSite& site : callSites) {
         for (unsigned long address : site.callSite()->trace())
-            addresses.insert(Address(address) - 1);
+            collector.insert(Address(address) - 1);
     }
-    mSelfProfilePoints.addPoint(prep.finish(addresses.size()));
+    const std::vector<Address> addresses = collector.sorted();
+    mSelfProfilePoints.addPoint(prep.finish(int(addresses.size())));
 
     SelfProfile decode(mTharn, QStringLiteral("40.decodeReturnAddresses"));
     const double total = addresses.size();

@@ -19,11 +19,13 @@
 #include <QString>
 #include <QStringList>
 #include <ctime>
+#include <deque>
 #include <memory>
 #include <vector>
 
 #include "category.h"
 #include "decodedframe.h"
+#include "flatindex.h"
 #include "debuggertypes.h"
 #include "disassembler.h"
 #include "gpuprofilerglobaldata.h"
@@ -227,18 +229,13 @@ public slots:
     void checkIfTargetWantsToStop(const QString& path);
 
 private:
-    // What the rules of Category say of a frame below a caller.
-    struct ThreadClassOfName
+    // What the naming rules say of one function name; the name is held so
+    // that its storage, by which it is found, stays its own.
+    struct NameAnswers
     {
-        Category::Enum category;
-        bool ompWorker;
-        bool mpiWorker;
-    };
-    struct CachedThreadClass
-    {
-        QString function;
-        QString parentFunction;
-        ThreadClassOfName answer;
+        QString name;
+        Category::NameFacts facts;
+        Category::OmpCompiler::Enum runtime;
     };
 
     // The analysis's own helpers (addressdecoding.cpp, backtracemodel.cpp,
@@ -253,7 +250,7 @@ private:
     Category::OmpCompiler::Enum detectOmpRuntime(const ZORPSVModelItem* root);
     void markRegionCaller(ZORPSVModelItem* root, int depth);
     void dropStartupFrame(ZORPSVModelItem* root);
-    ThreadClassOfName threadClassOfName(const QString& function, const QString& parentFunction);
+    const NameAnswers& answersFor(const QString& function);
     QString programDisplayName();
 
     void lookForMpiWrapper();
@@ -342,10 +339,11 @@ private:
     // the tree builders need, the sampler's own code, and the answers of the
     // naming rules, kept for one analysis by the storage of the names.
     InternStringCache mInternedStrings;
-    QHash<Address, DecodedFrame> mDecodedFrames;
+    FlatIndex mFrameIndex;
+    std::deque<DecodedFrame> mDecodedFrames;
     QList<QPair<Address, Address>> mSamplerRanges;
-    QHash<const QChar*, QPair<QString, Category::OmpCompiler::Enum>> mOmpRuntimeOfName;
-    QHash<QPair<const QChar*, const QChar*>, CachedThreadClass> mThreadClassOfName;
+    FlatIndex mNameIndex;
+    std::deque<NameAnswers> mNameAnswers;
 };
 
 // Lowers the priority of this process and of its children to the least, so

@@ -124,8 +124,8 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
                            mLustreCharsWritten);
     }
     mSelfProfilePoints.addPoint(post.finish(samples.size()));
-    mOmpRuntimeOfName.clear();
-    mThreadClassOfName.clear();
+    mNameIndex.clear();
+    mNameAnswers.clear();
 }
 
 void PreloadSampleSource::recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace,
@@ -280,21 +280,16 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
 Category::OmpCompiler::Enum PreloadSampleSource::detectOmpRuntime(const ZORPSVModelItem* root)
 {
     // What ZORPSVModelItem::detectOmpRuntime finds, with the answer for each
-    // name kept: trees share their names with the position cache, so the
-    // name's storage identifies it. The entry holds the name, so that the
-    // storage can't be reused for another name while it is kept.
+    // name kept. A tree at this stage is one path.
     for (const PSVModelItem* node = root; node; node = node->firstChild()) {
         if (node->childCount() > 1)
             return root->detectOmpRuntime();
         const QString& function = node->position().function;
         if (function.isEmpty())
             continue;
-        auto found = mOmpRuntimeOfName.constFind(function.constData());
-        if (found == mOmpRuntimeOfName.constEnd())
-            found = mOmpRuntimeOfName.insert(function.constData(),
-                                             qMakePair(function, Category::ompRuntimeOfFunction(function)));
-        if (found->second != Category::OmpCompiler::Unknown)
-            return found->second;
+        const Category::OmpCompiler::Enum runtime = answersFor(function).runtime;
+        if (runtime != Category::OmpCompiler::Unknown)
+            return runtime;
     }
     return Category::OmpCompiler::Unknown;
 }

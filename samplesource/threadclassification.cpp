@@ -16,49 +16,45 @@ bool PreloadSampleSource::isTidClassified(int tid) const
         || mAcceleratorTids.contains(tid);
 }
 
-PreloadSampleSource::ThreadClassOfName PreloadSampleSource::threadClassOfName(const QString& function,
-                                                                              const QString& parentFunction)
+const PreloadSampleSource::NameAnswers& PreloadSampleSource::answersFor(const QString& function)
 {
-    // A thread of no class is searched again in every sample, so the rules'
-    // answer for each frame is kept, by the storage of the two names, which
-    // trees share with the position cache. The entry holds both names so
-    // that their storage isn't reused for others while it is kept.
-    const QPair<const QChar*, const QChar*> key(function.constData(), parentFunction.constData());
-    auto found = mThreadClassOfName.constFind(key);
-    if (found != mThreadClassOfName.constEnd())
-        return found->answer;
-    ThreadClassOfName answer;
-    Position parent;
-    parent.function = parentFunction;
-    answer.category = Category::categoriseFunction(function, parent, Category::Other);
-    answer.ompWorker = Category::isOmpWorkerThread(function);
-    answer.mpiWorker = Category::isMpiWorkerThread(function);
-    CachedThreadClass entry;
-    entry.function = function;
-    entry.parentFunction = parentFunction;
-    entry.answer = answer;
-    mThreadClassOfName.insert(key, entry);
-    return answer;
+    // A thread of no class is searched again in every sample, and every
+    // tree is searched for its OpenMP runtime, so the rules' answers for a
+    // name are kept for the analysis. Trees share their names' storage with
+    // the position cache, so the storage identifies a name.
+    const std::uint64_t key = reinterpret_cast<quintptr>(function.constData());
+    const int index = mNameIndex.find(key);
+    if (index >= 0)
+        return mNameAnswers[size_t(index)];
+    NameAnswers answers;
+    answers.name = function;
+    answers.facts = Category::factsOf(function);
+    answers.runtime = Category::ompRuntimeOfFunction(function);
+    mNameIndex.insert(key, int(mNameAnswers.size()));
+    mNameAnswers.push_back(answers);
+    return mNameAnswers.back();
 }
 
 void PreloadSampleSource::classifyNonMainTid(int tid, const ZORPSVModelItem* item)
 {
     const PSVModelItem* parent = item->parent();
     const bool nearRoot = !parent || !parent->parent();
-    const ThreadClassOfName answer =
-        threadClassOfName(item->position().function, parent ? parent->position().function : QString());
-    if (answer.ompWorker || answer.category == Category::OmpRegion || answer.category == Category::OmpWorkerEntry
-        || answer.category == Category::OmpWait) {
+    static const Category::NameFacts noParent = Category::factsOf(QString());
+    const Category::NameFacts& facts = answersFor(item->position().function).facts;
+    const Category::Enum category = Category::categorise(
+        facts, parent ? answersFor(parent->position().function).facts : noParent, Category::Other);
+    if (facts.ompWorker || category == Category::OmpRegion || category == Category::OmpWorkerEntry
+        || category == Category::OmpWait) {
         mOmpTids.insert(tid);
         return;
     }
-    if (answer.mpiWorker) {
+    if (facts.mpiWorker) {
         mMpiTids.insert(tid);
         return;
     }
     // An accelerator frame deeper in the stack is a call of the program's,
     // not a thread of the runtime.
-    if (answer.category == Category::Accelerator && nearRoot) {
+    if (category == Category::Accelerator && nearRoot) {
         mAcceleratorTids.insert(tid);
         return;
     }
