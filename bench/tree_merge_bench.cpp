@@ -4,18 +4,28 @@
 // and the reading each run in a process of their own, so that each peak is
 // that phase's alone.
 //
-// Columns: ranks; input nodes (all ranks' trees together); nodes of the
-// merged tree; seconds spent building the input trees (not part of the
-// merge); seconds merging; merge nanoseconds per input node; peak MiB of the
-// merging process; ranges per node's rank-to-count map, mean and max; of the
-// nodes seen by every rank, the share whose map is a single range; XML MiB;
-// seconds writing; seconds reading; peak MiB of the reading process, which
-// holds the XML and the tree. Times are CPU seconds of the process.
+// The input trees are built in batches on all threads, untimed, and each
+// batch is then handed to a TreeMerger, which merges on its own threads
+// while the clock runs; the merger keeps its partial results from batch to
+// batch. So the merge times are those of merging alone, with every core.
 //
-//   bench-tree-merge [nodes-per-tree] [ranks ...]
-//   defaults: 10000 nodes, 256 512 1024 2048 4096 ranks
+// Columns: ranks; input nodes (all ranks' trees together); nodes of the
+// merged tree; seconds building the input trees (wall, not part of the
+// merge); seconds merging, wall and CPU of all threads; merge CPU
+// nanoseconds per input node; peak MiB of the merging process, which holds a
+// batch of input trees besides the merger's trees; MiB of heap that the
+// merged tree holds in the end; ranges per node's rank-to-count map, mean
+// and max; of the nodes seen by every rank, the share whose map is a single
+// range; XML MiB; seconds writing; seconds reading; peak MiB of the reading
+// process, which holds the XML and the tree. Write and read times are CPU
+// seconds of the process.
+//
+//   bench-tree-merge [-j threads] [-b batch] [nodes-per-tree] [ranks ...]
+//   defaults: one thread per core, batches of 64 trees, 10000 nodes,
+//   256 512 1024 2048 4096 ranks
 #include "internstringcache.h"
 #include "psvmodelitem.h"
+#include "treemerger.h"
 
 #include <QBuffer>
 #include <QByteArray>
@@ -23,14 +33,18 @@
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include <malloc.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <random>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -212,30 +226,72 @@ double peakMiB()
     return -1;
 }
 
+double heapMiB()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return double(info.uordblks + info.hblkhd) / 1048576.0;
+}
+
+double wallSeconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Builds the trees of ranks [first, first + trees.size()) on threads threads.
+void buildBatch(const std::vector<TemplateNode>& shape, int first, std::vector<PSVModelItem*>& trees,
+                std::vector<int>& made, int threads)
+{
+    std::vector<std::thread> builders;
+    for (int t = 0; t < threads; ++t) {
+        builders.emplace_back([&, t] {
+            for (size_t i = size_t(t); i < trees.size(); i += size_t(threads))
+                trees[i] = makeRankTree(shape, first + int(i), &made[i]);
+        });
+    }
+    for (std::thread& builder : builders)
+        builder.join();
+}
+
 // Merges the trees of ranks ranks and writes the result to xmlPath.
-int runMerge(const std::vector<TemplateNode>& shape, int ranks, const QString& xmlPath)
+int runMerge(const std::vector<TemplateNode>& shape, int ranks, int threads, int batch, const QString& xmlPath)
 {
     CpuTimer timer;
-    qint64 buildNs = 0;
+    double buildWall = 0;
+    double mergeWall = 0;
     qint64 mergeNs = 0;
     long long inputNodes = 0;
     long long expectedRootThreads = 0;
 
-    PSVModelItem merged;
-    for (int rank = 0; rank < ranks; ++rank) {
-        timer.start();
-        int made = 0;
-        PSVModelItem* tree = makeRankTree(shape, rank, &made);
-        buildNs += timer.nsecsElapsed();
-        inputNodes += made;
-        expectedRootThreads += tree->totalThreads();
+    TreeMerger merger(threads);
+    std::vector<PSVModelItem*> trees;
+    std::vector<int> made;
+    PSVModelItem* root = nullptr;
+    for (int first = 0; first < ranks; first += batch) {
+        const int count = std::min(batch, ranks - first);
+        trees.assign(size_t(count), nullptr);
+        made.assign(size_t(count), 0);
+        double start = wallSeconds();
+        buildBatch(shape, first, trees, made, merger.threadCount());
+        buildWall += wallSeconds() - start;
+        for (int i = 0; i < count; ++i) {
+            inputNodes += made[size_t(i)];
+            expectedRootThreads += trees[size_t(i)]->totalThreads();
+        }
 
+        start = wallSeconds();
         timer.start();
-        merged.mergePSVModelItem(*tree, nullptr);
-        delete tree; // what is left of it after the merge
+        for (PSVModelItem* tree : trees)
+            merger.add(tree);
+        if (first + count < ranks)
+            merger.wait();
+        else
+            root = merger.take();
         mergeNs += timer.nsecsElapsed();
+        mergeWall += wallSeconds() - start;
     }
+    PSVModelItem& merged = *root;
     const double peakMerged = peakMiB();
+    const double mergedMiB = heapMiB();
     if (merged.totalThreads() != expectedRootThreads) {
         std::fprintf(stderr, "root count %d, expected %lld\n", merged.totalThreads(), expectedRootThreads);
         return 1;
@@ -262,12 +318,13 @@ int runMerge(const std::vector<TemplateNode>& shape, int ranks, const QString& x
         return 1;
     }
 
-    std::printf("%6d %10lld %9lld %7.2f %7.2f %7.0f %8.1f %6.2f %5d %6.1f%% %7.1f %6.2f",
-                ranks, inputNodes, stats.nodes, buildNs / 1e9, mergeNs / 1e9, double(mergeNs) / inputNodes,
-                peakMerged, double(stats.ranges) / stats.nodes, stats.maxRanges,
+    std::printf("%6d %10lld %9lld %7.2f %7.2f %7.2f %6.0f %8.1f %7.1f %6.2f %5d %6.1f%% %7.1f %6.2f",
+                ranks, inputNodes, stats.nodes, buildWall, mergeWall, mergeNs / 1e9, double(mergeNs) / inputNodes,
+                peakMerged, mergedMiB, double(stats.ranges) / stats.nodes, stats.maxRanges,
                 stats.allRankNodes ? 100.0 * stats.allRankSingleRange / stats.allRankNodes : 0.0,
                 xml.size() / 1048576.0, writeNs / 1e9);
     std::fflush(stdout);
+    delete root;
     return 0;
 }
 
@@ -310,27 +367,43 @@ bool runInChild(const std::function<int()>& work)
 
 int main(int argc, char** argv)
 {
+    int threads = 0;
+    int batch = 64;
     int nodeCount = 10000;
     std::vector<int> rankCounts{256, 512, 1024, 2048, 4096};
-    if (argc > 1)
-        nodeCount = std::atoi(argv[1]);
-    if (argc > 2) {
+    int arg = 1;
+    for (; arg + 1 < argc && argv[arg][0] == '-'; arg += 2) {
+        if (std::strcmp(argv[arg], "-j") == 0) {
+            threads = std::atoi(argv[arg + 1]);
+        } else if (std::strcmp(argv[arg], "-b") == 0) {
+            batch = std::max(1, std::atoi(argv[arg + 1]));
+        } else {
+            std::fprintf(stderr, "usage: %s [-j threads] [-b batch] [nodes-per-tree] [ranks ...]\n", argv[0]);
+            return 2;
+        }
+    }
+    if (arg < argc)
+        nodeCount = std::atoi(argv[arg++]);
+    if (arg < argc) {
         rankCounts.clear();
-        for (int i = 2; i < argc; ++i)
-            rankCounts.push_back(std::atoi(argv[i]));
+        for (; arg < argc; ++arg)
+            rankCounts.push_back(std::atoi(argv[arg]));
     }
 
     const std::vector<TemplateNode> shape = makeTemplate(nodeCount);
     const Shape s = shapeOf(shape);
     std::printf("tree of each rank: about %d nodes (template %d), depth max %d mean %.1f, widest caller %d children, %d leaves\n",
                 nodeCount, s.nodes, s.maxDepth, s.meanDepth, s.maxWidth, s.leaves);
-    std::printf("%6s %10s %9s %7s %7s %7s %8s %6s %5s %7s %7s %6s %6s %8s\n", "ranks", "input", "merged", "build",
-                "merge", "ns/in", "peakMiB", "rng/nd", "max", "1-range", "xmlMiB", "write", "read", "peakMiB");
+    std::printf("merging on %d threads, batches of %d trees\n", TreeMerger(threads).threadCount(), batch);
+    std::printf("%6s %10s %9s %7s %7s %7s %6s %8s %7s %6s %5s %7s %7s %6s %6s %8s\n", "ranks", "input", "merged",
+                "build", "merge", "cpu", "ns/in", "peakMiB", "treeMiB", "rng/nd", "max", "1-range", "xmlMiB", "write",
+                "read", "peakMiB");
     std::fflush(stdout);
 
     const QString xmlPath = QStringLiteral("/tmp/bench-tree-merge_%1.xml").arg(getpid());
     for (int ranks : rankCounts) {
-        if (!runInChild([&] { return runMerge(shape, ranks, xmlPath); }) || !runInChild([&] { return runRead(xmlPath); })) {
+        if (!runInChild([&] { return runMerge(shape, ranks, threads, batch, xmlPath); })
+            || !runInChild([&] { return runRead(xmlPath); })) {
             std::fprintf(stderr, "run with %d ranks failed\n", ranks);
             QFile::remove(xmlPath);
             return 1;

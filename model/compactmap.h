@@ -166,6 +166,19 @@ void CompactMap<K, V>::set(const Range& r, V value, bool counted)
     noteSet(r, counted);
 
     Ranges& m = d->mRanges;
+    if (!d->mElided && (m.empty() || !(r.begin < std::prev(m.end())->first.end))) {
+        // Past the last range, as merging ranks in order sets nearly always:
+        // stretch the last range or append, without a search.
+        if (!m.empty()) {
+            iterator back = std::prev(m.end());
+            if (back->first.end == r.begin && back->second == value) {
+                back->first.end = r.end;
+                return;
+            }
+        }
+        m.emplace_hint(m.end(), r, value);
+        return;
+    }
     iterator first = lowerBound(r.begin);
     iterator prev = first == m.begin() ? m.end() : std::prev(first);
     if (prev != m.end() && prev->first.end >= r.end && prev->second == value)
@@ -241,7 +254,9 @@ void CompactMap<K, V>::set(const Range& r, V value, bool counted)
 template <typename K, typename V>
 void CompactMap<K, V>::setSimple(const CompactMap& other, bool counted)
 {
-    const QExplicitlySharedDataPointer<Data> source = other.d;
+    // Holds other's ranges steady should this map share them and detach.
+    const QExplicitlySharedDataPointer<Data> keep = other.d == d ? other.d : QExplicitlySharedDataPointer<Data>();
+    const Data* source = other.d.data();
     if (mayElideMerging(other, counted)) {
         d.detach();
         d->mCount = sizeLowerBound();

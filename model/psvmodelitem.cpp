@@ -10,6 +10,9 @@
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include <cstring>
+#include <vector>
+
 const QLatin1String PSVModelItem::XML_NODE("node");
 
 namespace {
@@ -23,16 +26,171 @@ const QLatin1String ATTR_CURRENT_GROUP("currentGroup");
 const QLatin1String ATTR_UNEXPECTED_STOP("unexpectedStop");
 const QLatin1String YES("yes");
 
+// Below this many children a plain scan beats the index.
+const int CHILD_INDEX_THRESHOLD = 8;
+
+quint64 mix(quint64 h)
+{
+    h ^= h >> 33;
+    h *= 0xff51afd7ed558ccdULL;
+    h ^= h >> 33;
+    return h;
+}
+
+quint64 word(const QChar* at)
+{
+    quint64 w;
+    std::memcpy(&w, at, sizeof w);
+    return w;
+}
+
+// A hash of a name from its length and at most its first and last eight
+// characters: cheap on long C++ names, and siblings rarely share all that
+// and their line as well.
+quint64 nameKey(const QString& name)
+{
+    const int size = name.size();
+    const QChar* chars = name.constData();
+    quint64 h = quint64(size) * 0x9e3779b97f4a7c15ULL;
+    if (size >= 8) {
+        h = mix(h ^ word(chars)) ^ word(chars + 4);
+        h = mix(h ^ word(chars + size - 8)) ^ word(chars + size - 4);
+    } else {
+        for (int i = 0; i < size; ++i)
+            h = h * 31 + chars[i].unicode();
+    }
+    return h;
+}
+
+// The file is left out on purpose: two spellings of one file are the same
+// frame, and candidates are checked with samePosition anyway.
+quint32 positionKey(const Position& position)
+{
+    const quint64 lineAndColumn = (quint64(quint32(position.line)) << 32) | quint32(position.column);
+    return quint32(mix(nameKey(position.function) ^ (lineAndColumn * 0xc2b2ae3d27d4eb4fULL)) >> 16);
+}
+
 } // namespace
 
+// Children by the hash of their position, for wide nodes. Open addressing
+// with linear probing; each entry keeps the child's place in the order of
+// the children, so that the first of several matching children is found.
+class PSVChildIndex
+{
+public:
+    explicit PSVChildIndex(const QList<PSVModelItem*>& children)
+    {
+        int capacity = 16;
+        while (capacity < 2 * children.size())
+            capacity *= 2;
+        mSlots.assign(capacity, Slot());
+        for (PSVModelItem* child : children)
+            insert(child, positionKey(child->mPosition), mNextOrder++);
+    }
+
+    void append(PSVModelItem* child)
+    {
+        if (2 * (mSize + 1) > int(mSlots.size()))
+            grow();
+        insert(child, positionKey(child->mPosition), mNextOrder++);
+    }
+
+    void remove(PSVModelItem* child, quint32 key)
+    {
+        const size_t mask = mSlots.size() - 1;
+        size_t i = key & mask;
+        while (mSlots[i].child != child) {
+            if (!mSlots[i].child)
+                return;
+            i = (i + 1) & mask;
+        }
+        // Shift later entries of the probe run back, so that no lookup
+        // stops early at the hole.
+        for (size_t j = (i + 1) & mask; mSlots[j].child; j = (j + 1) & mask) {
+            const size_t home = mSlots[j].key & mask;
+            const bool between = i <= j ? (i < home && home <= j) : (i < home || home <= j);
+            if (!between) {
+                mSlots[i] = mSlots[j];
+                i = j;
+            }
+        }
+        mSlots[i] = Slot();
+        --mSize;
+    }
+
+    // A child keeps its place among the children when its position changes.
+    void rekey(PSVModelItem* child, quint32 oldKey)
+    {
+        const size_t mask = mSlots.size() - 1;
+        size_t i = oldKey & mask;
+        while (mSlots[i].child && mSlots[i].child != child)
+            i = (i + 1) & mask;
+        if (!mSlots[i].child)
+            return;
+        const quint32 order = mSlots[i].order;
+        remove(child, oldKey);
+        insert(child, positionKey(child->mPosition), order);
+    }
+
+    PSVModelItem* find(const Position& position, bool (*accept)(const PSVModelItem*)) const
+    {
+        const quint32 key = positionKey(position);
+        const size_t mask = mSlots.size() - 1;
+        const Slot* best = nullptr;
+        for (size_t i = key & mask; mSlots[i].child; i = (i + 1) & mask) {
+            const Slot& slot = mSlots[i];
+            if (slot.key == key && (!best || slot.order < best->order)
+                && PSVModelItem::samePosition(slot.child->mPosition, position) && (!accept || accept(slot.child)))
+                best = &slot;
+        }
+        return best ? best->child : nullptr;
+    }
+
+private:
+    struct Slot
+    {
+        PSVModelItem* child = nullptr;
+        quint32 key = 0;
+        quint32 order = 0;
+    };
+
+    void insert(PSVModelItem* child, quint32 key, quint32 order)
+    {
+        const size_t mask = mSlots.size() - 1;
+        size_t i = key & mask;
+        while (mSlots[i].child)
+            i = (i + 1) & mask;
+        mSlots[i].child = child;
+        mSlots[i].key = key;
+        mSlots[i].order = order;
+        ++mSize;
+    }
+
+    void grow()
+    {
+        std::vector<Slot> old(2 * mSlots.size());
+        old.swap(mSlots);
+        mSize = 0;
+        for (const Slot& slot : old) {
+            if (slot.child)
+                insert(slot.child, slot.key, slot.order);
+        }
+    }
+
+    std::vector<Slot> mSlots;
+    int mSize = 0;
+    quint32 mNextOrder = 0;
+};
+
 PSVModelItem::PSVModelItem()
-    : mParent(nullptr), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false)
+    : mParent(nullptr), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false),
+      mChildIndex(nullptr)
 {
 }
 
 PSVModelItem::PSVModelItem(const Position& position)
     : mParent(nullptr), mPosition(position), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false),
-      mUnexpectedStopAncestor(false)
+      mUnexpectedStopAncestor(false), mChildIndex(nullptr)
 {
 }
 
@@ -51,7 +209,8 @@ PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position) : PSV
 PSVModelItem::PSVModelItem(const PSVModelItem& other)
     : SaxHandler(other), mProcessThreads(other.mProcessThreads), mCudaThreads(other.mCudaThreads), mParent(nullptr),
       mPosition(other.mPosition), mLastCudaGroup(other.mLastCudaGroup), mCurrentGroup(other.mCurrentGroup),
-      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor)
+      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor),
+      mChildIndex(nullptr)
 {
     mChildren.reserve(other.mChildren.size());
     for (const PSVModelItem* child : other.mChildren)
@@ -61,7 +220,8 @@ PSVModelItem::PSVModelItem(const PSVModelItem& other)
 PSVModelItem::~PSVModelItem()
 {
     if (mParent)
-        mParent->mChildren.removeOne(this);
+        mParent->unlinkChild(this);
+    delete mChildIndex;
     for (PSVModelItem* child : qAsConst(mChildren)) {
         child->mParent = nullptr;
         delete child;
@@ -123,18 +283,37 @@ void PSVModelItem::addChild(PSVModelItem* child)
 {
     mChildren.append(child);
     child->mParent = this;
+    if (mChildIndex)
+        mChildIndex->append(child);
+}
+
+void PSVModelItem::unlinkChild(PSVModelItem* child)
+{
+    if (mChildIndex)
+        mChildIndex->remove(child, positionKey(child->mPosition));
+    mChildren.removeOne(child);
 }
 
 void PSVModelItem::detach()
 {
     if (!mParent)
         return;
-    mParent->mChildren.removeOne(this);
+    mParent->unlinkChild(this);
     mParent = nullptr;
+}
+
+void PSVModelItem::setPosition(const Position& position)
+{
+    const quint32 oldKey = positionKey(mPosition);
+    mPosition = position;
+    if (mParent && mParent->mChildIndex)
+        mParent->mChildIndex->rekey(this, oldKey);
 }
 
 void PSVModelItem::clear()
 {
+    delete mChildIndex;
+    mChildIndex = nullptr;
     const QList<PSVModelItem*> children = mChildren;
     mChildren.clear();
     for (PSVModelItem* child : children) {
@@ -142,6 +321,17 @@ void PSVModelItem::clear()
         child->mParent = nullptr;
         delete child;
     }
+}
+
+QList<PSVModelItem*> PSVModelItem::takeChildren()
+{
+    delete mChildIndex;
+    mChildIndex = nullptr;
+    QList<PSVModelItem*> children;
+    children.swap(mChildren);
+    for (PSVModelItem* child : qAsConst(children))
+        child->mParent = nullptr;
+    return children;
 }
 
 void PSVModelItem::addThreads(int process, int count, bool current, bool unexpected)
@@ -228,13 +418,24 @@ bool PSVModelItem::samePosition(const Position& a, const Position& b)
             && PathString::fileNamesEqual(a.file, b.file));
 }
 
-PSVModelItem* PSVModelItem::findChild(const Position& position)
+PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)(const PSVModelItem*)) const
 {
-    for (PSVModelItem* child : qAsConst(mChildren)) {
-        if (samePosition(child->mPosition, position))
+    if (mChildren.size() >= CHILD_INDEX_THRESHOLD) {
+        PSVModelItem* self = const_cast<PSVModelItem*>(this);
+        if (!mChildIndex)
+            self->mChildIndex = new PSVChildIndex(mChildren);
+        return mChildIndex->find(position, accept);
+    }
+    for (PSVModelItem* child : mChildren) {
+        if (samePosition(child->mPosition, position) && (!accept || accept(child)))
             return child;
     }
     return nullptr;
+}
+
+PSVModelItem* PSVModelItem::findChild(const Position& position)
+{
+    return findChildIf(position, nullptr);
 }
 
 const PSVModelItem* PSVModelItem::findChild(const Position& position) const
@@ -353,7 +554,7 @@ void PSVModelItem::readXmlStreamAttributes(const QXmlStreamAttributes& attribute
         position.file = internString(attributes.value(ATTR_FILE).toString());
     if (attributes.hasAttribute(ATTR_LINE))
         position.line = attributes.value(ATTR_LINE).toInt();
-    mPosition = position;
+    setPosition(position);
     if (attributes.hasAttribute(ATTR_PROCESSES))
         mProcessThreads = IntProcessMap(attributes.value(ATTR_PROCESSES).toString());
     if (attributes.hasAttribute(ATTR_CUDA_THREADS))

@@ -15,6 +15,7 @@
 class QXmlStreamAttributes;
 class QXmlStreamReader;
 class QXmlStreamWriter;
+class PSVChildIndex;
 
 class PSVModelItem : public SaxHandler
 {
@@ -82,6 +83,9 @@ public:
     void detach();
     // Deletes the subtree below this node; the node's own fields stay.
     void clear();
+    // Removes every child without deleting it and hands them over in their
+    // order; they have no parent afterwards.
+    QList<PSVModelItem*> takeChildren();
 
     void addThreads(int process, int count, bool current, bool unexpected);
     void addThread(int process, bool current, bool unexpected) { addThreads(process, 1, current, unexpected); }
@@ -118,15 +122,37 @@ protected:
     // Shares the storage of equal function and file names read from XML.
     static QString internString(const QString& text);
 
+    // The first child at position that accept takes (all when accept is
+    // null), as findChild matches. Wide nodes answer through a hash index.
+    PSVModelItem* findChildIf(const Position& position, bool (*accept)(const PSVModelItem*)) const;
+    const QList<PSVModelItem*>& childList() const { return mChildren; }
+    // The position of a node changes only here, so that the index of its
+    // parent follows.
+    void setPosition(const Position& position);
+
     IntProcessMap mProcessThreads;
     IntProcessMap mCudaThreads;
+
+private:
+    friend class PSVChildIndex;
+    friend class TreeMerger;
+    void unlinkChild(PSVModelItem* child);
+
+    // Changed only through addChild, detach, clear and the destructor,
+    // which keep the index in step.
     QList<PSVModelItem*> mChildren;
     PSVModelItem* mParent;
     Position mPosition;
+
+protected:
     int mLastCudaGroup;
     bool mCurrentGroup;
     bool mUnexpectedStop;
     bool mUnexpectedStopAncestor;
+
+private:
+    // Built once the node has many children, then kept in step.
+    PSVChildIndex* mChildIndex;
 };
 
 template <typename Frame>

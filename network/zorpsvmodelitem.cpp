@@ -143,13 +143,10 @@ ZORPSVModelItem* ZORPSVModelItem::parentZORModelItem() const
 
 ZORPSVModelItem* ZORPSVModelItem::findChild(const Position& position)
 {
-    for (PSVModelItem* child : qAsConst(mChildren)) {
-        if (samePosition(child->position(), position)) {
-            if (ZORPSVModelItem* node = dynamic_cast<ZORPSVModelItem*>(child))
-                return node;
-        }
-    }
-    return nullptr;
+    // Children of other types are passed over.
+    return static_cast<ZORPSVModelItem*>(findChildIf(position, [](const PSVModelItem* child) {
+        return dynamic_cast<const ZORPSVModelItem*>(child) != nullptr;
+    }));
 }
 
 void ZORPSVModelItem::addSampleCounts(int samples, int selfSamples, int mpiSamples, int sleepingSamples)
@@ -162,10 +159,10 @@ void ZORPSVModelItem::addSampleCounts(int samples, int selfSamples, int mpiSampl
 
 Category::OmpCompiler::Enum ZORPSVModelItem::detectOmpRuntime() const
 {
-    const Category::OmpCompiler::Enum own = Category::ompRuntimeOfFunction(mPosition.function);
+    const Category::OmpCompiler::Enum own = Category::ompRuntimeOfFunction(position().function);
     if (own != Category::OmpCompiler::Unknown)
         return own;
-    for (const PSVModelItem* child : mChildren) {
+    for (const PSVModelItem* child : childList()) {
         if (const ZORPSVModelItem* node = dynamic_cast<const ZORPSVModelItem*>(child)) {
             const Category::OmpCompiler::Enum found = node->detectOmpRuntime();
             if (found != Category::OmpCompiler::Unknown)

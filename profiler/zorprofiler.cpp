@@ -64,3 +64,15 @@ QString ZORTreeserver::getTargetName() const
 {
     return QString::fromLatin1(XML_TARGET_PROFILER);
 }
+
+// The entries by which hosts and tree servers load the plug-in
+// (pluginentry.h names them).
+extern "C" Q_DECL_EXPORT QuorvexTharnPlugin* zor_create_tharn_plugin()
+{
+    return new ZORProfiler;
+}
+
+extern "C" Q_DECL_EXPORT QuorvexTreeserverPlugin* zor_create_treeserver_plugin()
+{
+    return new ZORTreeserver;
+}

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs every Debian 12 package that zor needs to build, test and run.
 # Run as root on a fresh machine; safe to run again.
+#   --compare   also the peers that bench/compare/compare.py measures zor against
 set -eu
 if [ "$(id -u)" -ne 0 ]; then
     echo "install-deps.sh: run as root (it calls apt-get)" >&2
@@ -13,8 +14,11 @@ PACKAGES="
   libgtest-dev libgmock-dev libbenchmark-dev
   gdb libdw-dev libelf-dev libcapstone-dev libunwind-dev
   libopenmpi-dev openmpi-bin
-  libomp-dev
+  python3 clang libomp-dev
 "
+if [ "${1:-}" = "--compare" ]; then
+    PACKAGES="$PACKAGES linux-perf google-perftools python3.11-dbg xz-utils"
+fi
 missing=""
 for p in $PACKAGES; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -2,6 +2,8 @@
 // handlers fill made ready, the handler installed, the timer started. Runs
 // outside signal handlers and may allocate.
 #include "clock.h"
+#include "dispositions.h"
+#include "procparse.h"
 #include "quorvex_sampler.h"
 #include "runtime.h"
 #include "samplerconfig.h"
@@ -9,6 +11,7 @@
 #include "sampling.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -29,6 +32,7 @@ const char METRIC_ID_CPU_PERCENT[] = "cpu_time_percent";
 const char METRIC_ID_RSS[] = "rss_bytes";
 const char METRIC_ID_CHARS_READ[] = "chars_read";
 const char METRIC_ID_CHARS_WRITTEN[] = "chars_written";
+const char METRIC_ID_MPI_TIME[] = "mpi_time_in_call";
 
 // Codes of the records in ".errorMessages".
 const int METRIC_ERROR_UNKNOWN = 1;
@@ -77,6 +81,8 @@ void planMetrics(const quorvex::SamplerConfig& config, std::string& records)
         } else if (metric.id == METRIC_ID_CHARS_WRITTEN) {
             plan.kind = MetricCharsWritten;
             s.needIo = true;
+        } else if (metric.id == METRIC_ID_MPI_TIME) {
+            plan.kind = MetricMpiTime;
         } else {
             addMetricError(records, metric.index, METRIC_ERROR_UNKNOWN,
                            "The sampler doesn't know the metric \"" + metric.id + "\"; it has no values.");
@@ -115,19 +121,94 @@ void takeMetricBaselines()
 quorvex::SamplerConfig defaultConfig()
 {
     quorvex::SamplerConfig config;
-    const char* ids[] = {METRIC_ID_CPU_PERCENT, METRIC_ID_RSS, METRIC_ID_CHARS_READ, METRIC_ID_CHARS_WRITTEN};
-    for (unsigned int i = 0; i < 4; ++i) {
+    const char* ids[] = {METRIC_ID_CPU_PERCENT, METRIC_ID_RSS, METRIC_ID_CHARS_READ, METRIC_ID_CHARS_WRITTEN,
+                         METRIC_ID_MPI_TIME};
+    for (unsigned int i = 0; i < 5; ++i) {
         quorvex::SamplerMetricConfig metric;
         metric.index = i;
         metric.id = ids[i];
-        metric.divide = i >= 2;
+        metric.divide = i == 2 || i == 3;
         metric.onTimeDomain = true;
         config.metrics.push_back(metric);
     }
     return config;
 }
 
+// Whether ".running" at `path` belongs to a process that still samples into
+// the same files. One left by a process that is gone (killed by SIGKILL, or
+// ended before the sampler could finish) is taken away.
+bool runningFileIsLive(const char* path)
+{
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return errno != ENOENT;
+    char text[32] = {0};
+    const ssize_t n = read(fd, text, sizeof text - 1);
+    close(fd);
+    std::uint64_t owner = 0;
+    const bool named = n > 0 && parseDecimal(text, owner) && owner > 0 && owner <= INT_MAX;
+    // Without a pid it may be a file that its owner is writing just now.
+    if (!named)
+        return true;
+    const pid_t pid = static_cast<pid_t>(owner);
+    if (pid != getpid() && (kill(pid, 0) == 0 || errno == EPERM))
+        return true;
+    quorvex::SafeMessage message = logLine();
+    message.str("taking away ").str(path).str(", left by process ").dec(pid).str(", which is gone\n");
+    writeLog(message);
+    return unlink(path) != 0 && errno != ENOENT;
+}
+
+// A timer that sends the sampler's signal to the thread `tid`.
+bool createTimer(int tid, timer_t& timer)
+{
+    sigevent event;
+    std::memset(&event, 0, sizeof event);
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = zs_sampler_signal();
+    event.sigev_value.sival_ptr = const_cast<char*>(&gSignalCookie);
+#ifdef sigev_notify_thread_id
+    event.sigev_notify_thread_id = tid;
+#else
+    event._sigev_un._tid = tid;
+#endif
+    return timer_create(CLOCK_MONOTONIC, &event, &timer) == 0;
+}
+
 } // namespace
+
+void moveTimerOffThisThread()
+{
+    State& s = gState;
+    const int self = currentTid();
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || getpid() != s.pid || self != s.mainTid)
+        return;
+    // The lock keeps the sampling handler away while the target changes.
+    for (int attempt = 0; !tryLock(LockRecycling); ++attempt) {
+        if (attempt == 1000)
+            return;
+        const timespec pause = {0, 100000};
+        zs_real_nanosleep(&pause, nullptr);
+    }
+    int next = 0;
+    for (ThreadSlot* slot = firstSlot(); slot && !next; slot = slot->next) {
+        const int tid = slot->tid.load(std::memory_order_relaxed);
+        if (slot->state.load(std::memory_order_acquire) == SlotLive && tid != self)
+            next = tid;
+    }
+    timer_t timer;
+    if (next && s.phase.load(std::memory_order_acquire) == PhaseArmed && createTimer(next, timer)) {
+        timer_delete(s.timer);
+        s.timer = timer;
+        s.mainTid = next;
+        clock_gettime(zs_thread_cpu_clock(next), &s.mainLastCpu);
+        setTimer(s.intervalMs, s.intervalMs);
+        quorvex::SafeMessage message = logLine();
+        message.str("thread ").dec(self).str(" ends; thread ").dec(next).str(" takes the samples from now on\n");
+        writeLog(message);
+    }
+    unlock();
+}
 
 int arm(const ArmSettings& settings, bool readConfigFile)
 {
@@ -160,7 +241,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
             return fail(QUORVEX_SAMPLER_BAD_CONFIG, error);
     }
 
-    if (access(s.runningPath, F_OK) == 0)
+    if (runningFileIsLive(s.runningPath))
         return fail(QUORVEX_SAMPLER_RUNNING_FILE, std::string(s.runningPath) + " exists already");
     const int out = open(s.path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (out < 0)
@@ -228,6 +309,9 @@ int arm(const ArmSettings& settings, bool readConfigFile)
     prepareUnwinding();
     if (!installSamplerHandler())
         return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't install the signal handler: ") + strerror(errno));
+    if (!installFatalHandlers())
+        return fail(QUORVEX_SAMPLER_SETUP_FAILED,
+                    std::string("can't install the handlers of fatal signals: ") + strerror(errno));
 
     // CPU times are counted from here, for the threads running already too.
     s.start = zs_now(CLOCK_MONOTONIC);
@@ -251,17 +335,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
     // After the sampler's own writing, which is not the program's.
     takeMetricBaselines();
 
-    sigevent event;
-    std::memset(&event, 0, sizeof event);
-    event.sigev_notify = SIGEV_THREAD_ID;
-    event.sigev_signo = zs_sampler_signal();
-    event.sigev_value.sival_ptr = const_cast<char*>(&gSignalCookie);
-#ifdef sigev_notify_thread_id
-    event.sigev_notify_thread_id = s.mainTid;
-#else
-    event._sigev_un._tid = s.mainTid;
-#endif
-    if (timer_create(CLOCK_MONOTONIC, &event, &s.timer) != 0) {
+    if (!createTimer(s.mainTid, s.timer)) {
         const int error = errno;
         unlink(s.runningPath);
         return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't create the sampling timer: ") + strerror(error));

@@ -16,6 +16,7 @@
 namespace zorsampler {
 
 void programTrampoline(int sig, siginfo_t* info, void* ucontext);
+void fatalSignalHandler(int sig, siginfo_t* info, void* ucontext);
 
 namespace {
 
@@ -112,10 +113,79 @@ bool loadDisposition(int sig, struct sigaction& action)
     return load(sig, action);
 }
 
+namespace {
+
+std::atomic<bool> gFatalHandlersInstalled{false};
+
+// What the kernel gets for the program's `action`: a function of the
+// program's runs behind the trampoline, and the default action of a signal
+// that ends the process runs behind the sampler's fatal handler, which
+// writes the results first. SA_RESETHAND is the trampoline's to do, so that
+// the reset goes through here too.
+struct sigaction kernelAction(int sig, const struct sigaction& action)
+{
+    struct sigaction installed = action;
+    if (isFunction(action)) {
+        installed.sa_sigaction = programTrampoline;
+        installed.sa_flags |= SA_SIGINFO;
+        installed.sa_flags &= ~SA_RESETHAND;
+        // The sampler's signal stays unblocked in the program's handlers too.
+        sigdelset(&installed.sa_mask, zs_sampler_signal());
+    } else if (action.sa_handler == SIG_DFL && endsTheProcess(sig)
+               && gFatalHandlersInstalled.load(std::memory_order_acquire)) {
+        std::memset(&installed, 0, sizeof installed);
+        installed.sa_sigaction = fatalSignalHandler;
+        // On the alternate stack where the thread has one: a stack
+        // overflow's SIGSEGV still gets its results written.
+        installed.sa_flags = SA_SIGINFO | SA_ONSTACK;
+        sigfillset(&installed.sa_mask);
+    }
+    return installed;
+}
+
+} // namespace
+
 void resetDispositionToDefault(int sig)
 {
     WriteGuard guard;
-    store(sig, defaultAction());
+    const struct sigaction dfl = defaultAction();
+    const struct sigaction installed = kernelAction(sig, dfl);
+    zs_real_sigaction(sig, &installed, nullptr);
+    store(sig, dfl);
+}
+
+bool endsTheProcess(int sig)
+{
+    switch (sig) {
+    case SIGHUP: case SIGINT: case SIGQUIT: case SIGILL: case SIGTRAP: case SIGABRT: case SIGBUS: case SIGFPE:
+    case SIGUSR1: case SIGSEGV: case SIGUSR2: case SIGPIPE: case SIGALRM: case SIGTERM: case SIGSTKFLT:
+    case SIGXCPU: case SIGXFSZ: case SIGVTALRM: case SIGPROF: case SIGIO: case SIGPWR: case SIGSYS:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool installFatalHandlers()
+{
+    WriteGuard guard;
+    gFatalHandlersInstalled.store(true, std::memory_order_release);
+    for (int sig = 1; sig < NUM_SIGNALS; ++sig) {
+        if (!endsTheProcess(sig))
+            continue;
+        struct sigaction current;
+        if (!load(sig, current)) {
+            if (zs_real_sigaction(sig, nullptr, &current) != 0)
+                return false;
+            store(sig, current);
+        }
+        if (isFunction(current) || current.sa_handler == SIG_IGN)
+            continue;
+        const struct sigaction installed = kernelAction(sig, current);
+        if (zs_real_sigaction(sig, &installed, nullptr) != 0)
+            return false;
+    }
+    return true;
 }
 
 bool installSamplerHandler()
@@ -165,11 +235,7 @@ extern "C" int zs_sigaction(int sig, const struct sigaction* act, struct sigacti
     if (act) {
         const bool keepOurs = sig == zs_sampler_signal() && gSamplerHandlerInstalled.load(std::memory_order_acquire);
         if (!keepOurs) {
-            struct sigaction installed = *act;
-            if (isFunction(*act)) {
-                installed.sa_sigaction = programTrampoline;
-                installed.sa_flags |= SA_SIGINFO;
-            }
+            const struct sigaction installed = kernelAction(sig, *act);
             if (zs_real_sigaction(sig, &installed, nullptr) != 0)
                 return -1;
         }
@@ -178,18 +244,4 @@ extern "C" int zs_sigaction(int sig, const struct sigaction* act, struct sigacti
     if (old)
         *old = previous;
     return 0;
-}
-
-extern "C" void zs_note_mask_change(int how, const sigset_t* set)
-{
-    ThreadSlot* slot = currentSlot();
-    if (!slot || !set || tlsInSamplerHandler)
-        return;
-    const bool named = sigismember(set, zs_sampler_signal()) == 1;
-    if (how == SIG_SETMASK)
-        slot->blocksSignal.store(named, std::memory_order_relaxed);
-    else if (named && how == SIG_BLOCK)
-        slot->blocksSignal.store(true, std::memory_order_relaxed);
-    else if (named && how == SIG_UNBLOCK)
-        slot->blocksSignal.store(false, std::memory_order_relaxed);
 }

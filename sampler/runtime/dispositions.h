@@ -16,6 +16,13 @@ bool loadDisposition(int sig, struct sigaction& action);
 void resetDispositionToDefault(int sig);
 struct sigaction defaultAction();
 
+// Whether the default action of `sig` ends the process.
+bool endsTheProcess(int sig);
+// While sampling, a signal that would end the process by its default
+// action has the sampler's fatal handler in the kernel, which writes the
+// results and then lets the signal end the process as it would have.
+bool installFatalHandlers();
+
 // Set while the sampler's own handler runs on this thread: mask changes
 // made there (libunwind blocks signals around some look-ups) are not the
 // program's.

@@ -3,6 +3,7 @@
 // passed), on top of an interrupted handler (a debugger's call), or at the
 // program's exit: it allocates nothing and waits for no lock for long.
 #include "clock.h"
+#include "mpihooks.h"
 #include "quorvex_sampler.h"
 #include "runtime.h"
 #include "samplerfile.h"
@@ -63,9 +64,9 @@ void reportFileError(const char* what, const char* path)
     message.writeTo(2);
 }
 
-// Writes the data file, ".errorMessages" and, unless an MPI wrapper has
-// written one, ".mpi"; then deletes ".running". Allocates nothing and takes
-// no lock, since it may run on top of an interrupted handler.
+// Writes the data file, ".errorMessages" and ".mpi" (with no records when
+// no MPI wrapper is loaded); then deletes ".running". Allocates nothing and
+// takes no lock, since it may run on top of an interrupted handler.
 void writeResults(int stopReason, int stage)
 {
     State& s = gState;
@@ -81,6 +82,7 @@ void writeResults(int stopReason, int stage)
     header.secondSpareWord = s.taken ? static_cast<std::uint32_t>(s.handlerNs / s.taken / 1000) : 0;
     header.ompThreadsText = s.haveOmpThreads ? s.ompThreads : nullptr;
     header.cudaProfilingEnabled = 0;
+    header.mpiThreadMultiple = mpiThreadMultiple() ? 1 : 0;
 
     int fd = open(s.path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
@@ -111,11 +113,11 @@ void writeResults(int stopReason, int stage)
         close(fd);
     }
 
-    fd = open(s.mpiPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    fd = open(s.mpiPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd >= 0) {
-        SampleValue(0).writeToFile(fd);
+        writeMpiFile(fd);
         close(fd);
-    } else if (errno != EEXIST) {
+    } else {
         reportFileError("the MPI figures", s.mpiPath);
     }
 

@@ -27,6 +27,7 @@
 #include <sys/msg.h>
 #include <sys/select.h>
 #include <sys/sem.h>
+#include <sys/signalfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -36,7 +37,7 @@
 #define ZS_FOR_EACH_REAL(X) \
     X(pthread_create) X(sigaction) X(pthread_sigmask) X(sigprocmask) X(_exit) X(_Exit) X(nanosleep) \
     X(clock_nanosleep) X(pause) X(sigsuspend) X(sigtimedwait) X(poll) X(ppoll) X(select) X(pselect) \
-    X(epoll_wait) X(epoll_pwait) X(msgsnd) X(msgrcv) X(semop) X(semtimedop)
+    X(epoll_wait) X(epoll_pwait) X(msgsnd) X(msgrcv) X(semop) X(semtimedop) X(signalfd) X(pthread_exit)
 
 /* The next definition of each after this library. */
 #define ZS_DECLARE_REAL(name) static __typeof__(&name) real_##name;
@@ -110,6 +111,55 @@ static const struct timespec* remaining(const struct timespec* timeout, struct t
         return result_;                                                     \
     }
 
+/* ---- the sampler's signal kept out of every mask and wait ---- */
+
+ZS_TLS int zs_program_blocks_ours;
+
+/* `set`, or a copy of it without the sampler's signal when it names it. */
+static const sigset_t* without_ours(const sigset_t* set, sigset_t* copy)
+{
+    if (!set || sigismember(set, zs_sampler_signal()) != 1)
+        return set;
+    *copy = *set;
+    sigdelset(copy, zs_sampler_signal());
+    return copy;
+}
+
+/* A mask change of the program's: the sampler's signal stays unblocked,
+ * and the program is told the mask it would have had. `set` and `old` may
+ * be the same. */
+static int change_mask(int (*real)(int, const sigset_t*, sigset_t*), int how, const sigset_t* set, sigset_t* old)
+{
+    if (zs_in_sampler_handler())
+        return real(how, set, old);
+    const int names_ours = set && sigismember(set, zs_sampler_signal()) == 1;
+    const int believed = zs_program_blocks_ours;
+    sigset_t copy;
+    const int result = real(how, without_ours(set, &copy), old);
+    /* sigprocmask answers -1 and errno, pthread_sigmask the error. */
+    if (result != 0)
+        return result;
+    if (old && believed)
+        sigaddset(old, zs_sampler_signal());
+    if (set) {
+        if (how == SIG_SETMASK)
+            zs_program_blocks_ours = names_ours;
+        else if (how == SIG_BLOCK && names_ours)
+            zs_program_blocks_ours = 1;
+        else if (how == SIG_UNBLOCK && names_ours)
+            zs_program_blocks_ours = 0;
+    }
+    return result;
+}
+
+void zs_unblock_ours(void)
+{
+    sigset_t ours;
+    sigemptyset(&ours);
+    sigaddset(&ours, zs_sampler_signal());
+    zs_real_pthread_sigmask(SIG_UNBLOCK, &ours, NULL);
+}
+
 /* ---- the functions the rest of the sampler calls directly ---- */
 
 int zs_real_sigaction(int sig, const struct sigaction* act, struct sigaction* old)
@@ -168,19 +218,29 @@ ZS_EXPORT sighandler_t signal(int sig, sighandler_t handler)
 ZS_EXPORT int pthread_sigmask(int how, const sigset_t* set, sigset_t* old)
 {
     ZS_REAL(pthread_sigmask);
-    const int result = real_pthread_sigmask(how, set, old);
-    if (result == 0)
-        zs_note_mask_change(how, set);
-    return result;
+    return change_mask(real_pthread_sigmask, how, set, old);
 }
 
 ZS_EXPORT int sigprocmask(int how, const sigset_t* set, sigset_t* old)
 {
     ZS_REAL(sigprocmask);
-    const int result = real_sigprocmask(how, set, old);
-    if (result == 0)
-        zs_note_mask_change(how, set);
-    return result;
+    return change_mask(real_sigprocmask, how, set, old);
+}
+
+/* A signalfd never takes the sampler's instances away from its handler. */
+ZS_EXPORT int signalfd(int fd, const sigset_t* mask, int flags)
+{
+    ZS_REAL(signalfd);
+    sigset_t copy;
+    return real_signalfd(fd, without_ours(mask, &copy), flags);
+}
+
+ZS_EXPORT void pthread_exit(void* value)
+{
+    ZS_REAL(pthread_exit);
+    zs_before_thread_exit();
+    real_pthread_exit(value);
+    __builtin_unreachable();
 }
 
 ZS_EXPORT void _exit(int status)
@@ -272,12 +332,17 @@ ZS_EXPORT int pause(void)
 ZS_EXPORT int sigsuspend(const sigset_t* mask)
 {
     ZS_REAL(sigsuspend);
-    ZS_RETRY_WHILE_OURS(int, real_sigsuspend(mask), (void)0)
+    sigset_t copy;
+    const sigset_t* allowed = without_ours(mask, &copy);
+    ZS_RETRY_WHILE_OURS(int, real_sigsuspend(allowed), (void)0)
 }
 
 ZS_EXPORT int sigtimedwait(const sigset_t* set, siginfo_t* info, const struct timespec* timeout)
 {
     ZS_REAL(sigtimedwait);
+    /* The sampler's instances go to its handler and the wait goes on. */
+    sigset_t copy;
+    set = without_ours(set, &copy);
     const struct timespec deadline = timeout ? zs_deadline_after(*timeout) : zs_now(CLOCK_MONOTONIC);
     for (;;) {
         siginfo_t got;
@@ -291,7 +356,8 @@ ZS_EXPORT int sigtimedwait(const sigset_t* set, siginfo_t* info, const struct ti
             errno = saved_errno;
             continue;
         }
-        /* A sampling request that waited while the signal was blocked. */
+        /* One sent while the signal was blocked some other way (a raw
+         * system call). */
         if (result > 0 && zs_is_sampler_instance(result, &got))
             continue;
         if (result > 0 && info)
@@ -332,6 +398,8 @@ ZS_EXPORT int poll(struct pollfd* fds, nfds_t n, int timeout)
 ZS_EXPORT int ppoll(struct pollfd* fds, nfds_t n, const struct timespec* timeout, const sigset_t* mask)
 {
     ZS_REAL(ppoll);
+    sigset_t copy;
+    mask = without_ours(mask, &copy);
     const struct timespec deadline = timeout ? zs_deadline_after(*timeout) : zs_now(CLOCK_MONOTONIC);
     struct timespec left;
     ZS_RETRY_WHILE_OURS(int, real_ppoll(fds, n, remaining(timeout, deadline, &left), mask), (void)0)
@@ -349,6 +417,8 @@ ZS_EXPORT int pselect(int n, fd_set* readfds, fd_set* writefds, fd_set* exceptfd
                       const sigset_t* mask)
 {
     ZS_REAL(pselect);
+    sigset_t copy;
+    mask = without_ours(mask, &copy);
     const struct timespec deadline = timeout ? zs_deadline_after(*timeout) : zs_now(CLOCK_MONOTONIC);
     struct timespec left;
     ZS_RETRY_WHILE_OURS(int, real_pselect(n, readfds, writefds, exceptfds, remaining(timeout, deadline, &left), mask),
@@ -366,6 +436,8 @@ ZS_EXPORT int epoll_wait(int epfd, struct epoll_event* events, int max, int time
 ZS_EXPORT int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout, const sigset_t* mask)
 {
     ZS_REAL(epoll_pwait);
+    sigset_t copy;
+    mask = without_ours(mask, &copy);
     const struct timespec deadline = zs_deadline_after(zs_from_ms(timeout > 0 ? timeout : 0));
     int wait = timeout;
     ZS_RETRY_WHILE_OURS(int, real_epoll_pwait(epfd, events, max, wait, mask), if (timeout > 0) wait = ms_left(deadline))

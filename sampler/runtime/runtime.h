@@ -33,14 +33,26 @@ int zs_real_nanosleep(const struct timespec* req, struct timespec* rem) ZS_HIDDE
 int zs_sampler_signal(void) ZS_HIDDEN;
 int zs_is_sampler_instance(int sig, const siginfo_t* info) ZS_HIDDEN;
 
+/* Whether the program believes that this thread blocks the sampler's
+ * signal. It never really does: the mask functions keep the signal out of
+ * every mask they set, and tell the program what it asked for. */
+extern ZS_TLS int zs_program_blocks_ours ZS_HIDDEN;
+/* Set while the sampler's own handler runs on this thread: mask changes
+ * made there (libunwind blocks signals around some look-ups) are not the
+ * program's and pass unchanged. */
+int zs_in_sampler_handler(void) ZS_HIDDEN;
+/* Unblocks the sampler's signal in the calling thread. */
+void zs_unblock_ours(void) ZS_HIDDEN;
+
 /* sigaction as the program sees it: its own dispositions, with the
  * sampler's signal kept for the sampler. */
 int zs_sigaction(int sig, const struct sigaction* act, struct sigaction* old) ZS_HIDDEN;
-/* After a successful change of the calling thread's mask. */
-void zs_note_mask_change(int how, const sigset_t* set) ZS_HIDDEN;
 
 /* pthread_create with the new thread made known to the sampler. */
 int zs_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg) ZS_HIDDEN;
+
+/* pthread_exit: the sampler's part of the thread's end. */
+void zs_before_thread_exit(void) ZS_HIDDEN;
 
 /* _exit and _Exit: the results are written first, as at a normal exit. */
 void zs_before_immediate_exit(void) ZS_HIDDEN;

@@ -9,6 +9,7 @@
 // sample list, every backtrace in it and the table of pending answers are
 // sized when sampling is armed.
 #include "clock.h"
+#include "mpihooks.h"
 #include "quorvex_sampler.h"
 #include "runtime.h"
 #include "samplerstate.h"
@@ -32,8 +33,7 @@ int askOtherThreads(std::uint64_t generation)
     State& s = gState;
     auto askable = [&](ThreadSlot* slot) {
         return slot->state.load(std::memory_order_acquire) == SlotLive
-            && slot->tid.load(std::memory_order_relaxed) != s.mainTid
-            && !slot->blocksSignal.load(std::memory_order_relaxed) && !slot->owesAnswer;
+            && slot->tid.load(std::memory_order_relaxed) != s.mainTid && !slot->owesAnswer;
     };
     int candidates = 0;
     for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next)
@@ -155,6 +155,8 @@ void readMetrics(const timespec& wall)
         s.lastCharsWritten = totalWritten;
         s.ownBytesRead = static_cast<std::uint64_t>(n);
     }
+    // The MPI time since the previous sample.
+    const std::uint64_t mpiNs = takeMpiTimeNs();
     for (unsigned int i = 0; i < s.metricCount; ++i) {
         SampleValue value;
         switch (s.metrics[i].kind) {
@@ -173,6 +175,9 @@ void readMetrics(const timespec& wall)
         case MetricCharsWritten:
             if (haveIo)
                 value = SampleValue(static_cast<unsigned long>(charsWritten));
+            break;
+        case MetricMpiTime:
+            value = SampleValue(static_cast<unsigned long>(mpiNs));
             break;
         case MetricNotTaken:
             break;

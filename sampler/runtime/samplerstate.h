@@ -4,7 +4,7 @@
 // Set-up files (may allocate and call any C library function): arming.cpp,
 // process.cpp, capi.cpp, dispositions.cpp, threads.cpp, interpose.c.
 // Handler files (only what is async-signal-safe: no heap, no locks, no
-// stdio): samplehandler.cpp, finishhandler.cpp, signalhandler.cpp,
+// stdio): samplehandler.cpp, finishhandler.cpp, fatalhandler.cpp, signalhandler.cpp,
 // unwind.cpp, procmetrics.cpp, procparse.cpp, clock.h.
 #ifndef ZOR_SAMPLER_SAMPLERSTATE_H
 #define ZOR_SAMPLER_SAMPLERSTATE_H
@@ -47,7 +47,7 @@ const double SLEEPING_CPU_SHARE = 0.1;
 const std::size_t LIST_MEMORY_BUDGET = std::size_t(512) << 20;
 
 enum Phase { PhaseIdle = 0, PhaseArmed, PhaseFinishing, PhaseFinished };
-enum MetricKind { MetricNotTaken = 0, MetricCpuPercent, MetricRss, MetricCharsRead, MetricCharsWritten };
+enum MetricKind { MetricNotTaken = 0, MetricCpuPercent, MetricRss, MetricCharsRead, MetricCharsWritten, MetricMpiTime };
 // What the sampling handler is doing to the list, for a stop that lands on
 // top of it.
 enum CommitStage { CommitNone = 0, CommitFilling, CommitThinning, CommitAdding };
@@ -78,6 +78,8 @@ struct State
     std::atomic<int> commitStage;
     std::atomic<int> finisherTid;
     pid_t pid;
+    // The thread that the timer's signal goes to, which takes the samples:
+    // the main thread, until it ends.
     int mainTid;
     bool allThreads;
     bool debugLog;
@@ -190,6 +192,10 @@ struct ArmSettings
 // Arms sampling; a QUORVEX_SAMPLER_* code. The metrics come from the
 // configuration at the path when `readConfigFile`, else the default ones.
 int arm(const ArmSettings& settings, bool readConfigFile);
+
+// The thread that the timer's signal goes to is ending: another live
+// thread takes the samples from now on.
+void moveTimerOffThisThread();
 
 } // namespace zorsampler
 

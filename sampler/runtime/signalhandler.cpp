@@ -87,6 +87,11 @@ extern "C" int zs_sampler_signal(void)
     return SIGRTMAX - 3;
 }
 
+extern "C" int zs_in_sampler_handler(void)
+{
+    return tlsInSamplerHandler;
+}
+
 extern "C" int zs_is_sampler_instance(int sig, const siginfo_t* info)
 {
     return sig == zs_sampler_signal() && info && (info->si_code == TIMER_CODE || info->si_code == REQUEST_CODE)

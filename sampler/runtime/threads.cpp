@@ -1,6 +1,7 @@
 #include "threads.h"
 #include "runtime.h"
 #include "safe_malloc.h"
+#include "samplerstate.h"
 #include "sampling.h"
 
 #include <climits>
@@ -24,8 +25,11 @@ ZS_TLS ThreadSlot* tlsSlot;
 void resetSlot(ThreadSlot* slot)
 {
     slot->tid.store(0, std::memory_order_relaxed);
-    slot->blocksSignal.store(false, std::memory_order_relaxed);
+    slot->programBlocksSignal.store(false, std::memory_order_relaxed);
     slot->inMpi.store(false, std::memory_order_relaxed);
+    slot->mpiCallStart.store(0, std::memory_order_relaxed);
+    slot->mpiTicks.store(0, std::memory_order_relaxed);
+    slot->mpiTicksCounted = 0;
     slot->request.store(0, std::memory_order_relaxed);
     slot->done.store(0, std::memory_order_relaxed);
     slot->owesAnswer = false;
@@ -56,9 +60,13 @@ void startCurrentThread(ThreadSlot* slot)
     slot->tid.store(currentTid(), std::memory_order_relaxed);
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &slot->lastCpu);
     clock_gettime(CLOCK_MONOTONIC, &slot->lastWall);
+    // A mask set some way the sampler doesn't see (inherited across exec,
+    // or a raw system call) counts as the program's too.
     sigset_t mask;
-    if (zs_real_pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0)
-        slot->blocksSignal.store(sigismember(&mask, zs_sampler_signal()) == 1, std::memory_order_relaxed);
+    const bool blocked = zs_real_pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0
+        && sigismember(&mask, zs_sampler_signal()) == 1;
+    zs_program_blocks_ours = blocked || slot->programBlocksSignal.load(std::memory_order_relaxed);
+    zs_unblock_ours();
     tlsSlot = slot;
     slot->state.store(SlotLive, std::memory_order_release);
 }
@@ -157,7 +165,11 @@ namespace {
 // returning, by pthread_exit or by cancellation, which unwind through here.
 struct ThreadEndGuard
 {
-    ~ThreadEndGuard() { zorsampler::endCurrentThread(); }
+    ~ThreadEndGuard()
+    {
+        zorsampler::moveTimerOffThisThread();
+        zorsampler::endCurrentThread();
+    }
 };
 
 void* startThread(void* argument)
@@ -172,11 +184,22 @@ void* startThread(void* argument)
 
 } // namespace
 
+extern "C" void zs_before_thread_exit(void)
+{
+    // The threads made through pthread_create end through ThreadEndGuard;
+    // the main thread has none.
+    if (zorsampler::currentTid() == getpid()) {
+        zorsampler::moveTimerOffThisThread();
+        zorsampler::endCurrentThread();
+    }
+}
+
 extern "C" int zs_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg)
 {
     zorsampler::ThreadSlot* slot = zorsampler::acquireSlot();
     slot->startRoutine = start;
     slot->startArg = arg;
+    slot->programBlocksSignal.store(zs_program_blocks_ours != 0, std::memory_order_relaxed);
     const int result = zs_real_pthread_create(thread, attr, startThread, slot);
     if (result != 0)
         zorsampler::releaseUnstartedSlot(slot);

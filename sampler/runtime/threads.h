@@ -22,9 +22,17 @@ struct ThreadSlot
     ThreadSlot* next = nullptr;
     std::atomic<int> state{SlotStarting};
     std::atomic<int> tid{0};
-    // The thread's mask blocks the sampler's signal: it isn't asked.
-    std::atomic<bool> blocksSignal{false};
+    // The creating thread believed that it blocked the sampler's signal,
+    // so the new thread believes it too (its mask never really does).
+    std::atomic<bool> programBlocksSignal{false};
     std::atomic<bool> inMpi{false};
+    // The thread's MPI calls as the MPI wrapper reports them, in ticks of
+    // the sampler's clock: when the running call began, and the time of the
+    // finished ones. mpiTicksCounted is what the MPI time metric has taken
+    // of the latter, kept by whoever holds the sampling lock.
+    std::atomic<std::uint64_t> mpiCallStart{0};
+    std::atomic<std::uint64_t> mpiTicks{0};
+    std::uint64_t mpiTicksCounted = 0;
     // The sample generation that the thread is asked to answer, 0 for none;
     // the thread takes the request by swapping in 0.
     std::atomic<std::uint64_t> request{0};

@@ -3,7 +3,50 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <unistd.h>
+
+namespace {
+
+const std::int64_t INT64_LOW = std::numeric_limits<std::int64_t>::min();
+const std::int64_t INT64_HIGH = std::numeric_limits<std::int64_t>::max();
+const std::uint64_t UINT64_HIGH = std::numeric_limits<std::uint64_t>::max();
+
+// An exact result of integer arithmetic as a value: signed while it fits,
+// unsigned above that, clamped at the ends of the two ranges. Sums of counts
+// must never wrap, and never be undefined: they are made in signal handlers.
+SampleValue fromWide(__int128 value)
+{
+    if (value < INT64_LOW)
+        return SampleValue(static_cast<long>(INT64_LOW));
+    if (value <= INT64_HIGH)
+        return SampleValue(static_cast<long>(value));
+    if (value <= static_cast<__int128>(UINT64_HIGH))
+        return SampleValue(static_cast<unsigned long>(value));
+    return SampleValue(static_cast<unsigned long>(UINT64_HIGH));
+}
+
+__int128 wide(const SampleValue& value)
+{
+    return value.type() == SampleValue::UInt ? static_cast<__int128>(value.to_uint64_t())
+                                               : static_cast<__int128>(value.to_int64_t());
+}
+
+// A double turned into an integer of the range [low, high], NaN as 0.
+template <typename T>
+T clampedCast(double d, T low, T high)
+{
+    if (!(d == d))
+        return 0;
+    if (d <= static_cast<double>(low))
+        return low;
+    // The double next to `high` may be above it: compare with >=.
+    if (d >= static_cast<double>(high))
+        return high;
+    return static_cast<T>(d);
+}
+
+} // namespace
 
 int SampleValue::to_int() const
 {
@@ -15,7 +58,7 @@ std::int64_t SampleValue::to_int64_t() const
     switch (mType) {
     case Int: return mValue.i;
     case UInt: return static_cast<std::int64_t>(mValue.u);
-    case Double: return static_cast<std::int64_t>(mValue.d);
+    case Double: return clampedCast<std::int64_t>(mValue.d, INT64_LOW, INT64_HIGH);
     case Empty: break;
     }
     return 0;
@@ -26,7 +69,7 @@ std::uint64_t SampleValue::to_uint64_t() const
     switch (mType) {
     case Int: return static_cast<std::uint64_t>(mValue.i);
     case UInt: return mValue.u;
-    case Double: return mValue.d <= 0 ? 0 : static_cast<std::uint64_t>(mValue.d);
+    case Double: return clampedCast<std::uint64_t>(mValue.d, 0, UINT64_HIGH);
     case Empty: break;
     }
     return 0;
@@ -57,9 +100,13 @@ SampleValue SampleValue::operator+(const SampleValue& other) const
         return other;
     if (mType == Double || other.mType == Double)
         return SampleValue(to_double() + other.to_double());
+    if (mType == Int && other.mType == Int)
+        return fromWide(wide(*this) + wide(other));
+    // An unsigned sum stays unsigned, clamped rather than wrapped.
     if (mType == UInt && other.mType == UInt)
-        return SampleValue(static_cast<unsigned long>(mValue.u + other.mValue.u));
-    return SampleValue(static_cast<long>(to_int64_t() + other.to_int64_t()));
+        return SampleValue(static_cast<unsigned long>(mValue.u > UINT64_HIGH - other.mValue.u ? UINT64_HIGH
+                                                                                               : mValue.u + other.mValue.u));
+    return fromWide(wide(*this) + wide(other));
 }
 
 SampleValue SampleValue::operator-(const SampleValue& other) const
@@ -68,17 +115,18 @@ SampleValue SampleValue::operator-(const SampleValue& other) const
         return SampleValue();
     if (mType == Double || other.mType == Double)
         return SampleValue(to_double() - other.to_double());
-    return SampleValue(static_cast<long>(to_int64_t() - other.to_int64_t()));
+    return fromWide(wide(*this) - wide(other));
 }
 
 SampleValue SampleValue::operator*(double factor) const
 {
     switch (mType) {
-    case Int: return SampleValue(static_cast<long>(std::llround(static_cast<double>(mValue.i) * factor)));
-    case UInt: {
-        const double scaled = static_cast<double>(mValue.u) * factor;
-        return SampleValue(static_cast<unsigned long>(scaled <= 0 ? 0 : std::llround(scaled)));
-    }
+    case Int:
+        return SampleValue(static_cast<long>(
+            clampedCast<std::int64_t>(std::round(static_cast<double>(mValue.i) * factor), INT64_LOW, INT64_HIGH)));
+    case UInt:
+        return SampleValue(static_cast<unsigned long>(
+            clampedCast<std::uint64_t>(std::round(static_cast<double>(mValue.u) * factor), 0, UINT64_HIGH)));
     case Double: return SampleValue(mValue.d * factor);
     case Empty: break;
     }
@@ -90,10 +138,10 @@ SampleValue SampleValue::operator/(int divisor) const
     if (divisor == 0)
         return SampleValue();
     switch (mType) {
-    case Int: return SampleValue(static_cast<long>(mValue.i / divisor));
+    case Int: return fromWide(static_cast<__int128>(mValue.i) / divisor);
     case UInt:
         if (divisor < 0)
-            return SampleValue(static_cast<long>(static_cast<std::int64_t>(mValue.u) / divisor));
+            return fromWide(static_cast<__int128>(mValue.u) / divisor);
         return SampleValue(static_cast<unsigned long>(mValue.u / static_cast<unsigned>(divisor)));
     case Double: return SampleValue(mValue.d / divisor);
     case Empty: break;

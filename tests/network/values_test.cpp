@@ -1,5 +1,6 @@
 #include <QTemporaryFile>
 #include <cmath>
+#include <limits>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -41,6 +42,34 @@ TEST(SampleValue, ArithmeticKeepsTypesAndNeverWraps)
     EXPECT_TRUE(SampleValue() < SampleValue(-100L));
     EXPECT_TRUE(SampleValue(2UL) == SampleValue(2.0));
     EXPECT_EQ(SampleValue::max(SampleValue(), SampleValue(4)).to_int(), 4);
+
+    // At the ends of the ranges: exact where the result fits one of the two
+    // integer types, clamped where it fits neither.
+    const long lo = std::numeric_limits<long>::min(), hi = std::numeric_limits<long>::max();
+    const unsigned long uhi = std::numeric_limits<unsigned long>::max();
+    struct Edge
+    {
+        SampleValue result;
+        SampleValue::Type type;
+        double value;
+    } edges[] = {
+        {SampleValue(hi) + SampleValue(1L), SampleValue::UInt, 9223372036854775808.0},
+        {SampleValue(lo) + SampleValue(-1L), SampleValue::Int, double(lo)},
+        {SampleValue(uhi) + SampleValue(1UL), SampleValue::UInt, double(uhi)},
+        {SampleValue(uhi) + SampleValue(-1L), SampleValue::UInt, double(uhi - 1)},
+        {SampleValue(lo) - SampleValue(1L), SampleValue::Int, double(lo)},
+        {SampleValue(0UL) - SampleValue(lo), SampleValue::UInt, 9223372036854775808.0},
+        {SampleValue(lo) / -1, SampleValue::UInt, 9223372036854775808.0},
+        {SampleValue(hi) * 4.0, SampleValue::Int, double(hi)},
+        {SampleValue(uhi) * 2.0, SampleValue::UInt, double(uhi)},
+    };
+    for (const Edge& e : edges) {
+        EXPECT_EQ(e.result.type(), e.type) << e.value;
+        EXPECT_EQ(e.result.to_double(), e.value);
+    }
+    EXPECT_EQ(SampleValue(1e300).to_int64_t(), hi);
+    EXPECT_EQ(SampleValue(-1e300).to_uint64_t(), 0u);
+    EXPECT_EQ(SampleValue(std::nan("")).to_int64_t(), 0);
 }
 
 TEST(SampleValue, FileAndTextFormsAreExact)

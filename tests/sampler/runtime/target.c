@@ -10,7 +10,16 @@
  *   stop PATH      drives the sampler as the back-end does, refusals first,
  *                  with the configuration at PATH, and stops it; prints the
  *                  boundary frame it gave, its caller's return address
- *   stop-offset PATH   the same, but the sampler stops itself at 300 ms */
+ *   stop-offset PATH   the same, but the sampler stops itself at 300 ms
+ *   die HOW        a worker and the main thread busy, then the process dies:
+ *                  HOW is segv (a fault), abort, or wait (busy until a signal
+ *                  from outside ends it); prints "dying" first
+ *   masked         two busy workers made while every signal is blocked, as
+ *                  some libraries make theirs; they see the mask they got
+ *   sigwait        the main thread blocks every signal and waits for them in
+ *                  sigwait and through a signalfd while a worker is busy
+ *   main-exit      the main thread leaves with pthread_exit; two busy
+ *                  workers go on, the last one prints the result */
 #define _GNU_SOURCE
 #include "quorvex_sampler.h"
 
@@ -23,6 +32,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/select.h>
+#include <sys/signalfd.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -336,6 +346,114 @@ static void run_control(const char* path, int stop_self)
     }
 }
 
+/* ---- die ---- */
+
+static void* busy_worker(void* unused)
+{
+    for (;;)
+        burn_ms(10);
+    return unused;
+}
+
+static void run_die(const char* how)
+{
+    pthread_t worker;
+    if (pthread_create(&worker, NULL, busy_worker, NULL) != 0) {
+        CHECK(0, "can't start the worker");
+        return;
+    }
+    burn_ms(300);
+    printf("dying\n");
+    fflush(stdout);
+    static int* volatile nowhere;
+    if (strcmp(how, "segv") == 0)
+        *nowhere = 1;
+    else if (strcmp(how, "abort") == 0)
+        abort();
+    else
+        burn_ms(30000);
+    CHECK(0, "still alive");
+}
+
+/* ---- masks ---- */
+
+static int blocks(int sig)
+{
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, NULL, &mask);
+    return sigismember(&mask, sig) == 1;
+}
+
+static void* masked_worker(void* unused)
+{
+    CHECK(blocks(SIGRTMAX - 3) && blocks(SIGUSR1), "the worker's mask isn't the one it was made with");
+    burn_ms(600);
+    return unused;
+}
+
+static void run_masked(void)
+{
+    sigset_t all, saved;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &saved);
+    pthread_t workers[2];
+    for (int i = 0; i < 2; ++i)
+        CHECK(pthread_create(&workers[i], NULL, masked_worker, NULL) == 0, "can't start a worker");
+    CHECK(blocks(SIGRTMAX - 3), "the main thread's mask isn't the one it set");
+    pthread_sigmask(SIG_SETMASK, &saved, NULL);
+    for (int i = 0; i < 2; ++i)
+        pthread_join(workers[i], NULL);
+}
+
+static void* signalling_worker(void* unused)
+{
+    burn_ms(400);
+    kill(getpid(), SIGUSR1);
+    burn_ms(400);
+    kill(getpid(), SIGUSR2);
+    return unused;
+}
+
+static void run_sigwait(void)
+{
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, NULL);
+    pthread_t worker;
+    CHECK(pthread_create(&worker, NULL, signalling_worker, NULL) == 0, "can't start the worker");
+    int sig = 0;
+    CHECK(sigwait(&all, &sig) == 0 && sig == SIGUSR1, "sigwait gave %d", sig);
+    const int fd = signalfd(-1, &all, SFD_CLOEXEC);
+    struct signalfd_siginfo info;
+    CHECK(fd >= 0 && read(fd, &info, sizeof info) == sizeof info && info.ssi_signo == SIGUSR2,
+          "the signalfd gave %u", info.ssi_signo);
+    close(fd);
+    pthread_join(worker, NULL);
+}
+
+static pthread_t main_exit_workers[2];
+
+static void* main_exit_worker(void* argument)
+{
+    burn_ms(600);
+    if (argument) {
+        pthread_join(main_exit_workers[0], NULL);
+        if (failures == 0)
+            printf("ok\n");
+        exit(failures != 0);
+    }
+    return NULL;
+}
+
+static void run_main_exit(void)
+{
+    for (int i = 0; i < 2; ++i)
+        CHECK(pthread_create(&main_exit_workers[i], NULL, main_exit_worker, i ? &main_exit_workers : NULL) == 0,
+              "can't start a worker");
+    burn_ms(50);
+    pthread_exit(NULL);
+}
+
 int main(int argc, char** argv)
 {
     const char* mode = argc > 1 ? argv[1] : "";
@@ -349,8 +467,17 @@ int main(int argc, char** argv)
         run_threads();
     else if (argc == 3 && (strcmp(mode, "stop") == 0 || strcmp(mode, "stop-offset") == 0))
         run_control(argv[2], strcmp(mode, "stop-offset") == 0);
+    else if (argc == 3 && strcmp(mode, "die") == 0)
+        run_die(argv[2]);
+    else if (argc == 2 && strcmp(mode, "masked") == 0)
+        run_masked();
+    else if (argc == 2 && strcmp(mode, "sigwait") == 0)
+        run_sigwait();
+    else if (argc == 2 && strcmp(mode, "main-exit") == 0)
+        run_main_exit();
     else {
-        fprintf(stderr, "usage: target eintr | handlers | fork RUNNING | threads | stop PATH | stop-offset PATH\n");
+        fprintf(stderr, "usage: target eintr | handlers | fork RUNNING | threads | stop PATH | stop-offset PATH"
+                        " | die segv|abort|wait | masked | sigwait | main-exit\n");
         return 2;
     }
     if (failures == 0)

@@ -21,6 +21,8 @@
 #include <memory>
 #include <regex>
 #include <set>
+#include <csignal>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using quorvex::SBacktrace;
@@ -52,11 +54,12 @@ struct ProgramRun
 {
     pid_t pid = -1;
     int exitCode = -1; // -1 also for a crash
+    int signal = 0;    // what ended it, if a signal did
     std::string out;
     std::string err;
     std::string describe() const
     {
-        return "exit " + std::to_string(exitCode) + "\nstdout:\n" + out + "\nstderr:\n" + err;
+        return "exit " + std::to_string(exitCode) + ", signal " + std::to_string(signal) + "\nstdout:\n" + out + "\nstderr:\n" + err;
     }
 };
 
@@ -100,6 +103,8 @@ ProgramRun runSampled(const std::vector<std::string>& args, const std::vector<st
     }
     if (process.exitStatus() == QProcess::NormalExit)
         run.exitCode = process.exitCode();
+    else
+        run.signal = process.exitCode();
     run.out = process.readAllStandardOutput().toStdString();
     run.err = process.readAllStandardError().toStdString();
     return run;
@@ -165,6 +170,31 @@ TargetRun sampleTarget(const std::vector<std::string>& args, const std::string& 
         others += t.file.list->at(i).mainThreadTrace().tid() != t.run.pid;
     EXPECT_EQ(others, 0u) << "samples whose main thread isn't the program's";
     return t;
+}
+
+// The threads with at least one backtrace of real frames in the file.
+std::set<int> sampledThreads(const SSampleList& list)
+{
+    std::set<int> tids;
+    for (unsigned i = 0; i < list.size(); ++i) {
+        quorvex::SSampleBacktraceIterator threads(list.at(i));
+        while (threads.hasNext()) {
+            const SBacktrace& bt = threads.next();
+            if (bt.unwindStatus() == 0 && !bt.trace().empty())
+                tids.insert(bt.tid());
+        }
+    }
+    return tids;
+}
+
+// The pid of a process that has ended.
+pid_t goneProcess()
+{
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(0);
+    waitpid(pid, nullptr, 0);
+    return pid;
 }
 
 // ---- the tests ----
@@ -302,6 +332,86 @@ TEST(SamplerRun, ChildrenOfForkLeaveTheParentsFilesAlone)
     const TargetRun t = sampleTarget({"fork", dir.file("samples.running")}, dir.file("samples"), "interval=2");
     ASSERT_TRUE(t.file.list);
     EXPECT_GT(t.file.list->size(), 100u);
+}
+
+// A program that dies by a signal, a fault of its own or one sent from
+// outside, keeps what was sampled: the results are written, ".running"
+// goes, and the signal still ends the process. A ".running" that a process
+// which is gone left behind doesn't stand in the way.
+TEST(SamplerRun, DeathBySignalKeepsTheSamples)
+{
+    const struct
+    {
+        const char* how;
+        int sent;
+        int ending;
+    } cases[] = {{"segv", 0, SIGSEGV}, {"abort", 0, SIGABRT}, {"wait", SIGINT, SIGINT}, {"wait", SIGTERM, SIGTERM}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.how) + " " + strsignal(c.ending));
+        TempDir dir;
+        const std::string path = dir.file("samples");
+        std::ofstream(path + ".running") << goneProcess() << "\n";
+        const ProgramRun run = runSampled(
+            {ZOR_TARGET, "die", c.how}, {"ZOR_SAMPLER_OUTPUT=" + path, "ZOR_SAMPLER_OPTIONS=interval=2"},
+            std::string(), [&](pid_t pid) {
+                if (!c.sent)
+                    return;
+                // Armed when the stale ".running" has been replaced by the
+                // program's own; then some samples.
+                const std::string own = std::to_string(pid) + "\n";
+                for (int i = 0; i < 5000 && readText(path + ".running") != own; ++i)
+                    usleep(1000);
+                usleep(400000);
+                kill(pid, c.sent);
+            });
+        EXPECT_EQ(run.signal, c.ending) << run.describe();
+        EXPECT_EQ(run.out, "dying\n");
+        EXPECT_EQ(run.err, "");
+        EXPECT_FALSE(exists(path + ".running"));
+        const SampleFile file = readSampleFile(path);
+        ASSERT_TRUE(file.list);
+        EXPECT_GT(file.list->size(), 10u);
+        EXPECT_EQ(sampledThreads(*file.list).size(), 2u) << "the main thread and the worker";
+    }
+}
+
+// Threads that block every signal, a main thread that waits for all of them
+// in sigwait and a signalfd, a main thread that leaves before its workers:
+// every thread that runs is sampled, and the program's signals and masks
+// are as it set them.
+TEST(SamplerRun, EveryThreadIsSampledWhateverItsMask)
+{
+    const struct
+    {
+        const char* mode;
+        std::size_t threads;
+    } cases[] = {{"masked", 3}, {"sigwait", 2}, {"main-exit", 2}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.mode);
+        TempDir dir;
+        const std::string path = dir.file("samples");
+        const ProgramRun run = runSampled({ZOR_TARGET, c.mode},
+                                          {"ZOR_SAMPLER_OUTPUT=" + path, "ZOR_SAMPLER_OPTIONS=interval=2"});
+        EXPECT_EQ(run.exitCode, 0) << run.describe();
+        EXPECT_EQ(run.out, "ok\n");
+        EXPECT_EQ(run.err, "");
+        EXPECT_FALSE(exists(path + ".running"));
+        const SampleFile file = readSampleFile(path);
+        ASSERT_TRUE(file.list);
+        std::set<int> threads = sampledThreads(*file.list);
+        unsigned byMain = 0;
+        for (unsigned i = 0; i < file.list->size(); ++i)
+            byMain += file.list->at(i).mainThreadTrace().tid() == run.pid;
+        if (std::string(c.mode) == "main-exit") {
+            // Taken by a worker once the main thread is gone.
+            EXPECT_GT(file.list->size() - byMain, 20u);
+            threads.erase(run.pid);
+        } else {
+            EXPECT_EQ(byMain, file.list->size());
+            EXPECT_GT(byMain, 20u);
+        }
+        EXPECT_EQ(threads.size(), c.threads);
+    }
 }
 
 // ---- driven through the functions the back-end calls ----

@@ -1,0 +1,140 @@
+#include "psvmodelitem.h"
+#include "treemerger.h"
+
+#include <gtest/gtest.h>
+
+#include <QXmlStreamAttributes>
+
+#include <memory>
+#include <random>
+
+namespace {
+
+// One line per node, indented by depth, in the order of the children.
+QString describe(const PSVModelItem& node, int depth = 0)
+{
+    QString text = QStringLiteral("%1%2 %3:%4 [%5]%6%7")
+                       .arg(QString(depth * 2, QLatin1Char(' ')), node.position().function, node.position().file)
+                       .arg(node.position().line)
+                       .arg(node.processToThreadCountMap().toString(), QLatin1String(node.isCurrentGroup() ? " current" : ""),
+                            QLatin1String(node.isUnexpectedStop() ? " stop" : ""));
+    for (const PSVModelItem* child : node.children())
+        text += QLatin1Char('\n') + describe(*child, depth + 1);
+    return text;
+}
+
+// Whether exactly the nodes above an unexpected stop are marked so.
+bool marksAncestorsOfStops(const PSVModelItem& node, bool* hasStop = nullptr)
+{
+    bool below = false;
+    bool consistent = true;
+    for (const PSVModelItem* child : node.children()) {
+        bool childHas = false;
+        consistent = marksAncestorsOfStops(*child, &childHas) && consistent;
+        below = below || childHas;
+    }
+    if (hasStop)
+        *hasStop = below || node.isUnexpectedStop();
+    return consistent && node.isUnexpectedStopAncestor() == below;
+}
+
+PSVModelItem* child(PSVModelItem* parent, const QString& function, const QString& file, int line)
+{
+    return new PSVModelItem(parent, Position(function, file, line, -1));
+}
+
+// A rank's tree: wide near the top, so that lookups go through the index,
+// with frames from a small pool so that ranks share most of them, and the
+// same file under several spellings.
+PSVModelItem* rankTree(int rank)
+{
+    std::mt19937 rng(unsigned(rank) * 31u + 7u);
+    static const char* const files[] = {"/src/a.c", "src/a.c", "/src/b.c", "b.c", ""};
+    PSVModelItem* root = new PSVModelItem;
+    root->addThreads(rank, 1 + rank % 3, false, false);
+    std::function<void(PSVModelItem*, int)> grow = [&](PSVModelItem* parent, int depth) {
+        const int width = depth == 0 ? 24 : depth == 1 ? int(rng() % 10) : int(rng() % 3);
+        for (int i = 0; i < width && depth < 4; ++i) {
+            const int frame = int(rng() % 40);
+            const Position position(QStringLiteral("f%1").arg(frame), QString::fromLatin1(files[rng() % 5]), frame % 7, -1);
+            if (parent->findChild(position))
+                continue;
+            PSVModelItem* node = new PSVModelItem(parent, position);
+            node->addThreads(rank, 1 + int(rng() % 2), rng() % 50 == 0, rng() % 200 == 0);
+            grow(node, depth + 1);
+        }
+    };
+    grow(root, 0);
+    return root;
+}
+
+} // namespace
+
+TEST(ChildIndex, WideNodesFindTheFirstMatchingChildAsTheyChange)
+{
+    PSVModelItem root;
+    for (int i = 0; i < 40; ++i)
+        child(&root, QStringLiteral("f%1").arg(i % 20), QStringLiteral("/src/f%1.c").arg(i), i % 20);
+    // Two files that a relative name matches both; the first child wins.
+    PSVModelItem* first = child(&root, QStringLiteral("g"), QStringLiteral("/one/x.c"), 5);
+    PSVModelItem* second = child(&root, QStringLiteral("g"), QStringLiteral("/two/x.c"), 5);
+    const Position relative(QStringLiteral("g"), QStringLiteral("x.c"), 5, -1);
+    EXPECT_EQ(root.findChild(relative), first);
+    EXPECT_EQ(root.findChild(Position(QStringLiteral("g"), QStringLiteral("/two/./x.c"), 5, -1)), second);
+    EXPECT_EQ(root.findChild(Position(QStringLiteral("g"), QStringLiteral("x.c"), 6, -1)), nullptr);
+    for (const PSVModelItem* node : root.children())
+        EXPECT_EQ(root.findChild(node->position())->position(), node->position());
+
+    first->detach();
+    EXPECT_EQ(root.findChild(relative), second);
+    root.addChild(first); // now the last child
+    EXPECT_EQ(root.findChild(relative), second);
+    delete second;
+    EXPECT_EQ(root.findChild(relative), first);
+
+    // A child that takes its position after joining, as read from XML.
+    PSVModelItem* late = new PSVModelItem(&root);
+    EXPECT_EQ(root.findChild(Position()), late);
+    QXmlStreamAttributes attributes;
+    attributes.append(QStringLiteral("function"), QStringLiteral("late"));
+    attributes.append(QStringLiteral("line"), QStringLiteral("9"));
+    late->readXmlStreamAttributes(attributes);
+    EXPECT_EQ(root.findChild(Position(QStringLiteral("late"), QString(), 9, -1)), late);
+    EXPECT_EQ(root.findChild(Position()), nullptr);
+
+    const QList<PSVModelItem*> taken = root.takeChildren();
+    EXPECT_EQ(root.findChild(relative), nullptr);
+    EXPECT_EQ(taken.size(), 42);
+    EXPECT_EQ(taken.last()->parent(), nullptr);
+    qDeleteAll(taken);
+}
+
+TEST(TreeMerger, MergesLikeMergingEachTreeIntoTheFirstInTurn)
+{
+    for (int threads : {1, 3}) {
+        for (int ranks : {1, 2, 7, 70}) {
+            std::unique_ptr<PSVModelItem> expected(rankTree(0));
+            for (int rank = 1; rank < ranks; ++rank) {
+                std::unique_ptr<PSVModelItem> tree(rankTree(rank));
+                expected->mergePSVModelItem(*tree, nullptr);
+            }
+            TreeMerger merger(threads);
+            for (int rank = 0; rank < ranks; ++rank) {
+                merger.add(rankTree(rank));
+                if (rank == ranks / 2)
+                    merger.wait();
+            }
+            std::unique_ptr<PSVModelItem> merged(merger.take());
+            ASSERT_TRUE(merged);
+            // Strings this long are compared without gtest's diff of them.
+            EXPECT_TRUE(describe(*merged) == describe(*expected)) << threads << " threads, " << ranks << " ranks";
+            EXPECT_TRUE(marksAncestorsOfStops(*merged));
+            // Ranks in order stay one range per run of equal counts.
+            EXPECT_EQ(merged->firstChild()->processToThreadCountMap().rangeCount(),
+                      expected->firstChild()->processToThreadCountMap().rangeCount());
+        }
+    }
+    TreeMerger merger;
+    EXPECT_EQ(merger.take(), nullptr);
+    merger.add(rankTree(1)); // what isn't taken goes with the merger
+}

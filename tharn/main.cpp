@@ -1,0 +1,145 @@
+// zor-host: runs beside one process of the profiled program, with a
+// debugger attached to it, and serves the front-end's commands through the
+// profiler plug-in.
+//
+//   zor-host [--connect ADDRESS] [--plugin PATH] [--log] -- PROGRAM [ARGS...]
+//
+// ADDRESS is "local:PATH" or "tcp:HOST:PORT"; without --connect it comes
+// from the FRONTEND switch (ZOR_FRONTEND). The host connects, starts the
+// program stopped at main, sends a hello and serves commands until the
+// front-end closes the connection; then it ends the program if it still
+// runs, and exits.
+#include <QCoreApplication>
+#include <QHostInfo>
+#include <QLocalSocket>
+#include <QStringList>
+#include <QTcpSocket>
+#include <cstdio>
+#include <memory>
+
+#include "command.h"
+#include "constants.h"
+#include "envswitch.h"
+#include "hostenvironment.h"
+#include "message.h"
+#include "messagestream.h"
+#include "pluginentry.h"
+#include "quorvexplugins.h"
+#include "tharn.h"
+
+namespace {
+
+int usage(const char* why)
+{
+    fprintf(stderr, "zor-host: %s\nusage: zor-host [--connect local:PATH|tcp:HOST:PORT] [--plugin PATH] [--log] -- "
+                    "PROGRAM [ARGS...]\n",
+            why);
+    return 2;
+}
+
+QIODevice* connectTo(const FrontendAddress& address, QObject* parent, QString* error)
+{
+    const int timeoutMs = 30000;
+    if (address.kind == FrontendAddress::Local) {
+        QLocalSocket* socket = new QLocalSocket(parent);
+        socket->connectToServer(address.path);
+        if (socket->waitForConnected(timeoutMs))
+            return socket;
+        *error = socket->errorString();
+    } else {
+        QTcpSocket* socket = new QTcpSocket(parent);
+        socket->connectToHost(address.host, address.port);
+        if (socket->waitForConnected(timeoutMs))
+            return socket;
+        *error = socket->errorString();
+    }
+    return nullptr;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QStringList args = app.arguments().mid(1);
+    QString addressText;
+    QString pluginPath;
+    bool log = false;
+    QStringList program;
+    while (!args.isEmpty()) {
+        const QString arg = args.takeFirst();
+        if (arg == QLatin1String("--connect") && !args.isEmpty())
+            addressText = args.takeFirst();
+        else if (arg == QLatin1String("--plugin") && !args.isEmpty())
+            pluginPath = args.takeFirst();
+        else if (arg == QLatin1String("--log"))
+            log = true;
+        else if (arg == QLatin1String("--")) {
+            program = args;
+            break;
+        } else
+            return usage(qPrintable(QStringLiteral("unknown argument %1").arg(arg)));
+    }
+    if (program.isEmpty())
+        return usage("no program to run");
+    if (addressText.isEmpty())
+        addressText = EnvSwitch("FRONTEND").text();
+    const FrontendAddress address = FrontendAddress::parse(addressText);
+    if (address.kind == FrontendAddress::Invalid)
+        return usage(addressText.isEmpty() ? "no front-end address (--connect or ZOR_FRONTEND)"
+                                           : "the front-end address is neither local:PATH nor tcp:HOST:PORT");
+    if (pluginPath.isEmpty())
+        pluginPath = defaultProfilerPluginPath();
+
+    QString error;
+    QIODevice* socket = connectTo(address, &app, &error);
+    if (!socket) {
+        fprintf(stderr, "zor-host: can't connect to the front-end at %s: %s\n", qPrintable(address.toString()),
+                qPrintable(error));
+        return 1;
+    }
+    MessageStream stream(socket, nullptr);
+    const TharnIdentity identity = identityFromEnvironment(QProcessEnvironment::systemEnvironment(), program.first());
+    Tharn tharn(stream, identity);
+    tharn.setLogToStandardError(log);
+
+    QVariantMap hello{
+        {QString::fromLatin1(HelloKeys::Rank), identity.rank},
+        {QString::fromLatin1(HelloKeys::RankCount), identity.rankCount},
+        {QString::fromLatin1(HelloKeys::Hostname), QHostInfo::localHostName()},
+        {QString::fromLatin1(HelloKeys::HostPid), int(app.applicationPid())},
+        {QString::fromLatin1(HelloKeys::Program), program.first()},
+    };
+    auto fail = [&](const QString& why) {
+        fprintf(stderr, "zor-host: %s\n", qPrintable(why));
+        hello.insert(QString::fromLatin1(HelloKeys::Error), why);
+        stream.send(Message::forValues(Message::Hello, hello));
+        stream.flush();
+        return 1;
+    };
+
+    QuorvexTharnPlugin* plugin = loadTharnPlugin(pluginPath, &error);
+    if (!plugin)
+        return fail(error);
+    try {
+        Command init(QStringLiteral("init"), QString::fromLatin1(XML_TARGET_PROFILER));
+        plugin->init(init, tharn);
+        tharn.addHandler(plugin->getMessageHandler());
+    } catch (Exception* failure) {
+        const QString why = failure->fullMessage();
+        delete failure;
+        return fail(why);
+    }
+
+    // The debugger comes in a later step; until then no target can run.
+    return fail(QStringLiteral("This host has no debugger to start %1 with").arg(program.first()));
+
+    stream.send(Message::forValues(Message::Hello, hello));
+    stream.flush();
+    QObject::connect(socket, SIGNAL(disconnected()), &app, SLOT(quit()));
+    QObject::connect(&stream, &MessageStream::failed, &app, [&](const QString& reason) {
+        fprintf(stderr, "zor-host: %s\n", qPrintable(reason));
+        app.exit(1);
+    });
+    return app.exec();
+}
