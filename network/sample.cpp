@@ -409,6 +409,12 @@ void Sample::writeXml(QXmlStreamWriter& writer) const
         writer.writeAttribute(QStringLiteral("tid"), QString::number(thread.tid));
         writer.writeAttribute(QStringLiteral("type"), QString::number(thread.type));
         writer.writeAttribute(QStringLiteral("cpu"), QString::number(thread.cpuTime));
+        if (thread.allocatedCpuTime != 0)
+            writer.writeAttribute(QStringLiteral("allocated"), QString::number(thread.allocatedCpuTime));
+        if (thread.context.rank != ThreadContext().rank)
+            writer.writeAttribute(QStringLiteral("ctxRank"), QString::number(thread.context.rank));
+        if (thread.context.pid != ThreadContext().pid)
+            writer.writeAttribute(QStringLiteral("pid"), QString::number(thread.context.pid));
         if (thread.sleeping)
             writer.writeAttribute(QStringLiteral("sleeping"), YesText);
         if (!thread.instruction.instruction.isEmpty())
@@ -428,6 +434,8 @@ void Sample::writeXml(QXmlStreamWriter& writer) const
         }
         writer.writeEndElement();
     }
+    if (d->histogram.numBins() != 0 || !d->histogram.isEmpty())
+        d->histogram.writeXml(writer);
     if (d->gpuTree) {
         writer.writeStartElement(QStringLiteral("gpuTree"));
         d->gpuTree->writeXml(writer);
@@ -458,6 +466,21 @@ bool readThread(QXmlStreamReader& reader, SampleThread* thread, QString* error)
     thread->cpuTime = a.value(QLatin1String("cpu")).toULongLong(&ok);
     if (!ok)
         return fail(error, QStringLiteral("thread %1 has a bad CPU time").arg(thread->tid));
+    // Absent attributes keep their defaults; present ones must be numbers.
+    const auto optional = [&](const char* name, auto convert) {
+        const QLatin1String key(name);
+        if (a.hasAttribute(key))
+            convert(a.value(key), &ok);
+        else
+            ok = true;
+        if (!ok)
+            fail(error, QStringLiteral("thread %1 has a bad %2").arg(thread->tid).arg(key));
+        return ok;
+    };
+    if (!optional("allocated", [&](const QStringRef& v, bool* ok) { thread->allocatedCpuTime = v.toULongLong(ok); })
+        || !optional("ctxRank", [&](const QStringRef& v, bool* ok) { thread->context.rank = v.toInt(ok); })
+        || !optional("pid", [&](const QStringRef& v, bool* ok) { thread->context.pid = v.toInt(ok); }))
+        return false;
     thread->sleeping = a.value(QLatin1String("sleeping")) == YesText;
     thread->instruction = InstructionQuery(a.value(QLatin1String("instr")).toString(),
                                            a.value(QLatin1String("implicitMem")) == YesText);
@@ -528,6 +551,9 @@ bool Sample::readXml(QXmlStreamReader& reader, QString* error)
             if (!readThread(reader, &thread, error))
                 return reader.hasError() ? fail(error, xmlReadError(reader, *error)) : false;
             data->insert(thread);
+        } else if (reader.name() == QLatin1String("histogram")) {
+            if (!data->histogram.readXml(reader, error))
+                return false;
         } else if (reader.name() == QLatin1String("gpuTree") && !data->gpuTree) {
             GpuProfilePSVModelItem* tree = GpuProfilePSVModelItem::readTree(reader, error);
             if (!tree)
@@ -568,9 +594,9 @@ bool Sample::operator==(const Sample& other) const
     const SampleData& b = *other.d;
     if (a.rank != b.rank || a.hasTimestamp != b.hasTimestamp || (a.hasTimestamp && a.timestamp != b.timestamp)
         || a.repeat != b.repeat || a.ignore != b.ignore || a.liveThreads != b.liveThreads
-        || a.libunwindErrorCodes != b.libunwindErrorCodes || a.metrics.keys() != b.metrics.keys()
-        || a.threads.size() != b.threads.size() || !a.gpuTree != !b.gpuTree
-        || (a.gpuTree && *a.gpuTree != *b.gpuTree))
+        || a.libunwindErrorCodes != b.libunwindErrorCodes || !(a.histogram == b.histogram)
+        || a.metrics.keys() != b.metrics.keys() || a.threads.size() != b.threads.size()
+        || !a.gpuTree != !b.gpuTree || (a.gpuTree && *a.gpuTree != *b.gpuTree))
         return false;
     for (auto it = a.metrics.constBegin(); it != a.metrics.constEnd(); ++it) {
         const ScalarMetric& other = b.metrics[it.key()];
@@ -580,8 +606,9 @@ bool Sample::operator==(const Sample& other) const
     for (int i = 0; i < a.threads.size(); ++i) {
         const SampleThread& x = a.threads.at(i);
         const SampleThread& y = b.threads.at(i);
-        if (x.tid != y.tid || x.type != y.type || x.cpuTime != y.cpuTime || x.sleeping != y.sleeping || !(x.instruction == y.instruction)
-            || x.metrics != y.metrics || treeText(x) != treeText(y))
+        if (x.tid != y.tid || x.type != y.type || x.cpuTime != y.cpuTime || x.allocatedCpuTime != y.allocatedCpuTime
+            || x.context.rank != y.context.rank || x.context.pid != y.context.pid || x.sleeping != y.sleeping
+            || !(x.instruction == y.instruction) || x.metrics != y.metrics || treeText(x) != treeText(y))
             return false;
     }
     return true;

@@ -42,7 +42,7 @@ private:
 bool readQuietly(int fd, void* data, std::size_t size)
 {
     errno = 0;
-    return ::read(fd, data, size) == static_cast<ssize_t>(size);
+    return quorvex::fileio::readSome(fd, data, size) == static_cast<ssize_t>(size);
 }
 
 template <typename T, typename V>
@@ -63,7 +63,7 @@ bool readText(int fd, std::uint32_t length, std::string& text)
         const std::uint32_t n = std::min(slice, length - done);
         text.resize(static_cast<std::size_t>(done) + n);
         errno = 0;
-        const ssize_t got = ::read(fd, &text[done], n);
+        const ssize_t got = quorvex::fileio::readSome(fd, &text[done], n);
         if (got == -1) {
             quorvex::report_io_error(__FILE__, __LINE__, errno);
             return false;
@@ -199,6 +199,7 @@ quorvex::SSampleList* quorvex_read_samples(const char* path, timespec* startTime
         return nullptr;
     }
     FileCloser closer(fd);
+    quorvex::fileio::ReadAhead readAhead(fd);
     try {
         return readAll(fd, startTime, stopReason, numPhdrCacheRebuilds, numPhdrCacheChecks, numDownsamples,
                        numSkippedWhileSuspended, numTakenWhileResuming, numTakenInTotal, firstSpareWord,

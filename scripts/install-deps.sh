@@ -15,6 +15,7 @@ PACKAGES="
   gdb libdw-dev libelf-dev libcapstone-dev libunwind-dev
   libopenmpi-dev openmpi-bin
   python3 clang libomp-dev
+  chromium-headless-shell
 "
 if [ "${1:-}" = "--compare" ]; then
     PACKAGES="$PACKAGES linux-perf google-perftools python3.11-dbg xz-utils"

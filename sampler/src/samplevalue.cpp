@@ -1,4 +1,5 @@
 #include "samplevalue.h"
+#include "sfileio.h"
 
 #include <cerrno>
 #include <cmath>
@@ -215,7 +216,7 @@ bool writeAll(int fd, const void* data, size_t size)
 bool readAll(int fd, void* data, size_t size)
 {
     errno = 0;
-    return read(fd, data, size) == static_cast<ssize_t>(size);
+    return quorvex::fileio::readSome(fd, data, size) == static_cast<ssize_t>(size);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "zor_print.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <unistd.h>
 
 namespace quorvex {
@@ -14,10 +15,111 @@ void writeBytes(int fd, const void* data, std::size_t size, const char* file, in
         report_io_error(file, line, errno);
 }
 
+namespace {
+
+// The innermost read-ahead of this thread; an outer one on another
+// descriptor is found through mOuter.
+thread_local ReadAhead* tCurrent = nullptr;
+
+ssize_t retrying(int fd, void* data, std::size_t size)
+{
+    ssize_t n;
+    do {
+        n = ::read(fd, data, size);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+} // namespace
+
+ReadAhead::ReadAhead(int fd, std::size_t capacity)
+    : mFd(fd)
+    , mBuffer(static_cast<char*>(std::malloc(capacity)))
+    , mCapacity(mBuffer ? capacity : 0)
+    , mBegin(0)
+    , mEnd(0)
+    , mOuter(tCurrent)
+{
+    tCurrent = this;
+}
+
+ReadAhead::~ReadAhead()
+{
+    tCurrent = mOuter;
+    std::free(mBuffer);
+}
+
+ReadAhead* ReadAhead::of(int fd)
+{
+    ReadAhead* ahead = tCurrent;
+    while (ahead && ahead->mFd != fd)
+        ahead = ahead->mOuter;
+    return ahead;
+}
+
+bool ReadAhead::fill(std::size_t wanted)
+{
+    if (mBegin > 0) {
+        std::memmove(mBuffer, mBuffer + mBegin, mEnd - mBegin);
+        mEnd -= mBegin;
+        mBegin = 0;
+    }
+    while (mEnd < wanted) {
+        const ssize_t n = retrying(mFd, mBuffer + mEnd, mCapacity - mEnd);
+        if (n < 0)
+            return false;
+        if (n == 0)
+            break;
+        mEnd += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+ssize_t ReadAhead::read(void* data, std::size_t size)
+{
+    char* out = static_cast<char*>(data);
+    std::size_t available = mEnd - mBegin;
+    if (available < size) {
+        if (size > mCapacity) {
+            // Larger than the buffer: what it holds, then straight from the
+            // descriptor.
+            std::memcpy(out, mBuffer + mBegin, available);
+            mBegin = mEnd = 0;
+            std::size_t done = available;
+            while (done < size) {
+                const ssize_t n = retrying(mFd, out + done, size - done);
+                if (n < 0)
+                    return -1;
+                if (n == 0)
+                    break;
+                done += static_cast<std::size_t>(n);
+            }
+            return static_cast<ssize_t>(done);
+        }
+        if (!fill(size))
+            return -1;
+        available = mEnd - mBegin;
+        if (available < size)
+            size = available;
+    }
+    std::memcpy(out, mBuffer + mBegin, size);
+    mBegin += size;
+    return static_cast<ssize_t>(size);
+}
+
+ssize_t readSome(int fd, void* data, std::size_t size)
+{
+    if (ReadAhead* ahead = tCurrent) {
+        if (ahead->fd() == fd || (ahead = ReadAhead::of(fd)))
+            return ahead->read(data, size);
+    }
+    return ::read(fd, data, size);
+}
+
 bool readBytes(int fd, void* data, std::size_t size, const char* file, int line)
 {
     errno = 0;
-    const ssize_t n = ::read(fd, data, size);
+    const ssize_t n = readSome(fd, data, size);
     if (n == -1) {
         report_io_error(file, line, errno);
         return false;

@@ -3,18 +3,60 @@
 // A failed write is reported and the writer carries on; a failed read is
 // reported and gives false; a short read, end of file included, gives false
 // without a word.
+//
+// A reader of a whole file installs a ReadAhead on its descriptor: the
+// records' reads are then served from a large buffer, with the outcome of
+// reading the file field by field, at a fraction of the system calls.
 #ifndef ZOR_SFILEIO_H
 #define ZOR_SFILEIO_H
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <sys/types.h>
 
 namespace quorvex {
 namespace fileio {
 
 void writeBytes(int fd, const void* data, std::size_t size, const char* file, int line);
+// What read(2) would give on a plain file: `size` bytes, fewer only at the
+// end of the data, -1 with errno on an error. Served by the ReadAhead of
+// `fd` if this thread has one, else by read(2) itself.
+ssize_t readSome(int fd, void* data, std::size_t size);
 bool readBytes(int fd, void* data, std::size_t size, const char* file, int line);
+
+// Buffers the reads of one descriptor on this thread for as long as it
+// lives. Reads go on where the descriptor stood; what was read ahead and not
+// taken is lost when it goes, so it belongs to readers that own the whole
+// rest of the file. Unlike bare read(2) it waits for a slow writer of a
+// pipe until the bytes asked for are there or the writer is gone.
+class ReadAhead
+{
+public:
+    explicit ReadAhead(int fd, std::size_t capacity = 256 * 1024);
+    ~ReadAhead();
+    ReadAhead(const ReadAhead&) = delete;
+    ReadAhead& operator=(const ReadAhead&) = delete;
+
+    // The same as readSome on its descriptor.
+    ssize_t read(void* data, std::size_t size);
+    int fd() const { return mFd; }
+
+    // The read-ahead of `fd` on this thread, or null.
+    static ReadAhead* of(int fd);
+
+private:
+    // Adds to the buffer until it holds `wanted` bytes or the data ends;
+    // false on an error.
+    bool fill(std::size_t wanted);
+
+    int mFd;
+    char* mBuffer;
+    std::size_t mCapacity;
+    std::size_t mBegin;
+    std::size_t mEnd;
+    ReadAhead* mOuter;
+};
 
 // Readers take the fixed-size fields of a record in one read where they can:
 // on a plain file a short read only happens at the end, so the outcome is

@@ -1,4 +1,5 @@
 #include "smetric.h"
+#include "sfileio.h"
 #include "timespec_utils.h"
 #include "zor_assert.h"
 
@@ -63,7 +64,7 @@ bool SMetric::readFromFile(int fd)
     unsigned char tail[sizeof mInterval + 1];
     std::memcpy(tail, &mInterval, sizeof mInterval);
     tail[sizeof mInterval] = 0xFF;
-    if (::read(fd, tail, sizeof tail) == -1)
+    if (fileio::readSome(fd, tail, sizeof tail) == -1)
         return false;
     std::memcpy(&mInterval, tail, sizeof mInterval);
     mShouldDivideBySampleInterval = tail[sizeof mInterval] == 1;

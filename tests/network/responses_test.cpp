@@ -32,19 +32,27 @@ ZORPSVModelItem* tree()
 
 Sample* richSample(long long stamp)
 {
-    Sample* sample = new Sample(MetricDefinitions(), 2);
+    // Every field differs from its default, the repeat flag included.
+    Sample* sample = new Sample(Sample(MetricDefinitions(), 2), true);
     sample->backendOnly_setTimestamp(stamp);
     sample->setMetric(QString::fromLatin1(METRIC_CHARS_READ), SampleValue(4096UL));
     sample->setMetric(QString::fromLatin1(METRIC_MPI_TIME_IN_CALL), SampleValue(-3L));
     sample->setMetric(QString::fromLatin1(METRIC_CPU_TIME_PERCENT), SampleValue(99.5));
-    sample->backendOnly_addThread(tree(), 100, ThreadContext(), InstructionQuery(QStringLiteral("addsd"), false),
+    ThreadContext context;
+    context.rank = 2;
+    context.pid = 4321;
+    sample->backendOnly_addThread(tree(), 100, context, InstructionQuery(QStringLiteral("addsd"), false),
                                   Sample::MainThread, 5000000ULL, false);
+    sample->backendOnly_addAllocatedCpuTime(100, 1250000ULL);
     sample->backendOnly_addThread(nullptr, 101, ThreadContext(), InstructionQuery(QStringLiteral("rep movsb"), true),
                                   Sample::ParallelRegionThread, 0ULL, true);
     sample->backendOnly_setThreadMetric(100, QString::fromLatin1(METRIC_INSTR_FP), 40);
     sample->backendOnly_setLiveThreads({ 100, 101, 102 });
     sample->addLibunwindErrorCode(-3);
     sample->setIgnore(true);
+    QMap<QString, SampleValueRange> ranges;
+    ranges.insert(QString::fromLatin1(METRIC_INSTR_FP), SampleValueRange{ SampleValue(0UL), SampleValue(100UL) });
+    sample->backendOnly_calculateHistograms(4, ranges);
     // A kernel whose shares include a NaN, as one with no samples leaves.
     GpuProfilePSVModelItem* gpu = new GpuProfilePSVModelItem;
     GpuProfilePSVModelItem* kernel =
@@ -162,6 +170,10 @@ TEST(Responses, FieldsSurviveTheRoundTrip)
     EXPECT_TRUE(sample == *original);
     EXPECT_EQ(sample.metric(QString::fromLatin1(METRIC_CHARS_READ)).singleValue().type(), SampleValue::UInt);
     EXPECT_EQ(sample.backendOnly_cpuTime(100), 5000000ULL);
+    EXPECT_EQ(sample.backendOnly_getAllocatedCpuTime(100), 1250000ULL);
+    EXPECT_TRUE(sample.isRepeat());
+    EXPECT_EQ(sample.backendOnly_threadContext(100).pid, 4321);
+    EXPECT_EQ(sample.histogram().bins(QString::fromLatin1(METRIC_INSTR_FP)), QVector<quint32>({ 0, 1, 0, 0 }));
     EXPECT_EQ(sample.backendOnly_threadType(101), Sample::ParallelRegionThread);
     EXPECT_EQ(sample.backendOnly_instruction(101), InstructionQuery(QStringLiteral("rep movsb"), true));
     const PSVModelItem* leaf = sample.psvModel(100)->firstChild()->firstChild()->firstChild();

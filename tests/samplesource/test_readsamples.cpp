@@ -4,7 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include "sfileio.h"
 #include <csignal>
 #include <cstring>
 #include <memory>
@@ -192,4 +196,89 @@ TEST(ReadSamples, FileCutAtEveryOffset)
     file.setContents(bytes);
     const ReadResult whole(file.path());
     EXPECT_TRUE(whole.list);
+}
+
+// A writer that hands the file over in odd slices, with pauses, through a
+// pipe: the reader waits for what it asks for and reads the same list.
+TEST(ReadSamples, ThroughAPipeWithASlowWriter)
+{
+    SampleFileBuilder builder(64, 4, 5);
+    builder.addRandom({40, 4, 30, 3, 2, 2, true});
+    const std::vector<char> bytes = builder.bytes();
+    TempFile file;
+    const std::string fifo = file.path() + ".fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const pid_t writer = fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+        alarm(20);
+        const int fd = open(fifo.c_str(), O_WRONLY);
+        size_t done = 0;
+        for (size_t slice = 1; done < bytes.size(); slice = slice * 3 % 4093 + 1) {
+            const size_t n = std::min(slice, bytes.size() - done);
+            if (write(fd, bytes.data() + done, n) != static_cast<ssize_t>(n))
+                _exit(1);
+            done += n;
+            if (slice % 7 == 0)
+                usleep(200);
+        }
+        _exit(0);
+    }
+    errno = 0;
+    ReadResult r(fifo);
+    int status = 0;
+    waitpid(writer, &status, 0);
+    unlink(fifo.c_str());
+    ASSERT_TRUE(r.list);
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(compareLists(builder.list(), *r.list), "");
+    EXPECT_EQ(r.callSites.size(), 2);
+}
+
+// The buffer under the readers gives what read(2) gives on a plain file:
+// all that was asked, less only at the end, -1 on an error; reads larger
+// than the buffer, and a second descriptor read meanwhile, stay in order.
+TEST(ReadSamples, ReadAheadGivesWhatPlainReadsWouldGive)
+{
+    std::vector<char> bytes(10000);
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>(i * 7);
+    TempFile first, second;
+    first.setContents(bytes);
+    second.setContents(std::vector<char>(bytes.rbegin(), bytes.rend()));
+    const int a = open(first.path().c_str(), O_RDONLY);
+    const int b = open(second.path().c_str(), O_RDONLY);
+    {
+        fileio::ReadAhead aheadA(a, 1000);
+        std::vector<char> got(bytes.size() + 10);
+        size_t at = 0;
+        size_t turn = 0;
+        // Sizes below, at and above the buffer's, interleaved with reads of
+        // another descriptor that has a buffer of its own.
+        for (size_t size : {1, 999, 1000, 3, 2500, 17}) {
+            ASSERT_EQ(fileio::readSome(a, got.data() + at, size), static_cast<ssize_t>(size));
+            at += size;
+            fileio::ReadAhead aheadB(b, 64);
+            char c = 0;
+            ASSERT_EQ(fileio::readSome(b, &c, 1), 1);
+            // What a read-ahead took and didn't hand out goes with it.
+            EXPECT_EQ(c, bytes[bytes.size() - 1 - 64 * turn++]);
+        }
+        EXPECT_EQ(std::vector<char>(got.begin(), got.begin() + static_cast<long>(at)),
+                  std::vector<char>(bytes.begin(), bytes.begin() + static_cast<long>(at)));
+        // The end: what is left, then nothing.
+        EXPECT_EQ(fileio::readSome(a, got.data(), got.size()), static_cast<ssize_t>(bytes.size() - at));
+        EXPECT_EQ(fileio::readSome(a, got.data(), 1), 0);
+    }
+    close(a);
+    close(b);
+
+    // An error is an error, reported by the record readers.
+    const int directory = open("/", O_RDONLY | O_DIRECTORY);
+    fileio::ReadAhead ahead(directory);
+    char c;
+    errno = 0;
+    EXPECT_EQ(fileio::readSome(directory, &c, 1), -1);
+    EXPECT_EQ(errno, EISDIR);
+    close(directory);
 }

@@ -1,0 +1,158 @@
+#include "htmlreport.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include "profile.h"
+#include "textsummary.h"
+
+// Outside any namespace, as the resource initialiser must be.
+static void initReportResources()
+{
+    Q_INIT_RESOURCE(report);
+}
+
+namespace {
+
+const int TimelineBuckets = 200;
+// Nodes below this share of the CPU time are left out of the page's tree,
+// which keeps the page small for programs with deep, wide trees.
+const double PruneShare = 1e-4;
+
+qint64 us(quint64 ns)
+{
+    return qint64((ns + 500) / 1000);
+}
+
+QJsonObject node(const Profile& profile, const PSVModelItem* item, quint64 floorNs)
+{
+    const NodeTime t = profile.time(item);
+    QJsonObject o;
+    o.insert(QStringLiteral("n"), item->position().function);
+    if (!item->position().file.isEmpty())
+        o.insert(QStringLiteral("f"), item->position().file);
+    if (item->position().line > 0)
+        o.insert(QStringLiteral("l"), item->position().line);
+    o.insert(QStringLiteral("t"), us(t.totalNs));
+    o.insert(QStringLiteral("s"), us(t.selfNs));
+    o.insert(QStringLiteral("r"), item->processToThreadCountMap().toString());
+    QJsonArray children;
+    for (const PSVModelItem* child : profile.sortedChildren(item)) {
+        if (profile.time(child).totalNs >= floorNs && profile.time(child).totalNs > 0)
+            children.append(node(profile, child, floorNs));
+    }
+    if (!children.isEmpty())
+        o.insert(QStringLiteral("c"), children);
+    return o;
+}
+
+QJsonArray pair(const QString& name, const QString& value)
+{
+    return QJsonArray{ name, value };
+}
+
+QJsonArray metrics(const Profile& profile)
+{
+    const Result& result = profile.result();
+    QJsonArray rows;
+    rows.append(pair(QStringLiteral("Started"), result.run.started.toString(Qt::ISODate)));
+    rows.append(pair(QStringLiteral("Exit status"), QString::number(result.run.exitStatus)));
+    rows.append(pair(QStringLiteral("Samples per process"), QString::number(result.run.samplesPerProcess)));
+    rows.append(pair(QStringLiteral("Sampling interval"), QStringLiteral("%1 ms").arg(result.run.intervalMs)));
+    const QMap<QString, double> mix = profile.instructionMix();
+    for (auto it = mix.constBegin(); it != mix.constEnd(); ++it)
+        rows.append(pair(QStringLiteral("Instruction mix: %1").arg(it.key()), QStringLiteral("%1%").arg(*it, 0, 'f', 1)));
+    const QMap<int, double> mpi = profile.mpiShare();
+    for (auto it = mpi.constBegin(); it != mpi.constEnd(); ++it)
+        rows.append(pair(QStringLiteral("Rank %1: main thread in MPI").arg(it.key()), formatPercent(*it, 1)));
+    const UnwindFigures unwind = profile.unwindFigures();
+    rows.append(pair(QStringLiteral("Stacks that didn't unwind"),
+                     QStringLiteral("%1 of %2").arg(unwind.failed).arg(unwind.threadSamples)));
+    for (auto it = unwind.byCode.constBegin(); it != unwind.byCode.constEnd(); ++it)
+        rows.append(pair(QStringLiteral("Unwind status %1").arg(it.key()), QString::number(*it)));
+    for (const RankResult& rank : result.ranks) {
+        const QString prefix = result.ranks.size() > 1 ? QStringLiteral("Rank %1: ").arg(rank.rank()) : QString();
+        rows.append(pair(prefix + QStringLiteral("samples taken"), QString::number(rank.play.sampleCount())));
+        const QMap<QString, SampleValue> values = rank.play.metrics();
+        for (auto it = values.constBegin(); it != values.constEnd(); ++it)
+            rows.append(pair(prefix + it.key(), QString::number(it->to_double(), 'g', 10)));
+        for (const auto& errors : rank.metricErrors.errors()) {
+            for (const MetricError& error : errors)
+                rows.append(pair(prefix + QStringLiteral("error in %1").arg(error.metric()), error.message()));
+        }
+    }
+    return rows;
+}
+
+} // namespace
+
+QJsonObject htmlReportData(const Profile& profile)
+{
+    const RunInfo& run = profile.result().run;
+    QJsonObject data;
+    data.insert(QStringLiteral("title"), QFileInfo(run.program).fileName());
+    data.insert(QStringLiteral("commandLine"), run.commandLine());
+    data.insert(QStringLiteral("durationMs"), double(profile.durationMs()));
+    data.insert(QStringLiteral("cpuUs"), double(us(profile.cpuNs())));
+    data.insert(QStringLiteral("ranks"), profile.rankCount());
+    data.insert(QStringLiteral("threads"), profile.threadCount());
+    data.insert(QStringLiteral("wallMs"), double(run.wallMs));
+
+    const quint64 floorNs = quint64(double(profile.cpuNs()) * PruneShare);
+    data.insert(QStringLiteral("tree"), node(profile, profile.tree(), floorNs));
+
+    QJsonArray rows;
+    for (const ActivityRow& row : profile.activity(TimelineBuckets, true)) {
+        QJsonArray busy;
+        for (double b : row.busy)
+            busy.append(int(b * 100 + 0.5));
+        QJsonObject o;
+        o.insert(QStringLiteral("rank"), row.rank);
+        o.insert(QStringLiteral("label"), row.label);
+        o.insert(QStringLiteral("threads"), row.threads);
+        o.insert(QStringLiteral("cpuUs"), double(us(row.cpuNs)));
+        o.insert(QStringLiteral("busy"), busy);
+        rows.append(o);
+    }
+    data.insert(QStringLiteral("timeline"), rows);
+
+    QJsonArray functions;
+    for (const FunctionFigure& f : profile.functions(100)) {
+        functions.append(QJsonObject{ { QStringLiteral("n"), f.function },
+                                      { QStringLiteral("f"), f.file },
+                                      { QStringLiteral("l"), f.line },
+                                      { QStringLiteral("s"), double(us(f.selfNs)) },
+                                      { QStringLiteral("t"), double(us(f.totalNs)) } });
+    }
+    data.insert(QStringLiteral("functions"), functions);
+    QJsonArray lines;
+    for (const LineFigure& l : profile.lines(100)) {
+        lines.append(QJsonObject{ { QStringLiteral("n"), l.function },
+                                  { QStringLiteral("f"), l.file },
+                                  { QStringLiteral("l"), l.line },
+                                  { QStringLiteral("s"), double(us(l.selfNs)) } });
+    }
+    data.insert(QStringLiteral("lines"), lines);
+    data.insert(QStringLiteral("metrics"), metrics(profile));
+    return data;
+}
+
+QByteArray htmlReport(const Profile& profile)
+{
+    initReportResources();
+    QFile page(QStringLiteral(":/zor/report.html"));
+    if (!page.open(QIODevice::ReadOnly))
+        qFatal("the report's page template is missing from the program");
+    QByteArray html = page.readAll();
+    // Inside a script element "</script" or "<!--" would end or bend it; no
+    // "<" is left, and JSON reads the escape back.
+    QByteArray json = QJsonDocument(htmlReportData(profile)).toJson(QJsonDocument::Compact);
+    json.replace('<', "\\u003c");
+    const QByteArray marker("/*ZOR-DATA*/");
+    const int at = html.indexOf(marker);
+    Q_ASSERT(at >= 0);
+    html.replace(at, marker.size(), json);
+    return html;
+}

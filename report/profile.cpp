@@ -1,0 +1,355 @@
+#include "profile.h"
+
+#include <QSet>
+
+#include <algorithm>
+
+#include "constants.h"
+
+namespace {
+
+const QString MainThreadLabel = QStringLiteral("main thread");
+const QString RegionThreadLabel = QStringLiteral("parallel region threads");
+const QString OtherThreadLabel = QStringLiteral("other threads");
+
+// The leaves of a thread's tree, each with its path below the root. A
+// sample's tree is one path; a tree with several is split evenly.
+void collectPaths(const PSVModelItem* node, QVector<const PSVModelItem*>& path,
+                  QVector<QVector<const PSVModelItem*>>* paths)
+{
+    if (node->childCount() == 0) {
+        if (!path.isEmpty())
+            paths->append(path);
+        return;
+    }
+    for (const PSVModelItem* child : node->children()) {
+        path.append(child);
+        collectPaths(child, path, paths);
+        path.removeLast();
+    }
+}
+
+ZORPSVModelItem::Special specialOf(const PSVModelItem* node)
+{
+    const ZORPSVModelItem* item = dynamic_cast<const ZORPSVModelItem*>(node);
+    return item ? item->specialType() : ZORPSVModelItem::specialNone;
+}
+
+// The class of a thread as its sample shows it: the frame below the
+// program frame names workers and monitors in brackets.
+QString classLabel(const Sample& sample, int tid, const QVector<const PSVModelItem*>& path)
+{
+    switch (sample.backendOnly_threadType(tid)) {
+    case Sample::MainThread:
+        return MainThreadLabel;
+    case Sample::ParallelRegionThread:
+        return RegionThreadLabel;
+    default:
+        break;
+    }
+    if (path.size() > 1 && specialOf(path.at(0)) == ZORPSVModelItem::specialProgramFrame) {
+        const QString name = path.at(1)->position().function;
+        if (name.startsWith(QLatin1Char('[')) && name.endsWith(QLatin1Char(']')))
+            return name.mid(1, name.size() - 2);
+    }
+    return OtherThreadLabel;
+}
+
+template <class Figure>
+void sortBySelf(QList<Figure>* figures, int limit)
+{
+    std::stable_sort(figures->begin(), figures->end(),
+                     [](const Figure& a, const Figure& b) { return a.selfNs > b.selfNs; });
+    if (limit >= 0 && figures->size() > limit)
+        figures->erase(figures->begin() + limit, figures->end());
+}
+
+} // namespace
+
+Profile::Profile(const Result& result)
+    : mResult(result)
+    , mTree(new ZORPSVModelItem)
+{
+    build();
+}
+
+Profile::~Profile() = default;
+
+void Profile::build()
+{
+    // Each rank's threads and samples are added up into a tree of the rank;
+    // the ranks' trees, whose ranks are disjoint, then merge by position.
+    QVector<ThreadSample> threadSamples;
+    QList<ZORPSVModelItem*> rankTrees;
+    QSet<QPair<int, int>> threads;
+    for (const RankResult& rank : mResult.ranks) {
+        mDurationMs = std::max(mDurationMs, rank.play.duration());
+        for (const Sample& sample : rank.samples) {
+            if (sample.hasTimestamp())
+                mDurationMs = std::max(mDurationMs, sample.backendOnly_getTimestamp());
+        }
+    }
+    if (mDurationMs <= 0)
+        mDurationMs = mResult.run.wallMs;
+    for (const RankResult& rank : mResult.ranks) {
+        // Resampling cut the rank's run into as many equal stretches as it
+        // sent samples, in order; a sample's CPU time was spent in its own.
+        const double rankMs = rank.play.duration() > 0 ? rank.play.duration() : mDurationMs;
+        const double stretchMs = rank.samples.isEmpty() ? 0 : rankMs / rank.samples.size();
+        int index = 0;
+        ZORPSVModelItem* rankTree = new ZORPSVModelItem;
+        rankTrees.append(rankTree);
+        for (const Sample& sample : rank.samples) {
+            ++mSampleCount;
+            const double beginMs = stretchMs * index++;
+            for (int code : sample.libunwindErrorCodes())
+                ++mUnwind.byCode[code];
+            mUnwind.failed += sample.libunwindErrorCodes().size();
+            for (int tid : sample.sampledTidList()) {
+                ++mUnwind.threadSamples;
+                threads.insert(qMakePair(rank.rank(), tid));
+                const ZORPSVModelItem* tree = sample.psvModel(tid);
+                QVector<QVector<const PSVModelItem*>> paths;
+                QVector<const PSVModelItem*> path;
+                if (tree)
+                    collectPaths(tree, path, &paths);
+                const bool sleeping = sample.backendOnly_isSleeping(tid);
+                const bool inMpi = sample.backendOnly_instruction(tid).instruction == QLatin1String("mpi");
+                rankTree->addThreads(rank.rank(), 1, false, false);
+                for (const QVector<const PSVModelItem*>& p : paths) {
+                    ZORPSVModelItem* node = rankTree;
+                    for (int i = 0; i < p.size(); ++i) {
+                        ZORPSVModelItem* child = node->findChild(p.at(i)->position());
+                        if (!child) {
+                            child = new ZORPSVModelItem(node, p.at(i)->position());
+                            child->setSpecial(specialOf(p.at(i)));
+                        }
+                        child->addThreads(rank.rank(), 1, false, false);
+                        child->addSampleCounts(1, i + 1 == p.size(), inMpi, sleeping);
+                        node = child;
+                    }
+                }
+                threadSamples.append({ rank.rank(), tid, beginMs, beginMs + stretchMs, sample.backendOnly_cpuTime(tid),
+                                       classLabel(sample, tid, paths.value(0)) });
+            }
+        }
+    }
+    mThreadCount = threads.size();
+    if (!rankTrees.isEmpty()) {
+        mTree.reset(rankTrees.takeFirst());
+        for (ZORPSVModelItem* other : rankTrees) {
+            mTree->mergePSVModelItem(*other, nullptr);
+            delete other;
+        }
+    }
+
+    // CPU time goes to the merged nodes of each sample's path.
+    QHash<QString, int> functionIndex;
+    QHash<QPair<QString, int>, int> lineIndex;
+    QHash<QString, QHash<QPair<QString, int>, quint64>> functionLines;
+    for (const RankResult& rank : mResult.ranks) {
+        for (const Sample& sample : rank.samples) {
+            for (int tid : sample.sampledTidList()) {
+                const quint64 cpu = sample.backendOnly_cpuTime(tid);
+                mCpuNs += cpu;
+                const QMap<QString, unsigned long> metrics = sample.threadMetrics(tid);
+                if (!sample.backendOnly_isSleeping(tid)) {
+                    for (auto m = metrics.constBegin(); m != metrics.constEnd(); ++m) {
+                        if (m.key().startsWith(QLatin1String("instr_"))) {
+                            mMix[m.key()].first += m.value();
+                            ++mMix[m.key()].second;
+                        }
+                    }
+                }
+                if (sample.backendOnly_threadType(tid) == Sample::MainThread) {
+                    QPair<int, int>& mpi = mMpi[rank.rank()];
+                    ++mpi.second;
+                    if (sample.backendOnly_instruction(tid).instruction == QLatin1String("mpi"))
+                        ++mpi.first;
+                }
+                const ZORPSVModelItem* tree = sample.psvModel(tid);
+                if (!tree)
+                    continue;
+                QVector<QVector<const PSVModelItem*>> paths;
+                QVector<const PSVModelItem*> path;
+                collectPaths(tree, path, &paths);
+                quint64 left = cpu;
+                for (int n = 0; n < paths.size(); ++n) {
+                    const quint64 share = n + 1 == paths.size() ? left : cpu / paths.size();
+                    left -= share;
+                    const PSVModelItem* node = mTree.get();
+                    mTimes[node].totalNs += share;
+                    QSet<QString> onPath;
+                    for (const PSVModelItem* frame : paths.at(n)) {
+                        node = node->findChild(frame->position());
+                        Q_ASSERT(node); // the merged tree holds every path
+                        mTimes[node].totalNs += share;
+                        const QString& function = node->position().function;
+                        if (onPath.contains(function))
+                            continue;
+                        onPath.insert(function);
+                        auto it = functionIndex.constFind(function);
+                        if (it == functionIndex.constEnd()) {
+                            it = functionIndex.insert(function, mFunctions.size());
+                            FunctionFigure figure;
+                            figure.function = function;
+                            figure.file = node->position().file;
+                            figure.line = node->position().line;
+                            mFunctions.append(figure);
+                        }
+                        mFunctions[*it].totalNs += share;
+                    }
+                    mTimes[node].selfNs += share;
+                    const Position& leaf = node->position();
+                    mFunctions[functionIndex.value(leaf.function)].selfNs += share;
+                    if (leaf.hasFileAndLine()) {
+                        const QPair<QString, int> key(leaf.file, leaf.line);
+                        functionLines[leaf.function][key] += share;
+                        auto line = lineIndex.constFind(key);
+                        if (line == lineIndex.constEnd()) {
+                            line = lineIndex.insert(key, mLines.size());
+                            mLines.append({ leaf.file, leaf.line, leaf.function, 0 });
+                        }
+                        mLines[*line].selfNs += share;
+                    }
+                }
+            }
+        }
+    }
+    // A function is shown at its hottest line.
+    for (FunctionFigure& figure : mFunctions) {
+        const auto lines = functionLines.value(figure.function);
+        quint64 best = 0;
+        for (auto it = lines.constBegin(); it != lines.constEnd(); ++it) {
+            if (it.value() > best || (it.value() == best && it.key().second < figure.line)) {
+                best = it.value();
+                figure.file = it.key().first;
+                figure.line = it.key().second;
+            }
+        }
+    }
+    sortBySelf(&mFunctions, -1);
+    sortBySelf(&mLines, -1);
+
+    // A thread keeps one class for the whole run: the one most of its samples show.
+    QHash<QPair<int, int>, QHash<QString, int>> votes;
+    for (const ThreadSample& s : threadSamples)
+        ++votes[qMakePair(s.rank, s.tid)][s.label];
+    for (ThreadSample& s : threadSamples) {
+        const QHash<QString, int>& v = votes[qMakePair(s.rank, s.tid)];
+        int most = 0;
+        for (auto it = v.constBegin(); it != v.constEnd(); ++it) {
+            if (it.value() > most || (it.value() == most && it.key() < s.label)) {
+                most = it.value();
+                s.label = it.key();
+            }
+        }
+    }
+    mThreadSamples = threadSamples;
+}
+
+QList<const PSVModelItem*> Profile::sortedChildren(const PSVModelItem* node) const
+{
+    QList<const PSVModelItem*> children;
+    for (const PSVModelItem* child : node->children())
+        children.append(child);
+    std::stable_sort(children.begin(), children.end(), [this](const PSVModelItem* a, const PSVModelItem* b) {
+        return mTimes.value(a).totalNs > mTimes.value(b).totalNs;
+    });
+    return children;
+}
+
+QList<FunctionFigure> Profile::functions(int limit) const
+{
+    QList<FunctionFigure> figures = mFunctions;
+    sortBySelf(&figures, limit);
+    return figures;
+}
+
+QList<LineFigure> Profile::lines(int limit) const
+{
+    QList<LineFigure> figures = mLines;
+    sortBySelf(&figures, limit);
+    return figures;
+}
+
+QList<ActivityRow> Profile::activity(int buckets, bool perRank) const
+{
+    buckets = std::max(buckets, 1);
+    QMap<QPair<int, QString>, int> index;
+    QList<ActivityRow> rows;
+    QList<QSet<QPair<int, int>>> rowThreads;
+    const double bucketMs = double(mDurationMs) / buckets;
+    for (const ThreadSample& s : mThreadSamples) {
+        const QPair<int, QString> key(perRank ? s.rank : -1, s.label);
+        auto it = index.constFind(key);
+        if (it == index.constEnd()) {
+            it = index.insert(key, rows.size());
+            ActivityRow row;
+            row.rank = key.first;
+            row.label = s.label;
+            row.busy.fill(0.0, buckets);
+            rows.append(row);
+            rowThreads.append(QSet<QPair<int, int>>());
+        }
+        ActivityRow& row = rows[*it];
+        rowThreads[*it].insert(qMakePair(s.rank, s.tid));
+        row.cpuNs += s.cpuNs;
+        // The CPU time is spread evenly over the sample's stretch.
+        const double length = s.endMs - s.beginMs;
+        if (length <= 0 || bucketMs <= 0) {
+            row.busy[0] += double(s.cpuNs);
+            continue;
+        }
+        const int first = std::max(0, std::min(buckets - 1, int(s.beginMs / bucketMs)));
+        for (int b = first; b < buckets && b * bucketMs < s.endMs; ++b) {
+            const double overlap = std::min(s.endMs, (b + 1) * bucketMs) - std::max(s.beginMs, b * bucketMs);
+            if (overlap > 0)
+                row.busy[b] += double(s.cpuNs) * overlap / length;
+        }
+    }
+    const double bucketNs = std::max(1.0, bucketMs * 1e6);
+    for (int i = 0; i < rows.size(); ++i) {
+        rows[i].threads = rowThreads.at(i).size();
+        for (double& busy : rows[i].busy)
+            busy = std::min(1.0, busy / (bucketNs * rows[i].threads));
+    }
+    // Ranks in order; within one, the main thread first, then the busiest.
+    std::stable_sort(rows.begin(), rows.end(), [](const ActivityRow& a, const ActivityRow& b) {
+        if (a.rank != b.rank)
+            return a.rank < b.rank;
+        if ((a.label == MainThreadLabel) != (b.label == MainThreadLabel))
+            return a.label == MainThreadLabel;
+        return a.cpuNs > b.cpuNs;
+    });
+    return rows;
+}
+
+QMap<QString, double> Profile::instructionMix() const
+{
+    QMap<QString, double> mix;
+    const auto sums = mMix;
+    for (auto it = sums.constBegin(); it != sums.constEnd(); ++it)
+        mix.insert(it.key(), it->first / std::max(1, it->second));
+    return mix;
+}
+
+QMap<int, double> Profile::mpiShare() const
+{
+    QMap<int, double> share;
+    bool any = false;
+    const auto counts = mMpi;
+    for (auto it = counts.constBegin(); it != counts.constEnd(); ++it) {
+        any = any || it->first > 0;
+        share.insert(it.key(), it->second > 0 ? double(it->first) / it->second : 0.0);
+    }
+    return any ? share : QMap<int, double>();
+}
+
+QStringList Profile::functionPath(const PSVModelItem* node)
+{
+    QStringList names;
+    for (; node && node->parent(); node = node->parent())
+        names.prepend(node->position().function);
+    return names;
+}

@@ -1,0 +1,257 @@
+#include "result.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QSaveFile>
+#include <QXmlStreamReader>
+#include <QXmlStreamWriter>
+#include <QtEndian>
+
+namespace ResultFile {
+
+const quint32 Version = 1;
+
+} // namespace ResultFile
+
+namespace {
+
+// The first byte has its high bit set and the rest holds CR LF and ^Z, so
+// that a file passed through a text conversion no longer matches.
+const char Magic[8] = { '\x89', 'Z', 'O', 'R', '\r', '\n', '\x1a', '\n' };
+const int HashSize = 32;
+const int HeaderSize = sizeof(Magic) + 4 + 4 + 8 + HashSize;
+
+const QString RootElement = QStringLiteral("zorResult");
+
+void writeRun(QXmlStreamWriter& w, const RunInfo& run)
+{
+    w.writeStartElement(QStringLiteral("run"));
+    w.writeAttribute(QStringLiteral("program"), run.program);
+    w.writeAttribute(QStringLiteral("started"), run.started.toUTC().toString(Qt::ISODateWithMs));
+    w.writeAttribute(QStringLiteral("wallMs"), QString::number(run.wallMs));
+    w.writeAttribute(QStringLiteral("interval"), QString::number(run.intervalMs));
+    w.writeAttribute(QStringLiteral("samples"), QString::number(run.samplesPerProcess));
+    w.writeAttribute(QStringLiteral("exitStatus"), QString::number(run.exitStatus));
+    if (run.interrupted)
+        w.writeAttribute(QStringLiteral("interrupted"), QStringLiteral("yes"));
+    for (const QString& argument : run.arguments)
+        w.writeTextElement(QStringLiteral("arg"), argument);
+    w.writeEndElement();
+}
+
+bool readRun(QXmlStreamReader& r, RunInfo* run, QString* error)
+{
+    const QXmlStreamAttributes a = r.attributes();
+    bool ok[5] = {};
+    run->program = a.value(QLatin1String("program")).toString();
+    run->started = QDateTime::fromString(a.value(QLatin1String("started")).toString(), Qt::ISODateWithMs);
+    run->wallMs = a.value(QLatin1String("wallMs")).toLongLong(&ok[0]);
+    run->intervalMs = a.value(QLatin1String("interval")).toInt(&ok[1]);
+    run->samplesPerProcess = a.value(QLatin1String("samples")).toInt(&ok[2]);
+    run->exitStatus = a.value(QLatin1String("exitStatus")).toInt(&ok[3]);
+    run->interrupted = a.value(QLatin1String("interrupted")) == QLatin1String("yes");
+    ok[4] = run->started.isValid();
+    for (bool b : ok) {
+        if (!b) {
+            *error = QStringLiteral("the run's description is incomplete");
+            return false;
+        }
+    }
+    while (r.readNextStartElement()) {
+        if (r.name() == QLatin1String("arg"))
+            run->arguments.append(r.readElementText());
+        else
+            r.skipCurrentElement();
+    }
+    return true;
+}
+
+bool readResponse(QXmlStreamReader& r, Response* response, QString* error)
+{
+    if (response->readXml(r, error))
+        return true;
+    *error = QStringLiteral("%1: %2").arg(response->elementName(), *error);
+    return false;
+}
+
+bool readRank(QXmlStreamReader& r, RankResult* rank, QString* error)
+{
+    while (r.readNextStartElement()) {
+        const QStringRef name = r.name();
+        if (name == rank->play.elementName()) {
+            if (!readResponse(r, &rank->play, error))
+                return false;
+        } else if (name == rank->metricErrors.elementName()) {
+            if (!readResponse(r, &rank->metricErrors, error))
+                return false;
+        } else if (name == rank->endMetrics.elementName()) {
+            if (!readResponse(r, &rank->endMetrics, error))
+                return false;
+        } else if (name == QLatin1String("samples")) {
+            while (r.readNextStartElement()) {
+                Sample sample;
+                if (!sample.readXml(r, error))
+                    return false;
+                rank->samples.append(sample);
+            }
+        } else {
+            r.skipCurrentElement();
+        }
+    }
+    return true;
+}
+
+QByteArray bodyOf(const Result& result)
+{
+    QByteArray xml;
+    QXmlStreamWriter w(&xml);
+    w.writeStartDocument();
+    w.writeStartElement(RootElement);
+    writeRun(w, result.run);
+    for (const RankResult& rank : result.ranks) {
+        w.writeStartElement(QStringLiteral("rank"));
+        rank.play.writeXml(w);
+        rank.metricErrors.writeXml(w);
+        rank.endMetrics.writeXml(w);
+        w.writeStartElement(QStringLiteral("samples"));
+        for (const Sample& sample : rank.samples)
+            sample.writeXml(w);
+        w.writeEndElement();
+        w.writeEndElement();
+    }
+    w.writeEndElement();
+    w.writeEndDocument();
+    return xml;
+}
+
+bool parseBody(const QByteArray& xml, Result* result, QString* error)
+{
+    QXmlStreamReader r(xml);
+    if (!r.readNextStartElement() || r.name() != RootElement) {
+        *error = QStringLiteral("no result inside");
+        return false;
+    }
+    bool haveRun = false;
+    while (r.readNextStartElement()) {
+        if (r.name() == QLatin1String("run")) {
+            if (!readRun(r, &result->run, error))
+                return false;
+            haveRun = true;
+        } else if (r.name() == QLatin1String("rank")) {
+            RankResult rank;
+            if (!readRank(r, &rank, error))
+                return false;
+            result->ranks.append(rank);
+        } else {
+            r.skipCurrentElement();
+        }
+    }
+    if (r.hasError()) {
+        *error = r.errorString();
+        return false;
+    }
+    if (!haveRun) {
+        *error = QStringLiteral("the run's description is missing");
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+QString RunInfo::commandLine() const
+{
+    QStringList words(program);
+    words += arguments;
+    for (QString& word : words) {
+        // Quoted unless made only of characters that no shell treats specially.
+        if (!QRegExp(QStringLiteral("[A-Za-z0-9_@%+=:,./-]+")).exactMatch(word))
+            word = QLatin1Char('\'') + word.replace(QLatin1Char('\''), QLatin1String("'\\''")) + QLatin1Char('\'');
+    }
+    return words.join(QLatin1Char(' '));
+}
+
+QByteArray ResultFile::encode(const Result& result)
+{
+    const QByteArray body = qCompress(bodyOf(result), 6);
+    QByteArray data(Magic, sizeof(Magic));
+    char word[8];
+    qToBigEndian<quint32>(Version, word);
+    data.append(word, 4);
+    qToBigEndian<quint32>(0, word); // flags, none yet
+    data.append(word, 4);
+    qToBigEndian<quint64>(body.size(), word);
+    data.append(word, 8);
+    data.append(QCryptographicHash::hash(body, QCryptographicHash::Sha256));
+    data.append(body);
+    return data;
+}
+
+bool ResultFile::decode(const QByteArray& data, const QString& name, Result* result, QString* error)
+{
+    if (data.size() < int(sizeof(Magic)) || memcmp(data.constData(), Magic, sizeof(Magic)) != 0) {
+        *error = QStringLiteral("%1 is not a zor result file").arg(name);
+        return false;
+    }
+    if (data.size() < HeaderSize) {
+        *error = QStringLiteral("%1 is truncated: its header is incomplete").arg(name);
+        return false;
+    }
+    const uchar* header = reinterpret_cast<const uchar*>(data.constData()) + sizeof(Magic);
+    const quint32 version = qFromBigEndian<quint32>(header);
+    if (version != ResultFile::Version) {
+        *error = QStringLiteral("%1 is a zor result of format version %2; this zor reads version %3")
+                     .arg(name)
+                     .arg(version)
+                     .arg(ResultFile::Version);
+        return false;
+    }
+    const quint64 length = qFromBigEndian<quint64>(header + 8);
+    const quint64 present = quint64(data.size() - HeaderSize);
+    if (present < length) {
+        *error = QStringLiteral("%1 is truncated: %2 of its %3 bytes are there")
+                     .arg(name)
+                     .arg(present + HeaderSize)
+                     .arg(length + HeaderSize);
+        return false;
+    }
+    if (present > length) {
+        *error = QStringLiteral("%1 is damaged: %2 bytes follow its end").arg(name).arg(present - length);
+        return false;
+    }
+    const QByteArray body = data.mid(HeaderSize);
+    const QByteArray hash = data.mid(HeaderSize - HashSize, HashSize);
+    if (QCryptographicHash::hash(body, QCryptographicHash::Sha256) != hash) {
+        *error = QStringLiteral("%1 is damaged: its checksum doesn't match").arg(name);
+        return false;
+    }
+    const QByteArray xml = qUncompress(body);
+    QString reason;
+    Result read;
+    if (xml.isEmpty() || !parseBody(xml, &read, &reason)) {
+        *error = QStringLiteral("%1 is damaged: %2").arg(name, xml.isEmpty() ? QStringLiteral("it doesn't uncompress") : reason);
+        return false;
+    }
+    *result = read;
+    return true;
+}
+
+bool ResultFile::write(const QString& path, const Result& result, QString* error)
+{
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(encode(result)) < 0 || !file.commit()) {
+        *error = QStringLiteral("cannot write %1: %2").arg(path, file.errorString());
+        return false;
+    }
+    return true;
+}
+
+bool ResultFile::read(const QString& path, Result* result, QString* error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("cannot read %1: %2").arg(path, file.errorString());
+        return false;
+    }
+    return decode(file.readAll(), path, result, error);
+}

@@ -1,0 +1,65 @@
+// A saved run: everything the reports need, so that `zor report` never needs
+// the program, its binary or a host again. What each rank sent back is kept
+// in its wire form's classes, so that the file and the messages share one
+// reader and one writer.
+#ifndef ZOR_REPORT_RESULT_H
+#define ZOR_REPORT_RESULT_H
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+#include "profilerresponses.h"
+#include "sample.h"
+
+struct RunInfo
+{
+    QString program; // as the user gave it
+    QStringList arguments;
+    QDateTime started; // UTC
+    qint64 wallMs = 0; // from the start of the program to its end
+    int intervalMs = 20;
+    int samplesPerProcess = 1000;
+    int exitStatus = 0;
+    bool interrupted = false; // the user stopped sampling early
+
+    QString commandLine() const;
+};
+
+struct RankResult
+{
+    ProfilerPlayResponse play;
+    QList<Sample> samples;
+    SendMetricErrorsResponse metricErrors;
+    SendMetricsCollectedAtTheEndResponse endMetrics;
+
+    int rank() const { return play.rank(); }
+};
+
+struct Result
+{
+    RunInfo run;
+    QList<RankResult> ranks;
+};
+
+// The file: a fixed header (a magic number that catches text-mode mangling,
+// the format's version, the length and SHA-256 of the body), then the body,
+// an XML document compressed with qCompress. A file of another version or
+// kind, a truncated one and a damaged one each get their own message.
+namespace ResultFile {
+
+extern const quint32 Version;
+
+QByteArray encode(const Result& result);
+// `name` names the data in messages.
+bool decode(const QByteArray& data, const QString& name, Result* result, QString* error);
+
+// Writes through a temporary file that replaces `path` only when complete.
+bool write(const QString& path, const Result& result, QString* error);
+bool read(const QString& path, Result* result, QString* error);
+
+} // namespace ResultFile
+
+#endif

@@ -1,0 +1,248 @@
+#include <gtest/gtest.h>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QtEndian>
+
+#include "constants.h"
+#include "foldedstacks.h"
+#include "htmlreport.h"
+#include "profile.h"
+#include "resultbuilder.h"
+#include "textsummary.h"
+
+namespace {
+
+const PSVModelItem* descend(const PSVModelItem* node, const QStringList& functions)
+{
+    for (const QString& function : functions) {
+        const PSVModelItem* next = nullptr;
+        for (const PSVModelItem* child : node->children())
+            if (child->position().function == function)
+                next = child;
+        if (!next)
+            return nullptr;
+        node = next;
+    }
+    return node;
+}
+
+} // namespace
+
+TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
+{
+    Result original = exampleResult(2);
+    original.run.exitStatus = 3;
+    original.run.interrupted = true;
+    original.run.arguments << QStringLiteral("it's quoted");
+    MetricErrorMap errors;
+    errors[QStringLiteral("instr_fp")].insert(1, MetricError(QStringLiteral("instr_fp"), 1, QStringLiteral("no"), 1));
+    original.ranks[1].metricErrors = SendMetricErrorsResponse(errors);
+    MpiCallMetrics mpi(1);
+    mpi.addCall(MpiCallMetric(1, QStringLiteral("MPI_Send"), SampleValue(1L), SampleValue(2L), SampleValue(3L), SampleValue(4L)));
+    original.ranks[1].endMetrics.setMpiCallMetrics(mpi);
+
+    const QByteArray data = ResultFile::encode(original);
+    Result read;
+    QString error;
+    ASSERT_TRUE(ResultFile::decode(data, QStringLiteral("r.zor"), &read, &error)) << qPrintable(error);
+    // Encoded again, the copy gives the same bytes: nothing was lost.
+    EXPECT_EQ(ResultFile::encode(read), data);
+    EXPECT_EQ(read.run.commandLine(), QStringLiteral("./zor-example --seconds 2 'it'\\''s quoted'"));
+    EXPECT_EQ(read.run.started, original.run.started);
+    EXPECT_TRUE(read.run.interrupted);
+    ASSERT_EQ(read.ranks.size(), 2);
+    EXPECT_EQ(read.ranks[1].rank(), 1);
+    EXPECT_EQ(read.ranks[1].samples.size(), 100);
+    EXPECT_TRUE(read.ranks[1].samples[7] == original.ranks[1].samples[7]);
+    EXPECT_EQ(read.ranks[1].metricErrors.errors(), errors);
+    EXPECT_EQ(read.ranks[1].endMetrics.mpiCallMetrics(), mpi);
+    // Compressed: the samples' XML repeats itself a lot.
+    EXPECT_LT(data.size(), 20000);
+}
+
+TEST(ResultFile, DamagedOrForeignFilesGetTheirOwnMessage)
+{
+    const QByteArray good = ResultFile::encode(exampleResult(1));
+    QByteArray otherVersion = good;
+    qToBigEndian<quint32>(7, otherVersion.data() + 8);
+    QByteArray flipped = good;
+    flipped[good.size() / 2] = char(flipped[good.size() / 2] ^ 0x40);
+    QByteArray textMode = good;
+    textMode.replace("\r\n", "\n");
+    const struct
+    {
+        const char* what;
+        QByteArray data;
+        const char* message;
+    } cases[] = {
+        { "empty", QByteArray(), "x.zor is not a zor result file" },
+        { "text", QByteArray("hello, world\n"), "x.zor is not a zor result file" },
+        { "through a text conversion", textMode, "x.zor is not a zor result file" },
+        { "cut in its header", good.left(20), "x.zor is truncated: its header is incomplete" },
+        { "cut in its body", good.left(good.size() - 10),
+          qPrintable(QStringLiteral("x.zor is truncated: %1 of its %2 bytes are there").arg(good.size() - 10).arg(good.size())) },
+        { "with bytes after its end", good + "xyz", "x.zor is damaged: 3 bytes follow its end" },
+        { "with a changed byte", flipped, "x.zor is damaged: its checksum doesn't match" },
+        { "of another version", otherVersion, "x.zor is a zor result of format version 7; this zor reads version 1" },
+    };
+    for (const auto& c : cases) {
+        Result result;
+        result.run.program = QStringLiteral("untouched");
+        QString error;
+        EXPECT_FALSE(ResultFile::decode(c.data, QStringLiteral("x.zor"), &result, &error)) << c.what;
+        EXPECT_EQ(error.toStdString(), std::string(c.message)) << c.what;
+        EXPECT_EQ(result.run.program, QStringLiteral("untouched")) << c.what;
+    }
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("r.zor"));
+    QString error;
+    Result read;
+    ASSERT_TRUE(ResultFile::write(path, exampleResult(1), &error)) << qPrintable(error);
+    ASSERT_TRUE(ResultFile::read(path, &read, &error)) << qPrintable(error);
+    EXPECT_FALSE(ResultFile::read(dir.filePath(QStringLiteral("none.zor")), &read, &error));
+    EXPECT_TRUE(error.startsWith(QStringLiteral("cannot read "))) << qPrintable(error);
+    EXPECT_FALSE(ResultFile::write(dir.filePath(QStringLiteral("no/such/dir/r.zor")), read, &error));
+    EXPECT_TRUE(error.startsWith(QStringLiteral("cannot write "))) << qPrintable(error);
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries), QStringList{ QStringLiteral("r.zor") });
+}
+
+TEST(Profile, RanksMergeByPositionWithTheirOwnCountsAndTimes)
+{
+    Result result = exampleResult(1);
+    result.ranks.append(exampleRank(1, 50, 2000));
+    const Profile profile(result);
+
+    EXPECT_EQ(profile.rankCount(), 2);
+    EXPECT_EQ(profile.threadCount(), 4);
+    EXPECT_EQ(profile.sampleCount(), 150);
+    EXPECT_EQ(profile.durationMs(), 2000);
+    // Each rank spends 2 s on its main thread and 1.6 s on its worker.
+    EXPECT_EQ(profile.cpuNs(), 7200000000ULL);
+
+    const PSVModelItem* runPlan = descend(profile.tree(), { "zor-example", "main", "run_plan" });
+    ASSERT_TRUE(runPlan);
+    EXPECT_EQ(runPlan->processToThreadCountMap().toString(), QStringLiteral("0=100,1=50"));
+    EXPECT_EQ(profile.time(runPlan).totalNs, 4000000000ULL);
+    EXPECT_EQ(profile.time(runPlan).selfNs, 0ULL);
+    const PSVModelItem* alpha = descend(runPlan, { "spin_alpha" });
+    ASSERT_TRUE(alpha);
+    EXPECT_EQ(alpha->processToThreadCountMap().toString(), QStringLiteral("0=50,1=25"));
+    EXPECT_EQ(profile.time(alpha).selfNs, 2000000000ULL);
+    EXPECT_EQ(static_cast<const ZORPSVModelItem*>(alpha)->selfSampleCount(), 75);
+    // The worker's entry stands twice, as the analysis leaves it.
+    const PSVModelItem* waiting = descend(profile.tree(), { "zor-example", "start_thread", "start_thread", "worker", "pthread_cond_wait" });
+    ASSERT_TRUE(waiting);
+    EXPECT_EQ(profile.time(waiting).totalNs, 0ULL);
+    EXPECT_EQ(static_cast<const ZORPSVModelItem*>(waiting)->sleepingSampleCount(), 30);
+    EXPECT_EQ(profile.time(profile.tree()).totalNs, profile.cpuNs());
+    EXPECT_EQ(Profile::functionPath(alpha), QStringList({ "zor-example", "main", "run_plan", "spin_alpha" }));
+
+    const QList<FunctionFigure> functions = profile.functions(3);
+    ASSERT_EQ(functions.size(), 3);
+    EXPECT_EQ(functions[0].function, QStringLiteral("spin_delta"));
+    EXPECT_EQ(functions[0].selfNs, 2400000000ULL);
+    EXPECT_EQ(functions[1].function, QStringLiteral("spin_alpha"));
+    EXPECT_EQ(functions[1].line, 52);
+    EXPECT_EQ(functions[2].function, QStringLiteral("spin_beta"));
+    // main's total counts each path once; its hottest line is where the
+    // time was spent, not where it called.
+    const QList<FunctionFigure> all = profile.functions();
+    const auto main = std::find_if(all.begin(), all.end(), [](const FunctionFigure& f) { return f.function == QLatin1String("main"); });
+    ASSERT_NE(main, all.end());
+    EXPECT_EQ(main->totalNs, 4000000000ULL);
+    EXPECT_EQ(main->selfNs, 0ULL);
+    EXPECT_EQ(profile.lines(1).value(0).line, 55);
+
+    // The worker waits through the first fifth, then works all the time.
+    const QList<ActivityRow> rows = profile.activity(10, true);
+    ASSERT_EQ(rows.size(), 4);
+    EXPECT_EQ(rows[0].label, QStringLiteral("main thread"));
+    EXPECT_EQ(rows[1].label, QStringLiteral("other threads"));
+    EXPECT_EQ(rows[3].rank, 1);
+    EXPECT_EQ(rows[1].busy, QVector<double>({ 0, 0, 1, 1, 1, 1, 1, 1, 1, 1 }));
+    EXPECT_EQ(rows[0].busy, QVector<double>(10, 1.0));
+    const QList<ActivityRow> classes = profile.activity(10, false);
+    ASSERT_EQ(classes.size(), 2);
+    EXPECT_EQ(classes[1].threads, 2);
+
+    EXPECT_EQ(profile.instructionMix().value(QStringLiteral("instr_int")), 60.0);
+    EXPECT_TRUE(profile.mpiShare().isEmpty());
+}
+
+TEST(Reports, FoldedStacksSumTheCpuTimeOfEachPath)
+{
+    const Profile profile(exampleResult(2));
+    EXPECT_EQ(foldedStacks(profile),
+              QByteArray("zor-example;main;run_plan;spin_alpha 2000000\n"
+                         "zor-example;main;run_plan;spin_beta 1200000\n"
+                         "zor-example;main;run_plan;spin_gamma 800000\n"
+                         "zor-example;start_thread;start_thread;worker;spin_delta 2400000\n"
+                         "zor-example;start_thread;start_thread;worker;spin_epsilon 800000\n"));
+
+    // Frames at two lines of one function are one path; ";" can't stand in a name.
+    Result odd = exampleResult(0);
+    RankResult rank = exampleRank(0, 0);
+    rank.samples << makeSample(0, 5, { { 1, Sample::MainThread, 1400, { "main", "a;b@f.c:1" } } })
+                 << makeSample(0, 6, { { 1, Sample::MainThread, 1200, { "main", "a;b@f.c:2" } } })
+                 << makeSample(0, 7, { { 1, Sample::MainThread, 400, { "main", "tiny" } } });
+    odd.ranks << rank;
+    EXPECT_EQ(foldedStacks(Profile(odd)), QByteArray("app;main;a:b 3\n"));
+}
+
+TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
+{
+    Result result = exampleResult(2);
+    // A long name and a failed unwind, an MPI wait and an instruction mix.
+    const QString longName = QStringLiteral("std::vector<std::pair<int, std::basic_string<char>>>::_M_realloc_insert_with_a_long_tail");
+    result.ranks[0].samples[3] = makeSample(0, 70, { { 100, Sample::MainThread, 20000000, { "main", longName + "@/a/very/long/path/to/some/deeply/nested/source/directory/file.cpp:12345" }, false, "mpi" } });
+    result.ranks[0].samples[4].addLibunwindErrorCode(102);
+    const QString text = textSummary(Profile(result), 5);
+    const QStringList lines = text.split(QLatin1Char('\n'));
+    for (const QString& line : lines)
+        EXPECT_LE(line.size(), SummaryWidth) << qPrintable(line);
+    for (const char* expected : { "zor: ./zor-example --seconds 2", "2 ranks, 4 threads, ran 2.01 s",
+                                  "spin_delta", "spin_alpha", "hotspots.c:52", "Hottest source lines",
+                                  "main thread (2)", "other threads (2)", "Instruction mix: 60% integer",
+                                  "Time in MPI: 0.5% of the main threads' time (least 0.0% on rank 1, most 1.0% on rank 0)",
+                                  "Unwind problems: 1 of 399 stacks (status 102 x1)" })
+        EXPECT_TRUE(text.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(text);
+    // Top 5: spin_delta first, at a third of all CPU time.
+    const int top = lines.indexOf(QRegExp(QStringLiteral("^Top functions.*")));
+    ASSERT_GE(top, 0);
+    EXPECT_TRUE(lines.value(top + 2).contains(QRegExp(QStringLiteral("^ +33\\.[0-9]% +33\\.[0-9]%  spin_delta "))))
+        << qPrintable(lines.value(top + 2));
+    EXPECT_TRUE(lines.value(top + 7).isEmpty()) << "more than the top 5";
+    // The worker's strip is blank while it waits.
+    const QString worker = lines.filter(QStringLiteral("other threads")).value(0);
+    EXPECT_TRUE(worker.contains(QRegExp(QStringLiteral("\\| {12}#{48}\\|  80% busy")))) << qPrintable(worker);
+}
+
+TEST(Reports, HtmlPageIsSelfContainedAndCarriesTheTree)
+{
+    Result result = exampleResult(1);
+    result.run.arguments << QStringLiteral("</script><!--");
+    const QByteArray html = htmlReport(Profile(result));
+    EXPECT_TRUE(html.startsWith("<!DOCTYPE html>"));
+    EXPECT_FALSE(html.contains("/*ZOR-DATA*/"));
+    // Nothing is fetched: no external script, style, image or font.
+    for (const char* fetch : { "src=", "href=\"http", "url(", "@import", "fetch(", "XMLHttpRequest" })
+        EXPECT_FALSE(html.contains(fetch)) << fetch;
+    const QByteArray tag("<script id=\"zor-data\" type=\"application/json\">");
+    const int start = html.indexOf(tag) + tag.size();
+    const int end = html.indexOf("</script>", start);
+    const QByteArray json = html.mid(start, end - start);
+    EXPECT_FALSE(json.contains('<'));
+    QJsonParseError error;
+    const QJsonObject data = QJsonDocument::fromJson(json, &error).object();
+    ASSERT_EQ(error.error, QJsonParseError::NoError) << qPrintable(error.errorString());
+    EXPECT_TRUE(data.value("commandLine").toString().endsWith(QLatin1String("'</script><!--'")));
+    const QJsonObject program = data.value("tree").toObject().value("c").toArray().at(0).toObject();
+    EXPECT_EQ(program.value("n").toString(), QStringLiteral("zor-example"));
+    EXPECT_EQ(program.value("t").toDouble(), 3600000.0);
+    EXPECT_EQ(data.value("timeline").toArray().size(), 2);
+    EXPECT_EQ(data.value("functions").toArray().at(0).toObject().value("n").toString(), QStringLiteral("spin_delta"));
+}
