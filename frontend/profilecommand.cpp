@@ -3,14 +3,29 @@
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QProcess>
 #include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTimer>
 
+#include <algorithm>
+#include <csignal>
+#include <functional>
 #include <unistd.h>
 
+#include "constants.h"
+#include "hostconnection.h"
+#include "pluginentry.h"
 #include "profile.h"
+#include "quorvexplugins.h"
 #include "reports.h"
 #include "result.h"
+#include "samplesranges.h"
+#include "terminal.h"
 
 namespace {
 
@@ -128,10 +143,441 @@ QString defaultOutput(const QString& program, const QDateTime& started)
         .arg(QFileInfo(program).fileName(), started.toLocalTime().toString(QStringLiteral("yyyyMMdd-HHmmss")));
 }
 
-// zor-host lies beside zor, in the build tree and in an installed prefix alike.
+// zor-host lies beside zor, in the build tree and in an installed prefix
+// alike; it finds the plug-in, the sampler and the MPI wrapper the same way.
 QString hostProgram()
 {
     return QDir(QCoreApplication::applicationDirPath()).filePath(QStringLiteral("zor-host"));
+}
+
+// The hosts don't take Ctrl-C from the terminal: zor turns it into a stop
+// of sampling, after which it still needs them for the result.
+class HostProcess : public QProcess
+{
+protected:
+    void setupChildProcess() override { signal(SIGINT, SIG_IGN); }
+};
+
+const int SampleBlockSize = 64;
+const int HistogramBins = 10;
+const int ConnectTimeoutMs = 120000;
+const int EndTimeoutMs = 30000;
+
+class ProfileRun : public QObject
+{
+public:
+    ProfileRun(const ProfileOptions& options, const QString& program)
+        : mOptions(options)
+        , mProgram(program)
+        , mRanks(std::max(1, options.processes))
+    {
+        connect(&mInterrupts, &InterruptWatcher::interrupted, this, &ProfileRun::interrupted);
+    }
+    ~ProfileRun() override { abortHosts(); }
+
+    // The exit status of zor.
+    int run();
+
+private:
+    bool start(QString* error);
+    bool connectHosts(QString* error);
+    // Runs the event loop until `done` holds; false, with a message, when
+    // a host broke, the hosts' launcher ended early, or the run was aborted.
+    bool waitUntil(const std::function<bool()>& done, int timeoutMs, const QString& what, QString* error);
+    // Sends the command to every host and waits for all answers.
+    bool everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
+                   const std::function<void()>& whileWaiting = nullptr);
+    QString histogramRanges(const QList<QList<Sample>>& samples) const;
+    void interrupted(int count);
+    void abortHosts();
+    void showProgress();
+    int programStatus() const;
+
+    ProfileOptions mOptions;
+    QString mProgram;
+    int mRanks;
+    QTemporaryDir mDirectory{ QDir(QDir::tempPath()).filePath(QStringLiteral("zor-XXXXXX")) };
+    QLocalServer mServer;
+    HostProcess mLauncher;
+    QList<HostConnection*> mHosts;
+    const ResponseFactoryPlugin* mFactory = nullptr;
+    InterruptWatcher mInterrupts;
+    ProgressLine mProgress;
+    QElapsedTimer mClock;
+    QString mPhase;
+    bool mPlaying = false;
+    bool mStopping = false;
+    bool mAborted = false;
+};
+
+bool ProfileRun::start(QString* error)
+{
+    QString why;
+    QuorvexTreeserverPlugin* treeserver = loadTreeserverPlugin(defaultProfilerPluginPath(), &why);
+    Command init(QStringLiteral("init"), QString::fromLatin1(XML_TARGET_PROFILER));
+    if (!treeserver || !treeserver->init(init) || !(mFactory = treeserver->getResponseFactoryPlugin())) {
+        *error = why.isEmpty() ? QStringLiteral("the profiler plug-in has no response factory") : why;
+        return false;
+    }
+    const QString host = hostProgram();
+    if (!QFileInfo(host).isExecutable()) {
+        *error = QStringLiteral("cannot find zor-host beside zor (looked for %1)").arg(host);
+        return false;
+    }
+    if (!mDirectory.isValid()) {
+        *error = QStringLiteral("cannot make a temporary directory in %1: %2").arg(QDir::tempPath(), mDirectory.errorString());
+        return false;
+    }
+    const QString address = mDirectory.filePath(QStringLiteral("hosts"));
+    if (!mServer.listen(address)) {
+        *error = QStringLiteral("cannot listen for hosts at %1: %2").arg(address, mServer.errorString());
+        return false;
+    }
+    connect(&mServer, &QLocalServer::newConnection, this, [this]() {
+        while (QLocalSocket* socket = mServer.nextPendingConnection()) {
+            HostConnection* connection = new HostConnection(socket, mFactory, this);
+            mHosts.append(connection);
+        }
+    });
+
+    // The program keeps zor's environment, working directory and standard
+    // streams; the hosts learn where to call through the environment, which
+    // the MPI launcher passes on to every rank.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("ZOR_FRONTEND"), QStringLiteral("local:") + address);
+    mLauncher.setProcessEnvironment(environment);
+    mLauncher.setProcessChannelMode(QProcess::ForwardedChannels);
+    mLauncher.setInputChannelMode(QProcess::ForwardedInputChannel);
+    QStringList arguments;
+    QString launcher = host;
+    if (mOptions.processes > 0) {
+        launcher = QStandardPaths::findExecutable(QStringLiteral("mpirun"));
+        if (launcher.isEmpty()) {
+            *error = QStringLiteral("-n needs the MPI launcher mpirun, which is not in PATH");
+            return false;
+        }
+        arguments << QStringLiteral("-n") << QString::number(mOptions.processes) << QStringLiteral("--oversubscribe");
+        if (geteuid() == 0)
+            arguments << QStringLiteral("--allow-run-as-root");
+        arguments << host;
+    }
+    arguments << QStringLiteral("--") << mProgram << mOptions.arguments;
+    mLauncher.start(launcher, arguments);
+    if (!mLauncher.waitForStarted(30000)) {
+        *error = QStringLiteral("cannot start %1: %2").arg(launcher, mLauncher.errorString());
+        return false;
+    }
+    return true;
+}
+
+bool ProfileRun::waitUntil(const std::function<bool()>& done, int timeoutMs, const QString& what, QString* error)
+{
+    QElapsedTimer waited;
+    waited.start();
+    QTimer tick;
+    connect(&tick, &QTimer::timeout, this, &ProfileRun::showProgress);
+    tick.start(200);
+    while (!done()) {
+        if (mAborted) {
+            *error = QStringLiteral("aborted");
+            return false;
+        }
+        for (HostConnection* host : qAsConst(mHosts)) {
+            if (host->isBroken()) {
+                *error = QStringLiteral("rank %1: %2 while %3").arg(host->rank()).arg(host->brokenReason(), what);
+                return false;
+            }
+        }
+        if (mLauncher.state() == QProcess::NotRunning && mHosts.size() < mRanks) {
+            *error = QStringLiteral("zor-host ended (status %1) before %2").arg(mLauncher.exitCode()).arg(what);
+            return false;
+        }
+        if (timeoutMs >= 0 && waited.elapsed() > timeoutMs) {
+            *error = QStringLiteral("no answer from the hosts within %1 s while %2").arg(timeoutMs / 1000).arg(what);
+            return false;
+        }
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+    }
+    return true;
+}
+
+bool ProfileRun::connectHosts(QString* error)
+{
+    mPhase = QStringLiteral("starting");
+    const auto hellos = [this]() {
+        int n = 0;
+        for (HostConnection* host : qAsConst(mHosts))
+            n += host->hasHello() ? 1 : 0;
+        return n >= mRanks;
+    };
+    if (!waitUntil(hellos, ConnectTimeoutMs, QStringLiteral("starting the program"), error))
+        return false;
+    std::sort(mHosts.begin(), mHosts.end(), [](HostConnection* a, HostConnection* b) { return a->rank() < b->rank(); });
+    for (HostConnection* host : qAsConst(mHosts)) {
+        const QString failure = host->hello().value(QString::fromLatin1(HelloKeys::Error)).toString();
+        if (!failure.isEmpty()) {
+            *error = mRanks > 1 ? QStringLiteral("rank %1: %2").arg(host->rank()).arg(failure) : failure;
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
+                           const std::function<void()>& whileWaiting)
+{
+    QList<int> uids;
+    for (HostConnection* host : qAsConst(mHosts)) {
+        uids.append(host->send(command));
+        host->flush();
+    }
+    const auto answered = [&]() {
+        if (whileWaiting)
+            whileWaiting();
+        for (int i = 0; i < mHosts.size(); ++i)
+            if (!mHosts.at(i)->hasAnswer(uids.at(i)))
+                return false;
+        return true;
+    };
+    if (!waitUntil(answered, -1, QStringLiteral("waiting for %1").arg(command.name), error))
+        return false;
+    answers->clear();
+    for (int i = 0; i < mHosts.size(); ++i) {
+        HostConnection* host = mHosts.at(i);
+        if (!host->failure(uids.at(i)).isEmpty()) {
+            *error = QStringLiteral("rank %1: %2").arg(host->rank()).arg(host->failure(uids.at(i)));
+            return false;
+        }
+        answers->append(host->answer(uids.at(i)));
+    }
+    return true;
+}
+
+// Every process bins its histograms over the same ranges: per resampled
+// sample, the lowest and highest value of each thread metric on any rank.
+QString ProfileRun::histogramRanges(const QList<QList<Sample>>& samples) const
+{
+    SamplesRanges ranges;
+    for (int i = 0; i < mOptions.samples; ++i) {
+        QMap<QString, SampleValueRange> perMetric;
+        for (const QList<Sample>& rank : samples) {
+            if (i >= rank.size())
+                continue;
+            const Sample& sample = rank.at(i);
+            for (int tid : sample.sampledTidList()) {
+                const QMap<QString, unsigned long> metrics = sample.threadMetrics(tid);
+                for (auto it = metrics.constBegin(); it != metrics.constEnd(); ++it) {
+                    const SampleValue value(it.value());
+                    auto range = perMetric.find(it.key());
+                    if (range == perMetric.end()) {
+                        perMetric.insert(it.key(), SampleValueRange{ value, value });
+                    } else {
+                        if (value.to_double() < range->min.to_double())
+                            range->min = value;
+                        if (value.to_double() > range->max.to_double())
+                            range->max = value;
+                    }
+                }
+            }
+        }
+        ranges.addSample(perMetric);
+    }
+    return ranges.toBase64();
+}
+
+void ProfileRun::showProgress()
+{
+    if (!mProgress.enabled() || mPhase.isEmpty())
+        return;
+    const QString elapsed = QStringLiteral("%1 s").arg(mClock.elapsed() / 1000.0, 0, 'f', 1);
+    bool analysing = false;
+    int percent = 0;
+    for (HostConnection* host : qAsConst(mHosts)) {
+        analysing = analysing || host->runOver();
+        percent += host->analysisPercent();
+    }
+    if (mPlaying && analysing)
+        mProgress.show(QStringLiteral("zor: analysing"), mHosts.isEmpty() ? 0 : percent / mHosts.size());
+    else if (mPlaying)
+        mProgress.show(QStringLiteral("zor: %1 running, %2%3")
+                           .arg(QFileInfo(mProgram).fileName(), elapsed,
+                                mStopping ? QStringLiteral(", stopping") : QStringLiteral(" (Ctrl-C stops)")));
+    else
+        mProgress.show(QStringLiteral("zor: %1").arg(mPhase));
+}
+
+void ProfileRun::interrupted(int count)
+{
+    mProgress.clear();
+    if (count == 1 && mPlaying) {
+        fprintf(stderr, "zor: stopping sampling; Ctrl-C again aborts\n");
+        mStopping = true;
+        for (HostConnection* host : qAsConst(mHosts)) {
+            host->sendWithoutAnswer(Command(QString::fromLatin1(CMD_ZOR_STOP), QString::fromLatin1(XML_TARGET_PROFILER)));
+            host->flush();
+        }
+        return;
+    }
+    fprintf(stderr, "zor: aborted\n");
+    mAborted = true;
+}
+
+void ProfileRun::abortHosts()
+{
+    if (mLauncher.state() == QProcess::NotRunning)
+        return;
+    // The program and its debugger go with the hosts.
+    for (HostConnection* host : qAsConst(mHosts)) {
+        for (const char* key : { HelloKeys::TargetPid, HelloKeys::DebuggerPid }) {
+            const int pid = host->hello().value(QString::fromLatin1(key), 0).toInt();
+            if (pid > 0)
+                ::kill(pid, SIGKILL);
+        }
+    }
+    mLauncher.kill();
+    mLauncher.waitForFinished(5000);
+}
+
+int ProfileRun::programStatus() const
+{
+    for (HostConnection* host : mHosts) {
+        if (host->targetEnded() && host->exitSignal() > 0)
+            return 128 + host->exitSignal();
+    }
+    for (HostConnection* host : mHosts) {
+        if (host->targetEnded() && host->exitCode() != 0)
+            return host->exitCode();
+    }
+    return 0;
+}
+
+int ProfileRun::run()
+{
+    mClock.start();
+    Result result;
+    result.run.program = mOptions.program;
+    result.run.arguments = mOptions.arguments;
+    result.run.started = QDateTime::currentDateTimeUtc();
+    result.run.intervalMs = mOptions.intervalMs;
+    result.run.samplesPerProcess = mOptions.samples;
+    if (mOptions.output.isEmpty())
+        mOptions.output = defaultOutput(mOptions.program, result.run.started);
+
+    QString error;
+    const auto fail = [&](int status) {
+        mProgress.clear();
+        if (!mAborted)
+            complain(error);
+        abortHosts();
+        return status;
+    };
+    if (!start(&error))
+        return fail(1);
+    if (!connectHosts(&error))
+        return fail(mAborted ? 130 : 1);
+
+    // The run: the program runs to its end, or until Ctrl-C stops sampling,
+    // and each host analyses what its sampler recorded.
+    Command play(QString::fromLatin1(CMD_ZOR_PLAY), QString::fromLatin1(XML_TARGET_PROFILER));
+    play.addParameter(QStringLiteral("numSamples"), mOptions.samples);
+    play.addParameter(QStringLiteral("initialInterval"), mOptions.intervalMs);
+    play.addParameter(QStringLiteral("metricDefinitions"), QVariantMap());
+    QList<std::shared_ptr<Response>> answers;
+    mPlaying = true;
+    mClock.restart();
+    const bool played = everyHost(play, &answers, &error);
+    mPlaying = false;
+    if (!played)
+        return fail(mAborted ? 130 : 1);
+    mPhase = QStringLiteral("collecting samples");
+    long long duration = 0;
+    for (int i = 0; i < mHosts.size(); ++i) {
+        RankResult rank;
+        if (auto response = std::dynamic_pointer_cast<ProfilerPlayResponse>(answers.at(i)))
+            rank.play = *response;
+        duration = std::max(duration, rank.play.duration());
+        result.run.interrupted = result.run.interrupted || rank.play.interrupted();
+        result.ranks.append(rank);
+    }
+    result.run.wallMs = duration;
+
+    // The same number of samples from every rank, on one time axis.
+    Command send(QString::fromLatin1(CMD_ZOR_SEND_SAMPLES), QString::fromLatin1(XML_TARGET_PROFILER));
+    send.addParameter(QStringLiteral("blockSize"), SampleBlockSize);
+    send.addParameter(QStringLiteral("numSamples"), mOptions.samples);
+    send.addParameter(QStringLiteral("numBlocks"), (mOptions.samples + SampleBlockSize - 1) / SampleBlockSize);
+    send.addParameter(QStringLiteral("duration"), duration);
+    send.addParameter(QStringLiteral("collectHistograms"), true);
+    if (!everyHost(send, &answers, &error))
+        return fail(mAborted ? 130 : 1);
+    QList<QList<Sample>> samples;
+    for (int i = 0; i < mHosts.size(); ++i) {
+        samples.append(mHosts.at(i)->takeSamples());
+        result.ranks[i].samples = samples.last();
+    }
+
+    Command histograms(QString::fromLatin1(CMD_ZOR_SEND_HISTOGRAM), QString::fromLatin1(XML_TARGET_PROFILER));
+    histograms.addParameter(QStringLiteral("numBlocks"), (mOptions.samples + SampleBlockSize - 1) / SampleBlockSize);
+    histograms.addParameter(QStringLiteral("blockSize"), SampleBlockSize);
+    histograms.addParameter(QStringLiteral("numBins"), HistogramBins);
+    histograms.addParameter(QStringLiteral("ranges"), histogramRanges(samples));
+    if (!everyHost(histograms, &answers, &error))
+        return fail(mAborted ? 130 : 1);
+
+    if (!everyHost(Command(QString::fromLatin1(CMD_ZOR_SEND_METRIC_ERRORS), QString::fromLatin1(XML_TARGET_PROFILER)),
+                   &answers, &error))
+        return fail(mAborted ? 130 : 1);
+    for (int i = 0; i < mHosts.size(); ++i) {
+        if (auto errors = std::dynamic_pointer_cast<SendMetricErrorsResponse>(answers.at(i)))
+            result.ranks[i].metricErrors = *errors;
+    }
+    if (!everyHost(Command(QString::fromLatin1(CMD_ZOR_SEND_EXTERNAL_METRICS), QString::fromLatin1(XML_TARGET_PROFILER)),
+                   &answers, &error))
+        return fail(mAborted ? 130 : 1);
+    for (int i = 0; i < mHosts.size(); ++i) {
+        if (auto metrics = std::dynamic_pointer_cast<SendMetricsCollectedAtTheEndResponse>(answers.at(i)))
+            result.ranks[i].endMetrics = *metrics;
+    }
+
+    // Finished: the hosts let go of the program, which ends, or is ended
+    // when the connection closes if sampling was stopped early.
+    mPhase = QStringLiteral("finishing");
+    for (HostConnection* host : qAsConst(mHosts)) {
+        host->sendWithoutAnswer(Command(QString::fromLatin1(CMD_ZOR_FINISH), QString::fromLatin1(XML_TARGET_PROFILER)));
+        host->flush();
+    }
+    if (!result.run.interrupted) {
+        QString ignored;
+        waitUntil([this]() {
+            for (HostConnection* host : qAsConst(mHosts))
+                if (!host->targetEnded() && !host->isBroken())
+                    return false;
+            return true;
+        }, EndTimeoutMs, QStringLiteral("waiting for the program to end"), &ignored);
+    }
+    for (HostConnection* host : qAsConst(mHosts))
+        delete host;
+    mHosts.clear();
+    if (!mLauncher.waitForFinished(EndTimeoutMs))
+        abortHosts();
+    mProgress.clear();
+    result.run.exitStatus = programStatus();
+    if (result.run.exitStatus == 0 && mLauncher.exitStatus() == QProcess::NormalExit && mOptions.processes > 0)
+        result.run.exitStatus = mLauncher.exitCode();
+
+    if (!ResultFile::write(mOptions.output, result, &error)) {
+        complain(error);
+        return 1;
+    }
+    const Profile profile(result);
+    if (!writeReports(profile, mOptions.reports, stderr, &error)) {
+        complain(error);
+        return 1;
+    }
+    if (!mOptions.reports.quiet)
+        fprintf(stderr, "Result: %s (zor report %s shows it again)\n", qPrintable(mOptions.output),
+                qPrintable(mOptions.output));
+    return result.run.exitStatus;
 }
 
 } // namespace
@@ -148,14 +594,6 @@ int runProfileCommand(const QStringList& args)
         complain(error);
         return 127;
     }
-    const QString host = hostProgram();
-    if (!QFileInfo(host).isExecutable()) {
-        complain(QStringLiteral("cannot find zor-host beside zor (looked for %1)").arg(host));
-        return 1;
-    }
-    const QDateTime started = QDateTime::currentDateTimeUtc();
-    if (options.output.isEmpty())
-        options.output = defaultOutput(options.program, started);
-    complain(QStringLiteral("running programs through zor-host is not part of this build yet"));
-    return 1;
+    ProfileRun run(options, program);
+    return run.run();
 }

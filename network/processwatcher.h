@@ -13,7 +13,7 @@ class ProcessWatcher : public QObject
 
 public:
     // The interval at a multiple of 1, in milliseconds.
-    static const int BaseIntervalMs = 500;
+    static constexpr int BaseIntervalMs = 500;
 
     explicit ProcessWatcher(int pid, QObject* parent = nullptr);
     ~ProcessWatcher() override;

@@ -4,6 +4,7 @@
 #include "clock.h"
 #include "dispositions.h"
 #include "procparse.h"
+#include "reserve.h"
 #include "quorvex_sampler.h"
 #include "runtime.h"
 #include "samplerconfig.h"
@@ -291,8 +292,13 @@ int arm(const ArmSettings& settings, bool readConfigFile)
             writeLog(message);
         }
         srand48_r(static_cast<long>(s.pid) ^ zs_now(CLOCK_REALTIME).tv_nsec, &s.random);
-        s.list = new SSampleList(numSamples, s.threadsPerSample, s.random);
-        s.list->setMetricCount(static_cast<int>(s.metricCount));
+        {
+            // Reserved, not touched: a short run costs only the samples it
+            // takes. Twice the estimate, for what it leaves out.
+            ReserveScope reserve(2 * static_cast<std::size_t>(numSamples) * perSample + (std::size_t(16) << 20));
+            s.list = new SSampleList(numSamples, s.threadsPerSample, s.random);
+            s.list->setMetricCount(static_cast<int>(s.metricCount));
+        }
         s.threadIds = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.asking = new ThreadSlot*[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.askingTid = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];

@@ -21,11 +21,12 @@ struct Outcome
 };
 
 Outcome zor(const QStringList& args, const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment(),
-        int timeoutMs = 60000)
+        int timeoutMs = 60000, const QString& directory = QString(), const QString& program = QStringLiteral(ZOR_PROGRAM))
 {
     QProcess process;
     process.setProcessEnvironment(env);
-    process.start(QStringLiteral(ZOR_PROGRAM), args);
+    process.setWorkingDirectory(directory);
+    process.start(program, args);
     Outcome run;
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();
@@ -92,7 +93,136 @@ void checkInBrowser(const QString& html, const QStringList& functions, const QSt
     EXPECT_GT(QFileInfo(png).size(), 10000) << qPrintable(png);
 }
 
+// The lines of the top functions in a summary.
+QStringList topFunctions(const QString& summary)
+{
+    const QStringList lines = summary.split(QLatin1Char('\n'));
+    QStringList top;
+    for (int i = lines.indexOf(QRegExp(QStringLiteral("^Top functions.*"))) + 2; i > 1 && i < lines.size(); ++i) {
+        if (lines.at(i).isEmpty())
+            break;
+        top.append(lines.at(i));
+    }
+    return top;
+}
+
+// Shares, in percent, of the leaf functions of folded stacks among `functions`.
+QMap<QString, double> shares(const QByteArray& folded, const QStringList& functions)
+{
+    QMap<QString, double> time;
+    double total = 0;
+    for (const QByteArray& line : folded.split('\n')) {
+        const int space = line.lastIndexOf(' ');
+        if (space < 0)
+            continue;
+        const QString leaf = QString::fromUtf8(line.left(space)).section(QLatin1Char(';'), -1);
+        if (!functions.contains(leaf))
+            continue;
+        time[leaf] += line.mid(space + 1).toDouble();
+        total += line.mid(space + 1).toDouble();
+    }
+    for (double& t : time)
+        t = total > 0 ? 100 * t / total : 0;
+    return time;
+}
+
+// Whether zor-host can run a program here: it needs a debugger that may
+// trace and call functions in the program (gdb 13 can't on CPUs with AMX
+// state), and a host that has one.
+QString whyNoRun(const Outcome& run)
+{
+    if (run.err.contains(QLatin1String("has no debugger")))
+        return QStringLiteral("zor-host has no debugger yet");
+    QProcess probe;
+    probe.setProcessChannelMode(QProcess::MergedChannels);
+    probe.start(QStringLiteral("gdb"), { "-nx", "-batch", "-ex", "break main", "-ex", "run", "-ex",
+                                         "print (int)getpid() > 0", "--args", ZOR_EXAMPLE, "--seconds", "0" });
+    probe.waitForFinished(60000);
+    const QByteArray answer = probe.readAll();
+    if (!answer.contains("$1 = 1"))
+        return QStringLiteral("gdb can't call functions in a program here: ") + QString::fromLocal8Bit(answer.right(200));
+    return QString();
+}
+
 } // namespace
+
+// zor-example under zor profile: the shares of its hot functions come out as
+// the program means them, the saved result gives the same summary again, the
+// HTML report draws, and the program keeps its own output and exit status.
+TEST(ZorProfile, ExampleSharesComeOutAsTheProgramMeansThem)
+{
+    QTemporaryDir dir;
+    QTemporaryDir temporary;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("TMPDIR"), temporary.path());
+    const QString folded = dir.filePath(QStringLiteral("example.folded"));
+    const QString html = dir.filePath(QStringLiteral("example.html"));
+    // Every 2 ms, so that some 1,500 samples per thread make the shares steady.
+    const Outcome run = zor({ "profile", "--interval", "2", "--folded", folded, "--html", html, "--", ZOR_EXAMPLE,
+                              "--seconds", "3" },
+                            env, 300000, dir.path());
+    if (run.status != 0) {
+        const QString why = whyNoRun(run);
+        if (!why.isEmpty())
+            GTEST_SKIP() << qPrintable(why);
+    }
+    ASSERT_EQ(run.status, 0) << qPrintable(run.err);
+    EXPECT_TRUE(run.out.startsWith(QLatin1String("zor-example: ran "))) << "the program's own output: " << qPrintable(run.out);
+
+    const QMap<QString, double> main = shares(readAll(folded), { "spin_alpha", "spin_beta", "spin_gamma" });
+    const QMap<QString, double> worker = shares(readAll(folded), { "spin_delta", "spin_epsilon" });
+    const QMap<QString, double> intended{ { "spin_alpha", 50 }, { "spin_beta", 30 }, { "spin_gamma", 20 },
+                                          { "spin_delta", 75 }, { "spin_epsilon", 25 } };
+    for (auto it = intended.constBegin(); it != intended.constEnd(); ++it) {
+        const double share = main.contains(it.key()) ? main.value(it.key()) : worker.value(it.key());
+        EXPECT_NEAR(share, it.value(), 5.0) << qPrintable(it.key()) << "\n" << readAll(folded).constData();
+    }
+
+    // The result, saved under the program's name in the working directory,
+    // shows the same top functions again.
+    const QStringList saved = QDir(dir.path()).entryList({ "zor-example-*.zor" });
+    ASSERT_EQ(saved.size(), 1) << qPrintable(run.err);
+    const Outcome report = zor({ "report", dir.filePath(saved.first()) });
+    ASSERT_EQ(report.status, 0) << qPrintable(report.err);
+    EXPECT_FALSE(topFunctions(run.err).isEmpty()) << qPrintable(run.err);
+    EXPECT_EQ(topFunctions(report.out), topFunctions(run.err));
+    EXPECT_TRUE(QDir(temporary.path()).isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden));
+    checkInBrowser(html, { "spin_alpha", "spin_beta", "spin_gamma", "spin_delta", "spin_epsilon" },
+                   QStringLiteral("zor-profile.png"));
+
+    // The program's failure is zor's, and -o names the result.
+    const QString named = dir.filePath(QStringLiteral("named.zor"));
+    const Outcome failing = zor({ "profile", "--quiet", "-o", named, "--", ZOR_EXAMPLE, "--bogus" }, env, 120000, dir.path());
+    EXPECT_EQ(failing.status, 2) << qPrintable(failing.err);
+    EXPECT_TRUE(failing.err.contains(QLatin1String("usage: zor-example"))) << qPrintable(failing.err);
+    EXPECT_TRUE(QFile::exists(named));
+}
+
+// An installed zor finds its host, plug-in and sampler relative to itself.
+TEST(ZorProfile, RunsFromAnInstalledPrefix)
+{
+    QTemporaryDir prefix;
+    QProcess install;
+    install.setProcessChannelMode(QProcess::MergedChannels);
+    install.start(QStringLiteral("cmake"), { "--install", ZOR_BUILD_DIR, "--prefix", prefix.path() });
+    ASSERT_TRUE(install.waitForFinished(120000));
+    ASSERT_EQ(install.exitCode(), 0) << install.readAll().constData();
+    const QString zorInstalled = QDir(prefix.path()).filePath(QStringLiteral("bin/zor"));
+    QTemporaryDir dir;
+    const QString result = dir.filePath(QStringLiteral("r.zor"));
+    const Outcome run = zor({ "profile", "--quiet", "-o", result, "--", ZOR_EXAMPLE, "--seconds", "1" },
+                            QProcessEnvironment::systemEnvironment(), 120000, dir.path(), zorInstalled);
+    if (run.status != 0) {
+        const QString why = whyNoRun(run);
+        if (!why.isEmpty())
+            GTEST_SKIP() << qPrintable(why);
+    }
+    ASSERT_EQ(run.status, 0) << qPrintable(run.err);
+    const Outcome report = zor({ "report", result, "--top", "3" }, QProcessEnvironment::systemEnvironment(), 60000,
+                               dir.path(), zorInstalled);
+    EXPECT_EQ(report.status, 0) << qPrintable(report.err);
+    EXPECT_TRUE(report.out.contains(QLatin1String("spin_"))) << qPrintable(report.out);
+}
 
 TEST(ZorReport, ShowsASavedResultAndWritesItsReportsAgain)
 {

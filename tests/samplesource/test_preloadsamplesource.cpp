@@ -1,12 +1,14 @@
 // The sample source against a scripted debugger and a recording host: the
 // start with every way it fails, the end of a run, reading and analysing,
 // the analysis lock between processes, kept files and the side files.
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTimer>
+#include <csignal>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -22,7 +24,12 @@
 #include "pidfile.h"
 #include "platformnames.h"
 #include "preloadsamplesource.h"
+#include "profiler.h"
 #include "profilerresponses.h"
+#include "processwatcher.h"
+#include "quorvexglobals.h"
+#include "directoryallocator.h"
+#include "zorprofiler.h"
 #include "sample.h"
 #include "samplefilebuilder.h"
 #include "samplelist.h"
@@ -143,6 +150,13 @@ struct Rig
         ASSERT_GE(fd, 0);
         builder.write(fd);
         ::close(fd);
+        // No MPI calls and no complaints of metrics: the side files are
+        // there all the same.
+        const int mpi = ::open(QFile::encodeName(samplePath + QStringLiteral(".mpi")).constData(),
+                               O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        SampleValue(0).writeToFile(mpi);
+        ::close(mpi);
+        touch(samplePath + QStringLiteral(".errorMessages"));
         QFile::remove(samplePath + QStringLiteral(".running"));
     }
 
@@ -587,7 +601,6 @@ TEST(PreloadSampleSourceRun, KeptFilesGoIntoADirectoryOrBesideTheOriginals)
         QTemporaryDir keep;
         setEnv("ZOR_KEEP_SAMPLES_FILES", intoDirectory ? keep.path() : QStringLiteral("not a directory"));
         auto source = rig.start();
-        touch(source->mpiFile(), "mpi");
         rig.afterDetach([&rig] { rig.finishRun(); });
         SampleList list(100);
         source->readSamples(list);
@@ -597,14 +610,15 @@ TEST(PreloadSampleSourceRun, KeptFilesGoIntoADirectoryOrBesideTheOriginals)
         const QString name = QFileInfo(stem).fileName();
         const QString base = intoDirectory ? keep.path() + QLatin1Char('/') + name : stem;
         EXPECT_EQ(readAll(base + QStringLiteral(".kept")), readAll(stem));
-        EXPECT_EQ(readAll(base + QStringLiteral(".mpi.kept")), QByteArray("mpi"));
-        // No ".gpu" and no ".errorMessages" in this run: nothing to copy.
+        EXPECT_EQ(readAll(base + QStringLiteral(".mpi.kept")), readAll(source->mpiFile()));
+        EXPECT_TRUE(QFile::exists(base + QStringLiteral(".errorMessages.kept")));
+        // No ".gpu" in this run: nothing to copy.
         EXPECT_FALSE(QFile::exists(base + QStringLiteral(".gpu.kept")));
-        EXPECT_FALSE(QFile::exists(base + QStringLiteral(".errorMessages.kept")));
         source.reset();
         EXPECT_TRUE(QFile::exists(base + QStringLiteral(".kept")));
         QFile::remove(base + QStringLiteral(".kept"));
         QFile::remove(base + QStringLiteral(".mpi.kept"));
+        QFile::remove(base + QStringLiteral(".errorMessages.kept"));
     }
 }
 
@@ -714,6 +728,96 @@ TEST(PreloadSampleSourceRun, TheRealSamplersFilesOfARealRunLandInTheSampleList)
     MetricErrorMap errors;
     source->readMetricErrors(errors);
     EXPECT_TRUE(errors.isEmpty());
+}
+
+TEST(PreloadSampleSourceRun, TheProfilersOwnSourceArmsTheSamplerAndAnswersThePlay)
+{
+    Rig rig;
+    rig.afterDetach([&rig] { rig.finishRun(); });
+    ZORProfiler plugin;
+    Command initCommand;
+    plugin.init(initCommand, rig.host);
+    TharnMessageHandler* handler = plugin.getMessageHandler();
+    Command play(QString::fromLatin1(CMD_ZOR_PLAY), QString::fromLatin1(XML_TARGET_PROFILER));
+    play.addParameter(QStringLiteral("numSamples"), 50);
+    rig.host.deliver(*handler, play);
+
+    EXPECT_TRUE(rig.host.ofKind(FakeHost::ReplyException).isEmpty());
+    const QList<FakeHost::Record> answers = rig.host.responses(ProfilerPlayResponse::staticElementName());
+    ASSERT_EQ(answers.size(), 1);
+    const auto* answer = static_cast<const ProfilerPlayResponse*>(answers.first().response.get());
+    EXPECT_EQ(answer->stopReason(), 2);
+    EXPECT_EQ(rig.host.responses(ProfilerSamplerInitResponse::staticElementName()).size(), 1);
+    EXPECT_TRUE(rig.debugger.calls.contains(QStringLiteral("evaluate:quorvex_ui_stop_sampling()")));
+    // The source went at the end of the command, and its files with it.
+    EXPECT_TRUE(rig.runFiles().isEmpty()) << qPrintable(rig.runFiles().join(' '));
+}
+
+TEST(PlatformPieces, LocksDieWithTheirProcessAndPrivateDirectoriesStayPrivate)
+{
+    QTemporaryDir tmp;
+    const QString name = tmp.path() + QStringLiteral("/lock");
+    // A holder that dies without unlocking blocks nobody afterwards.
+    const pid_t holder = fork();
+    ASSERT_GE(holder, 0);
+    if (holder == 0) {
+        PidFile lock(name, false);
+        if (!lock.lock(false))
+            _exit(1);
+        kill(getpid(), SIGKILL);
+    }
+    int status = 0;
+    waitpid(holder, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    PidFile lock(name, false);
+    EXPECT_TRUE(lock.lock(false));
+    EXPECT_TRUE(lock.lock(false)); // held already
+    PidFile rival(name, false);
+    EXPECT_FALSE(rival.lock(false));
+    EXPECT_EQ(readAll(name), QByteArray::number(getpid()) + '\n');
+    lock.unlock();
+    EXPECT_TRUE(rival.lock(false));
+
+    // The private directory: made once, mode 0700, refused when it isn't.
+    const QString mine = DirectoryAllocator::getUserTemporary(tmp.path());
+    EXPECT_EQ(mine, tmp.path() + QStringLiteral("/zor-") + QString::number(getuid()));
+    EXPECT_EQ(DirectoryAllocator::getUserTemporary(tmp.path()), mine);
+    const QString a = DirectoryAllocator::getTemporaryFile(mine, QStringLiteral("x"));
+    const QString b = DirectoryAllocator::getTemporaryFile(mine, QStringLiteral("x"));
+    EXPECT_TRUE(a.startsWith(mine + QStringLiteral("/x-")));
+    EXPECT_NE(a, b);
+    EXPECT_TRUE(QFile::exists(a) && QFile::exists(b));
+    ASSERT_EQ(::chmod(QFile::encodeName(mine).constData(), 0750), 0);
+    EXPECT_TRUE(DirectoryAllocator::getUserTemporary(tmp.path()).isEmpty());
+    QTemporaryDir other;
+    QDir(tmp.path()).mkdir(QStringLiteral("link"));
+    ASSERT_TRUE(QFile::link(other.path(), tmp.path() + QStringLiteral("/link/zor-") + QString::number(getuid())));
+    EXPECT_TRUE(DirectoryAllocator::getUserTemporary(tmp.path() + QStringLiteral("/link")).isEmpty());
+    EXPECT_TRUE(DirectoryAllocator::getTemporaryFile(QString(), QStringLiteral("x")).isEmpty());
+
+    // The product lies where its libraries were loaded from.
+    EXPECT_TRUE(QFile::exists(QuorvexGlobals::instance().installPath() + QStringLiteral("/libzor-network.so.1")))
+        << qPrintable(QuorvexGlobals::instance().installPath());
+
+    // A watcher stretched while it runs, and told when its process is gone.
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+        _exit(0);
+    waitpid(child, &status, 0);
+    ProcessWatcher watcher(child);
+    ProcessWatcher::setTimerIntervalMultiple(10);
+    EXPECT_EQ(watcher.intervalMs(), 10 * ProcessWatcher::BaseIntervalMs);
+    ProcessWatcher::setTimerIntervalMultiple(0);
+    EXPECT_EQ(watcher.intervalMs(), ProcessWatcher::BaseIntervalMs);
+    int exited = 0;
+    QObject::connect(&watcher, &ProcessWatcher::processExited, [&](int pid) { exited = pid; });
+    watcher.start();
+    QElapsedTimer waited;
+    waited.start();
+    while (!exited && waited.elapsed() < 5000)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+    EXPECT_EQ(exited, child);
 }
 
 // ---------------------------------------------------------------------------

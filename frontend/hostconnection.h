@@ -1,0 +1,91 @@
+// The front-end's end of one zor-host: the messages of one rank, sorted into
+// what the run needs. Answers are kept by the uid of their command; the
+// blocks of samples that stream ahead of an answer are gathered as they come.
+#ifndef ZOR_FRONTEND_HOSTCONNECTION_H
+#define ZOR_FRONTEND_HOSTCONNECTION_H
+
+#include <QList>
+#include <QMap>
+#include <QObject>
+#include <QString>
+#include <QVariantMap>
+
+#include <memory>
+
+#include "messagestream.h"
+#include "sample.h"
+
+class QLocalSocket;
+class ResponseFactoryPlugin;
+
+class HostConnection : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Takes the socket over.
+    HostConnection(QLocalSocket* socket, const ResponseFactoryPlugin* factory, QObject* parent = nullptr);
+    ~HostConnection() override;
+
+    // From the hello: -1 until it came.
+    int rank() const { return mRank; }
+    bool hasHello() const { return mHello; }
+    QVariantMap hello() const { return mHelloValues; }
+    int targetPid() const;
+
+    // Sends a command and returns its uid.
+    int send(Command command);
+    void sendWithoutAnswer(const Command& command) { send(command); }
+    void flush();
+
+    // The answer to command `uid`, once it came: a response, or the message
+    // of the failure that answered it.
+    bool hasAnswer(int uid) const { return mAnswers.contains(uid) || mFailures.contains(uid); }
+    std::shared_ptr<Response> answer(int uid) const { return mAnswers.value(uid); }
+    QString failure(int uid) const { return mFailures.value(uid); }
+
+    // Samples of the blocks received so far, in block order.
+    QList<Sample> takeSamples();
+    int histogramsReceived() const { return mHistograms; }
+
+    // The analysis' progress in percent, 0 to 100.
+    int analysisPercent() const { return mAnalysisPercent; }
+    bool runOver() const { return mRunOver; }
+
+    // The target's end, once the host told it: exit code, or signal number.
+    bool targetEnded() const { return mTargetEnded; }
+    int exitCode() const { return mExitCode; }
+    int exitSignal() const { return mExitSignal; }
+
+    // The connection broke or carried garbage.
+    bool isBroken() const { return !mBroken.isEmpty(); }
+    QString brokenReason() const { return mBroken; }
+
+signals:
+    void changed();
+
+private slots:
+    void takeMessages();
+
+private:
+    void handle(const Message& message);
+
+    QLocalSocket* mSocket;
+    MessageStream mStream;
+    int mNextUid = 1;
+    int mRank = -1;
+    bool mHello = false;
+    QVariantMap mHelloValues;
+    QMap<int, std::shared_ptr<Response>> mAnswers;
+    QMap<int, QString> mFailures;
+    QMap<int, QList<Sample>> mBlocks; // block number to its samples
+    int mHistograms = 0;
+    int mAnalysisPercent = 0;
+    bool mRunOver = false;
+    bool mTargetEnded = false;
+    int mExitCode = 0;
+    int mExitSignal = 0;
+    QString mBroken;
+};
+
+#endif
