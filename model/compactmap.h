@@ -10,6 +10,40 @@
 
 #include <map>
 
+namespace zor_compact {
+
+// A copy-on-write pointer whose null stands for an empty, default object,
+// so that the many empty maps of a tree share nothing and take no part in
+// reference counting across threads.
+template <typename T>
+class CowPointer
+{
+public:
+    T* operator->() const { return d ? d.data() : empty(); }
+    T* data() const { return operator->(); }
+    // Call before any change.
+    void detach()
+    {
+        if (d)
+            d.detach();
+        else
+            d = new T;
+    }
+    bool operator==(const CowPointer& other) const { return d == other.d; }
+    bool operator!=(const CowPointer& other) const { return d != other.d; }
+
+private:
+    static T* empty()
+    {
+        static T object;
+        return &object;
+    }
+
+    QExplicitlySharedDataPointer<T> d;
+};
+
+} // namespace zor_compact
+
 template <typename K, typename V>
 class CompactMapData : public QSharedData
 {
@@ -31,7 +65,7 @@ public:
     typedef std::map<Range, V> Ranges;
     typedef typename Ranges::const_iterator const_iterator;
 
-    CompactMap() : d(sharedEmpty()) {}
+    CompactMap() {}
 
     // Afterwards every key of r has value. Touching ranges join only when
     // their values are equal.
@@ -69,13 +103,6 @@ protected:
     typedef CompactMapData<K, V> Data;
     typedef typename Ranges::iterator iterator;
 
-    static Data* sharedEmpty()
-    {
-        // Never freed: empty maps share it instead of allocating.
-        static QExplicitlySharedDataPointer<Data> empty(new Data);
-        return empty.data();
-    }
-
     bool takesModeFrom(const CompactMap& other) const
     {
         return (other.d->mBrief && !d->mBrief) || (other.d->mElided && !d->mElided);
@@ -101,7 +128,7 @@ protected:
     iterator endUpperBound(const Range& r);
     void noteSet(const Range& r, bool counted);
 
-    QExplicitlySharedDataPointer<Data> d;
+    zor_compact::CowPointer<Data> d;
 };
 
 template <typename K, typename V>
@@ -255,7 +282,7 @@ template <typename K, typename V>
 void CompactMap<K, V>::setSimple(const CompactMap& other, bool counted)
 {
     // Holds other's ranges steady should this map share them and detach.
-    const QExplicitlySharedDataPointer<Data> keep = other.d == d ? other.d : QExplicitlySharedDataPointer<Data>();
+    const zor_compact::CowPointer<Data> keep = other.d == d ? other.d : zor_compact::CowPointer<Data>();
     const Data* source = other.d.data();
     if (mayElideMerging(other, counted)) {
         d.detach();

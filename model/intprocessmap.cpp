@@ -14,15 +14,9 @@ int product32(int length, int value)
 
 } // namespace
 
-IntProcessMapData* IntProcessMap::sharedEmptyTotal()
-{
-    static QExplicitlySharedDataPointer<IntProcessMapData> empty(new IntProcessMapData);
-    return empty.data();
-}
+IntProcessMap::IntProcessMap() {}
 
-IntProcessMap::IntProcessMap() : t(sharedEmptyTotal()) {}
-
-IntProcessMap::IntProcessMap(const QString& text) : t(sharedEmptyTotal())
+IntProcessMap::IntProcessMap(const QString& text)
 {
     if (text.isEmpty())
         return;
@@ -89,6 +83,13 @@ void IntProcessMap::set(const IntProcessMap& other, bool counted)
 {
     if (&other == this)
         return;
+    if (!isBrief() && !other.isBrief() && !isElided() && !other.isElided()) {
+        // Neither can elide, so neither count nor total is kept: other's
+        // ranges go in one by one (usually one, past the last range here).
+        for (const auto& entry : other.ranges())
+            Base::set(entry.first, entry.second, counted);
+        return;
+    }
     if (!takesModeFrom(other)) {
         setSimple(other, counted);
         return;

@@ -52,11 +52,10 @@ public:
     bool operator!=(const IntProcessMap& other) const { return !(*this == other); }
 
 private:
-    static IntProcessMapData* sharedEmptyTotal();
     void setTotal(int total);
     void setSimple(const IntProcessMap& other, bool counted);
 
-    QExplicitlySharedDataPointer<IntProcessMapData> t;
+    zor_compact::CowPointer<IntProcessMapData> t;
 };
 
 #endif

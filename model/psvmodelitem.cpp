@@ -410,12 +410,23 @@ PSVModelItem* PSVModelItem::childWithRank(int rank) const
     return nullptr;
 }
 
+namespace {
+
+// Names read from XML or built from one table share their storage, so the
+// comparison of the characters is seldom needed.
+inline bool sameStorage(const QString& a, const QString& b)
+{
+    return a.constData() == b.constData() && a.size() == b.size();
+}
+
+} // namespace
+
 bool PSVModelItem::samePosition(const Position& a, const Position& b)
 {
     // The cheap integer tests go first; all four must hold in any case.
     return &a == &b
-        || (a.line == b.line && a.column == b.column && a.function == b.function
-            && PathString::fileNamesEqual(a.file, b.file));
+        || (a.line == b.line && a.column == b.column && (sameStorage(a.function, b.function) || a.function == b.function)
+            && (sameStorage(a.file, b.file) || PathString::fileNamesEqual(a.file, b.file)));
 }
 
 PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)(const PSVModelItem*)) const
