@@ -496,9 +496,10 @@ int ProfileRun::run()
         if (auto response = std::dynamic_pointer_cast<ProfilerPlayResponse>(answers.at(i)))
             rank.play = *response;
         duration = std::max(duration, rank.play.duration());
-        result.run.interrupted = result.run.interrupted || rank.play.interrupted();
         result.ranks.append(rank);
     }
+    // Only the user's stop counts: a program that ends also ends a run.
+    result.run.interrupted = mStopping;
     result.run.wallMs = duration;
 
     // The same number of samples from every rank, on one time axis.

@@ -8,6 +8,7 @@
 #include <QTemporaryDir>
 
 #include "foldedstacks.h"
+#include "hostconnection.h"
 #include "profile.h"
 #include "resultbuilder.h"
 
@@ -300,5 +301,31 @@ TEST(ZorCommand, BadInputGetsOneClearLineAndLeavesNothingBehind)
         EXPECT_TRUE(QDir(temporary.path()).isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden))
             << qPrintable(what) << " left files in TMPDIR";
         EXPECT_FALSE(QFile::exists(html)) << qPrintable(what);
+    }
+}
+
+TEST(ZorProfile, TheProgramsEndIsReadInEveryFormTheHostTellsIt)
+{
+    const struct
+    {
+        QVariantMap values;
+        int exitCode;
+        int signal;
+    } cases[] = {
+        { { { "exitCode", 3 } }, 3, 0 },
+        { { { "signal", 9 } }, 0, 9 },
+        { { { "status", "exited with code 7" } }, 7, 0 },
+        // The debugger writes exit codes in octal.
+        { { { "status", "[Inferior 1 (process 12) exited with code 012]" } }, 10, 0 },
+        { { { "status", "[Inferior 1 (process 12) exited normally]" } }, 0, 0 },
+        { { { "status", "killed by signal SIGSEGV" } }, 0, 11 },
+        { { { "status", "Program terminated with signal SIGINT, Interrupt." } }, 0, 2 },
+        { { { "status", "ended" } }, 0, 0 },
+    };
+    for (const auto& c : cases) {
+        int exitCode = -1, signal = -1;
+        readExitStatus(c.values, &exitCode, &signal);
+        EXPECT_EQ(exitCode, c.exitCode) << qPrintable(c.values.first().toString());
+        EXPECT_EQ(signal, c.signal) << qPrintable(c.values.first().toString());
     }
 }
