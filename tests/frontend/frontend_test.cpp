@@ -170,9 +170,10 @@ TEST(ZorProfile, ExampleSharesComeOutAsTheProgramMeansThem)
     env.insert(QStringLiteral("TMPDIR"), temporary.path());
     const QString folded = dir.filePath(QStringLiteral("example.folded"));
     const QString html = dir.filePath(QStringLiteral("example.html"));
-    // Every 2 ms, so that some 1,500 samples per thread make the shares steady.
-    const Outcome run = zor({ "profile", "--interval", "2", "--folded", folded, "--html", html, "--", ZOR_EXAMPLE,
-                              "--seconds", "3" },
+    // Every 2 ms for 4 s, all samples kept, so that some 2,000 samples per
+    // thread make the shares steady on a busy machine too.
+    const Outcome run = zor({ "profile", "--interval", "2", "--samples", "3000", "--folded", folded, "--html", html,
+                              "--", ZOR_EXAMPLE, "--seconds", "4" },
                             env, 300000, dir.path());
     if (run.status != 0) {
         const QString why = whyNoRun(run);
