@@ -7,6 +7,9 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
+#include <csignal>
+#include <unistd.h>
+
 #include "foldedstacks.h"
 #include "hostconnection.h"
 #include "profile.h"
@@ -92,6 +95,15 @@ void checkInBrowser(const QString& html, const QStringList& functions, const QSt
                                                      QStringLiteral("--screenshot=") + png, url });
     ASSERT_TRUE(screenshot.waitForFinished(120000));
     EXPECT_GT(QFileInfo(png).size(), 10000) << qPrintable(png);
+}
+
+// What a run of zor left in its temporary directory, apart from the
+// plug-in's directory for the user, where processes of one node meet.
+QStringList leftovers(const QString& directory)
+{
+    QStringList entries = QDir(directory).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    entries.removeAll(QStringLiteral("zor-%1").arg(getuid()));
+    return entries;
 }
 
 // The lines of the top functions in a summary.
@@ -187,7 +199,7 @@ TEST(ZorProfile, ExampleSharesComeOutAsTheProgramMeansThem)
     ASSERT_EQ(report.status, 0) << qPrintable(report.err);
     EXPECT_FALSE(topFunctions(run.err).isEmpty()) << qPrintable(run.err);
     EXPECT_EQ(topFunctions(report.out), topFunctions(run.err));
-    EXPECT_TRUE(QDir(temporary.path()).isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden));
+    EXPECT_EQ(leftovers(temporary.path()), QStringList());
     checkInBrowser(html, { "spin_alpha", "spin_beta", "spin_gamma", "spin_delta", "spin_epsilon" },
                    QStringLiteral("zor-profile.png"));
 
@@ -197,6 +209,58 @@ TEST(ZorProfile, ExampleSharesComeOutAsTheProgramMeansThem)
     EXPECT_EQ(failing.status, 2) << qPrintable(failing.err);
     EXPECT_TRUE(failing.err.contains(QLatin1String("usage: zor-example"))) << qPrintable(failing.err);
     EXPECT_TRUE(QFile::exists(named));
+}
+
+// Ctrl-C stops sampling and still gives the result; a second one aborts and
+// leaves nothing behind.
+TEST(ZorProfile, CtrlCStopsSamplingAndASecondAborts)
+{
+    QTemporaryDir dir;
+    QTemporaryDir temporary;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("TMPDIR"), temporary.path());
+    for (int interrupts : { 1, 2 }) {
+        const QString result = dir.filePath(QStringLiteral("stopped%1.zor").arg(interrupts));
+        QProcess process;
+        process.setProcessEnvironment(env);
+        process.setWorkingDirectory(dir.path());
+        process.start(QStringLiteral(ZOR_PROGRAM),
+                      { "profile", "--quiet", "-o", result, "--", ZOR_EXAMPLE, "--seconds", "60" });
+        ASSERT_TRUE(process.waitForStarted());
+        // Long enough for the program to run under the sampler.
+        const bool endedEarly = process.waitForFinished(8000);
+        if (endedEarly) {
+            const Outcome early{ process.exitCode(), QString(), QString::fromLocal8Bit(process.readAllStandardError()) };
+            const QString why = whyNoRun(early);
+            if (!why.isEmpty())
+                GTEST_SKIP() << qPrintable(why);
+            FAIL() << "zor ended before Ctrl-C: " << qPrintable(early.err);
+        }
+        ::kill(process.processId(), SIGINT);
+        QString err;
+        if (interrupts == 2) {
+            // Signals don't queue: the second goes once the first was taken.
+            process.setReadChannel(QProcess::StandardError);
+            while (!err.contains(QLatin1String("stopping")) && process.waitForReadyRead(30000))
+                err += QString::fromLocal8Bit(process.readAllStandardError());
+            ::kill(process.processId(), SIGINT);
+        }
+        ASSERT_TRUE(process.waitForFinished(120000)) << "zor didn't end after Ctrl-C";
+        err += QString::fromLocal8Bit(process.readAllStandardError());
+        EXPECT_EQ(process.exitCode(), 130) << qPrintable(err);
+        EXPECT_TRUE(err.contains(QLatin1String("zor: stopping sampling; Ctrl-C again aborts"))) << qPrintable(err);
+        if (interrupts == 1) {
+            Result read;
+            QString error;
+            EXPECT_TRUE(ResultFile::read(result, &read, &error)) << qPrintable(error);
+            EXPECT_TRUE(read.run.interrupted);
+            EXPECT_GT(read.ranks.value(0).samples.size(), 0);
+        } else {
+            EXPECT_TRUE(err.contains(QLatin1String("zor: aborted"))) << qPrintable(err);
+            EXPECT_FALSE(QFile::exists(result));
+        }
+        EXPECT_EQ(leftovers(temporary.path()), QStringList());
+    }
 }
 
 // An installed zor finds its host, plug-in and sampler relative to itself.
