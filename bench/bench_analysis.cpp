@@ -2,11 +2,14 @@
 // that answers positions from a table. Prints the time per raw sample, the
 // time of each phase, and how many questions went to the debugger.
 //
-//   bench-analysis [samples] [threads] [frames] [addresses]
+//   bench-analysis [samples] [threads] [frames] [addresses] [stacks]
 //
 // The defaults are 1000 samples of 16 threads with 64 frames each, drawn
 // from 20000 distinct addresses of 2000 functions in 100 files; one address
-// in ten has two inlined callers.
+// in ten has two inlined callers. With `stacks` above 0 every thread's
+// stack is one of that many stacks drawn beforehand, as a program's hot
+// paths repeat; with 0, the default, every stack is drawn afresh, which
+// leaves no lookup to a cache.
 #include <QCoreApplication>
 
 #include <chrono>
@@ -65,6 +68,7 @@ int main(int argc, char** argv)
     const int threads = argc > 2 ? std::atoi(argv[2]) : 16;
     const int frames = argc > 3 ? std::atoi(argv[3]) : 64;
     const int addresses = argc > 4 ? std::atoi(argv[4]) : 20000;
+    const int stacks = argc > 5 ? std::atoi(argv[5]) : 0;
 
     TableDebugger debugger;
     describeTable(debugger, addresses);
@@ -82,7 +86,7 @@ int main(int argc, char** argv)
     // the thread library.
     zortest::SampleFileBuilder builder(numSamples, threads);
     std::mt19937_64 random(7);
-    auto stack = [&](bool mainThread) {
+    auto freshStack = [&](bool mainThread) {
         std::vector<unsigned long> trace;
         for (int f = 0; f < frames - (mainThread ? 0 : 2); ++f)
             trace.push_back(CODE + 16 * (random() % static_cast<unsigned long>(addresses)));
@@ -91,6 +95,16 @@ int main(int argc, char** argv)
             trace.push_back(CLONE3);
         }
         return trace;
+    };
+    std::vector<std::vector<unsigned long>> pool[2];
+    for (int i = 0; i < stacks; ++i) {
+        pool[0].push_back(freshStack(false));
+        pool[1].push_back(freshStack(true));
+    }
+    auto stack = [&](bool mainThread) {
+        if (stacks <= 0)
+            return freshStack(mainThread);
+        return pool[mainThread ? 1 : 0][random() % static_cast<unsigned long>(stacks)];
     };
     quorvex::threadlist_t tids;
     for (int t = 0; t < threads; ++t)
@@ -123,7 +137,9 @@ int main(int argc, char** argv)
             decodeMs += ms;
         std::printf("%-28s %6.0f\n", qPrintable(point.name()), ms);
     }
-    std::printf("raw samples %d x %d threads x %d frames over %d addresses\n", numSamples, threads, frames, addresses);
+    std::printf("raw samples %d x %d threads x %d frames over %d addresses, %s\n", numSamples, threads, frames,
+                addresses, stacks > 0 ? qPrintable(QStringLiteral("stacks from a pool of %1").arg(stacks))
+                                      : "every stack drawn afresh");
     std::printf("debugger questions: %lld (%d addresses asked twice)\n", debugger.questions,
                 debugger.askedTwice().size());
     std::printf("analysis, wall clock: %.1f ms in all, %.1f us per raw sample\n", seconds * 1000,

@@ -33,6 +33,8 @@ ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& po
 {
     // A fresh tree is one path and its deepest node has no children, so
     // this loop rarely has anything to look at.
+    if (parent->childCount() == 0)
+        return new ZORPSVModelItem(parent, position);
     for (PSVModelItem* child : parent->children()) {
         const Position& other = child->position();
         if (&other == &position

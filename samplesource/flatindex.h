@@ -19,9 +19,9 @@ public:
         if (key == EmptyKey)
             return mEmptyKeyValue;
         for (std::size_t i = slot(key);; i = (i + 1) & mMask) {
-            if (mKeys[i] == key)
-                return mValues[i];
-            if (mKeys[i] == EmptyKey)
+            if (mSlots[i].key == key)
+                return mSlots[i].value;
+            if (mSlots[i].key == EmptyKey)
                 return -1;
         }
     }
@@ -32,14 +32,13 @@ public:
             mEmptyKeyValue = value;
             return;
         }
-        if ((mCount + 1) * 2 > mKeys.size())
+        if ((mCount + 1) * 2 > mSlots.size())
             grow();
         place(key, value);
     }
     void clear()
     {
-        mKeys.assign(1024, EmptyKey);
-        mValues.assign(1024, -1);
+        mSlots.assign(1024, Slot());
         mMask = 1023;
         mShift = 64 - 10;
         mCount = 0;
@@ -49,18 +48,24 @@ public:
 private:
     // The slot marker; a key equal to it is kept apart.
     static constexpr std::uint64_t EmptyKey = ~std::uint64_t(0);
+    // Key and value side by side: a lookup touches one cache line.
+    struct Slot
+    {
+        std::uint64_t key = EmptyKey;
+        int value = -1;
+    };
 
     std::size_t slot(std::uint64_t key) const { return std::size_t((key * 0x9E3779B97F4A7C15ULL) >> mShift); }
     void place(std::uint64_t key, int value)
     {
         for (std::size_t i = slot(key);; i = (i + 1) & mMask) {
-            if (mKeys[i] == key) {
-                mValues[i] = value;
+            if (mSlots[i].key == key) {
+                mSlots[i].value = value;
                 return;
             }
-            if (mKeys[i] == EmptyKey) {
-                mKeys[i] = key;
-                mValues[i] = value;
+            if (mSlots[i].key == EmptyKey) {
+                mSlots[i].key = key;
+                mSlots[i].value = value;
                 ++mCount;
                 return;
             }
@@ -68,25 +73,105 @@ private:
     }
     void grow()
     {
-        std::vector<std::uint64_t> keys(mKeys.size() * 2, EmptyKey);
-        std::vector<int> values(mKeys.size() * 2, -1);
-        keys.swap(mKeys);
-        values.swap(mValues);
-        mMask = mKeys.size() - 1;
+        std::vector<Slot> old(mSlots.size() * 2);
+        old.swap(mSlots);
+        mMask = mSlots.size() - 1;
         --mShift;
         mCount = 0;
-        for (std::size_t i = 0; i < keys.size(); ++i) {
-            if (keys[i] != EmptyKey)
-                place(keys[i], values[i]);
+        for (const Slot& slot : old) {
+            if (slot.key != EmptyKey)
+                place(slot.key, slot.value);
         }
     }
 
-    std::vector<std::uint64_t> mKeys;
-    std::vector<int> mValues;
+    std::vector<Slot> mSlots;
     std::size_t mMask;
     int mShift;
     std::size_t mCount;
     int mEmptyKeyValue;
+};
+
+// The same table holding the values themselves, for values looked up so
+// often that the step through an index costs a cache miss of its own.
+// Pointers to values stay valid only until the next insertion.
+template <typename Value>
+class FlatTable
+{
+public:
+    FlatTable() { clear(); }
+
+    Value* find(std::uint64_t key)
+    {
+        if (key == EmptyKey)
+            return mHasEmptyKey ? &mEmptyKeyValue : nullptr;
+        for (std::size_t i = slot(key);; i = (i + 1) & mMask) {
+            if (mSlots[i].key == key)
+                return &mSlots[i].value;
+            if (mSlots[i].key == EmptyKey)
+                return nullptr;
+        }
+    }
+    // The value of key, made by its default constructor if key is new.
+    Value& insert(std::uint64_t key)
+    {
+        if (key == EmptyKey) {
+            mHasEmptyKey = true;
+            return mEmptyKeyValue;
+        }
+        if ((mCount + 1) * 2 > mSlots.size())
+            grow();
+        return place(key);
+    }
+    void clear()
+    {
+        mSlots.assign(1024, Slot());
+        mMask = 1023;
+        mShift = 64 - 10;
+        mCount = 0;
+        mHasEmptyKey = false;
+        mEmptyKeyValue = Value();
+    }
+
+private:
+    static constexpr std::uint64_t EmptyKey = ~std::uint64_t(0);
+    struct Slot
+    {
+        std::uint64_t key = EmptyKey;
+        Value value;
+    };
+
+    std::size_t slot(std::uint64_t key) const { return std::size_t((key * 0x9E3779B97F4A7C15ULL) >> mShift); }
+    Value& place(std::uint64_t key)
+    {
+        for (std::size_t i = slot(key);; i = (i + 1) & mMask) {
+            if (mSlots[i].key == key)
+                return mSlots[i].value;
+            if (mSlots[i].key == EmptyKey) {
+                mSlots[i].key = key;
+                ++mCount;
+                return mSlots[i].value;
+            }
+        }
+    }
+    void grow()
+    {
+        std::vector<Slot> old(mSlots.size() * 2);
+        old.swap(mSlots);
+        mMask = mSlots.size() - 1;
+        --mShift;
+        mCount = 0;
+        for (Slot& entry : old) {
+            if (entry.key != EmptyKey)
+                place(entry.key) = std::move(entry.value);
+        }
+    }
+
+    std::vector<Slot> mSlots;
+    std::size_t mMask;
+    int mShift;
+    std::size_t mCount;
+    bool mHasEmptyKey;
+    Value mEmptyKeyValue;
 };
 
 #endif
