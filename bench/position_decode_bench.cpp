@@ -51,7 +51,7 @@ int main(int argc, char** argv)
         "import json, re, time, decimal, fractions\n"
         "t = time.time()\n"
         "while time.time() - t < %1:\n"
-        "    d = [json.loads(json.dumps({'k%%d' %% i: [i, str(i), i / 3.0]})) for i in range(100)]\n"
+        "    d = [json.loads(json.dumps({'k%d' % i: [i, str(i), i / 3.0]})) for i in range(100)]\n"
         "    re.sub('a+b', 'c', 'aab' * 100); sorted(str(i) for i in range(200))\n"
         "    sum(decimal.Decimal(i) / 7 for i in range(50)); fractions.Fraction(3, 7) ** 5\n"
         "    exec(compile('def f(x):\\n    return [y * 2 for y in range(x)]\\nf(30)', 's', 'exec'))\n"

@@ -10,6 +10,7 @@
 #include <elfutils/libdw.h>
 #include <elfutils/libdwfl.h>
 #include <gelf.h>
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -44,12 +45,6 @@ QString functionName(Dwarf_Die* die)
     return attributeString(die, DW_AT_name);
 }
 
-bool isFunction(Dwarf_Die* die)
-{
-    const int tag = dwarf_tag(die);
-    return tag == DW_TAG_subprogram || tag == DW_TAG_inlined_subroutine;
-}
-
 QString absolutePath(const QString& file, Dwarf_Die* cu)
 {
     if (file.startsWith(QLatin1Char('/')))
@@ -75,32 +70,6 @@ void callSite(Dwarf_Die* inlined, Dwarf_Die* cu, SymbolPosition* position)
     }
 }
 
-// The functions that an inlined instance sits in, each at the line of its
-// call, innermost first. The chain is that of the instance's own place in
-// the tree of DIEs: the scopes around an address end, for inlined code, in
-// those of the abstract definition instead.
-void collectInlinedCallers(Dwarf_Die* inlined, Dwarf_Die* cu, QList<SymbolPosition>* callers)
-{
-    Dwarf_Die* chain = nullptr;
-    const int count = dwarf_getscopes_die(inlined, &chain);
-    Dwarf_Die* call = nullptr;
-    for (int i = 0; i < count; ++i) {
-        if (!isFunction(&chain[i]))
-            continue;
-        if (call) {
-            SymbolPosition caller;
-            caller.function = functionName(&chain[i]);
-            caller.hasSymbol = !caller.function.isEmpty();
-            callSite(call, cu, &caller);
-            callers->append(caller);
-        }
-        call = dwarf_tag(&chain[i]) == DW_TAG_inlined_subroutine ? &chain[i] : nullptr;
-        if (!call)
-            break;
-    }
-    free(chain);
-}
-
 int collectModule(Dwfl_Module* module, void**, const char*, Dwarf_Addr, void* arg)
 {
     static_cast<std::vector<Dwfl_Module*>*>(arg)->push_back(module);
@@ -120,6 +89,121 @@ QString demangledName(const QString& name)
     const QString result = QString::fromLatin1(demangled);
     std::free(demangled);
     return result;
+}
+
+struct SymbolTable::UnitIndex
+{
+    struct Function
+    {
+        QString name;
+        // The function-like scope around this one; -1 at the top.
+        int parent = -1;
+        bool inlined = false;
+        // Where an inlined instance was called from.
+        QString callFile;
+        int callLine = 0;
+    };
+    struct Segment
+    {
+        Dwarf_Addr low, high;
+        int function;
+        bool operator<(Dwarf_Addr address) const { return high <= address; }
+    };
+    std::vector<Function> functions;
+    // Disjoint, in address order, each with its innermost function.
+    std::vector<Segment> segments;
+};
+
+namespace {
+
+struct Range
+{
+    Dwarf_Addr low, high;
+    int depth;
+    int function;
+};
+
+// Scopes that may hold functions with code.
+bool mayHoldFunctions(int tag)
+{
+    return tag == DW_TAG_subprogram || tag == DW_TAG_inlined_subroutine || tag == DW_TAG_lexical_block
+        || tag == DW_TAG_namespace || tag == DW_TAG_try_block || tag == DW_TAG_catch_block
+        || tag == DW_TAG_entry_point;
+}
+
+template <class Index>
+void indexScope(Dwarf_Die* scope, Dwarf_Die* cu, int enclosing, int depth, Index* index, std::vector<Range>* ranges)
+{
+    Dwarf_Die child;
+    if (dwarf_child(scope, &child) != 0)
+        return;
+    do {
+        const int tag = dwarf_tag(&child);
+        if (!mayHoldFunctions(tag))
+            continue;
+        int here = enclosing;
+        if (tag == DW_TAG_subprogram || tag == DW_TAG_inlined_subroutine) {
+            typename Index::Function function;
+            function.name = functionName(&child);
+            function.parent = enclosing;
+            function.inlined = tag == DW_TAG_inlined_subroutine;
+            if (function.inlined) {
+                SymbolPosition site;
+                callSite(&child, cu, &site);
+                function.callFile = site.file;
+                function.callLine = site.line;
+            }
+            here = int(index->functions.size());
+            index->functions.push_back(function);
+            Dwarf_Addr base = 0, low = 0, high = 0;
+            ptrdiff_t offset = 0;
+            while ((offset = dwarf_ranges(&child, offset, &base, &low, &high)) > 0) {
+                if (low < high)
+                    ranges->push_back({low, high, depth, here});
+            }
+        }
+        indexScope(&child, cu, here, depth + 1, index, ranges);
+    } while (dwarf_siblingof(&child, &child) == 0);
+}
+
+} // namespace
+
+const SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit)
+{
+    Dwarf_Die* cu = static_cast<Dwarf_Die*>(unit);
+    std::unique_ptr<UnitIndex>& slot = mUnits[cu->addr];
+    if (slot)
+        return *slot;
+    slot.reset(new UnitIndex);
+    std::vector<Range> ranges;
+    indexScope(cu, cu, -1, 0, slot.get(), &ranges);
+    // Nested ranges flattened: outer ones first where they start together,
+    // each open range on a stack until it ends.
+    std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) {
+        return a.low != b.low ? a.low < b.low : a.depth < b.depth;
+    });
+    std::vector<Range> open;
+    Dwarf_Addr at = 0;
+    auto addSegment = [&](Dwarf_Addr low, Dwarf_Addr high, int function) {
+        if (low < high)
+            slot->segments.push_back({low, high, function});
+    };
+    auto closeUntil = [&](Dwarf_Addr limit) {
+        while (!open.empty() && open.back().high <= limit) {
+            addSegment(std::max(at, open.back().low), open.back().high, open.back().function);
+            at = std::max(at, open.back().high);
+            open.pop_back();
+        }
+    };
+    for (const Range& range : ranges) {
+        closeUntil(range.low);
+        if (!open.empty())
+            addSegment(std::max(at, open.back().low), range.low, open.back().function);
+        at = std::max(at, range.low);
+        open.push_back(range);
+    }
+    closeUntil(~Dwarf_Addr(0));
+    return *slot;
 }
 
 SymbolTable::SymbolTable()
@@ -186,6 +270,8 @@ QList<SharedLibrary> SymbolTable::parseMaps(const QByteArray& maps)
 void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems)
 {
     mLibraries = libraries;
+    mUnits.clear();
+    mFileNames.clear();
     dwfl_report_begin(mDwfl);
     for (const SharedLibrary& library : libraries) {
         if (!library.isRangeKnown())
@@ -207,31 +293,45 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     if (!module)
         return result;
 
+    const char* fileName = nullptr;
     if (Dwfl_Line* line = dwfl_module_getsrc(module, address)) {
         int lineNumber = 0;
         const char* file = dwfl_lineinfo(line, nullptr, &lineNumber, nullptr, nullptr, nullptr);
         if (file) {
-            result.file = QString::fromUtf8(file);
+            fileName = file;
             result.line = lineNumber;
         }
     }
 
     Dwarf_Addr bias = 0;
     if (Dwarf_Die* cu = dwfl_module_addrdie(module, address, &bias)) {
-        if (!result.file.isEmpty())
-            result.file = absolutePath(result.file, cu);
-        Dwarf_Die* scopes = nullptr;
-        const int count = dwarf_getscopes(cu, address - bias, &scopes);
-        int innermost = 0;
-        while (innermost < count && !isFunction(&scopes[innermost]))
-            ++innermost;
-        if (innermost < count) {
-            result.function = functionName(&scopes[innermost]);
-            result.hasSymbol = !result.function.isEmpty();
-            if (inlinedCallers && dwarf_tag(&scopes[innermost]) == DW_TAG_inlined_subroutine)
-                collectInlinedCallers(&scopes[innermost], cu, inlinedCallers);
+        // The file names of a unit stay where they are: each is made
+        // absolute once.
+        if (fileName) {
+            QString& path = mFileNames[fileName];
+            if (path.isNull())
+                path = absolutePath(QString::fromUtf8(fileName), cu);
+            result.file = path;
         }
-        free(scopes);
+        const UnitIndex& index = unitIndex(cu);
+        const Dwarf_Addr pc = address - bias;
+        const auto segment = std::lower_bound(index.segments.begin(), index.segments.end(), pc);
+        if (segment != index.segments.end() && segment->low <= pc) {
+            int function = segment->function;
+            result.function = index.functions[function].name;
+            result.hasSymbol = !result.function.isEmpty();
+            // Each inlined instance was called from the function around it.
+            while (inlinedCallers && index.functions[function].inlined && index.functions[function].parent >= 0) {
+                const UnitIndex::Function& inlined = index.functions[function];
+                SymbolPosition caller;
+                caller.function = index.functions[inlined.parent].name;
+                caller.hasSymbol = !caller.function.isEmpty();
+                caller.file = inlined.callFile;
+                caller.line = inlined.callLine;
+                inlinedCallers->append(caller);
+                function = inlined.parent;
+            }
+        }
     }
 
     if (!result.hasSymbol) {

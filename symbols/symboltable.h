@@ -11,6 +11,9 @@
 
 #include "debuggertypes.h"
 
+#include <memory>
+#include <unordered_map>
+
 struct Dwfl;
 
 struct SymbolPosition
@@ -63,8 +66,16 @@ public:
     QByteArray code(unsigned long long address, unsigned long long length);
 
 private:
+    struct UnitIndex;
+    // `cu` is the unit's Dwarf_Die.
+    const UnitIndex& unitIndex(void* cu);
+
     Dwfl* mDwfl;
     QList<SharedLibrary> mLibraries;
+    // The functions of each compilation unit by address, built on first
+    // use: a lookup is then a binary search, not a walk of the unit.
+    std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;
+    std::unordered_map<const char*, QString> mFileNames;
 };
 
 // The demangled form of a C++ symbol; the name itself when it isn't one.
