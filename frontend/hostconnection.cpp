@@ -1,8 +1,45 @@
 #include "hostconnection.h"
 
 #include <QLocalSocket>
+#include <QRegularExpression>
+
+#include <csignal>
+#include <cstring>
 
 #include "profilerresponses.h"
+
+namespace {
+
+int signalNumber(QString name)
+{
+    if (name.startsWith(QLatin1String("SIG")))
+        name = name.mid(3);
+    for (int number = 1; number < NSIG; ++number) {
+        const char* abbreviation = sigabbrev_np(number);
+        if (abbreviation && name == QLatin1String(abbreviation))
+            return number;
+    }
+    return name.toInt();
+}
+
+} // namespace
+
+void readExitStatus(const QVariantMap& values, int* exitCode, int* signal)
+{
+    *exitCode = values.value(QStringLiteral("exitCode"), 0).toInt();
+    *signal = values.value(QStringLiteral("signal"), 0).toInt();
+    // In words: "exited normally", "exited with code N" (octal where the
+    // debugger writes a leading 0), "killed by signal SIGX".
+    const QString status = values.value(QStringLiteral("status")).toString();
+    QRegularExpressionMatch match = QRegularExpression(QStringLiteral("exited with code (\\d+)")).match(status);
+    if (match.hasMatch()) {
+        const QString code = match.captured(1);
+        *exitCode = code.toInt(nullptr, code.startsWith(QLatin1Char('0')) ? 8 : 10);
+    }
+    match = QRegularExpression(QStringLiteral("(?:killed by signal|terminated with signal) (SIG\\w+|\\d+)")).match(status);
+    if (match.hasMatch())
+        *signal = signalNumber(match.captured(1));
+}
 
 HostConnection::HostConnection(QLocalSocket* socket, const ResponseFactoryPlugin* factory, QObject* parent)
     : QObject(parent)
@@ -67,6 +104,7 @@ void HostConnection::handle(const Message& message)
         mHello = true;
         mHelloValues = message.values;
         mRank = message.values.value(QString::fromLatin1(HelloKeys::Rank), 0).toInt();
+        mRankCount = message.values.value(QString::fromLatin1(HelloKeys::RankCount), 1).toInt();
         break;
     case Message::ResponseMessage:
         if (auto block = std::dynamic_pointer_cast<SampleBlockResponse>(message.response)) {
@@ -102,12 +140,12 @@ void HostConnection::handle(const Message& message)
         break;
     case Message::ExceptionMessage:
         if (message.exception)
-            fprintf(stderr, "zor: rank %d: %s\n", mRank, qPrintable(message.exception->fullMessage()));
+            fprintf(stderr, "zor: %s%s\n", mRankCount > 1 ? qPrintable(QStringLiteral("rank %1: ").arg(mRank)) : "",
+                    qPrintable(message.exception->fullMessage()));
         break;
     case Message::TargetExit:
         mTargetEnded = true;
-        mExitCode = message.values.value(QStringLiteral("exitCode"), 0).toInt();
-        mExitSignal = message.values.value(QStringLiteral("signal"), 0).toInt();
+        readExitStatus(message.values, &mExitCode, &mExitSignal);
         break;
     case Message::CommandMessage:
     case Message::Cancel:

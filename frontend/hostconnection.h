@@ -18,6 +18,9 @@
 class QLocalSocket;
 class ResponseFactoryPlugin;
 
+// How the program ended, from the host's targetExit message.
+void readExitStatus(const QVariantMap& values, int* exitCode, int* signal);
+
 class HostConnection : public QObject
 {
     Q_OBJECT
@@ -74,6 +77,7 @@ private:
     MessageStream mStream;
     int mNextUid = 1;
     int mRank = -1;
+    int mRankCount = 1;
     bool mHello = false;
     QVariantMap mHelloValues;
     QMap<int, std::shared_ptr<Response>> mAnswers;

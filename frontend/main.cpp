@@ -20,6 +20,8 @@ const char* const Usage =
     "the summary goes to standard error, the result to a file that zor report reads.\n"
     "\n"
     "  -n N            run N processes through the MPI launcher, one profiler host per rank\n"
+    "  --ranks SET     with -n: keep the samples of these ranks only (such as 0-3,7)\n"
+    "  --shmem         with -n: start an OpenSHMEM program through oshrun\n"
     "  --interval MS   sample every MS milliseconds (default 20)\n"
     "  --samples N     keep N samples per process over the run (default 1000)\n"
     "  -o FILE         the result file (default PROGRAM-YYYYMMDD-HHMMSS.zor here)\n"

@@ -17,6 +17,7 @@
 #include <functional>
 #include <unistd.h>
 
+#include "compactset.h"
 #include "constants.h"
 #include "hostconnection.h"
 #include "pluginentry.h"
@@ -32,6 +33,8 @@ namespace {
 struct ProfileOptions
 {
     int processes = 0; // 0: no MPI launcher
+    bool shmem = false; // the OpenSHMEM launcher instead of MPI's
+    QString selectedRanks; // empty: all
     int intervalMs = 20;
     int samples = 1000;
     QString output;
@@ -70,14 +73,27 @@ int parse(const QStringList& args, ProfileOptions* options)
                 break;
             }
             if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
-                fputs("usage: zor profile [-n N] [--interval MS] [--samples N] [-o FILE] [--html FILE]\n"
-                      "                   [--folded FILE] [--top N] [--quiet] -- PROGRAM [ARGS...]\n"
+                fputs("usage: zor profile [-n N [--ranks SET] [--shmem]] [--interval MS] [--samples N]\n"
+                      "                   [-o FILE] [--html FILE] [--folded FILE] [--top N] [--quiet]\n"
+                      "                   -- PROGRAM [ARGS...]\n"
                       "(zor --help says more)\n",
                       stdout);
                 return -1;
             }
             if (arg == QLatin1String("-n"))
                 ok = positiveNumber(args, &i, &options->processes, &error);
+            else if (arg == QLatin1String("--shmem"))
+                options->shmem = true;
+            else if (arg == QLatin1String("--ranks")) {
+                QString badToken;
+                CompactSet<int> ranks;
+                ok = optionValue(args, &i, &options->selectedRanks, &error);
+                if (ok && (!ranks.fromString(options->selectedRanks, &badToken) || ranks.isEmpty())) {
+                    error = QStringLiteral("--ranks takes ranks and ranges of ranks such as 0-3,7, not %1")
+                                .arg(options->selectedRanks);
+                    ok = false;
+                }
+            }
             else if (arg == QLatin1String("--interval"))
                 ok = positiveNumber(args, &i, &options->intervalMs, &error);
             else if (arg == QLatin1String("--samples"))
@@ -98,6 +114,10 @@ int parse(const QStringList& args, ProfileOptions* options)
     }
     if (i >= args.size()) {
         complain(QStringLiteral("no program to profile (zor profile [options] -- PROGRAM [ARGS...])"));
+        return 2;
+    }
+    if ((options->shmem || !options->selectedRanks.isEmpty()) && options->processes == 0) {
+        complain(QStringLiteral("%1 needs -n").arg(options->shmem ? QStringLiteral("--shmem") : QStringLiteral("--ranks")));
         return 2;
     }
     options->program = args.at(i);
@@ -251,9 +271,12 @@ bool ProfileRun::start(QString* error)
     QStringList arguments;
     QString launcher = host;
     if (mOptions.processes > 0) {
-        launcher = QStandardPaths::findExecutable(QStringLiteral("mpirun"));
+        // oshrun is Open MPI's launcher for OpenSHMEM programs, and takes
+        // mpirun's options.
+        const QString name = mOptions.shmem ? QStringLiteral("oshrun") : QStringLiteral("mpirun");
+        launcher = QStandardPaths::findExecutable(name);
         if (launcher.isEmpty()) {
-            *error = QStringLiteral("-n needs the MPI launcher mpirun, which is not in PATH");
+            *error = QStringLiteral("-n needs the launcher %1, which is not in PATH").arg(name);
             return false;
         }
         arguments << QStringLiteral("-n") << QString::number(mOptions.processes) << QStringLiteral("--oversubscribe");
@@ -481,7 +504,16 @@ int ProfileRun::run()
     Command play(QString::fromLatin1(CMD_ZOR_PLAY), QString::fromLatin1(XML_TARGET_PROFILER));
     play.addParameter(QStringLiteral("numSamples"), mOptions.samples);
     play.addParameter(QStringLiteral("initialInterval"), mOptions.intervalMs);
-    play.addParameter(QStringLiteral("metricDefinitions"), QVariantMap());
+    QVariantMap metrics;
+    if (mOptions.processes > 0) {
+        // Time in MPI calls per sample, which the MPI wrapper counts.
+        metrics.insert(QString::fromLatin1(METRIC_MPI_TIME_IN_CALL),
+                       QVariantMap{{QStringLiteral("displayName"), QStringLiteral("Time in MPI")},
+                                   {QStringLiteral("units"), QStringLiteral("ns")}});
+    }
+    play.addParameter(QStringLiteral("metricDefinitions"), metrics);
+    if (!mOptions.selectedRanks.isEmpty())
+        play.addParameter(QStringLiteral("selectedRanks"), mOptions.selectedRanks);
     QList<std::shared_ptr<Response>> answers;
     mPlaying = true;
     mClock.restart();
@@ -496,9 +528,10 @@ int ProfileRun::run()
         if (auto response = std::dynamic_pointer_cast<ProfilerPlayResponse>(answers.at(i)))
             rank.play = *response;
         duration = std::max(duration, rank.play.duration());
-        result.run.interrupted = result.run.interrupted || rank.play.interrupted();
         result.ranks.append(rank);
     }
+    // Only the user's stop counts: a program that ends also ends a run.
+    result.run.interrupted = mStopping;
     result.run.wallMs = duration;
 
     // The same number of samples from every rank, on one time axis.

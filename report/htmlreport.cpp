@@ -5,6 +5,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 
+#include "mpicalls.h"
 #include "profile.h"
 #include "textsummary.h"
 
@@ -67,6 +68,25 @@ QJsonArray metrics(const Profile& profile)
     const QMap<int, double> mpi = profile.mpiShare();
     for (auto it = mpi.constBegin(); it != mpi.constEnd(); ++it)
         rows.append(pair(QStringLiteral("Rank %1: main thread in MPI").arg(it.key()), formatPercent(*it, 1)));
+    const MpiCalls mpiCalls(result);
+    if (!mpiCalls.isEmpty()) {
+        for (const MpiRankTime& rank : mpiCalls.ranks())
+            rows.append(pair(QStringLiteral("Rank %1: time in MPI calls").arg(rank.rank),
+                             QStringLiteral("%1 in %2 calls").arg(formatDuration(double(rank.ns))).arg(rank.calls)));
+        for (const MpiCallTotal& call : mpiCalls.totals()) {
+            QString text = QStringLiteral("%1 in %2 calls, %3 sent, %4 received")
+                               .arg(formatDuration(double(call.sum.ns)))
+                               .arg(call.sum.calls)
+                               .arg(formatBytes(call.sum.bytesSent), formatBytes(call.sum.bytesReceived));
+            if (mpiCalls.ranks().size() > 1)
+                text += QStringLiteral("; least %1 on rank %2, most %3 on rank %4")
+                            .arg(formatDuration(double(call.leastNs)))
+                            .arg(call.leastRank)
+                            .arg(formatDuration(double(call.mostNs)))
+                            .arg(call.mostRank);
+            rows.append(pair(call.sum.name, text));
+        }
+    }
     const UnwindFigures unwind = profile.unwindFigures();
     rows.append(pair(QStringLiteral("Stacks that didn't unwind"),
                      QStringLiteral("%1 of %2").arg(unwind.failed).arg(unwind.threadSamples)));

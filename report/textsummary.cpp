@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "mpicalls.h"
 #include "profile.h"
 
 namespace {
@@ -207,6 +208,9 @@ QString textSummary(const Profile& profile, int top)
                         .arg(highRank);
         out << QString() << fit(line, SummaryWidth);
     }
+    const MpiCalls mpiCalls(profile.result());
+    if (!mpiCalls.isEmpty())
+        out << QString() << mpiCalls.summaryLines(top, SummaryWidth);
 
     const UnwindFigures unwind = profile.unwindFigures();
     QString unwindLine;

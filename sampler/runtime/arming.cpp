@@ -6,6 +6,7 @@
 #include "procparse.h"
 #include "reserve.h"
 #include "quorvex_sampler.h"
+#include "regions.h"
 #include "runtime.h"
 #include "samplerconfig.h"
 #include "samplerstate.h"
@@ -423,6 +424,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
             s.list = new SSampleList(numSamples, s.threadsPerSample, s.random);
             s.list->setMetricCount(static_cast<int>(s.metricCount));
         }
+        prepareCallSiteWriting();
         s.threadIds = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.asking = new ThreadSlot*[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.askingTid = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];

@@ -4,6 +4,7 @@
 // program's exit: it allocates nothing and waits for no lock for long.
 #include "clock.h"
 #include "mpihooks.h"
+#include "regions.h"
 #include "quorvex_sampler.h"
 #include "runtime.h"
 #include "samplerfile.h"
@@ -53,8 +54,7 @@ void writeSamplesUpTo(int fd, const quorvex::SamplerFileHeader& header, unsigned
             gState.list->at(i).writeToFile(fd);
     }
     QUORVEX_WRITE(fd, "/sl", 3);
-    const std::uint32_t noCallSites = 0;
-    QUORVEX_WRITE(fd, &noCallSites, sizeof noCallSites);
+    writeCallSites(fd);
 }
 
 void reportFileError(const char* what, const char* path)
@@ -100,7 +100,9 @@ void writeResults(int stopReason, int stage)
             message.writeTo(2);
             writeSamplesUpTo(fd, header, 0, UINT_MAX);
         } else {
-            quorvex::quorvex_write_sampler_file(fd, header, *s.list, nullptr, 0);
+            quorvex::quorvex_write_sampler_file_header(fd, header);
+            s.list->writeToFile(fd);
+            writeCallSites(fd);
         }
         close(fd);
     }

@@ -1,6 +1,7 @@
 // Backtraces with libunwind, from the context that the kernel hands to a
 // signal handler: the first frame is the instruction the thread was at, the
 // others are return addresses.
+#include "regions.h"
 #include "sampling.h"
 
 #define UNW_LOCAL_ONLY
@@ -22,6 +23,10 @@ void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned
         bt.unwindStatus = -result;
         return;
     }
+    // A worker of a parallel region: its stack stops where the runtime
+    // called the region's code, and the region's call site continues it.
+    const WorkerRegion region = zs_worker_region;
+    bool pastRuntime = false;
     for (;;) {
         unw_word_t ip = 0;
         result = unw_get_reg(&cursor, UNW_REG_IP, &ip);
@@ -31,6 +36,15 @@ void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned
         }
         if (boundaryIp != 0 && ip == boundaryIp)
             break;
+        if (region.id != 0) {
+            const bool inRuntime = ip >= region.low && ip < region.high;
+            if (inRuntime && pastRuntime) {
+                bt.stopsAtCallingFrame = true;
+                bt.parallelId = region.id;
+                break;
+            }
+            pastRuntime = pastRuntime || !inRuntime;
+        }
         if (bt.size == MAX_BACKTRACE_DEPTH) {
             bt.unwindStatus = UNWIND_TOO_DEEP;
             break;

@@ -1,4 +1,6 @@
 #include "sbacktracelist.h"
+
+#include <algorithm>
 #include "sfileio.h"
 #include "zor_assert.h"
 #include "zor_print.h"
@@ -8,6 +10,11 @@
 #include <new>
 
 namespace quorvex {
+
+namespace {
+// The most objects a list makes ahead of the records it reads.
+const std::uint64_t READ_POOL_LIMIT = 1024;
+}
 
 SBacktraceList::SBacktraceList(int preallocated)
     : mPool(nullptr), mPoolBytes(0), mPoolCount(0), mNumTraces(0)
@@ -160,8 +167,14 @@ bool SBacktraceList::readFromFile(int fd)
         return false;
     ZOR_ASSERT(numTraces <= std::numeric_limits<unsigned int>::max());
 
-    // Objects are made as records arrive rather than all up front, so that a
-    // corrupt count cannot ask for billions of them before the first read.
+    // A list read from a file has its objects in one block, which is
+    // cheaper to make and to free than one allocation each. Beyond a bound
+    // they are made as records arrive, so that a corrupt count cannot ask
+    // for billions of them before the first read.
+    if (mTraces.empty() && !mPool && numTraces > 0)
+        buildPool(static_cast<int>(std::min<std::uint64_t>(numTraces, READ_POOL_LIMIT)));
+    else
+        mTraces.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(numTraces, READ_POOL_LIMIT)));
     bool ok = true;
     for (std::uint64_t i = 0; i < numTraces; ++i) {
         SBacktrace* bt = i < mTraces.size() ? mTraces[i] : createNewSBacktrace();

@@ -14,6 +14,15 @@ SCallSite::SCallSite(int parallelId, int tid, BacktraceData* bt, unsigned long t
     mCallSite.set(*bt, tid);
 }
 
+void SCallSite::set(int parallelId, int tid, const BacktraceData& bt, unsigned long tag)
+{
+    mParallelId = parallelId;
+    mTid = tid;
+    mTag = tag;
+    mValid = true;
+    mCallSite.set(bt, tid);
+}
+
 quorvex_parallel_id_t SCallSite::parallelId() const
 {
     ZOR_ASSERT(mValid);

@@ -15,6 +15,11 @@ public:
     SCallSite();
     SCallSite(int parallelId, int tid, BacktraceData* bt, unsigned long tag);
 
+    // Makes this the site given, as the constructor would, reusing the
+    // storage of the trace: under the preallocated policy nothing is
+    // allocated, so that the sampler can write its sites from a handler.
+    void set(int parallelId, int tid, const BacktraceData& bt, unsigned long tag);
+
     quorvex_parallel_id_t parallelId() const;
     const SSimpleBacktrace* callSite() const;
     int tid() const { return mTid; }

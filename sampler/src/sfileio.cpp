@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quorvex {
@@ -34,19 +36,48 @@ ssize_t retrying(int fd, void* data, std::size_t size)
 
 ReadAhead::ReadAhead(int fd, std::size_t capacity)
     : mFd(fd)
-    , mBuffer(static_cast<char*>(std::malloc(capacity)))
-    , mCapacity(mBuffer ? capacity : 0)
+    , mBuffer(nullptr)
+    , mCapacity(0)
+    , mMapping(MAP_FAILED)
+    , mMappingSize(0)
+    , mMappedFrom(0)
     , mBegin(0)
     , mEnd(0)
     , mOuter(tCurrent)
 {
     tCurrent = this;
+    const int savedErrno = errno;
+    struct stat status;
+    const off_t at = ::lseek(fd, 0, SEEK_CUR);
+    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && at >= 0 && status.st_size > at) {
+        mMappingSize = static_cast<std::size_t>(status.st_size);
+        mMapping = ::mmap(nullptr, mMappingSize, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
+        if (mMapping != MAP_FAILED) {
+            mMappedFrom = at;
+            mBuffer = static_cast<char*>(mMapping) + at;
+            mEnd = mMappingSize - static_cast<std::size_t>(at);
+            mCapacity = mEnd;
+        }
+    }
+    if (mMapping == MAP_FAILED) {
+        mBuffer = static_cast<char*>(std::malloc(capacity));
+        mCapacity = mBuffer ? capacity : 0;
+    }
+    // Whether the file could be mapped is nobody's business but ours.
+    errno = savedErrno;
 }
 
 ReadAhead::~ReadAhead()
 {
     tCurrent = mOuter;
-    std::free(mBuffer);
+    if (mMapping != MAP_FAILED) {
+        const int savedErrno = errno;
+        ::munmap(mMapping, mMappingSize);
+        ::lseek(mFd, mMappedFrom + static_cast<off_t>(mBegin), SEEK_SET);
+        errno = savedErrno;
+    } else {
+        std::free(mBuffer);
+    }
 }
 
 ReadAhead* ReadAhead::of(int fd)
@@ -59,6 +90,9 @@ ReadAhead* ReadAhead::of(int fd)
 
 bool ReadAhead::fill(std::size_t wanted)
 {
+    // A mapped file holds all there is.
+    if (mMapping != MAP_FAILED)
+        return true;
     if (mBegin > 0) {
         std::memmove(mBuffer, mBuffer + mBegin, mEnd - mBegin);
         mEnd -= mBegin;
@@ -80,7 +114,7 @@ ssize_t ReadAhead::read(void* data, std::size_t size)
     char* out = static_cast<char*>(data);
     std::size_t available = mEnd - mBegin;
     if (available < size) {
-        if (size > mCapacity) {
+        if (size > mCapacity && mMapping == MAP_FAILED) {
             // Larger than the buffer: what it holds, then straight from the
             // descriptor.
             std::memcpy(out, mBuffer + mBegin, available);

@@ -26,10 +26,14 @@ ssize_t readSome(int fd, void* data, std::size_t size);
 bool readBytes(int fd, void* data, std::size_t size, const char* file, int line);
 
 // Buffers the reads of one descriptor on this thread for as long as it
-// lives. Reads go on where the descriptor stood; what was read ahead and not
-// taken is lost when it goes, so it belongs to readers that own the whole
-// rest of the file. Unlike bare read(2) it waits for a slow writer of a
-// pipe until the bytes asked for are there or the writer is gone.
+// lives. Reads go on where the descriptor stood. A plain file is mapped into
+// memory and read from there, which spares the copy into a buffer; the
+// descriptor is then left just behind what was read. Anything else goes
+// through a buffer: what was read ahead and not taken is lost when the
+// read-ahead goes, so it belongs to readers that own the whole rest of the
+// file; unlike bare read(2) it waits for a slow writer of a pipe until the
+// bytes asked for are there or the writer is gone. A mapped file must not
+// shrink while it is read.
 class ReadAhead
 {
 public:
@@ -51,8 +55,12 @@ private:
     bool fill(std::size_t wanted);
 
     int mFd;
+    // The buffer, or the rest of the mapped file.
     char* mBuffer;
     std::size_t mCapacity;
+    void* mMapping;
+    std::size_t mMappingSize;
+    off_t mMappedFrom;
     std::size_t mBegin;
     std::size_t mEnd;
     ReadAhead* mOuter;

@@ -8,6 +8,7 @@
 #include <QTemporaryDir>
 
 #include "foldedstacks.h"
+#include "hostconnection.h"
 #include "profile.h"
 #include "resultbuilder.h"
 
@@ -279,6 +280,9 @@ TEST(ZorCommand, BadInputGetsOneClearLineAndLeavesNothingBehind)
         { { "profile", "--frobnicate", "--", "true" }, "^zor: unknown option --frobnicate \\(see zor --help\\)$" },
         { { "profile", "--interval", "soon", "--", "true" }, "^zor: --interval takes a positive number, not soon$" },
         { { "profile", "--samples" }, "^zor: --samples needs a value$" },
+        { { "profile", "--ranks", "0", "--", "true" }, "^zor: --ranks needs -n$" },
+        { { "profile", "-n", "2", "--ranks", "1-x", "--", "true" }, "^zor: --ranks takes ranks and ranges of ranks such as 0-3,7, not 1-x$" },
+        { { "profile", "--shmem", "--", "true" }, "^zor: --shmem needs -n$" },
         { { "profile" }, "^zor: no program to profile" },
         { { "report", files.filePath("cut.zor"), "--html", html }, "^zor: .*/cut.zor is truncated: [0-9]+ of its [0-9]+ bytes are there$" },
         { { "report", foreign.fileName(), "--html", html }, "^zor: .*/notes.zor is not a zor result file$" },
@@ -300,5 +304,31 @@ TEST(ZorCommand, BadInputGetsOneClearLineAndLeavesNothingBehind)
         EXPECT_TRUE(QDir(temporary.path()).isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden))
             << qPrintable(what) << " left files in TMPDIR";
         EXPECT_FALSE(QFile::exists(html)) << qPrintable(what);
+    }
+}
+
+TEST(ZorProfile, TheProgramsEndIsReadInEveryFormTheHostTellsIt)
+{
+    const struct
+    {
+        QVariantMap values;
+        int exitCode;
+        int signal;
+    } cases[] = {
+        { { { "exitCode", 3 } }, 3, 0 },
+        { { { "signal", 9 } }, 0, 9 },
+        { { { "status", "exited with code 7" } }, 7, 0 },
+        // The debugger writes exit codes in octal.
+        { { { "status", "[Inferior 1 (process 12) exited with code 012]" } }, 10, 0 },
+        { { { "status", "[Inferior 1 (process 12) exited normally]" } }, 0, 0 },
+        { { { "status", "killed by signal SIGSEGV" } }, 0, 11 },
+        { { { "status", "Program terminated with signal SIGINT, Interrupt." } }, 0, 2 },
+        { { { "status", "ended" } }, 0, 0 },
+    };
+    for (const auto& c : cases) {
+        int exitCode = -1, signal = -1;
+        readExitStatus(c.values, &exitCode, &signal);
+        EXPECT_EQ(exitCode, c.exitCode) << qPrintable(c.values.first().toString());
+        EXPECT_EQ(signal, c.signal) << qPrintable(c.values.first().toString());
     }
 }

@@ -235,9 +235,11 @@ TEST(ReadSamples, ThroughAPipeWithASlowWriter)
     EXPECT_EQ(r.callSites.size(), 2);
 }
 
-// The buffer under the readers gives what read(2) gives on a plain file:
+// The read-ahead under the readers gives what read(2) gives on a plain file:
 // all that was asked, less only at the end, -1 on an error; reads larger
-// than the buffer, and a second descriptor read meanwhile, stay in order.
+// than its buffer, and a second descriptor read meanwhile, stay in order.
+// A plain file is mapped and its descriptor left just behind what was read;
+// a pipe goes through the buffer.
 TEST(ReadSamples, ReadAheadGivesWhatPlainReadsWouldGive)
 {
     std::vector<char> bytes(10000);
@@ -246,32 +248,42 @@ TEST(ReadSamples, ReadAheadGivesWhatPlainReadsWouldGive)
     TempFile first, second;
     first.setContents(bytes);
     second.setContents(std::vector<char>(bytes.rbegin(), bytes.rend()));
-    const int a = open(first.path().c_str(), O_RDONLY);
-    const int b = open(second.path().c_str(), O_RDONLY);
-    {
-        fileio::ReadAhead aheadA(a, 1000);
-        std::vector<char> got(bytes.size() + 10);
-        size_t at = 0;
-        size_t turn = 0;
-        // Sizes below, at and above the buffer's, interleaved with reads of
-        // another descriptor that has a buffer of its own.
-        for (size_t size : {1, 999, 1000, 3, 2500, 17}) {
-            ASSERT_EQ(fileio::readSome(a, got.data() + at, size), static_cast<ssize_t>(size));
-            at += size;
-            fileio::ReadAhead aheadB(b, 64);
-            char c = 0;
-            ASSERT_EQ(fileio::readSome(b, &c, 1), 1);
-            // What a read-ahead took and didn't hand out goes with it.
-            EXPECT_EQ(c, bytes[bytes.size() - 1 - 64 * turn++]);
+    for (bool throughPipe : {false, true}) {
+        SCOPED_TRACE(throughPipe ? "pipe" : "file");
+        int a = open(first.path().c_str(), O_RDONLY);
+        if (throughPipe) {
+            int ends[2];
+            ASSERT_EQ(pipe(ends), 0);
+            // The whole of it fits in the pipe.
+            ASSERT_EQ(write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+            close(ends[1]);
+            close(a);
+            a = ends[0];
         }
-        EXPECT_EQ(std::vector<char>(got.begin(), got.begin() + static_cast<long>(at)),
-                  std::vector<char>(bytes.begin(), bytes.begin() + static_cast<long>(at)));
-        // The end: what is left, then nothing.
-        EXPECT_EQ(fileio::readSome(a, got.data(), got.size()), static_cast<ssize_t>(bytes.size() - at));
-        EXPECT_EQ(fileio::readSome(a, got.data(), 1), 0);
+        const int b = open(second.path().c_str(), O_RDONLY);
+        {
+            fileio::ReadAhead aheadA(a, 1000);
+            std::vector<char> got(bytes.size() + 10);
+            size_t at = 0;
+            size_t turn = 0;
+            for (size_t size : {1, 999, 1000, 3, 2500, 17}) {
+                ASSERT_EQ(fileio::readSome(a, got.data() + at, size), static_cast<ssize_t>(size));
+                at += size;
+                fileio::ReadAhead aheadB(b, 64);
+                char c = 0;
+                ASSERT_EQ(fileio::readSome(b, &c, 1), 1);
+                EXPECT_EQ(c, bytes[bytes.size() - 1 - turn++]);
+            }
+            EXPECT_EQ(std::vector<char>(got.begin(), got.begin() + static_cast<long>(at)),
+                      std::vector<char>(bytes.begin(), bytes.begin() + static_cast<long>(at)));
+            // The end: what is left, then nothing.
+            EXPECT_EQ(fileio::readSome(a, got.data(), got.size()), static_cast<ssize_t>(bytes.size() - at));
+            EXPECT_EQ(fileio::readSome(a, got.data(), 1), 0);
+        }
+        EXPECT_EQ(lseek(b, 0, SEEK_CUR), 6);
+        close(a);
+        close(b);
     }
-    close(a);
-    close(b);
 
     // An error is an error, reported by the record readers.
     const int directory = open("/", O_RDONLY | O_DIRECTORY);
