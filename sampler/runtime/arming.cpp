@@ -3,6 +3,7 @@
 // outside signal handlers and may allocate.
 #include "clock.h"
 #include "dispositions.h"
+#include "modules.h"
 #include "procparse.h"
 #include "reserve.h"
 #include "quorvex_sampler.h"
@@ -146,6 +147,8 @@ void setPaths(const char* path)
     std::strcat(s.mpiPath, ".mpi");
     std::strcpy(s.errorsPath, path);
     std::strcat(s.errorsPath, ".errorMessages");
+    std::strcpy(s.modulesPath, path);
+    std::strcat(s.modulesPath, ".modules");
 }
 
 // The data file emptied, and the side files of an earlier run under the
@@ -159,6 +162,7 @@ bool claimDataFile()
     close(out);
     unlink(s.mpiPath);
     unlink(s.errorsPath);
+    unlink(s.modulesPath);
     return true;
 }
 
@@ -281,6 +285,7 @@ void rearmInForkChild()
     s.start = zs_now(CLOCK_MONOTONIC);
     s.lastSample = s.start;
     s.mainLastCpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
+    recordModulesAtStart();
     takeMetricBaselines();
     if (!createTimer(s.mainTid, s.timer)) {
         unlink(s.runningPath);
@@ -459,6 +464,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
 
     if (!createRunningFile())
         return fail(QUORVEX_SAMPLER_RUNNING_FILE, std::string("can't create ") + s.runningPath + ": " + strerror(errno));
+    recordModulesAtStart();
     // After the sampler's own writing, which is not the program's.
     takeMetricBaselines();
 

@@ -5,7 +5,7 @@
 // process.cpp, capi.cpp, dispositions.cpp, threads.cpp, interpose.c.
 // Handler files (only what is async-signal-safe: no heap, no locks, no
 // stdio): samplehandler.cpp, finishhandler.cpp, fatalhandler.cpp, signalhandler.cpp,
-// unwind.cpp, procmetrics.cpp, procparse.cpp, clock.h.
+// unwind.cpp, procmetrics.cpp, procparse.cpp, modules.cpp, clock.h.
 #ifndef ZOR_SAMPLER_SAMPLERSTATE_H
 #define ZOR_SAMPLER_SAMPLERSTATE_H
 
@@ -102,6 +102,7 @@ struct State
     char runningPath[PATH_MAX + 16];
     char mpiPath[PATH_MAX + 16];
     char errorsPath[PATH_MAX + 16];
+    char modulesPath[PATH_MAX + 16];
     char ompThreads[256];
     bool haveOmpThreads;
 

@@ -20,7 +20,8 @@
  *                  sigwait and through a signalfd while a worker is busy
  *   main-exit      the main thread leaves with pthread_exit; two busy
  *                  workers go on, the last one prints the result
- *   exec           busy, then execs itself in mode exec-done, busy again
+ *   exec           busy, then execs itself in mode exec-done, which loads
+ *                  libz and is busy again
  *   fork-children  two children of fork alone, busy
  *   children       as a shell: children that fork and exec, a program
  *                  spawned, and one that starts its program after the
@@ -29,6 +30,7 @@
 #define _GNU_SOURCE
 #include "quorvex_sampler.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <poll.h>
 #include <pthread.h>
@@ -542,8 +544,11 @@ int main(int argc, char** argv)
         run_main_exit();
     else if (argc == 2 && strcmp(mode, "exec") == 0)
         run_exec();
-    else if (argc == 2 && strcmp(mode, "exec-done") == 0)
+    else if (argc == 2 && strcmp(mode, "exec-done") == 0) {
+        /* An object loaded during the run, for the module list. */
+        CHECK(dlopen("libz.so.1", RTLD_NOW) != NULL, "can't load libz: %s", dlerror());
         burn_ms(200);
+    }
     else if (argc == 2 && strcmp(mode, "fork-children") == 0)
         run_fork_children();
     else if (argc == 2 && strcmp(mode, "children") == 0)

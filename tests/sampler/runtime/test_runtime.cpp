@@ -446,7 +446,7 @@ TEST(SamplerRun, ExecAndChildrenWriteFilesOfTheirOwnOrNone)
         std::set<std::string> data;
         for (const std::string& name : filesIn(dir)) {
             EXPECT_EQ(name.find(".running"), std::string::npos) << name;
-            if (name.find(".errorMessages") == std::string::npos && name.find(".mpi") == std::string::npos)
+            if (std::regex_match(name, std::regex("run(\\.[0-9]+)*")))
                 data.insert(name);
         }
         EXPECT_EQ(data.size(), c.dataFiles);
@@ -458,6 +458,17 @@ TEST(SamplerRun, ExecAndChildrenWriteFilesOfTheirOwnOrNone)
             const SampleFile file = readSampleFile(dir.file(name));
             ASSERT_TRUE(file.list) << name;
             EXPECT_GT(file.list->size(), 5u) << name;
+            // The program and the C library with their build ids, and
+            // what the program loaded during the run.
+            const std::string modules = readText(dir.file(name + ".modules"));
+            EXPECT_TRUE(std::regex_search(modules, std::regex("\n0x[0-9a-f]+ [0-9a-f]{40} loaded /\\S*/zor-test-target\n")))
+                << modules;
+            EXPECT_TRUE(std::regex_search(modules, std::regex("\n0x[0-9a-f]+ [0-9a-f]{40} loaded /\\S*/libc\\.so\\.6\n")))
+                << modules;
+            const bool loadsLibz = name.size() > 2 && name.compare(name.size() - 2, 2, ".1") == 0;
+            EXPECT_EQ(std::regex_search(modules, std::regex("\n0x[0-9a-f]+ [0-9a-f]+ added /\\S*/libz\\.so[.0-9]*\n")),
+                      loadsLibz)
+                << modules;
         }
     }
 }
