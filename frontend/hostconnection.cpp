@@ -140,8 +140,8 @@ void HostConnection::handle(const Message& message)
         break;
     case Message::ExceptionMessage:
         if (message.exception)
-            fprintf(stderr, "zor: %s%s\n", mRankCount > 1 ? qPrintable(QStringLiteral("rank %1: ").arg(mRank)) : "",
-                    qPrintable(message.exception->fullMessage()));
+            emit notice(mRankCount > 1 ? QStringLiteral("rank %1: %2").arg(mRank).arg(message.exception->fullMessage())
+                                       : message.exception->fullMessage());
         break;
     case Message::TargetExit:
         mTargetEnded = true;

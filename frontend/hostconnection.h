@@ -66,6 +66,8 @@ public:
 
 signals:
     void changed();
+    // Something the host wants the user to know, in a line.
+    void notice(const QString& text);
 
 private slots:
     void takeMessages();

@@ -256,6 +256,10 @@ bool ProfileRun::start(QString* error)
     connect(&mServer, &QLocalServer::newConnection, this, [this]() {
         while (QLocalSocket* socket = mServer.nextPendingConnection()) {
             HostConnection* connection = new HostConnection(socket, mFactory, this);
+            connect(connection, &HostConnection::notice, this, [this](const QString& text) {
+                mProgress.clear();
+                complain(text);
+            });
             mHosts.append(connection);
         }
     });
@@ -307,7 +311,9 @@ bool ProfileRun::waitUntil(const std::function<bool()>& done, int timeoutMs, con
         }
         for (HostConnection* host : qAsConst(mHosts)) {
             if (host->isBroken()) {
-                *error = QStringLiteral("rank %1: %2 while %3").arg(host->rank()).arg(host->brokenReason(), what);
+                *error = QStringLiteral("%1%2 while %3")
+                             .arg(mRanks > 1 ? QStringLiteral("rank %1: ").arg(host->rank()) : QString(),
+                                  host->brokenReason(), what);
                 return false;
             }
         }
@@ -368,7 +374,8 @@ bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Respons
     for (int i = 0; i < mHosts.size(); ++i) {
         HostConnection* host = mHosts.at(i);
         if (!host->failure(uids.at(i)).isEmpty()) {
-            *error = QStringLiteral("rank %1: %2").arg(host->rank()).arg(host->failure(uids.at(i)));
+            *error = mRanks > 1 ? QStringLiteral("rank %1: %2").arg(host->rank()).arg(host->failure(uids.at(i)))
+                                : host->failure(uids.at(i));
             return false;
         }
         answers->append(host->answer(uids.at(i)));
@@ -449,7 +456,11 @@ void ProfileRun::abortHosts()
 {
     if (mLauncher.state() == QProcess::NotRunning)
         return;
-    // The program and its debugger go with the hosts.
+    // Asked to end, a host ends the program and its debugger and removes
+    // the run's files; whatever is left after a while is killed.
+    mLauncher.terminate();
+    if (mLauncher.waitForFinished(10000))
+        return;
     for (HostConnection* host : qAsConst(mHosts)) {
         for (const char* key : { HelloKeys::TargetPid, HelloKeys::DebuggerPid }) {
             const int pid = host->hello().value(QString::fromLatin1(key), 0).toInt();
@@ -588,13 +599,21 @@ int ProfileRun::run()
             return true;
         }, EndTimeoutMs, QStringLiteral("waiting for the program to end"), &ignored);
     }
+    result.run.exitStatus = programStatus();
+    bool allEnded = true;
+    for (HostConnection* host : qAsConst(mHosts))
+        allEnded = allEnded && host->targetEnded();
+    // Closing the connections lets the hosts end.
     for (HostConnection* host : qAsConst(mHosts))
         delete host;
     mHosts.clear();
     if (!mLauncher.waitForFinished(EndTimeoutMs))
         abortHosts();
     mProgress.clear();
-    result.run.exitStatus = programStatus();
+    // A program stopped by Ctrl-C, which the hosts then end, ends as a
+    // shell would say.
+    if (result.run.exitStatus == 0 && mStopping && !allEnded)
+        result.run.exitStatus = 128 + SIGINT;
     if (result.run.exitStatus == 0 && mLauncher.exitStatus() == QProcess::NormalExit && mOptions.processes > 0)
         result.run.exitStatus = mLauncher.exitCode();
 

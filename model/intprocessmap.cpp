@@ -108,6 +108,25 @@ void IntProcessMap::set(const IntProcessMap& other, bool counted)
 
 void IntProcessMap::add(int key, int delta)
 {
+    // Every fresh node of a call tree is told one thread of one rank: such
+    // maps share one copy, which the first change detaches, instead of each
+    // allocating its own.
+    if (isEmpty() && !isBrief()) {
+        thread_local IntProcessMap single;
+        thread_local int singleKey = 0;
+        thread_local int singleDelta = 0;
+        if (single.isEmpty() || singleKey != key || singleDelta != delta) {
+            IntProcessMap fresh;
+            fresh.set(key, delta, false);
+            single = fresh;
+            singleKey = key;
+            singleDelta = delta;
+        }
+        if (!single.isEmpty()) {
+            *this = single;
+            return;
+        }
+    }
     const iterator it = lookup(key);
     set(key, it == d->mRanges.end() ? delta : it->second + delta, false);
 }

@@ -1,11 +1,13 @@
 #include "sample.h"
 
 #include <QExplicitlySharedDataPointer>
+#include <QSharedPointer>
 #include <QVector>
 #include <algorithm>
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include "gpuprofilepsvmodelitem.h"
 #include "xmlvalues.h"
 #include "zorpsvmodelitem.h"
 
@@ -81,6 +83,7 @@ public:
     }
     QList<int> libunwindErrorCodes;
     SampleHistogram histogram;
+    QSharedPointer<const GpuProfilePSVModelItem> gpuTree;
 };
 
 Sample::Sample()
@@ -366,6 +369,16 @@ SampleHistogram Sample::histogram() const
     return d->histogram;
 }
 
+void Sample::setGpuPsvModel(GpuProfilePSVModelItem* tree)
+{
+    d->gpuTree.reset(tree);
+}
+
+const GpuProfilePSVModelItem* Sample::gpuPsvModel() const
+{
+    return d->gpuTree.data();
+}
+
 void Sample::writeXml(QXmlStreamWriter& writer) const
 {
     writer.writeStartElement(QStringLiteral("sample"));
@@ -423,6 +436,11 @@ void Sample::writeXml(QXmlStreamWriter& writer) const
     }
     if (d->histogram.numBins() != 0 || !d->histogram.isEmpty())
         d->histogram.writeXml(writer);
+    if (d->gpuTree) {
+        writer.writeStartElement(QStringLiteral("gpuTree"));
+        d->gpuTree->writeXml(writer);
+        writer.writeEndElement();
+    }
     writer.writeEndElement();
 }
 
@@ -536,6 +554,11 @@ bool Sample::readXml(QXmlStreamReader& reader, QString* error)
         } else if (reader.name() == QLatin1String("histogram")) {
             if (!data->histogram.readXml(reader, error))
                 return false;
+        } else if (reader.name() == QLatin1String("gpuTree") && !data->gpuTree) {
+            GpuProfilePSVModelItem* tree = GpuProfilePSVModelItem::readTree(reader, error);
+            if (!tree)
+                return false;
+            data->gpuTree.reset(tree);
         } else {
             reader.skipCurrentElement();
         }
@@ -572,8 +595,8 @@ bool Sample::operator==(const Sample& other) const
     if (a.rank != b.rank || a.hasTimestamp != b.hasTimestamp || (a.hasTimestamp && a.timestamp != b.timestamp)
         || a.repeat != b.repeat || a.ignore != b.ignore || a.liveThreads != b.liveThreads
         || a.libunwindErrorCodes != b.libunwindErrorCodes || !(a.histogram == b.histogram)
-        || a.metrics.keys() != b.metrics.keys()
-        || a.threads.size() != b.threads.size())
+        || a.metrics.keys() != b.metrics.keys() || a.threads.size() != b.threads.size()
+        || !a.gpuTree != !b.gpuTree || (a.gpuTree && *a.gpuTree != *b.gpuTree))
         return false;
     for (auto it = a.metrics.constBegin(); it != a.metrics.constEnd(); ++it) {
         const ScalarMetric& other = b.metrics[it.key()];

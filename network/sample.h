@@ -18,6 +18,7 @@
 
 class QXmlStreamReader;
 class QXmlStreamWriter;
+class GpuProfilePSVModelItem;
 class ZORPSVModelItem;
 class SampleData;
 
@@ -88,6 +89,12 @@ public:
     const ZORPSVModelItem* psvModel(int tid) const;
     void backendOnly_setThreadMetric(int tid, const QString& id, unsigned long value);
     QMap<QString, unsigned long> threadMetrics(int tid) const;
+
+    // The GPU kernels that ran during the sample, as a tree; null when none
+    // did. The sample takes ownership; copies share the tree, which nobody
+    // changes once it is set.
+    void setGpuPsvModel(GpuProfilePSVModelItem* tree);
+    const GpuProfilePSVModelItem* gpuPsvModel() const;
 
     // Histograms over the ranges that the front-end worked out from all
     // processes: for each metric of `ranges`, the values of the threads that

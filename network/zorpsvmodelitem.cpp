@@ -72,24 +72,6 @@ bool readLineMetrics(QXmlStreamReader& reader, LineMetrics* metrics, QString* er
     return true;
 }
 
-// Frames that give an OpenMP runtime away: its entry points, and the names
-// that each compiler gives the functions it outlines from parallel regions.
-Category::OmpCompiler::Enum runtimeOfFunction(const QString& function)
-{
-    if (function.startsWith(QLatin1String("GOMP_")) || function.contains(QLatin1String("._omp_fn.")))
-        return Category::OmpCompiler::Gnu;
-    if (function.contains(QLatin1String("__par_region")) || function.contains(QLatin1String("__par_loop")))
-        return Category::OmpCompiler::Intel;
-    if (function.startsWith(QLatin1String("_cray$mt")) || function.startsWith(QLatin1String("_cray_mt")))
-        return Category::OmpCompiler::Cray;
-    if (function.startsWith(QLatin1String("__nv_")) && function.contains(QLatin1String("_F1L")))
-        return Category::OmpCompiler::Nvidia;
-    if (function.contains(QLatin1String(".omp_outlined.")) || function.startsWith(QLatin1String("__kmpc_"))
-        || function.startsWith(QLatin1String("__kmp_")))
-        return Category::OmpCompiler::Llvm;
-    return Category::OmpCompiler::Unknown;
-}
-
 } // namespace
 
 ZORPSVModelItem::ZORPSVModelItem()
@@ -177,7 +159,7 @@ void ZORPSVModelItem::addSampleCounts(int samples, int selfSamples, int mpiSampl
 
 Category::OmpCompiler::Enum ZORPSVModelItem::detectOmpRuntime() const
 {
-    const Category::OmpCompiler::Enum own = runtimeOfFunction(position().function);
+    const Category::OmpCompiler::Enum own = Category::ompRuntimeOfFunction(position().function);
     if (own != Category::OmpCompiler::Unknown)
         return own;
     for (const PSVModelItem* child : childList()) {

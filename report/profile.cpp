@@ -328,10 +328,13 @@ QList<ActivityRow> Profile::activity(int buckets, bool perRank) const
 QMap<QString, double> Profile::instructionMix() const
 {
     QMap<QString, double> mix;
-    const auto sums = mMix;
-    for (auto it = sums.constBegin(); it != sums.constEnd(); ++it)
+    bool any = false;
+    for (auto it = mMix.constBegin(); it != mMix.constEnd(); ++it) {
         mix.insert(it.key(), it->first / std::max(1, it->second));
-    return mix;
+        any = any || it->first > 0;
+    }
+    // A run whose instructions weren't decoded has the metrics, all zero.
+    return any ? mix : QMap<QString, double>();
 }
 
 QMap<int, double> Profile::mpiShare() const

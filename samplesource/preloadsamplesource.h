@@ -19,15 +19,19 @@
 #include <QString>
 #include <QStringList>
 #include <ctime>
+#include <deque>
 #include <memory>
 #include <vector>
 
 #include "category.h"
+#include "decodedframe.h"
+#include "flatindex.h"
 #include "debuggertypes.h"
 #include "disassembler.h"
 #include "gpuprofilerglobaldata.h"
 #include "instructioncache.h"
 #include "instructionquery.h"
+#include "internstringcache.h"
 #include "metric.h"
 #include "mpicallmetrics.h"
 #include "position.h"
@@ -199,6 +203,9 @@ public:
     // Unwinding failures.
     void printUnwindErrors();
     QString backtraceToString(const quorvex::SSimpleBacktrace& backtrace);
+    // The words for an unwinding status, and whether it is told only in
+    // debug mode.
+    static QString unwindStatusText(int code, bool* debugOnly);
 
     // GPU trees.
     GpuProfilePSVModelItem* createGpuPsvModel(const quorvex::SSample& sample);
@@ -222,6 +229,30 @@ public slots:
     void checkIfTargetWantsToStop(const QString& path);
 
 private:
+    // What the naming rules say of one function name; the name is held so
+    // that its storage, by which it is found, stays its own.
+    struct NameAnswers
+    {
+        QString name;
+        Category::NameFacts facts;
+        Category::OmpCompiler::Enum runtime;
+    };
+
+    // The analysis's own helpers (addressdecoding.cpp, backtracemodel.cpp,
+    // samplebuilding.cpp, threadclassification.cpp).
+    void noteDecodedFrame(Address address, const Position& position);
+    DecodedFrame& decodedFrame(Address address);
+    void findSamplerLibraries();
+    bool isSamplerAddress(Address address) const;
+    void addInlineCallers(const QList<Position>& callers, ZORPSVModelItem*& parent);
+    void foldUnknownTail(ZORPSVModelItem*& current);
+    void recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace, const quorvex::SSample* previous);
+    Category::OmpCompiler::Enum detectOmpRuntime(const ZORPSVModelItem* root);
+    void markRegionCaller(ZORPSVModelItem* root, int depth);
+    void dropStartupFrame(ZORPSVModelItem* root);
+    const NameAnswers& answersFor(const QString& function);
+    QString programDisplayName();
+
     void lookForMpiWrapper();
     void watchAndWaitForStop();
     void takeAnalysisLock(PidFile& lock);
@@ -303,6 +334,16 @@ private:
     QSet<Category::OmpCompiler::Enum> mOmpRuntimes;
     SelfProfilePoints mSelfProfilePoints;
     int mReportedProgress;
+
+    // The analysis's caches beside those above: per decoded address what
+    // the tree builders need, the sampler's own code, and the answers of the
+    // naming rules, kept for one analysis by the storage of the names.
+    InternStringCache mInternedStrings;
+    FlatIndex mFrameIndex;
+    std::deque<DecodedFrame> mDecodedFrames;
+    QList<QPair<Address, Address>> mSamplerRanges;
+    FlatIndex mNameIndex;
+    std::deque<NameAnswers> mNameAnswers;
 };
 
 // Lowers the priority of this process and of its children to the least, so

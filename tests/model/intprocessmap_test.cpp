@@ -173,3 +173,21 @@ TEST(IntProcessMap, RemapMovesKeysAndDropsFlags)
     map.remap(QMap<int, int>{{2, 10}});
     EXPECT_EQ(copy.toString(), QStringLiteral("2-4=3,5=2"));
 }
+
+TEST(IntProcessMap, FreshMapsToldOneRankStayApartOnceChanged)
+{
+    // Fresh maps told the same rank and count share one copy.
+    IntProcessMap a, b, c;
+    a.add(5, 1);
+    b.add(5, 1);
+    c.add(6, 1);
+    a.add(5, 1);
+    b.set(7, 9, 3, true);
+    EXPECT_EQ(a.toString(), QStringLiteral("5=2"));
+    EXPECT_EQ(b.toString(), QStringLiteral("5=1,7-8=3"));
+    EXPECT_EQ(c.toString(), QStringLiteral("6=1"));
+    IntProcessMap d;
+    d.add(5, 1);
+    EXPECT_EQ(d.toString(), QStringLiteral("5=1"));
+    EXPECT_EQ(d.total(), 1);
+}

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "constants.h"
+#include "gpuprofilepsvmodelitem.h"
 #include "profilerresponses.h"
 #include "sample.h"
 #include "zorpsvmodelitem.h"
@@ -52,6 +53,17 @@ Sample* richSample(long long stamp)
     QMap<QString, SampleValueRange> ranges;
     ranges.insert(QString::fromLatin1(METRIC_INSTR_FP), SampleValueRange{ SampleValue(0UL), SampleValue(100UL) });
     sample->backendOnly_calculateHistograms(4, ranges);
+    // A kernel whose shares include a NaN, as one with no samples leaves.
+    GpuProfilePSVModelItem* gpu = new GpuProfilePSVModelItem;
+    GpuProfilePSVModelItem* kernel =
+        gpu->addProgramNode(Position(QStringLiteral("app")))->addKernelHit(Position(QStringLiteral("saxpy")));
+    StallReasonCounts counts;
+    counts.inc(GpuProfilerStallReason::MemoryDependency, 0.25);
+    counts.inc(GpuProfilerStallReason::None, std::nan(""));
+    kernel->addLineHit(Position(QStringLiteral("saxpy"), QStringLiteral("k.cu"), 12, -1), counts);
+    kernel->addDroppedSampleStalls(0.125);
+    kernel->addUnknownStalls(1.0 / 3);
+    sample->setGpuPsvModel(gpu);
     return sample;
 }
 
@@ -168,6 +180,12 @@ TEST(Responses, FieldsSurviveTheRoundTrip)
     EXPECT_EQ(leaf->position().function, QStringLiteral("dot"));
     EXPECT_EQ(static_cast<const ZORPSVModelItem*>(leaf)->selfSampleCount(), 1);
     EXPECT_EQ(sample.psvModel(101), nullptr);
+    ASSERT_TRUE(sample.gpuPsvModel());
+    const GpuProfilePSVModelItem* kernel = sample.gpuPsvModel()->children().at(0)->children().at(0);
+    EXPECT_EQ(kernel->kind(), GpuProfilePSVModelItem::Kernel);
+    EXPECT_EQ(kernel->unknownStalls(), 1.0 / 3);
+    EXPECT_EQ(kernel->children().at(0)->stalls().value(GpuProfilerStallReason::MemoryDependency), 0.25);
+    EXPECT_EQ(kernel->children().at(0)->position().line, 12);
 
     ProfilerPlayResponse play(1, false, 2, 3, {}, false, true, false, {});
     play.setMetric(QStringLiteral("nan"), SampleValue(std::nan("")));

@@ -624,55 +624,58 @@ TEST(PreloadSampleSourceRun, KeptFilesGoIntoADirectoryOrBesideTheOriginals)
 
 TEST(PreloadSampleSourceRun, TheAnalysisLockIsTakenInTurnsAndEachTurnEndsWithAFreshDebugger)
 {
-    Rig rig;
+    // Two processes of a node, each with its own source, analyse at the
+    // same moment; each tells a pipe when it got the lock and when it lets
+    // go, holding the lock a while in between.
+    QTemporaryDir shared;
+    setEnv("TMPDIR", shared.path());
     setEnv("KLB_REDUCE_MEMORY_USAGE", QStringLiteral("1"));
-    auto source = rig.start();
-
-    // Another process of the node holds the lock for a while.
-    int toParent[2];
-    ASSERT_EQ(pipe(toParent), 0);
+    int events[2];
+    ASSERT_EQ(pipe(events), 0);
+    auto analyse = [&](char name) {
+        Rig rig;
+        // Both in the same private directory, where the lock lies.
+        setEnv("TMPDIR", shared.path());
+        auto source = rig.start();
+        rig.afterDetach([&rig] { rig.finishRun(); });
+        rig.host.onLog = [&](const QString& line) {
+            char event[2] = {name, 0};
+            if (line == QLatin1String("got analysis lock")) {
+                event[1] = 'G';
+                (void)!write(events[1], event, 2);
+                usleep(150 * 1000);
+            } else if (line == QLatin1String("unlocking analysis lock")) {
+                event[1] = 'U';
+                (void)!write(events[1], event, 2);
+            }
+        };
+        SampleList list(100);
+        source->readSamples(list);
+        return rig.host.debuggerRestarts == 1 && list.size() == rig.rawSamples
+            && rig.host.log == QStringList({QStringLiteral("waiting for analysis lock"),
+                                            QStringLiteral("got analysis lock"),
+                                            QStringLiteral("unlocking analysis lock"),
+                                            QStringLiteral("restarting debugger"),
+                                            QStringLiteral("debugger restarted")});
+    };
     const pid_t other = fork();
     ASSERT_GE(other, 0);
     if (other == 0) {
-        PidFile lock(QStringLiteral("quorvex-profiler-analysis"), false);
-        const char held = lock.lock(false) ? 'y' : 'n';
-        (void)!write(toParent[1], &held, 1);
-        usleep(300 * 1000);
-        const char released = 'r';
-        (void)!write(toParent[1], &released, 1);
-        lock.unlock();
-        _exit(0);
+        alarm(60);
+        _exit(analyse('b') ? 0 : 1);
     }
-    ::close(toParent[1]);
-    char held = 0;
-    ASSERT_EQ(read(toParent[0], &held, 1), 1);
-    ASSERT_EQ(held, 'y');
-
-    // The other process says so before it lets go; our analysis can only
-    // have started after that.
-    ASSERT_EQ(fcntl(toParent[0], F_SETFL, O_NONBLOCK), 0);
-    rig.afterDetach([&rig] { rig.finishRun(); });
-    rig.host.log.clear();
-    SampleList list(100);
-    source->readSamples(list);
-    char released = 0;
-    EXPECT_EQ(read(toParent[0], &released, 1), 1);
-    EXPECT_EQ(released, 'r');
+    EXPECT_TRUE(analyse('a'));
     int status = 0;
-    waitpid(other, &status, 0);
-    ::close(toParent[0]);
-
-    EXPECT_EQ(rig.host.log, QStringList({QStringLiteral("waiting for analysis lock"),
-                                         QStringLiteral("got analysis lock"),
-                                         QStringLiteral("unlocking analysis lock"),
-                                         QStringLiteral("restarting debugger"),
-                                         QStringLiteral("debugger restarted")}));
-    EXPECT_EQ(rig.host.debuggerRestarts, 1);
-    EXPECT_EQ(list.size(), rig.rawSamples);
-
-    // The lock is free again for the next process.
-    PidFile next(QStringLiteral("quorvex-profiler-analysis"), false);
-    EXPECT_TRUE(next.lock(false));
+    ASSERT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    close(events[1]);
+    std::string sequence;
+    char event[2];
+    while (read(events[0], event, 2) == 2)
+        sequence += std::string(event, 2);
+    close(events[0]);
+    // One after the other, whoever came first: never two holders at once.
+    EXPECT_TRUE(sequence == "aGaUbGbU" || sequence == "bGbUaGaU") << sequence;
     unsetEnv("KLB_REDUCE_MEMORY_USAGE");
 }
 

@@ -5,6 +5,7 @@
 
 #include <QList>
 #include <QStringList>
+#include <functional>
 #include <memory>
 
 #include "command.h"
@@ -59,7 +60,12 @@ public:
     int debuggerPid() override { return debuggerProcess; }
     QString programName() override { return program; }
     void flushResponses() override { ++flushes; }
-    void logDebug(const QString& line) override { log.append(line); }
+    void logDebug(const QString& line) override
+    {
+        log.append(line);
+        if (onLog)
+            onLog(line);
+    }
     bool isReportingSuppressed() override { return reportingSuppressed; }
     void setDebugMode(bool enabled) override { debugModeOn = enabled; }
     bool debugMode() override { return debugModeOn; }
@@ -80,6 +86,8 @@ public:
     int debuggerRestarts = 0;
     QList<bool> targetMonitoringCalls;
     QStringList log;
+    // Called with each line of the log as it is written.
+    std::function<void(const QString&)> onLog;
 
 private:
     Record recordResponse(Kind kind, Response* response);

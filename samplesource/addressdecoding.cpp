@@ -1,0 +1,333 @@
+// Addresses to source positions: every question to the debugger is asked in
+// two bulk passes, so that the tree builders work from the caches alone.
+#include "preloadsamplesource.h"
+
+#include <QCoreApplication>
+#include <QFileInfo>
+#include <QRegExp>
+
+#include <algorithm>
+#include <vector>
+
+#include "constants.h"
+#include "debugger.h"
+#include "selfprofile.h"
+#include "ssamplelist.h"
+#include "tempguards.h"
+#include "zor_assert.h"
+
+namespace {
+
+const QString& unknownName()
+{
+    static const QString name = QLatin1String(ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION);
+    return name;
+}
+
+// The name that MPI's profiling entry points are shown under: pmpi_send_
+// and PMPI_SEND read as MPI_send and MPI_SEND. Names with an inner
+// underscore (pmpi_comm_rank) stay as they are.
+QString publicMpiName(const QString& function)
+{
+    static const QRegExp profilingName(QStringLiteral("^pmpi_([a-z])([a-z]*)_*$"), Qt::CaseInsensitive);
+    QRegExp expression = profilingName;
+    if (!expression.exactMatch(function))
+        return function;
+    return QLatin1String("MPI_") + expression.cap(1).toUpper() + expression.cap(2);
+}
+
+bool isSamplerName(const QString& function)
+{
+    static const char* const inlinedEntries[] = {"threadLocal_storeBacktrace [inlined]", "sampleMainThread [inlined]",
+                                                 "sampleNonMainThread [inlined]"};
+    if (function.startsWith(QLatin1String("quorvex_")) || function.startsWith(QLatin1String("quorvex::"))
+        || function == QLatin1String("__restore_rt"))
+        return true;
+    for (const char* entry : inlinedEntries) {
+        if (function.endsWith(QLatin1String(entry)))
+            return true;
+    }
+    return false;
+}
+
+// The frames with which the C library starts a thread, outermost first:
+// glibc up to 2.33 starts threads through clone, glibc 2.34 on through
+// clone3; both then call start_thread.
+bool isThreadLibraryRoot(const QString& outer, const QString& inner)
+{
+    static const char* const cloneNames[] = {"clone", "__clone", "clone3", "__clone3"};
+    if (inner == QLatin1String("start_thread")) {
+        for (const char* name : cloneNames) {
+            if (outer == QLatin1String(name))
+                return true;
+        }
+        return false;
+    }
+    // Without the C library's symbols both frames are unnamed; a thread
+    // other than the main one always starts with these two.
+    const QString library = Category::libraryOfUnknownFrame(outer);
+    return (library.startsWith(QLatin1String("libc.so")) || library.startsWith(QLatin1String("libc-")))
+        && Category::libraryOfUnknownFrame(inner) == library;
+}
+
+// The distinct addresses of a run, in ascending order. A run puts millions
+// of frames through this and most of them are repeats, so they are gathered
+// in an open-addressing table first and sorted once.
+class AddressCollector
+{
+public:
+    AddressCollector() : mSlots(1 << 16, Empty), mShift(64 - 16), mCount(0), mHasEmpty(false) {}
+
+    void insert(Address address)
+    {
+        if (address == Empty) {
+            mHasEmpty = true;
+            return;
+        }
+        if ((mCount + 1) * 2 > mSlots.size())
+            grow();
+        insertNew(address);
+    }
+    std::vector<Address> sorted() const
+    {
+        std::vector<Address> addresses;
+        addresses.reserve(mCount + 1);
+        for (Address slot : mSlots) {
+            if (slot != Empty)
+                addresses.push_back(slot);
+        }
+        if (mHasEmpty)
+            addresses.push_back(Empty);
+        std::sort(addresses.begin(), addresses.end());
+        return addresses;
+    }
+
+private:
+    // The slot marker; the address itself is told by a flag.
+    static constexpr Address Empty = ~Address(0);
+
+    void insertNew(Address address)
+    {
+        const size_t mask = mSlots.size() - 1;
+        for (size_t i = (address * 0x9E3779B97F4A7C15ULL) >> mShift;; i = (i + 1) & mask) {
+            if (mSlots[i] == address)
+                return;
+            if (mSlots[i] == Empty) {
+                mSlots[i] = address;
+                ++mCount;
+                return;
+            }
+        }
+    }
+    void grow()
+    {
+        std::vector<Address> old(mSlots.size() * 2, Empty);
+        old.swap(mSlots);
+        --mShift;
+        mCount = 0;
+        for (Address slot : old) {
+            if (slot != Empty)
+                insertNew(slot);
+        }
+    }
+
+    std::vector<Address> mSlots;
+    int mShift;
+    size_t mCount;
+    bool mHasEmpty;
+};
+
+} // namespace
+
+Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup lookup)
+{
+    const auto cached = mPositionCache.constFind(address);
+    if (cached != mPositionCache.constEnd())
+        return *cached;
+    // Every address of every trace was decoded in the first pass, together
+    // with its neighbour one byte back: a miss here means a trace changed.
+    ZOR_ASSERT(lookup != PositionLookupForbidden && "false");
+
+    QList<PositionResponse*> inlined;
+    PositionResponse* response = mDebugger->positionOfAddress(address, 0, &inlined);
+    Position position;
+    if (!inlined.isEmpty()) {
+        QList<Position> callers;
+        for (PositionResponse* caller : qAsConst(inlined)) {
+            // The debugger lists the innermost caller first; they are kept
+            // outermost first, the order in which they are added to a tree.
+            callers.prepend(Position(caller->function, mInternedStrings.intern(caller->file), caller->line, -1));
+            delete caller;
+        }
+        mInlineFrames.insert(address, callers);
+        position.function = response->function + QLatin1String(" [inlined]");
+    } else {
+        position.function = response->function;
+    }
+    position.file = mInternedStrings.intern(response->file);
+    position.line = response->line;
+    position.column = -1;
+
+    if (response->hasSymbol()) {
+        position.function = publicMpiName(position.function);
+    } else {
+        position.function = unknownName();
+        for (const SharedLibrary& library : qAsConst(mSharedLibraries)) {
+            if (!library.isRangeKnown() || library.start() > address || library.end() <= address)
+                continue;
+            if (library.name().isEmpty())
+                continue;
+            position.function += QCoreApplication::translate("PreloadSampleSource", " from %1")
+                                     .arg(QFileInfo(library.name()).fileName());
+            break;
+        }
+    }
+    position.function = mInternedStrings.intern(position.function);
+    delete response;
+    mPositionCache.insert(address, position);
+    noteDecodedFrame(address, position);
+    return position;
+}
+
+void PreloadSampleSource::noteDecodedFrame(Address address, const Position& position)
+{
+    int index = mFrameIndex.find(address);
+    if (index < 0) {
+        index = int(mDecodedFrames.size());
+        mDecodedFrames.emplace_back();
+        mFrameIndex.insert(address, index);
+    }
+    DecodedFrame& frame = mDecodedFrames[size_t(index)];
+    frame.position = position;
+    frame.inlineCallers = mInlineFrames.value(address);
+    frame.hasLineInfo = position.hasFileAndLine();
+    frame.unknownPrefix = position.function.startsWith(unknownName());
+    frame.exactlyUnknown = position.function == unknownName();
+    frame.samplerFrame = isSamplerName(position.function) || isSamplerAddress(address);
+    frame.samplerWrapper = position.function.startsWith(QLatin1String("quorvex_sampleWrapper"));
+    frame.cuda = -1;
+}
+
+DecodedFrame& PreloadSampleSource::decodedFrame(Address address)
+{
+    const int index = mFrameIndex.find(address);
+    if (index >= 0)
+        return mDecodedFrames[size_t(index)];
+    // Positions that reached the cache some other way: asserts when there
+    // is none at all.
+    noteDecodedFrame(address, decodeAddress(address, PositionLookupForbidden));
+    return mDecodedFrames[size_t(mFrameIndex.find(address))];
+}
+
+void PreloadSampleSource::findSamplerLibraries()
+{
+    mSamplerRanges.clear();
+    for (const SharedLibrary& library : qAsConst(mSharedLibraries)) {
+        if (library.isRangeKnown() && QFileInfo(library.name()).fileName().startsWith(QLatin1String("libquorvex-sampler")))
+            mSamplerRanges.append(qMakePair(library.start(), library.end()));
+    }
+}
+
+bool PreloadSampleSource::isSamplerAddress(Address address) const
+{
+    for (const auto& range : mSamplerRanges) {
+        if (range.first <= address && address < range.second)
+            return true;
+    }
+    return false;
+}
+
+void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleList* samples,
+                                                         const QMap<int, quorvex::SCallSite>& callSites)
+{
+    TempDisableDebugMode quiet(&mTharn);
+    findSamplerLibraries();
+    AddressCollector collector;
+
+    SelfProfile prep(mTharn, QStringLiteral("30.precachePrep"));
+    for (unsigned int i = 0; i < samples->size(); ++i) {
+        bool missing = false;
+        quorvex::SSampleBacktraceIterator threads(samples->at(i));
+        while (threads.hasNext()) {
+            const quorvex::backtrace_t& trace = threads.next().trace();
+            if (trace.empty())
+                missing = true;
+            for (unsigned long address : trace) {
+                collector.insert(address);
+                collector.insert(Address(address) - 1);
+            }
+        }
+        if (missing)
+            ++mMissingBacktraceSamples;
+    }
+    for (const quorvex::SCallSite& site : callSites) {
+        for (unsigned long address : site.callSite()->trace())
+            collector.insert(Address(address) - 1);
+    }
+    const std::vector<Address> addresses = collector.sorted();
+    mSelfProfilePoints.addPoint(prep.finish(int(addresses.size())));
+
+    SelfProfile decode(mTharn, QStringLiteral("40.decodeReturnAddresses"));
+    const double total = addresses.size();
+    int done = 0;
+    for (unsigned long long address : addresses) {
+        decodeAddress(address, PositionLookupAllowed);
+        ++done;
+        reportAnalysisProcessing(DecodeReturnAddresses, done / total);
+    }
+    mSelfProfilePoints.addPoint(decode.finish(done));
+}
+
+void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
+{
+    TempDisableDebugMode quiet(&mTharn);
+    QOrderedSet<unsigned long long> decodedLeafs;
+
+    SelfProfile disassemble(mTharn, QStringLiteral("60.disassembleLeafAddresses"));
+    const double total = mLeafAddresses.size();
+    int done = 0;
+    for (unsigned long long address : mLeafAddresses) {
+        const InstructionCache::PreviousInstruction previous =
+            mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupAllowed);
+        decodedLeafs.insert(previous.mnemonic.isEmpty() ? address : previous.address);
+        if (previous.viaJump)
+            mJumpTargetLeafs.insert(address);
+        ++done;
+        reportAnalysisProcessing(DisassembleLeafAddresses, done / total);
+    }
+    mSelfProfilePoints.addPoint(disassemble.finish(done));
+
+    SelfProfile decode(mTharn, QStringLiteral("70.decodeLeafAddresses"));
+    const double leafs = decodedLeafs.size();
+    done = 0;
+    for (unsigned long long address : decodedLeafs) {
+        decodeAddress(address, PositionLookupAllowed);
+        ++done;
+        reportAnalysisProcessing(DecodeLeafAddresses, done / leafs);
+    }
+    mSelfProfilePoints.addPoint(decode.finish(done));
+}
+
+unsigned int PreloadSampleSource::findRootFramesOfThread(const std::vector<unsigned long>& trace, bool& found)
+{
+    found = false;
+    const int size = int(trace.size());
+    if (size <= 2)
+        return 0;
+    int i = size - 1;
+    while (i > 0 && trace[i] == 0)
+        --i;
+    if (i <= 0)
+        return 0;
+    if (!isThreadLibraryRoot(decodedFrame(trace[i]).position.function, decodedFrame(trace[i - 1]).position.function))
+        return 0;
+    found = true;
+    // The trailing zeros and the two frames of the thread library.
+    unsigned int skip = unsigned(size + 1 - i);
+    // The sampler starts the program's threads through a wrapper of its
+    // own, which stands right below start_thread and is no frame of the
+    // program.
+    for (int wrapper = i - 2; wrapper > 0 && decodedFrame(trace[wrapper]).samplerFrame; --wrapper)
+        ++skip;
+    return skip;
+}

@@ -1,0 +1,289 @@
+// One thread's backtrace to one path of a fresh call tree. Everything here
+// works from the caches of the first decoding pass: the debugger is never
+// asked, and each frame costs a hash lookup and a node.
+#include "preloadsamplesource.h"
+
+#include "constants.h"
+#include "placeholderzorpsvmodelitem.h"
+#include "sbacktrace.h"
+#include "zor_assert.h"
+#include "zorpsvmodelitem.h"
+
+namespace {
+
+const QString& unknownName()
+{
+    static const QString name = QLatin1String(ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION);
+    return name;
+}
+
+bool hasLineInfo(const Position& position)
+{
+    return !position.file.isEmpty() && position.line > 0;
+}
+
+// The longest run of unknown frames that stays in a tree as it is.
+const int MaxUnfoldedTailFrames = 20;
+// From this many frames on, unknown frames of different names fold too.
+const size_t ManyFramesTrace = 499;
+
+} // namespace
+
+ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& position, ZORPSVModelItem* parent)
+{
+    // A fresh tree is one path and its deepest node has no children, so
+    // this loop rarely has anything to look at.
+    if (parent->childCount() == 0)
+        return new ZORPSVModelItem(parent, position);
+    for (PSVModelItem* child : parent->children()) {
+        const Position& other = child->position();
+        if (&other == &position
+            || (other.line == position.line && other.column == position.column && other.function == position.function
+                && PathString::fileNamesEqual(other.file, position.file)))
+            return static_cast<ZORPSVModelItem*>(child);
+    }
+    return new ZORPSVModelItem(parent, position);
+}
+
+void PreloadSampleSource::addInlineCallers(const QList<Position>& callers, ZORPSVModelItem*& parent)
+{
+    for (const Position& caller : callers) {
+        parent = getOrCreatePSVModelItem(caller, parent);
+        parent->addThread(mRank, false, false);
+    }
+}
+
+void PreloadSampleSource::addInlineCallerFrames(Address address, ZORPSVModelItem*& parent)
+{
+    const auto found = mInlineFrames.constFind(address);
+    if (found != mInlineFrames.constEnd())
+        addInlineCallers(*found, parent);
+}
+
+ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::SBacktrace& backtrace,
+                                                                 bool partialTrace, unsigned int rootFramesToSkip,
+                                                                 QString* instruction, bool* accelerator)
+{
+    *instruction = QString();
+    *accelerator = false;
+    const int rank = mRank;
+    ZORPSVModelItem* root = new ZORPSVModelItem;
+    root->addThread(rank, false, false);
+    ZORPSVModelItem* current = root;
+    const quorvex::backtrace_t& trace = backtrace.trace();
+    const size_t n = trace.size();
+
+    ZORPSVModelItem* partialNode = nullptr;
+    if (partialTrace) {
+        partialNode = new ZORPSVModelItem(
+            current, Position(QLatin1String(ZOR_FUNCTION_NAME_FOR_PARTIAL_TRACE), QString(), 0, -1));
+        partialNode->addThread(rank, false, false);
+        partialNode->setSpecial(ZORPSVModelItem::specialPartialTrace);
+        current = partialNode;
+    }
+    if (n == 0) {
+        ZORPSVModelItem* none =
+            new ZORPSVModelItem(current, Position(QStringLiteral("%1 [no stack trace]").arg(unknownName())));
+        none->addThread(rank, false, false);
+        return root;
+    }
+
+    // The sampler's own frames at the leaf end go. From the third frame on,
+    // the sampler's wrapper ends them, whatever the names above it.
+    size_t first = 0;
+    for (size_t i = 0;; ++i) {
+        if (!decodedFrame(i == 0 ? Address(trace[0]) : Address(trace[i]) - 1).samplerFrame) {
+            first = i;
+            break;
+        }
+        if (i + 1 >= n) {
+            first = i + 1;
+            break;
+        }
+        if (i >= 2 && decodedFrame(trace[i]).samplerWrapper) {
+            first = i + 1;
+            break;
+        }
+    }
+
+    // Root to leaf, leaving out the thread library's frames at the root end
+    // and never touching trace[first], which is the leaf. The bound is taken
+    // as a signed number so that a skip that covers the whole trace (one
+    // that ends in zeros) means no walk at all.
+    const long long last = static_cast<long long>(n) - 1 - static_cast<long long>(rootFramesToSkip);
+    bool seenKnown = false;
+    bool sameNameRun = false;
+    bool manyNamesRun = false;
+    bool inAccelerator = false;
+    for (long long index = last; index > static_cast<long long>(first); --index) {
+        const Address returnAddress = trace[index];
+        // The position of a return address is that of the call, one byte back.
+        const Address address = returnAddress - 1;
+        DecodedFrame& frame = decodedFrame(address);
+        if (!inAccelerator) {
+            if (frame.cuda < 0)
+                frame.cuda = isAddressFromCUDALibrary(returnAddress, frame.position.function) ? 1 : 0;
+            inAccelerator = frame.cuda == 1;
+        }
+        const Position* position = &frame.position;
+        Position decorated;
+
+        bool fold = true;
+        if (!seenKnown && !frame.hasLineInfo && frame.exactlyUnknown) {
+            // Unknown frames at the root end vanish, except the last one
+            // before the leaf.
+            if (!mDebugAddresses && index != static_cast<long long>(first) + 1)
+                continue;
+        } else {
+            seenKnown = true;
+        }
+        if (mDebugAddresses) {
+            decorated = *position;
+            decorated.function = mInternedStrings.intern(QStringLiteral("%1 (0x%2, 0x%3)")
+                                                             .arg(position->function)
+                                                             .arg(address, 0, 16)
+                                                             .arg(returnAddress, 0, 16));
+            position = &decorated;
+            fold = false;
+        } else if (current == root) {
+            fold = false;
+        }
+        if (fold) {
+            if (frame.unknownPrefix) {
+                const QString& currentName = current->position().function;
+                if (currentName == position->function) {
+                    sameNameRun = true;
+                    continue;
+                }
+                if (n >= ManyFramesTrace && currentName.startsWith(unknownName())) {
+                    manyNamesRun = true;
+                    sameNameRun = false;
+                    continue;
+                }
+            }
+            if (sameNameRun || manyNamesRun) {
+                const QString name = (sameNameRun ? current->position().function : unknownName())
+                    + QLatin1String(" [multiple frames]");
+                const Position run(name, PathString(current->position().file), current->position().line, -1);
+                ZORPSVModelItem* parent = current->parentZORModelItem();
+                ZORPSVModelItem* replacement = new ZORPSVModelItem(parent, run);
+                replacement->addThread(rank, false, false);
+                delete current;
+                current = replacement;
+            }
+            sameNameRun = false;
+            manyNamesRun = false;
+        }
+        if (!frame.inlineCallers.isEmpty())
+            addInlineCallers(frame.inlineCallers, current);
+        current = getOrCreatePSVModelItem(*position, current);
+        current->addThread(rank, false, false);
+    }
+
+    if (!mDebugAddresses)
+        foldUnknownTail(current);
+
+    if (first < n) {
+        if (!backtrace.inMpi()) {
+            const Address leaf = trace[first];
+            mLeafAddresses.insert(leaf);
+            current = new PlaceholderZORPSVModelItem(current, leaf, inAccelerator);
+            current->addThread(rank, false, false);
+            *instruction = QStringLiteral("leaf-placeholder");
+        } else {
+            const Address address = Address(trace[first]) - 1;
+            Position position = decodeAddress(address, PositionLookupForbidden);
+            if (mDebugAddresses) {
+                position.function = mInternedStrings.intern(QStringLiteral("%1 (0x%2, 0x%3)")
+                                                                .arg(position.function)
+                                                                .arg(address, 0, 16)
+                                                                .arg(Address(trace[first]), 0, 16));
+            }
+            current = new ZORPSVModelItem(current, position);
+            current->addThread(rank, false, false);
+            *instruction = QStringLiteral("mpi");
+        }
+        *accelerator = false;
+    }
+
+    if (current == partialNode) {
+        ZORPSVModelItem* unknown = new ZORPSVModelItem(current, Position(unknownName()));
+        unknown->addThread(rank, false, false);
+    }
+    return root;
+}
+
+void PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
+{
+    int climbed = 0;
+    ZORPSVModelItem* stop = current;
+    ZORPSVModelItem* chainTop = nullptr;
+    while (stop && !hasLineInfo(stop->position()) && stop->position().function.startsWith(unknownName())) {
+        chainTop = stop;
+        stop = stop->parentZORModelItem();
+        ++climbed;
+    }
+    if (!stop || climbed <= MaxUnfoldedTailFrames)
+        return;
+    // The frame above the run goes with it on purpose: its file and line
+    // live on in the folded node, its name doesn't.
+    const Position above = stop->position();
+    if (ZORPSVModelItem* parent = stop->parentZORModelItem()) {
+        delete stop;
+        current = parent;
+    } else {
+        // The root stays, since the caller gets it back: only the run goes.
+        delete chainTop;
+        current = stop;
+    }
+    current = new ZORPSVModelItem(current, Position(QStringLiteral("%1 [x %2+]").arg(unknownName()).arg(MaxUnfoldedTailFrames),
+                                                    PathString(above.file), above.line, -1));
+    current->addThread(mRank, false, false);
+}
+
+void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent, InstructionQuery& query,
+                                      bool& fromCuda)
+{
+    const InstructionCache::PreviousInstruction previous =
+        mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
+    query.instruction = previous.mnemonic;
+    query.implicitMemory = previous.implicitMemory;
+    // The frame stands at the instruction that was executing, the one before
+    // the recorded program counter.
+    const Address used = previous.mnemonic.isEmpty() ? address : previous.address;
+    Position position = decodeAddress(used, PositionLookupForbidden);
+    addInlineCallerFrames(used, parent);
+    if (mDebugAddresses) {
+        position.function = mInternedStrings.intern(QStringLiteral("%1 (%2T%3 %4, 0x%5)")
+                                                        .arg(position.function)
+                                                        .arg(QLatin1String(previous.mnemonic.isEmpty() ? "!" : ""))
+                                                        .arg(QLatin1String(mJumpTargetLeafs.contains(address) ? "J" : ""))
+                                                        .arg(used, 0, 16)
+                                                        .arg(address, 0, 16));
+    }
+    parent = new ZORPSVModelItem(parent, position);
+    parent->addThread(mRank, false, false);
+    fromCuda = isAddressFromCUDALibrary(used, position.function);
+}
+
+bool PreloadSampleSource::replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query)
+{
+    PSVModelItem* tail = root;
+    while (tail->childCount() > 0)
+        tail = tail->firstChild();
+    ZORPSVModelItem* node = dynamic_cast<ZORPSVModelItem*>(tail);
+    if (!node || !node->isPlaceholder())
+        return false;
+    PlaceholderZORPSVModelItem* placeholder = static_cast<PlaceholderZORPSVModelItem*>(node);
+    ZORPSVModelItem* parent = placeholder->parentZORModelItem();
+    placeholder->detach();
+    InstructionQuery fresh;
+    bool fromCuda = false;
+    addLeafNode(placeholder->address(), parent, fresh, fromCuda);
+    if (placeholder->isFromAcceleratorSharedLibrary() || fromCuda)
+        query = InstructionQuery(QStringLiteral("accel"), false);
+    else
+        query = fresh;
+    delete placeholder;
+    return true;
+}

@@ -1,0 +1,37 @@
+// What the tree builders need to know of one decoded address, worked out
+// once when the address is first decoded, so that building a tree costs a
+// hash lookup per frame and no string work.
+#ifndef ZOR_DECODEDFRAME_H
+#define ZOR_DECODEDFRAME_H
+
+#include <QList>
+
+#include "position.h"
+
+struct DecodedFrame
+{
+    DecodedFrame()
+        : hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
+          samplerWrapper(false), cuda(-1)
+    {
+    }
+
+    Position position;
+    // Outermost first; empty for an address without inlined callers.
+    QList<Position> inlineCallers;
+    // A file and a line above 0.
+    bool hasLineInfo;
+    // The function starts with, or is, the name for unknown functions.
+    bool unknownPrefix;
+    bool exactlyUnknown;
+    // Code of the sampler itself: by name, or by lying in its library.
+    bool samplerFrame;
+    // The sampler's wrapper below which the program's own frames begin.
+    bool samplerWrapper;
+    // Whether the address one byte above lies in accelerator code; -1 until
+    // asked. Return addresses are decoded one byte back, so this answers
+    // for the return address itself.
+    signed char cuda;
+};
+
+#endif

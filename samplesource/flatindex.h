@@ -1,0 +1,94 @@
+// A map from 64-bit keys to small integers in one flat table: the analysis
+// looks a key up for every frame of every thread of every sample, and a
+// probe into a flat array costs far less than a walk through the nodes of a
+// QHash.
+#ifndef ZOR_FLATINDEX_H
+#define ZOR_FLATINDEX_H
+
+#include <cstdint>
+#include <vector>
+
+class FlatIndex
+{
+public:
+    FlatIndex() { clear(); }
+
+    // The value stored for key, or -1.
+    int find(std::uint64_t key) const
+    {
+        if (key == EmptyKey)
+            return mEmptyKeyValue;
+        for (std::size_t i = slot(key);; i = (i + 1) & mMask) {
+            if (mSlots[i].key == key)
+                return mSlots[i].value;
+            if (mSlots[i].key == EmptyKey)
+                return -1;
+        }
+    }
+    // Sets the value of key, replacing any value stored for it.
+    void insert(std::uint64_t key, int value)
+    {
+        if (key == EmptyKey) {
+            mEmptyKeyValue = value;
+            return;
+        }
+        if ((mCount + 1) * 2 > mSlots.size())
+            grow();
+        place(key, value);
+    }
+    void clear()
+    {
+        mSlots.assign(1024, Slot());
+        mMask = 1023;
+        mShift = 64 - 10;
+        mCount = 0;
+        mEmptyKeyValue = -1;
+    }
+
+private:
+    // The slot marker; a key equal to it is kept apart.
+    static constexpr std::uint64_t EmptyKey = ~std::uint64_t(0);
+    // Key and value side by side: a lookup touches one cache line.
+    struct Slot
+    {
+        std::uint64_t key = EmptyKey;
+        int value = -1;
+    };
+
+    std::size_t slot(std::uint64_t key) const { return std::size_t((key * 0x9E3779B97F4A7C15ULL) >> mShift); }
+    void place(std::uint64_t key, int value)
+    {
+        for (std::size_t i = slot(key);; i = (i + 1) & mMask) {
+            if (mSlots[i].key == key) {
+                mSlots[i].value = value;
+                return;
+            }
+            if (mSlots[i].key == EmptyKey) {
+                mSlots[i].key = key;
+                mSlots[i].value = value;
+                ++mCount;
+                return;
+            }
+        }
+    }
+    void grow()
+    {
+        std::vector<Slot> old(mSlots.size() * 2);
+        old.swap(mSlots);
+        mMask = mSlots.size() - 1;
+        --mShift;
+        mCount = 0;
+        for (const Slot& slot : old) {
+            if (slot.key != EmptyKey)
+                place(slot.key, slot.value);
+        }
+    }
+
+    std::vector<Slot> mSlots;
+    std::size_t mMask;
+    int mShift;
+    std::size_t mCount;
+    int mEmptyKeyValue;
+};
+
+#endif

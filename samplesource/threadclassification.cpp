@@ -1,0 +1,187 @@
+// Classes of threads: which runtime started a thread, which threads only
+// wait, and the class frame on top of every tree.
+#include "preloadsamplesource.h"
+
+#include <QFileInfo>
+
+#include "debugger.h"
+#include "sample.h"
+#include "samplelist.h"
+#include "tharninterface.h"
+#include "zorpsvmodelitem.h"
+
+bool PreloadSampleSource::isTidClassified(int tid) const
+{
+    return mMainTids.contains(tid) || mOmpTids.contains(tid) || mMpiTids.contains(tid)
+        || mAcceleratorTids.contains(tid);
+}
+
+const PreloadSampleSource::NameAnswers& PreloadSampleSource::answersFor(const QString& function)
+{
+    // A thread of no class is searched again in every sample, and every
+    // tree is searched for its OpenMP runtime, so the rules' answers for a
+    // name are kept for the analysis. Trees share their names' storage with
+    // the position cache, so the storage identifies a name.
+    const std::uint64_t key = reinterpret_cast<quintptr>(function.constData());
+    const int index = mNameIndex.find(key);
+    if (index >= 0)
+        return mNameAnswers[size_t(index)];
+    NameAnswers answers;
+    answers.name = function;
+    answers.facts = Category::factsOf(function);
+    answers.runtime = Category::ompRuntimeOfFunction(function);
+    mNameIndex.insert(key, int(mNameAnswers.size()));
+    mNameAnswers.push_back(answers);
+    return mNameAnswers.back();
+}
+
+void PreloadSampleSource::classifyNonMainTid(int tid, const ZORPSVModelItem* item)
+{
+    const PSVModelItem* parent = item->parent();
+    const bool nearRoot = !parent || !parent->parent();
+    static const Category::NameFacts noParent = Category::factsOf(QString());
+    const Category::NameFacts& facts = answersFor(item->position().function).facts;
+    const Category::Enum category = Category::categorise(
+        facts, parent ? answersFor(parent->position().function).facts : noParent, Category::Other);
+    if (facts.ompWorker || category == Category::OmpRegion || category == Category::OmpWorkerEntry
+        || category == Category::OmpWait) {
+        mOmpTids.insert(tid);
+        return;
+    }
+    if (facts.mpiWorker) {
+        mMpiTids.insert(tid);
+        return;
+    }
+    // An accelerator frame deeper in the stack is a call of the program's,
+    // not a thread of the runtime.
+    if (category == Category::Accelerator && nearRoot) {
+        mAcceleratorTids.insert(tid);
+        return;
+    }
+    for (const PSVModelItem* child : item->children())
+        classifyNonMainTid(tid, static_cast<const ZORPSVModelItem*>(child));
+}
+
+void PreloadSampleSource::identifyMonitorThreads()
+{
+    // An OpenMP thread that ever ran a region with a known call site did
+    // work of the program's.
+    QSet<int> candidates = mOmpTids;
+    candidates.subtract(mRegionTids);
+    candidates.unite(mMpiTids);
+    candidates.unite(mAcceleratorTids);
+    for (int tid : qAsConst(candidates)) {
+        const long long sleeping = mSleepingCounts.value(tid, 0);
+        const long long awake = mAwakeCounts.value(tid, 0);
+        if (sleeping + awake == 0)
+            continue;
+        // Integer percent, so 79.9% of the samples asleep is not enough.
+        if (sleeping * 100 / (sleeping + awake) > 79)
+            mMonitorTids.insert(tid);
+    }
+}
+
+QString PreloadSampleSource::programDisplayName()
+{
+    // The host gives the program's path; the tree shows its name.
+    const QString program = mTharn.programName();
+    const QString name = QFileInfo(program).fileName();
+    return name.isEmpty() ? program : name;
+}
+
+void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleList& samples)
+{
+    const QString name = mDebugger->mainFunctionName();
+    Position mainPosition(name, QString(), 1, -1);
+    PositionResponse* response = mDebugger->positionOfFunction(name);
+    if (response && response->hasFileAndLine()) {
+        mainPosition.file = mInternedStrings.intern(response->file);
+        mainPosition.line = response->line;
+    } else if (response) {
+        if (PositionResponse* starred = mDebugger->positionOfFunction(QLatin1Char('*') + name)) {
+            mainPosition.file = mInternedStrings.intern(starred->file);
+            mainPosition.line = starred->line;
+            delete starred;
+        }
+    } else if (PositionResponse* fallback = mDebugger->positionOfFunction(QStringLiteral("main"))) {
+        mainPosition.function = QStringLiteral("main");
+        mainPosition.file = mInternedStrings.intern(fallback->file);
+        mainPosition.line = fallback->line;
+        delete fallback;
+    }
+
+    const int rank = mRank;
+    const Position programPosition(programDisplayName(), QString(), -1, -1);
+    for (Sample* sample : samples) {
+        for (int tid : sample->sampledTidList()) {
+            ZORPSVModelItem* root = sample->backendOnly_mutablePsvModel(tid);
+            if (!root)
+                continue;
+            const bool monitor = mMonitorTids.contains(tid);
+            QString text;
+            ZORPSVModelItem::Special special = ZORPSVModelItem::specialNone;
+            auto choose = [&](const char* name, ZORPSVModelItem::Special type) {
+                text = QLatin1String(name);
+                special = type;
+            };
+            if (sample->backendOnly_threadType(tid) == Sample::ParallelRegionThread)
+                special = ZORPSVModelItem::specialMainFrame;
+            else if (mOmpTids.contains(tid) && monitor)
+                choose("[OpenMP monitor thread]", ZORPSVModelItem::specialOmpMonitor);
+            else if (mOmpTids.contains(tid))
+                choose("[OpenMP worker thread]", ZORPSVModelItem::specialOmpWorker);
+            else if (mMpiTids.contains(tid) && monitor)
+                choose("[MPI monitor thread]", ZORPSVModelItem::specialMpiMonitor);
+            else if (mMpiTids.contains(tid))
+                choose("[MPI worker thread]", ZORPSVModelItem::specialMpiWorker);
+            else if (mAcceleratorTids.contains(tid) && monitor)
+                choose("[Accelerator monitor thread]", ZORPSVModelItem::specialAcceleratorMonitor);
+            else if (mAcceleratorTids.contains(tid))
+                choose("[Accelerator worker thread]", ZORPSVModelItem::specialAcceleratorWorker);
+            else if (mMainTids.contains(tid))
+                special = ZORPSVModelItem::specialMainFrame;
+
+            ZORPSVModelItem* frame = nullptr;
+            if (special != ZORPSVModelItem::specialNone) {
+                frame = new ZORPSVModelItem(special == ZORPSVModelItem::specialMainFrame ? mainPosition : Position(text),
+                                            root->sampleCount(), root->selfSampleCount(), root->mpiSampleCount(),
+                                            root->sleepingSampleCount());
+                frame->setSpecial(special);
+            }
+            if (frame) {
+                frame->addThread(rank, false, false);
+                for (PSVModelItem* child : root->children()) {
+                    child->detach();
+                    frame->addChild(child);
+                }
+                root->addChild(frame);
+            } else {
+                // A thread of no class shows its entry frame twice: once
+                // marked, holding the stack, and once as itself.
+                for (PSVModelItem* child : root->children()) {
+                    ZORPSVModelItem* node = static_cast<ZORPSVModelItem*>(child);
+                    if (node->specialType() == ZORPSVModelItem::specialThreadEntry)
+                        continue;
+                    ZORPSVModelItem* entry = new ZORPSVModelItem(
+                        Position(node->position().function), node->sampleCount(), node->selfSampleCount(),
+                        node->mpiSampleCount(), node->sleepingSampleCount());
+                    entry->setSpecial(ZORPSVModelItem::specialThreadEntry);
+                    entry->addThread(rank, false, false);
+                    node->detach();
+                    entry->addChild(node);
+                    root->addChild(entry);
+                }
+            }
+
+            ZORPSVModelItem* program = new ZORPSVModelItem(programPosition, 0, 0, 0, 0);
+            program->addThread(rank, false, false);
+            program->setSpecial(ZORPSVModelItem::specialProgramFrame);
+            for (PSVModelItem* child : root->children()) {
+                child->detach();
+                program->addChild(child);
+            }
+            root->addChild(program);
+        }
+    }
+    delete response;
+}
