@@ -205,8 +205,14 @@ private:
     // a host broke, the hosts' launcher ended early, or the run was aborted.
     bool waitUntil(const std::function<bool()>& done, int timeoutMs, const QString& what, QString* error);
     // Sends the command to every host and waits for all answers.
+    // With `dropFailed`, a rank whose answer is a failure is told on
+    // standard error and left out of the rest of the run, as long as one
+    // rank answered.
     bool everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
-                   const std::function<void()>& whileWaiting = nullptr);
+                   const std::function<void()>& whileWaiting = nullptr, bool dropFailed = false);
+    // While the ranks play: a rank whose program died stops sampling on the
+    // others, which would otherwise wait for it in MPI for ever.
+    void stopOthersIfARankDied();
     QString histogramRanges(const QList<QList<Sample>>& samples) const;
     void interrupted(int count);
     void abortHosts();
@@ -220,6 +226,7 @@ private:
     QLocalServer mServer;
     HostProcess mLauncher;
     QList<HostConnection*> mHosts;
+    QList<HostConnection*> mDroppedHosts;
     const ResponseFactoryPlugin* mFactory = nullptr;
     InterruptWatcher mInterrupts;
     ProgressLine mProgress;
@@ -317,7 +324,7 @@ bool ProfileRun::waitUntil(const std::function<bool()>& done, int timeoutMs, con
                 return false;
             }
         }
-        if (mLauncher.state() == QProcess::NotRunning && mHosts.size() < mRanks) {
+        if (mLauncher.state() == QProcess::NotRunning && mHosts.size() + mDroppedHosts.size() < mRanks) {
             *error = QStringLiteral("zor-host ended (status %1) before %2").arg(mLauncher.exitCode()).arg(what);
             return false;
         }
@@ -353,7 +360,7 @@ bool ProfileRun::connectHosts(QString* error)
 }
 
 bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
-                           const std::function<void()>& whileWaiting)
+                           const std::function<void()>& whileWaiting, bool dropFailed)
 {
     QList<int> uids;
     for (HostConnection* host : qAsConst(mHosts)) {
@@ -371,16 +378,49 @@ bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Respons
     if (!waitUntil(answered, -1, QStringLiteral("waiting for %1").arg(command.name), error))
         return false;
     answers->clear();
+    QList<HostConnection*> answering;
     for (int i = 0; i < mHosts.size(); ++i) {
         HostConnection* host = mHosts.at(i);
         if (!host->failure(uids.at(i)).isEmpty()) {
             *error = mRanks > 1 ? QStringLiteral("rank %1: %2").arg(host->rank()).arg(host->failure(uids.at(i)))
                                 : host->failure(uids.at(i));
-            return false;
+            if (!dropFailed)
+                return false;
+            mProgress.clear();
+            fprintf(stderr, "zor: %s; the result leaves it out\n", qPrintable(*error));
+            mDroppedHosts.append(host);
+            continue;
         }
+        answering.append(host);
         answers->append(host->answer(uids.at(i)));
     }
+    if (answering.isEmpty())
+        return false;
+    mHosts = answering;
     return true;
+}
+
+void ProfileRun::stopOthersIfARankDied()
+{
+    if (mStopping || mRanks < 2)
+        return;
+    for (HostConnection* host : qAsConst(mHosts)) {
+        if (!host->targetEnded() || (host->exitSignal() == 0 && host->exitCode() == 0))
+            continue;
+        mProgress.clear();
+        const QString how = host->exitSignal() > 0 ? QStringLiteral("died of signal %1").arg(host->exitSignal())
+                                                   : QStringLiteral("ended with status %1").arg(host->exitCode());
+        fprintf(stderr, "zor: the program of rank %d %s; stopping sampling on the other ranks\n", host->rank(),
+                qPrintable(how));
+        mStopping = true;
+        for (HostConnection* other : qAsConst(mHosts)) {
+            if (other == host)
+                continue;
+            other->sendWithoutAnswer(Command(QString::fromLatin1(CMD_ZOR_STOP), QString::fromLatin1(XML_TARGET_PROFILER)));
+            other->flush();
+        }
+        return;
+    }
 }
 
 // Every process bins its histograms over the same ranges: per resampled
@@ -461,7 +501,7 @@ void ProfileRun::abortHosts()
     mLauncher.terminate();
     if (mLauncher.waitForFinished(10000))
         return;
-    for (HostConnection* host : qAsConst(mHosts)) {
+    for (HostConnection* host : mHosts + mDroppedHosts) {
         for (const char* key : { HelloKeys::TargetPid, HelloKeys::DebuggerPid }) {
             const int pid = host->hello().value(QString::fromLatin1(key), 0).toInt();
             if (pid > 0)
@@ -474,11 +514,12 @@ void ProfileRun::abortHosts()
 
 int ProfileRun::programStatus() const
 {
-    for (HostConnection* host : mHosts) {
+    const QList<HostConnection*> all = mHosts + mDroppedHosts;
+    for (HostConnection* host : all) {
         if (host->targetEnded() && host->exitSignal() > 0)
             return 128 + host->exitSignal();
     }
-    for (HostConnection* host : mHosts) {
+    for (HostConnection* host : all) {
         if (host->targetEnded() && host->exitCode() != 0)
             return host->exitCode();
     }
@@ -528,7 +569,7 @@ int ProfileRun::run()
     QList<std::shared_ptr<Response>> answers;
     mPlaying = true;
     mClock.restart();
-    const bool played = everyHost(play, &answers, &error);
+    const bool played = everyHost(play, &answers, &error, [this]() { stopOthersIfARankDied(); }, mRanks > 1);
     mPlaying = false;
     if (!played)
         return fail(mAborted ? 130 : 1);

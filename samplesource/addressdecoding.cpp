@@ -191,13 +191,7 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
 
 void PreloadSampleSource::noteDecodedFrame(Address address, const Position& position)
 {
-    int index = mFrameIndex.find(address);
-    if (index < 0) {
-        index = int(mDecodedFrames.size());
-        mDecodedFrames.emplace_back();
-        mFrameIndex.insert(address, index);
-    }
-    DecodedFrame& frame = mDecodedFrames[size_t(index)];
+    DecodedFrame& frame = mDecodedFrames.insert(address);
     frame.position = position;
     frame.inlineCallers = mInlineFrames.value(address);
     frame.hasLineInfo = position.hasFileAndLine();
@@ -210,13 +204,12 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
 
 DecodedFrame& PreloadSampleSource::decodedFrame(Address address)
 {
-    const int index = mFrameIndex.find(address);
-    if (index >= 0)
-        return mDecodedFrames[size_t(index)];
+    if (DecodedFrame* frame = mDecodedFrames.find(address))
+        return *frame;
     // Positions that reached the cache some other way: asserts when there
     // is none at all.
     noteDecodedFrame(address, decodeAddress(address, PositionLookupForbidden));
-    return mDecodedFrames[size_t(mFrameIndex.find(address))];
+    return *mDecodedFrames.find(address);
 }
 
 void PreloadSampleSource::findSamplerLibraries()
@@ -319,7 +312,9 @@ unsigned int PreloadSampleSource::findRootFramesOfThread(const std::vector<unsig
         --i;
     if (i <= 0)
         return 0;
-    if (!isThreadLibraryRoot(decodedFrame(trace[i]).position.function, decodedFrame(trace[i - 1]).position.function))
+    // A copy: the second lookup may move the first one's frame.
+    const QString outer = decodedFrame(trace[i]).position.function;
+    if (!isThreadLibraryRoot(outer, decodedFrame(trace[i - 1]).position.function))
         return 0;
     found = true;
     // The trailing zeros and the two frames of the thread library.

@@ -91,4 +91,87 @@ private:
     int mEmptyKeyValue;
 };
 
+// The same table holding the values themselves, for values looked up so
+// often that the step through an index costs a cache miss of its own.
+// Pointers to values stay valid only until the next insertion.
+template <typename Value>
+class FlatTable
+{
+public:
+    FlatTable() { clear(); }
+
+    Value* find(std::uint64_t key)
+    {
+        if (key == EmptyKey)
+            return mHasEmptyKey ? &mEmptyKeyValue : nullptr;
+        for (std::size_t i = slot(key);; i = (i + 1) & mMask) {
+            if (mSlots[i].key == key)
+                return &mSlots[i].value;
+            if (mSlots[i].key == EmptyKey)
+                return nullptr;
+        }
+    }
+    // The value of key, made by its default constructor if key is new.
+    Value& insert(std::uint64_t key)
+    {
+        if (key == EmptyKey) {
+            mHasEmptyKey = true;
+            return mEmptyKeyValue;
+        }
+        if ((mCount + 1) * 2 > mSlots.size())
+            grow();
+        return place(key);
+    }
+    void clear()
+    {
+        mSlots.assign(1024, Slot());
+        mMask = 1023;
+        mShift = 64 - 10;
+        mCount = 0;
+        mHasEmptyKey = false;
+        mEmptyKeyValue = Value();
+    }
+
+private:
+    static constexpr std::uint64_t EmptyKey = ~std::uint64_t(0);
+    struct Slot
+    {
+        std::uint64_t key = EmptyKey;
+        Value value;
+    };
+
+    std::size_t slot(std::uint64_t key) const { return std::size_t((key * 0x9E3779B97F4A7C15ULL) >> mShift); }
+    Value& place(std::uint64_t key)
+    {
+        for (std::size_t i = slot(key);; i = (i + 1) & mMask) {
+            if (mSlots[i].key == key)
+                return mSlots[i].value;
+            if (mSlots[i].key == EmptyKey) {
+                mSlots[i].key = key;
+                ++mCount;
+                return mSlots[i].value;
+            }
+        }
+    }
+    void grow()
+    {
+        std::vector<Slot> old(mSlots.size() * 2);
+        old.swap(mSlots);
+        mMask = mSlots.size() - 1;
+        --mShift;
+        mCount = 0;
+        for (Slot& entry : old) {
+            if (entry.key != EmptyKey)
+                place(entry.key) = std::move(entry.value);
+        }
+    }
+
+    std::vector<Slot> mSlots;
+    std::size_t mMask;
+    int mShift;
+    std::size_t mCount;
+    bool mHasEmptyKey;
+    Value mEmptyKeyValue;
+};
+
 #endif

@@ -339,8 +339,7 @@ private:
     // the tree builders need, the sampler's own code, and the answers of the
     // naming rules, kept for one analysis by the storage of the names.
     InternStringCache mInternedStrings;
-    FlatIndex mFrameIndex;
-    std::deque<DecodedFrame> mDecodedFrames;
+    FlatTable<DecodedFrame> mDecodedFrames;
     QList<QPair<Address, Address>> mSamplerRanges;
     FlatIndex mNameIndex;
     std::deque<NameAnswers> mNameAnswers;

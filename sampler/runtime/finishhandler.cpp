@@ -89,6 +89,10 @@ void writeResults(int stopReason, int stage)
     if (fd < 0) {
         reportFileError("the data file", s.path);
     } else {
+        // The records write field by field: gathered, they take a few large
+        // writes instead of dozens of system calls per sample.
+        static char buffer[256 * 1024];
+        quorvex::fileio::WriteBehind behind(fd, buffer, sizeof buffer);
         if (stage == CommitFilling) {
             // The newest sample is half made; the ones before it are whole.
             writeSamplesUpTo(fd, header, s.sizeBeforeCommit, UINT_MAX);
@@ -105,6 +109,8 @@ void writeResults(int stopReason, int stage)
             s.list->writeToFile(fd);
             writeCallSites(fd);
         }
+        if (!behind.flush())
+            reportFileError("the data file", s.path);
         close(fd);
     }
 

@@ -210,7 +210,7 @@ namespace {
 bool writeAll(int fd, const void* data, size_t size)
 {
     errno = 0;
-    return write(fd, data, size) == static_cast<ssize_t>(size);
+    return quorvex::fileio::writeSome(fd, data, size) == static_cast<ssize_t>(size);
 }
 
 bool readAll(int fd, void* data, size_t size)

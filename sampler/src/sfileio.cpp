@@ -10,18 +10,28 @@
 namespace quorvex {
 namespace fileio {
 
-void writeBytes(int fd, const void* data, std::size_t size, const char* file, int line)
-{
-    errno = 0;
-    if (::write(fd, data, size) == -1)
-        report_io_error(file, line, errno);
-}
-
 namespace {
 
 // The innermost read-ahead of this thread; an outer one on another
 // descriptor is found through mOuter.
 thread_local ReadAhead* tCurrent = nullptr;
+// The same for write-behinds.
+thread_local WriteBehind* tCurrentWrite = nullptr;
+
+// Writes all of it, going on after a partial write or an interruption.
+bool writeFully(int fd, const char* data, std::size_t size)
+{
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data += n;
+        size -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
 
 ssize_t retrying(int fd, void* data, std::size_t size)
 {
@@ -33,6 +43,74 @@ ssize_t retrying(int fd, void* data, std::size_t size)
 }
 
 } // namespace
+
+ssize_t writeSome(int fd, const void* data, std::size_t size)
+{
+    if (WriteBehind* behind = tCurrentWrite) {
+        if (behind->fd() == fd || (behind = WriteBehind::of(fd)))
+            return behind->write(data, size);
+    }
+    return ::write(fd, data, size);
+}
+
+void writeBytes(int fd, const void* data, std::size_t size, const char* file, int line)
+{
+    errno = 0;
+    if (writeSome(fd, data, size) == -1)
+        report_io_error(file, line, errno);
+}
+
+WriteBehind::WriteBehind(int fd, char* buffer, std::size_t capacity)
+    : mFd(fd), mBuffer(buffer), mCapacity(buffer ? capacity : 0), mSize(0), mFailed(false), mOuter(tCurrentWrite)
+{
+    tCurrentWrite = this;
+}
+
+WriteBehind::~WriteBehind()
+{
+    tCurrentWrite = mOuter;
+    const int savedErrno = errno;
+    flush();
+    errno = savedErrno;
+}
+
+WriteBehind* WriteBehind::of(int fd)
+{
+    WriteBehind* behind = tCurrentWrite;
+    while (behind && behind->mFd != fd)
+        behind = behind->mOuter;
+    return behind;
+}
+
+bool WriteBehind::flush()
+{
+    const std::size_t size = mSize;
+    mSize = 0;
+    if (mFailed) {
+        errno = EIO;
+        return false;
+    }
+    if (!writeFully(mFd, mBuffer, size)) {
+        mFailed = true;
+        return false;
+    }
+    return true;
+}
+
+ssize_t WriteBehind::write(const void* data, std::size_t size)
+{
+    if (mFailed) {
+        errno = EIO;
+        return -1;
+    }
+    if (mSize + size > mCapacity && !flush())
+        return -1;
+    if (size > mCapacity)
+        return writeFully(mFd, static_cast<const char*>(data), size) ? static_cast<ssize_t>(size) : -1;
+    std::memcpy(mBuffer + mSize, data, size);
+    mSize += size;
+    return static_cast<ssize_t>(size);
+}
 
 ReadAhead::ReadAhead(int fd, std::size_t capacity)
     : mFd(fd)

@@ -19,6 +19,9 @@ namespace quorvex {
 namespace fileio {
 
 void writeBytes(int fd, const void* data, std::size_t size, const char* file, int line);
+// What write(2) would give: `size`, or -1 with errno. Gathered by the
+// WriteBehind of `fd` if this thread has one, else written by write(2).
+ssize_t writeSome(int fd, const void* data, std::size_t size);
 // What read(2) would give on a plain file: `size` bytes, fewer only at the
 // end of the data, -1 with errno on an error. Served by the ReadAhead of
 // `fd` if this thread has one, else by read(2) itself.
@@ -64,6 +67,36 @@ private:
     std::size_t mBegin;
     std::size_t mEnd;
     ReadAhead* mOuter;
+};
+
+// Gathers the writes of one descriptor on this thread in a buffer that the
+// caller provides, so that it can serve a signal handler, which mustn't
+// allocate: the buffer goes out in one write(2) whenever it is full, at
+// flush and when the WriteBehind goes. A failed write is reported with the
+// place of the field that filled the buffer, or of the flush; the writer
+// carries on as with bare writes, and later fields are dropped.
+class WriteBehind
+{
+public:
+    WriteBehind(int fd, char* buffer, std::size_t capacity);
+    ~WriteBehind();
+    WriteBehind(const WriteBehind&) = delete;
+    WriteBehind& operator=(const WriteBehind&) = delete;
+
+    // The same as writeSome on its descriptor.
+    ssize_t write(const void* data, std::size_t size);
+    // Writes out what the buffer holds; false on an error, with errno.
+    bool flush();
+    int fd() const { return mFd; }
+    static WriteBehind* of(int fd);
+
+private:
+    int mFd;
+    char* mBuffer;
+    std::size_t mCapacity;
+    std::size_t mSize;
+    bool mFailed;
+    WriteBehind* mOuter;
 };
 
 // Readers take the fixed-size fields of a record in one read where they can:

@@ -49,9 +49,9 @@ void SMetric::merge(const SMetric& other)
 void SMetric::writeToFile(int fd) const
 {
     mValue.writeToFile(fd);
-    (void)!::write(fd, &mInterval, sizeof mInterval);
+    (void)!fileio::writeSome(fd, &mInterval, sizeof mInterval);
     const unsigned char divide = mShouldDivideBySampleInterval ? 1 : 0;
-    (void)!::write(fd, &divide, 1);
+    (void)!fileio::writeSome(fd, &divide, 1);
 }
 
 bool SMetric::readFromFile(int fd)

@@ -294,3 +294,34 @@ TEST(ReadSamples, ReadAheadGivesWhatPlainReadsWouldGive)
     EXPECT_EQ(errno, EISDIR);
     close(directory);
 }
+
+// Gathered writes make the file that field-by-field writes make, with
+// buffers smaller than some fields; a failed write is an error at flush,
+// and the fields after it are dropped.
+TEST(ReadSamples, WriteBehindMakesTheSameFile)
+{
+    SampleFileBuilder builder(16, 4, 5);
+    builder.addRandom({40, 6, 50, 4, 2, 3});
+    const std::vector<char> plain = builder.bytes();
+    for (size_t capacity : {size_t(1), size_t(7), size_t(100), size_t(1) << 20}) {
+        TempFile file;
+        const int fd = file.openForWriting();
+        std::vector<char> buffer(capacity);
+        {
+            fileio::WriteBehind behind(fd, buffer.data(), buffer.size());
+            builder.write(fd);
+            EXPECT_TRUE(behind.flush());
+        }
+        close(fd);
+        EXPECT_TRUE(file.contents() == plain) << capacity;
+    }
+
+    const int readOnly = open("/dev/null", O_RDONLY);
+    char buffer[16];
+    fileio::WriteBehind behind(readOnly, buffer, sizeof buffer);
+    EXPECT_EQ(fileio::writeSome(readOnly, "0123456789", 10), 10);
+    EXPECT_EQ(fileio::writeSome(readOnly, "0123456789", 10), -1);
+    EXPECT_EQ(fileio::writeSome(readOnly, "x", 1), -1);
+    EXPECT_FALSE(behind.flush());
+    close(readOnly);
+}
