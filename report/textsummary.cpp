@@ -122,8 +122,9 @@ QString textSummary(const Profile& profile, int top)
         out << QStringLiteral("The program exited with status %1.").arg(run.exitStatus);
 
     QList<FunctionFigure> functions;
+    // Functions that would show 0.0% self time are left out.
     for (const FunctionFigure& f : profile.functions(top)) {
-        if (f.selfNs > 0)
+        if (f.selfNs * 2000 >= profile.cpuNs() && f.selfNs > 0)
             functions.append(f);
     }
     out << QString() << QStringLiteral("Top functions by self time (share of all CPU time)");
@@ -139,7 +140,11 @@ QString textSummary(const Profile& profile, int top)
     if (functions.isEmpty())
         out << QStringLiteral("  (no samples with a call stack)");
 
-    const QList<LineFigure> lines = profile.lines(top);
+    QList<LineFigure> lines;
+    for (const LineFigure& l : profile.lines(top)) {
+        if (l.selfNs * 2000 >= profile.cpuNs() && l.selfNs > 0)
+            lines.append(l);
+    }
     if (!lines.isEmpty()) {
         out << QString() << QStringLiteral("Hottest source lines");
         out << QStringLiteral("   self  %1 function").arg(QStringLiteral("line"), -40);

@@ -17,7 +17,7 @@ them alike. Prints one table:
 
   bench/compare/compare.py [--build DIR] [--rounds N] [--rates 50,1000]
                            [--workloads zor-example,zor-threads,xz]
-                           [--no-answer]
+                           [--profilers zor,perf,gperftools] [--no-answer]
 
 Needs linux-perf, google-perftools and python3.11-dbg: scripts/install-deps.sh
 --compare installs them (as root; the script offers to run it). perf samples
@@ -112,9 +112,9 @@ def run_measured(command, env=None, cwd=None, stdin=None):
 
 
 class Tools:
-    def __init__(self, build):
+    def __init__(self, build, need_zor=True):
         self.zor = os.path.join(build, "bin", "zor")
-        if not os.access(self.zor, os.X_OK):
+        if need_zor and not os.access(self.zor, os.X_OK):
             fail("no %s: build the zor target first" % self.zor)
         self.library = find_profiler_library()
         self.pprof = shutil.which("google-pprof") or shutil.which("pprof")
@@ -194,10 +194,10 @@ def workloads(tools, build, names, workdir):
     chosen = []
     for name in names:
         if name == "zor-example":
-            chosen.append((name, [os.path.join(build, "bin", "zor-example"), "--work", "400"],
+            chosen.append((name, [os.path.join(build, "bin", "zor-example"), "--work", "1500"],
                            lambda out: EXAMPLE_TRUTH, elapsed_of))
         elif name == "zor-threads":
-            chosen.append((name, [os.path.join(build, "bin", "zor-threads"), "--threads", "4", "--work", "100"],
+            chosen.append((name, [os.path.join(build, "bin", "zor-threads"), "--threads", "4", "--work", "400"],
                            truth_printed, elapsed_of))
         elif name == "xz":
             data = os.path.join(workdir, "xz-input")
@@ -284,16 +284,18 @@ def main():
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--rates", default="50,1000")
     parser.add_argument("--workloads", default="zor-example,zor-threads,xz")
+    parser.add_argument("--profilers", default="zor,perf,gperftools")
     parser.add_argument("--no-answer", action="store_true", help="leave out the time to answer")
     args = parser.parse_args()
 
     ensure_tools()
-    tools = Tools(os.path.abspath(args.build))
+    profilers = [entry for entry in PROFILERS if entry[0] in args.profilers.split(",")]
+    tools = Tools(os.path.abspath(args.build), "zor" in args.profilers.split(","))
     rates = [int(rate) for rate in args.rates.split(",")]
     workdir = tempfile.mkdtemp(prefix="zor-compare-")
     chosen = workloads(tools, os.path.abspath(args.build), args.workloads.split(","), workdir)
 
-    configs = [("native", 0, native)] + [(name, rate, make) for rate in rates for name, make in PROFILERS]
+    configs = [("native", 0, native)] + [(name, rate, make) for rate in rates for name, make in profilers]
     runs = {}  # (workload, profiler, rate) -> list of (wall, cpu, elapsed, shares)
     for round_number in range(args.rounds):
         for workload, program, truth, elapsed in chosen:
@@ -348,7 +350,7 @@ def main():
             lines.append(row % ("", name, rate, "%+.1f%% ±%.1f" % wall, "%+.1f%% ±%.1f" % cpu, prog, share_text, worst))
 
     print("\n".join(lines))
-    if not args.no_answer:
+    if not args.no_answer and "zor" in args.profilers.split(","):
         zor_answer, perf_answer = time_to_answer(tools, 1000, workdir, max(1, min(3, args.rounds)))
         print("\ntime to answer (%s, 1000 Hz, median): zor profile %.2f s, perf record + perf report "
               "--sort sym,srcline %.2f s (%.0fx)" % (os.path.basename(tools.python), zor_answer, perf_answer,

@@ -186,17 +186,20 @@ TEST(ZorProfile, ExampleSharesComeOutAsTheProgramMeansThem)
     env.insert(QStringLiteral("TMPDIR"), temporary.path());
     const QString folded = dir.filePath(QStringLiteral("example.folded"));
     const QString html = dir.filePath(QStringLiteral("example.html"));
-    // Every 2 ms, so that some 1,500 samples per thread make the shares steady.
-    const Outcome run = zor({ "profile", "--interval", "2", "--folded", folded, "--html", html, "--", ZOR_EXAMPLE,
-                              "--seconds", "3" },
-                            env, 300000, dir.path());
+    // A fixed amount of work, so that a busy machine makes the run longer but
+    // not the samples fewer; every millisecond, some 2,500 samples per thread
+    // keep the shares within a point or two.
+    const Outcome run = zor({ "profile", "--interval", "1", "--samples", "5000", "--folded", folded, "--html", html,
+                              "--", ZOR_EXAMPLE, "--work", "4000" },
+                            env, 240000, dir.path());
     if (run.status != 0) {
         const QString why = whyNoRun(run);
         if (!why.isEmpty())
             GTEST_SKIP() << qPrintable(why);
     }
     ASSERT_EQ(run.status, 0) << qPrintable(run.err);
-    EXPECT_TRUE(run.out.startsWith(QLatin1String("zor-example: ran "))) << "the program's own output: " << qPrintable(run.out);
+    EXPECT_TRUE(run.out.startsWith(QLatin1String("zor-example: 4000 rounds of work in ")))
+        << "the program's own output: " << qPrintable(run.out);
     const QStringList saved = QDir(dir.path()).entryList({ "zor-example-*.zor" });
     ASSERT_EQ(saved.size(), 1) << qPrintable(run.err);
     if (!hasCallTrees(dir.filePath(saved.first())))
