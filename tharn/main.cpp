@@ -128,10 +128,15 @@ int main(int argc, char** argv)
         return 1;
     };
 
+    // A rank of an MPI program gets the MPI wrapper too, behind the sampler,
+    // whose hooks it calls.
+    const bool mpi = identity.rankCount > 1 || !launcher.isEmpty();
     GdbDebugger::Options options;
     options.preload << QuorvexGlobals::instance().installPath() + QStringLiteral("/libquorvex-sampler.so");
+    if (mpi)
+        options.preload << QuorvexGlobals::instance().installPath() + QStringLiteral("/libquorvex-mpiwrapper.so");
     GdbDebugger debugger(options);
-    debugger.startupName = identity.rankCount > 1 || !launcher.isEmpty() ? launcher : NoMPIStartup::getName();
+    debugger.startupName = mpi ? launcher : NoMPIStartup::getName();
     if (!debugger.start(program, &error))
         return fail(error);
     hello.insert(QString::fromLatin1(HelloKeys::TargetPid), debugger.targetPid());
