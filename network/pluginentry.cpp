@@ -1,16 +1,16 @@
 #include "pluginentry.h"
 
-#include <QCoreApplication>
 #include <QFileInfo>
 #include <QLibrary>
+
+#include "quorvexglobals.h"
 
 const char* const ZOR_THARN_PLUGIN_ENTRY = "zor_create_tharn_plugin";
 const char* const ZOR_TREESERVER_PLUGIN_ENTRY = "zor_create_treeserver_plugin";
 
 QString defaultProfilerPluginPath()
 {
-    return QFileInfo(QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/libzor-profiler.so.1"))
-        .absoluteFilePath();
+    return QuorvexGlobals::instance().installPath() + QStringLiteral("/libzor-profiler.so.1");
 }
 
 namespace {

@@ -13,8 +13,7 @@ extern const char* const ZOR_THARN_PLUGIN_ENTRY;
 // extern "C" QuorvexTreeserverPlugin* zor_create_treeserver_plugin();
 extern const char* const ZOR_TREESERVER_PLUGIN_ENTRY;
 
-// The plug-in's file beside an installed program: PREFIX/bin/x finds
-// PREFIX/lib/libzor-profiler.so.1.
+// The plug-in's file in the install directory, beside libzor-network.
 QString defaultProfilerPluginPath();
 
 // Loads the plug-in at `path` and creates its entry; the library stays

@@ -2,6 +2,7 @@
 # Installs every Debian 12 package that zor needs to build, test and run.
 # Run as root on a fresh machine; safe to run again.
 #   --compare   also the peers that bench/compare/compare.py measures zor against
+#   --bench     also the subject of bench-position-decode (python3.11-dbg)
 set -eu
 if [ "$(id -u)" -ne 0 ]; then
     echo "install-deps.sh: run as root (it calls apt-get)" >&2
@@ -17,9 +18,13 @@ PACKAGES="
   python3 clang libomp-dev
   chromium-headless-shell
 "
-if [ "${1:-}" = "--compare" ]; then
-    PACKAGES="$PACKAGES linux-perf google-perftools python3.11-dbg xz-utils"
-fi
+for option in "$@"; do
+    case "$option" in
+    --compare) PACKAGES="$PACKAGES linux-perf google-perftools python3.11-dbg xz-utils" ;;
+    --bench) PACKAGES="$PACKAGES python3.11-dbg" ;;
+    *) echo "install-deps.sh: unknown option $option" >&2; exit 2 ;;
+    esac
+done
 missing=""
 for p in $PACKAGES; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

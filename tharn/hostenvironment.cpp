@@ -40,6 +40,15 @@ TharnIdentity identityFromEnvironment(const QProcessEnvironment& environment, co
     return identity;
 }
 
+QString launcherName(const QProcessEnvironment& environment)
+{
+    if (environment.contains(QStringLiteral("OMPI_COMM_WORLD_RANK")))
+        return QStringLiteral("OpenMPI");
+    if (environment.contains(QStringLiteral("PMI_RANK")) || environment.contains(QStringLiteral("PMIX_RANK")))
+        return QStringLiteral("PMI");
+    return QString();
+}
+
 FrontendAddress FrontendAddress::parse(const QString& text)
 {
     FrontendAddress address;

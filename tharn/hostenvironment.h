@@ -9,6 +9,8 @@
 #include "tharn.h"
 
 TharnIdentity identityFromEnvironment(const QProcessEnvironment& environment, const QString& programName);
+// The launcher that started this host ("OpenMPI", "PMI"); empty without one.
+QString launcherName(const QProcessEnvironment& environment);
 
 // A front-end address: "local:PATH" for a local socket, "tcp:HOST:PORT".
 struct FrontendAddress

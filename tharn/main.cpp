@@ -6,9 +6,12 @@
 //
 // ADDRESS is "local:PATH" or "tcp:HOST:PORT"; without --connect it comes
 // from the FRONTEND switch (ZOR_FRONTEND). The host connects, starts the
-// program stopped at main, sends a hello and serves commands until the
-// front-end closes the connection; then it ends the program if it still
-// runs, and exits.
+// program under gdb with the sampler preloaded, stopped at main, sends a
+// hello (with an "error" instead when it can't) and serves commands until
+// the front-end closes the connection; then it ends the program if it still
+// runs, and its gdb, and exits. When the program ends, a targetExit message
+// says how. SIGINT is ignored: the front-end stops a run for the user;
+// SIGTERM and SIGHUP end the host as a closed connection does.
 #include <QCoreApplication>
 #include <QHostInfo>
 #include <QLocalSocket>
@@ -25,6 +28,10 @@
 #include "messagestream.h"
 #include "pluginentry.h"
 #include "quorvexplugins.h"
+#include "gdbdebugger.h"
+#include "platformnames.h"
+#include "quorvexglobals.h"
+#include "shutdownsignals.h"
 #include "tharn.h"
 
 namespace {
@@ -98,8 +105,11 @@ int main(int argc, char** argv)
                 qPrintable(error));
         return 1;
     }
+    ShutdownSignals shutdown;
     MessageStream stream(socket, nullptr);
-    const TharnIdentity identity = identityFromEnvironment(QProcessEnvironment::systemEnvironment(), program.first());
+    const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    const TharnIdentity identity = identityFromEnvironment(environment, program.first());
+    const QString launcher = launcherName(environment);
     Tharn tharn(stream, identity);
     tharn.setLogToStandardError(log);
 
@@ -118,6 +128,22 @@ int main(int argc, char** argv)
         return 1;
     };
 
+    GdbDebugger::Options options;
+    options.preload << QuorvexGlobals::instance().installPath() + QStringLiteral("/libquorvex-sampler.so");
+    GdbDebugger debugger(options);
+    debugger.startupName = identity.rankCount > 1 || !launcher.isEmpty() ? launcher : NoMPIStartup::getName();
+    if (!debugger.start(program, &error))
+        return fail(error);
+    hello.insert(QString::fromLatin1(HelloKeys::TargetPid), debugger.targetPid());
+    hello.insert(QString::fromLatin1(HelloKeys::DebuggerPid), debugger.gdbPid());
+    tharn.setDebugger(&debugger);
+    tharn.setTargetPid(debugger.targetPid());
+    tharn.setDebuggerPid(debugger.gdbPid());
+    tharn.setDebuggerRestarter([&] {
+        debugger.restart();
+        tharn.setDebuggerPid(debugger.gdbPid());
+    });
+
     QuorvexTharnPlugin* plugin = loadTharnPlugin(pluginPath, &error);
     if (!plugin)
         return fail(error);
@@ -131,15 +157,28 @@ int main(int argc, char** argv)
         return fail(why);
     }
 
-    // The debugger comes in a later step; until then no target can run.
-    return fail(QStringLiteral("This host has no debugger to start %1 with").arg(program.first()));
+    // A target that ends while it runs free of the debugger ends the run,
+    // so that what was sampled still comes back.
+    QObject::connect(&debugger, &GdbDebugger::targetExited, &tharn, [&](const QString& status) {
+        tharn.logDebug(QStringLiteral("the program %1").arg(status));
+        stream.send(Message::forValues(Message::TargetExit, {{QStringLiteral("status"), status}}));
+        stream.flush();
+        if (debugger.isDetached() && tharn.isTargetMonitoring())
+            tharn.stopRun();
+    });
 
     stream.send(Message::forValues(Message::Hello, hello));
     stream.flush();
+    int exitCode = 0;
     QObject::connect(socket, SIGNAL(disconnected()), &app, SLOT(quit()));
     QObject::connect(&stream, &MessageStream::failed, &app, [&](const QString& reason) {
         fprintf(stderr, "zor-host: %s\n", qPrintable(reason));
-        app.exit(1);
+        exitCode = 1;
+        app.quit();
     });
-    return app.exec();
+    QObject::connect(&shutdown, &ShutdownSignals::received, &app, &QCoreApplication::quit);
+    app.exec();
+    // Whatever is left of the program and its debugger goes with the host.
+    debugger.terminate();
+    return exitCode;
 }

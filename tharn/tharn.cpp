@@ -4,6 +4,7 @@
 #include <exception>
 #include <unistd.h>
 
+#include "constants.h"
 #include "exception.h"
 #include "message.h"
 #include "messagestream.h"
@@ -41,6 +42,12 @@ void Tharn::takeMessages()
             break;
         }
     }
+}
+
+void Tharn::stopRun()
+{
+    Command stop(QString::fromLatin1(CMD_ZOR_STOP), QString::fromLatin1(XML_TARGET_PROFILER));
+    arrive(stop);
 }
 
 TharnMessageHandler* Tharn::handlerFor(const Command& command)

@@ -49,6 +49,9 @@ public:
     // The log goes to standard error, each line with the host's prefix.
     void setLogToStandardError(bool enabled) { mLogToStderr = enabled; }
 
+    // Stops a run as the user's stop does, for a target that has ended.
+    void stopRun();
+
     // Whether a queued command is running or waiting.
     bool isBusy() const { return mRunningQueued || !mQueue.isEmpty(); }
 

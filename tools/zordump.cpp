@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 using namespace quorvex;
 
@@ -98,6 +99,45 @@ void printSample(unsigned index, const SSample& sample)
         printKernelHit(*hit);
 }
 
+// "PATH.modules" beside the data file, written by the sampler: the loaded
+// objects, whose load addresses and build ids turn the frames into
+// functions. An absent file is no error (a file from an older sampler); a
+// damaged one is.
+bool printModules(const std::string& path)
+{
+    FILE* in = fopen(path.c_str(), "r");
+    if (!in)
+        return true;
+    std::vector<std::string> lines;
+    char line[4096];
+    bool good = fgets(line, sizeof line, in) && std::strncmp(line, "# zor modules 1:", 16) == 0;
+    while (good && fgets(line, sizeof line, in)) {
+        unsigned long long address = 0;
+        char buildId[160], state[16];
+        int pathAt = 0;
+        const std::size_t length = std::strlen(line);
+        good = length > 0 && line[length - 1] == '\n'
+            && sscanf(line, "0x%llx %159s %15s %n", &address, buildId, state, &pathAt) == 3 && pathAt > 0
+            && (std::strcmp(state, "loaded") == 0 || std::strcmp(state, "added") == 0
+                || std::strcmp(state, "removed") == 0);
+        if (good) {
+            line[length - 1] = '\0';
+            lines.push_back(std::string(line + pathAt) + " at 0x" + QString::number(address, 16).toStdString()
+                            + ", build id " + buildId + (std::strcmp(state, "loaded") == 0 ? "" : std::string(", ") + state
+                                                                                                       + " during the run"));
+        }
+    }
+    fclose(in);
+    if (!good) {
+        fprintf(stderr, "zor-dump: %s: not a module list of the sampler\n", path.c_str());
+        return false;
+    }
+    printf("modules: %zu\n", lines.size());
+    for (const std::string& text : lines)
+        printf("module %s\n", text.c_str());
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -153,5 +193,5 @@ int main(int argc, char** argv)
         printFrames(bt->trace());
     }
     delete list;
-    return 0;
+    return printModules(std::string(path) + ".modules") ? 0 : 1;
 }

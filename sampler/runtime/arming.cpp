@@ -3,6 +3,7 @@
 // outside signal handlers and may allocate.
 #include "clock.h"
 #include "dispositions.h"
+#include "modules.h"
 #include "procparse.h"
 #include "reserve.h"
 #include "quorvex_sampler.h"
@@ -136,6 +137,49 @@ quorvex::SamplerConfig defaultConfig()
     return config;
 }
 
+void setPaths(const char* path)
+{
+    State& s = gState;
+    std::strcpy(s.path, path);
+    std::strcpy(s.runningPath, path);
+    std::strcat(s.runningPath, ".running");
+    std::strcpy(s.mpiPath, path);
+    std::strcat(s.mpiPath, ".mpi");
+    std::strcpy(s.errorsPath, path);
+    std::strcat(s.errorsPath, ".errorMessages");
+    std::strcpy(s.modulesPath, path);
+    std::strcat(s.modulesPath, ".modules");
+}
+
+// The data file emptied, and the side files of an earlier run under the
+// same name, which would be taken for this run's, taken away.
+bool claimDataFile()
+{
+    State& s = gState;
+    const int out = open(s.path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out < 0)
+        return false;
+    close(out);
+    unlink(s.mpiPath);
+    unlink(s.errorsPath);
+    unlink(s.modulesPath);
+    return true;
+}
+
+// ".running", holding the process id.
+bool createRunningFile()
+{
+    State& s = gState;
+    const int running = open(s.runningPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (running < 0)
+        return false;
+    quorvex::SafeMessage pidText;
+    pidText.dec(s.pid).str("\n");
+    pidText.writeTo(running);
+    close(running);
+    return true;
+}
+
 // Whether ".running" at `path` belongs to a process that still samples into
 // the same files. One left by a process that is gone (killed by SIGKILL, or
 // ended before the sampler could finish) is taken away.
@@ -178,6 +222,102 @@ bool createTimer(int tid, timer_t& timer)
 }
 
 } // namespace
+
+bool makeOutputPath(const char* pattern, pid_t pid, int image, char* out, std::size_t size)
+{
+    quorvex::SafeMessage id;
+    id.dec(pid);
+    if (image > 0)
+        id.str(".").dec(image);
+    std::size_t length = 0;
+    for (const char* p = pattern; *p; ++p) {
+        const bool isPid = p[0] == '%' && p[1] == 'p';
+        const char* piece = isPid ? id.text() : p;
+        const std::size_t n = isPid ? id.length() : 1;
+        if (length + n >= size)
+            return false;
+        std::memcpy(out + length, piece, n);
+        length += n;
+        p += isPid;
+    }
+    out[length] = '\0';
+    return true;
+}
+
+void rearmInForkChild()
+{
+    State& s = gState;
+    // The parent's timer isn't inherited, and its files aren't ours.
+    s.haveTimer = false;
+    s.forkChild = true;
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || !s.perProcess)
+        return;
+    s.phase.store(PhaseFinished, std::memory_order_release);
+    s.pid = getpid();
+    s.mainTid = currentTid();
+    s.image = 0;
+    char path[PATH_MAX];
+    if (!makeOutputPath(s.pathTemplate, s.pid, 0, path, sizeof path))
+        return;
+    setPaths(path);
+    if (runningFileIsLive(s.runningPath) || !claimDataFile() || !createRunningFile())
+        return;
+
+    // What the parent had taken and asked for is not this process's.
+    s.list->clear();
+    s.pendingCount = 0;
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+        slot->owesAnswer = false;
+        slot->request.store(0, std::memory_order_relaxed);
+    }
+    s.taken = s.skipped = s.missedThreads = s.handlerNs = 0;
+    s.commitStage.store(CommitNone, std::memory_order_relaxed);
+    s.finisherTid.store(0, std::memory_order_relaxed);
+    s.intervalMs = s.initialIntervalMs;
+    // /proc/self as the parent opened it is the parent's.
+    const bool statm = s.statm.isOpen(), io = s.io.isOpen();
+    s.statm.close();
+    s.io.close();
+    if (statm)
+        s.statm.open("/proc/self/statm");
+    if (io)
+        s.io.open("/proc/self/io");
+    s.start = zs_now(CLOCK_MONOTONIC);
+    s.lastSample = s.start;
+    s.mainLastCpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
+    recordModulesAtStart();
+    takeMetricBaselines();
+    if (!createTimer(s.mainTid, s.timer)) {
+        unlink(s.runningPath);
+        return;
+    }
+    s.haveTimer = true;
+    quorvex_sampling_finished = 0;
+    s.phase.store(PhaseArmed, std::memory_order_release);
+    setTimer(s.intervalMs, s.startOffsetMs > 0 ? s.startOffsetMs : s.intervalMs);
+}
+
+int finishBeforeExec()
+{
+    State& s = gState;
+    if (getpid() != s.pid)
+        return 0;
+    const int phase = s.phase.load(std::memory_order_acquire);
+    if (phase == PhaseArmed && s.forkChild && s.taken == 0) {
+        // A child that execs at once: the new image starts the files of
+        // this process id, not a file with nothing in it.
+        s.phase.store(PhaseFinished, std::memory_order_release);
+        if (s.haveTimer)
+            timer_delete(s.timer);
+        s.haveTimer = false;
+        unlink(s.path);
+        unlink(s.runningPath);
+        return s.image;
+    }
+    if (phase == PhaseArmed)
+        finish(QUORVEX_STOP_PROGRAM_ENDED, false);
+    return s.phase.load(std::memory_order_acquire) == PhaseFinished ? s.image + 1 : s.image;
+}
 
 void moveTimerOffThisThread()
 {
@@ -226,13 +366,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
     if (!settings.path || !*settings.path || std::strlen(settings.path) >= PATH_MAX)
         return fail(QUORVEX_SAMPLER_BAD_ARGUMENTS, "the output path is empty or too long");
 
-    std::strcpy(s.path, settings.path);
-    std::strcpy(s.runningPath, settings.path);
-    std::strcat(s.runningPath, ".running");
-    std::strcpy(s.mpiPath, settings.path);
-    std::strcat(s.mpiPath, ".mpi");
-    std::strcpy(s.errorsPath, settings.path);
-    std::strcat(s.errorsPath, ".errorMessages");
+    setPaths(settings.path);
 
     quorvex::SamplerConfig config;
     if (!readConfigFile) {
@@ -245,19 +379,14 @@ int arm(const ArmSettings& settings, bool readConfigFile)
 
     if (runningFileIsLive(s.runningPath))
         return fail(QUORVEX_SAMPLER_RUNNING_FILE, std::string(s.runningPath) + " exists already");
-    const int out = open(s.path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (out < 0)
+    if (!claimDataFile())
         return fail(QUORVEX_SAMPLER_BAD_OUTPUT, std::string("can't write ") + s.path + ": " + strerror(errno));
-    close(out);
-    // Side files of an earlier run under the same name would be taken for
-    // this run's.
-    unlink(s.mpiPath);
-    unlink(s.errorsPath);
 
     s.pid = getpid();
     s.mainTid = currentTid();
     s.allThreads = settings.allThreads;
     s.intervalMs = settings.intervalMs;
+    s.initialIntervalMs = settings.intervalMs;
     s.startOffsetMs = settings.startOffsetMs;
     s.stopOffsetMs = settings.stopOffsetMs;
     s.threadsPerSample = settings.allThreads
@@ -333,13 +462,9 @@ int arm(const ArmSettings& settings, bool readConfigFile)
         slot->lastWall = s.start;
     }
 
-    const int running = open(s.runningPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (running < 0)
+    if (!createRunningFile())
         return fail(QUORVEX_SAMPLER_RUNNING_FILE, std::string("can't create ") + s.runningPath + ": " + strerror(errno));
-    quorvex::SafeMessage pidText;
-    pidText.dec(s.pid).str("\n");
-    pidText.writeTo(running);
-    close(running);
+    recordModulesAtStart();
     // After the sampler's own writing, which is not the program's.
     takeMetricBaselines();
 

@@ -5,6 +5,7 @@
 #include "clock.h"
 #include "mpihooks.h"
 #include "regions.h"
+#include "modules.h"
 #include "quorvex_sampler.h"
 #include "runtime.h"
 #include "samplerfile.h"
@@ -59,9 +60,9 @@ void writeSamplesUpTo(int fd, const quorvex::SamplerFileHeader& header, unsigned
 
 void reportFileError(const char* what, const char* path)
 {
-    quorvex::SafeMessage message;
-    message.str("zor sampler: can't write ").str(what).str(" ").str(path).str(" (error ").dec(errno).str(")\n");
-    message.writeTo(2);
+    quorvex::SafeMessage message = logLine();
+    message.str("can't write ").str(what).str(" ").str(path).str(" (error ").dec(errno).str(")\n");
+    writeLog(message);
 }
 
 // Writes the data file, ".errorMessages" and ".mpi" (with no records when
@@ -99,9 +100,9 @@ void writeResults(int stopReason, int stage)
             // One sample is getting a thread's backtrace.
             writeSamplesUpTo(fd, header, s.list->size(), s.sampleBeingAddedTo);
         } else if (stage == CommitThinning) {
-            quorvex::SafeMessage message;
-            message.str("zor sampler: stopped while the sample list was being thinned; no samples are kept\n");
-            message.writeTo(2);
+            quorvex::SafeMessage message = logLine();
+            message.str("stopped while the sample list was being thinned; no samples are kept\n");
+            writeLog(message);
             writeSamplesUpTo(fd, header, 0, UINT_MAX);
         } else {
             quorvex::quorvex_write_sampler_file_header(fd, header);
@@ -128,6 +129,9 @@ void writeResults(int stopReason, int stage)
     } else {
         reportFileError("the MPI figures", s.mpiPath);
     }
+
+    if (!writeModulesFile(s.modulesPath))
+        reportFileError("the module list", s.modulesPath);
 
     unlink(s.runningPath);
 }

@@ -20,6 +20,9 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <poll.h>
+#include <spawn.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
@@ -37,7 +40,8 @@
 #define ZS_FOR_EACH_REAL(X) \
     X(pthread_create) X(sigaction) X(pthread_sigmask) X(sigprocmask) X(_exit) X(_Exit) X(nanosleep) \
     X(clock_nanosleep) X(pause) X(sigsuspend) X(sigtimedwait) X(poll) X(ppoll) X(select) X(pselect) \
-    X(epoll_wait) X(epoll_pwait) X(msgsnd) X(msgrcv) X(semop) X(semtimedop) X(signalfd) X(pthread_exit)
+    X(epoll_wait) X(epoll_pwait) X(msgsnd) X(msgrcv) X(semop) X(semtimedop) X(signalfd) X(pthread_exit) \
+    X(execve) X(execvpe) X(fexecve) X(posix_spawn) X(posix_spawnp)
 
 /* The next definition of each after this library. */
 #define ZS_DECLARE_REAL(name) static __typeof__(&name) real_##name;
@@ -241,6 +245,105 @@ ZS_EXPORT void pthread_exit(void* value)
     zs_before_thread_exit();
     real_pthread_exit(value);
     __builtin_unreachable();
+}
+
+/* ---- exec and spawn ----
+ * The results are written before an exec, and the program started finds a
+ * mark in its environment that says who started it (see process.cpp). The
+ * C library's own exec functions call execve without passing through here,
+ * so each is stood in front of. */
+
+extern char** environ;
+
+/* Calls `call` with the environment to pass in `env_`, keeping errno. */
+#define ZS_WITH_EXEC_ENV(file, search, envp, same, call)                   \
+    do {                                                                   \
+        char** prepared_ = zs_prepare_exec((file), (search), (envp), (same)); \
+        char* const* env_ = prepared_ ? prepared_ : (envp);               \
+        const int result_ = (call);                                        \
+        const int error_ = errno;                                          \
+        free(prepared_);                                                   \
+        errno = error_;                                                    \
+        return result_;                                                    \
+    } while (0)
+
+ZS_EXPORT int execve(const char* path, char* const argv[], char* const envp[])
+{
+    ZS_REAL(execve);
+    ZS_WITH_EXEC_ENV(path, 0, envp, 1, real_execve(path, argv, env_));
+}
+
+ZS_EXPORT int execvpe(const char* file, char* const argv[], char* const envp[])
+{
+    ZS_REAL(execvpe);
+    ZS_WITH_EXEC_ENV(file, 1, envp, 1, real_execvpe(file, argv, env_));
+}
+
+ZS_EXPORT int execv(const char* path, char* const argv[])
+{
+    return execve(path, argv, environ);
+}
+
+ZS_EXPORT int execvp(const char* file, char* const argv[])
+{
+    return execvpe(file, argv, environ);
+}
+
+ZS_EXPORT int fexecve(int fd, char* const argv[], char* const envp[])
+{
+    ZS_REAL(fexecve);
+    char path[64];
+    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    ZS_WITH_EXEC_ENV(path, 0, envp, 1, real_fexecve(fd, argv, env_));
+}
+
+/* The arguments of execl and friends as an array: `first`, then the
+ * variadic ones up to the null. */
+#define ZS_COLLECT_ARGS(first, last_named, argv)     \
+    size_t count_ = 1;                               \
+    va_list args_;                                   \
+    va_start(args_, last_named);                     \
+    while (va_arg(args_, const char*))               \
+        ++count_;                                    \
+    va_end(args_);                                   \
+    char* argv[count_ + 1];                          \
+    argv[0] = (char*)(first);                        \
+    va_start(args_, last_named);                     \
+    for (size_t i_ = 1; i_ <= count_; ++i_)          \
+        argv[i_] = va_arg(args_, char*);             \
+    char* const* after_ __attribute__((unused)) = va_arg(args_, char* const*); \
+    va_end(args_);
+
+ZS_EXPORT int execl(const char* path, const char* arg, ...)
+{
+    ZS_COLLECT_ARGS(arg, arg, argv)
+    return execve(path, argv, environ);
+}
+
+ZS_EXPORT int execlp(const char* file, const char* arg, ...)
+{
+    ZS_COLLECT_ARGS(arg, arg, argv)
+    return execvpe(file, argv, environ);
+}
+
+ZS_EXPORT int execle(const char* path, const char* arg, ...)
+{
+    ZS_COLLECT_ARGS(arg, arg, argv)
+    return execve(path, argv, after_);
+}
+
+ZS_EXPORT int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                          const posix_spawnattr_t* attr, char* const argv[], char* const envp[])
+{
+    ZS_REAL(posix_spawn);
+    ZS_WITH_EXEC_ENV(path, 0, envp, 0, real_posix_spawn(pid, path, actions, attr, argv, env_));
+}
+
+ZS_EXPORT int posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_actions_t* actions,
+                           const posix_spawnattr_t* attr, char* const argv[], char* const envp[])
+{
+    ZS_REAL(posix_spawnp);
+    ZS_WITH_EXEC_ENV(file, 1, envp, 0, real_posix_spawnp(pid, file, actions, attr, argv, env_));
 }
 
 ZS_EXPORT void _exit(int status)

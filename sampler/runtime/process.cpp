@@ -5,6 +5,7 @@
 #include "runtime.h"
 #include "samplerconfig.h"
 #include "samplerstate.h"
+#include "procparse.h"
 #include "sampling.h"
 
 #include <climits>
@@ -19,6 +20,10 @@ namespace {
 
 const char OUTPUT_VARIABLE[] = "ZOR_SAMPLER_OUTPUT";
 const char OPTIONS_VARIABLE[] = "ZOR_SAMPLER_OPTIONS";
+// Set by the sampler in the environment it passes to exec and spawn:
+// "PID.IMAGE", the process that started the program and the number that
+// the new program image takes if that process is its own.
+const char EXEC_VARIABLE[] = "ZOR_SAMPLER_EXEC";
 
 struct Options
 {
@@ -35,6 +40,7 @@ Options readOptions()
     if (!text)
         return options;
     std::string all(text);
+    std::string ignored;
     std::size_t pos = 0;
     while (pos < all.size()) {
         std::size_t end = all.find_first_of(", ", pos);
@@ -61,11 +67,13 @@ Options readOptions()
             options.stopMs = static_cast<unsigned int>(value);
         else if (good && name == "debug")
             gState.debugLog = value != 0;
-        else {
-            quorvex::SafeMessage message;
-            message.str("zor sampler: ignoring \"").str(item.c_str()).str("\" in ").str(OPTIONS_VARIABLE).str("\n");
-            message.writeTo(2);
-        }
+        else
+            ignored += " \"" + item + "\"";
+    }
+    if (!ignored.empty()) {
+        quorvex::SafeMessage message = logLine();
+        message.str("ignoring").str(ignored.c_str()).str(" in ").str(OPTIONS_VARIABLE).str("\n");
+        writeLog(message);
     }
     return options;
 }
@@ -73,29 +81,51 @@ Options readOptions()
 void startStandalone(const Options& options, const char* output)
 {
     // "%p" stands for the process id, so that the children of the program,
-    // which inherit the variable, write files of their own; without it the
-    // variable is taken out of the environment, and only this process is
-    // sampled.
-    std::string path(output);
-    const bool perProcess = path.find("%p") != std::string::npos;
-    for (std::size_t at = path.find("%p"); at != std::string::npos; at = path.find("%p", at))
-        path.replace(at, 2, std::to_string(getpid()));
-    if (!perProcess)
-        unsetenv(OUTPUT_VARIABLE);
-
-    const ArmSettings settings = {options.numSamples, options.intervalMs, path.c_str(), true, options.startMs,
+    // which inherit the variable, write files of their own; a later program
+    // image of the same process (after exec) adds its number. Without "%p"
+    // only the first image of the first process samples: the programs that
+    // a sampled process starts find the mark it leaves in their environment.
+    State& s = gState;
+    std::uint64_t markPid = 0, markImage = 0;
+    const char* mark = getenv(EXEC_VARIABLE);
+    const char* rest = mark ? parseDecimal(mark, markPid) : nullptr;
+    const bool marked = rest && *rest == '.' && parseDecimal(rest + 1, markImage);
+    s.perProcess = std::strstr(output, "%p") != nullptr;
+    if (!s.perProcess && marked) {
+        quorvex::SafeMessage message = logLine();
+        message.str("not sampling: started by a sampled process, and ").str(OUTPUT_VARIABLE).str(" has no %p\n");
+        writeLog(message);
+        return;
+    }
+    s.image = marked && markPid == static_cast<std::uint64_t>(getpid()) && markImage < 1000000
+        ? static_cast<int>(markImage)
+        : 0;
+    char path[PATH_MAX];
+    if (std::strlen(output) >= sizeof s.pathTemplate
+        || !makeOutputPath(output, getpid(), s.image, path, sizeof path)) {
+        quorvex::SafeMessage message = logLine();
+        message.str("not sampling: the output path is too long\n");
+        writeLog(message);
+        return;
+    }
+    std::strcpy(s.pathTemplate, output);
+    const ArmSettings settings = {options.numSamples, options.intervalMs, path, true, options.startMs,
                                   options.stopMs};
     if (arm(settings, false) != QUORVEX_SAMPLER_OK) {
-        quorvex::SafeMessage message;
-        message.str("zor sampler: not sampling: ").str(quorvex_sampler_error).str("\n");
-        message.writeTo(2);
+        // Most often a program that a sampled one started, while that one
+        // still samples into the same files: nothing for the program's
+        // standard error.
+        quorvex::SafeMessage message = logLine();
+        message.str("not sampling: ").str(quorvex_sampler_error).str("\n");
+        writeLog(message);
     }
 }
 
 void onForkChild()
 {
-    // The child has only the thread that forked; it never samples and never
-    // writes the parent's files.
+    // The child has only the thread that forked; it never writes the
+    // parent's files, and samples into files of its own if their names have
+    // "%p".
     resetAfterFork();
     resetSignalsAfterFork();
     ThreadSlot* self = currentSlot();
@@ -105,6 +135,7 @@ void onForkChild()
     }
     if (self)
         self->tid.store(currentTid(), std::memory_order_relaxed);
+    rearmInForkChild();
 }
 
 __attribute__((constructor)) void onLoad()
@@ -130,6 +161,33 @@ __attribute__((destructor)) void onUnload()
         finish(QUORVEX_STOP_PROGRAM_ENDED, false);
 }
 
+// The image number that a program started by exec takes.
+int gNextImage;
+
+// Whether exec of `file` can succeed: a file that can be run, found in PATH
+// when `searchPath` and it has no slash.
+bool isRunnable(const char* file, bool searchPath)
+{
+    if (!file || !*file)
+        return false;
+    if (!searchPath || std::strchr(file, '/'))
+        return access(file, X_OK) == 0;
+    const char* path = getenv("PATH");
+    std::string dirs = path ? path : "/bin:/usr/bin";
+    std::size_t start = 0;
+    for (;;) {
+        const std::size_t end = dirs.find(':', start);
+        std::string dir = dirs.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        if (dir.empty())
+            dir = ".";
+        if (access((dir + "/" + file).c_str(), X_OK) == 0)
+            return true;
+        if (end == std::string::npos)
+            return false;
+        start = end + 1;
+    }
+}
+
 } // namespace
 
 } // namespace zorsampler
@@ -140,4 +198,38 @@ extern "C" void zs_before_immediate_exit(void)
 {
     if (gState.phase.load(std::memory_order_acquire) == PhaseArmed && getpid() == gState.pid)
         finish(QUORVEX_STOP_PROGRAM_ENDED, false);
+}
+
+// The environment for a program that exec or spawn starts, with the mark
+// that tells it who started it; null to keep `envp` as it is. Before an
+// exec (`sameProcess`) of a file that can be run, the results are written
+// first. The array is the caller's to free.
+extern "C" char** zs_prepare_exec(const char* file, int searchPath, char* const envp[], int sameProcess)
+{
+    if (sameProcess && isRunnable(file, searchPath != 0))
+        gNextImage = finishBeforeExec();
+    if (!envp)
+        return nullptr;
+    std::size_t count = 0;
+    bool sampled = false;
+    const std::size_t markLength = sizeof EXEC_VARIABLE - 1;
+    for (; envp[count]; ++count)
+        sampled = sampled || std::strncmp(envp[count], "ZOR_SAMPLER_OUTPUT=", 19) == 0;
+    if (!sampled)
+        return nullptr;
+    quorvex::SafeMessage mark;
+    mark.str(EXEC_VARIABLE).str("=").dec(getpid()).str(".").dec(sameProcess ? gNextImage : 0);
+    char** result = static_cast<char**>(std::malloc((count + 2) * sizeof(char*) + mark.length() + 1));
+    if (!result)
+        return nullptr;
+    char* markText = reinterpret_cast<char*>(result + count + 2);
+    std::memcpy(markText, mark.text(), mark.length() + 1);
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (!(std::strncmp(envp[i], EXEC_VARIABLE, markLength) == 0 && envp[i][markLength] == '='))
+            result[n++] = envp[i];
+    }
+    result[n++] = markText;
+    result[n] = nullptr;
+    return result;
 }

@@ -54,6 +54,10 @@ int zs_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*sta
 /* pthread_exit: the sampler's part of the thread's end. */
 void zs_before_thread_exit(void) ZS_HIDDEN;
 
+/* The environment for exec and spawn, and the results written before an
+ * exec: see process.cpp. */
+char** zs_prepare_exec(const char* file, int searchPath, char* const envp[], int sameProcess) ZS_HIDDEN;
+
 /* _exit and _Exit: the results are written first, as at a normal exit. */
 void zs_before_immediate_exit(void) ZS_HIDDEN;
 

@@ -5,7 +5,7 @@
 // process.cpp, capi.cpp, dispositions.cpp, threads.cpp, interpose.c.
 // Handler files (only what is async-signal-safe: no heap, no locks, no
 // stdio): samplehandler.cpp, finishhandler.cpp, fatalhandler.cpp, signalhandler.cpp,
-// unwind.cpp, procmetrics.cpp, procparse.cpp, clock.h.
+// unwind.cpp, procmetrics.cpp, procparse.cpp, modules.cpp, clock.h.
 #ifndef ZOR_SAMPLER_SAMPLERSTATE_H
 #define ZOR_SAMPLER_SAMPLERSTATE_H
 
@@ -88,10 +88,21 @@ struct State
     int threadsPerSampleOption;
     unsigned long boundaryIp;
 
+    // What ZOR_SAMPLER_OUTPUT named, "%p" and all, for the files of the
+    // children of fork; whether it has "%p"; which program image of this
+    // process this is (0 for the first, 1 after one exec, ...); whether
+    // this process is a child that fork made of a sampled one.
+    char pathTemplate[PATH_MAX];
+    bool perProcess;
+    int image;
+    bool forkChild;
+    int initialIntervalMs;
+
     char path[PATH_MAX];
     char runningPath[PATH_MAX + 16];
     char mpiPath[PATH_MAX + 16];
     char errorsPath[PATH_MAX + 16];
+    char modulesPath[PATH_MAX + 16];
     char ompThreads[256];
     bool haveOmpThreads;
 
@@ -192,6 +203,17 @@ struct ArmSettings
 // Arms sampling; a QUORVEX_SAMPLER_* code. The metrics come from the
 // configuration at the path when `readConfigFile`, else the default ones.
 int arm(const ArmSettings& settings, bool readConfigFile);
+
+// In a child made by fork of a process that samples into files named with
+// "%p": the child starts files of its own. Only async-signal-safe calls.
+void rearmInForkChild();
+// Before exec: the results are written, unless this is a child of fork
+// that took no sample yet, whose files are taken away. The number of the
+// next program image of this process.
+int finishBeforeExec();
+// `pattern` with every "%p" replaced by the process id, followed by
+// ".IMAGE" for a later program image of the process. False if too long.
+bool makeOutputPath(const char* pattern, pid_t pid, int image, char* out, std::size_t size);
 
 // The thread that the timer's signal goes to is ending: another live
 // thread takes the samples from now on.

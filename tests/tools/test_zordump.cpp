@@ -69,3 +69,36 @@ TEST(ZorDump, BadFilesGiveTheReadersMessageAndFail)
     EXPECT_NE(out.find("incompatible older version of the sampler libraries (699, 700 required)"), std::string::npos)
         << out;
 }
+
+// The module list beside the data file is printed after it; a damaged one
+// fails the dump.
+TEST(ZorDump, PrintsTheModuleListBesideTheFile)
+{
+    SampleFileBuilder builder(8, 2, 5);
+    builder.addRandom(RandomSampleShape());
+    TempFile file;
+    builder.writeTo(file);
+    const std::string modules = file.path() + ".modules";
+    const struct
+    {
+        const char* text;
+        int status;
+        const char* shown;
+    } cases[] = {
+        {"# zor modules 1: load address, build id, loaded|added|removed, path\n"
+         "0x55d0c0de0000 0a1b2c loaded /usr/bin/my program\n0x7f0000001000 - added /lib/libz.so.1\n",
+         0, "modules: 2\nmodule /usr/bin/my program at 0x55d0c0de0000, build id 0a1b2c\n"
+            "module /lib/libz.so.1 at 0x7f0000001000, build id -, added during the run\n"},
+        {"# zor modules 1: x\n0x1000 - moved /lib/a.so\n", 1, "not a module list"},
+        {"something else\n", 1, "not a module list"},
+    };
+    for (const auto& c : cases) {
+        FILE* out = fopen(modules.c_str(), "w");
+        fputs(c.text, out);
+        fclose(out);
+        const auto [status, text] = dump(file.path());
+        EXPECT_EQ(status, c.status) << text;
+        EXPECT_NE(text.find(c.shown), std::string::npos) << text;
+    }
+    remove(modules.c_str());
+}

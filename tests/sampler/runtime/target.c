@@ -19,14 +19,23 @@
  *   sigwait        the main thread blocks every signal and waits for them in
  *                  sigwait and through a signalfd while a worker is busy
  *   main-exit      the main thread leaves with pthread_exit; two busy
- *                  workers go on, the last one prints the result */
+ *                  workers go on, the last one prints the result
+ *   exec           busy, then execs itself in mode exec-done, which loads
+ *                  libz and is busy again
+ *   fork-children  two children of fork alone, busy
+ *   children       as a shell: children that fork and exec, a program
+ *                  spawned, and one that starts its program after the
+ *                  parent has ended; all in mode quiet-busy, which prints
+ *                  nothing */
 #define _GNU_SOURCE
 #include "quorvex_sampler.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -454,6 +463,64 @@ static void run_main_exit(void)
     pthread_exit(NULL);
 }
 
+/* ---- exec and children ---- */
+
+static const char self[] = "/proc/self/exe";
+
+static void run_exec(void)
+{
+    burn_ms(200);
+    execl(self, self, "exec-done", (char*)NULL);
+    CHECK(0, "exec failed: %s", strerror(errno));
+}
+
+static void run_fork_children(void)
+{
+    pid_t children[2];
+    for (int i = 0; i < 2; ++i) {
+        children[i] = fork();
+        if (children[i] == 0) {
+            burn_ms(200);
+            if (i)
+                exit(0);
+            _exit(0);
+        }
+    }
+    for (int i = 0; i < 2; ++i) {
+        int status = 1;
+        waitpid(children[i], &status, 0);
+        CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0, "child %d ended badly", i);
+    }
+}
+
+static void run_children(void)
+{
+    burn_ms(100);
+    for (int i = 0; i < 2; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            execl(self, self, "quiet-busy", (char*)NULL);
+            _exit(127);
+        }
+        int status = 1;
+        waitpid(child, &status, 0);
+        CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0, "child %d ended badly", i);
+    }
+    extern char** environ;
+    char* argv[] = {(char*)self, (char*)"quiet-busy", NULL};
+    pid_t spawned;
+    int status = 1;
+    CHECK(posix_spawn(&spawned, self, NULL, NULL, argv, environ) == 0 && waitpid(spawned, &status, 0) == spawned
+              && WIFEXITED(status) && WEXITSTATUS(status) == 0,
+          "the spawned program failed");
+    if (fork() == 0) {
+        usleep(300000);
+        execl(self, self, "quiet-busy", (char*)NULL);
+        _exit(127);
+    }
+    burn_ms(100);
+}
+
 int main(int argc, char** argv)
 {
     const char* mode = argc > 1 ? argv[1] : "";
@@ -475,9 +542,24 @@ int main(int argc, char** argv)
         run_sigwait();
     else if (argc == 2 && strcmp(mode, "main-exit") == 0)
         run_main_exit();
+    else if (argc == 2 && strcmp(mode, "exec") == 0)
+        run_exec();
+    else if (argc == 2 && strcmp(mode, "exec-done") == 0) {
+        /* An object loaded during the run, for the module list. */
+        CHECK(dlopen("libz.so.1", RTLD_NOW) != NULL, "can't load libz: %s", dlerror());
+        burn_ms(200);
+    }
+    else if (argc == 2 && strcmp(mode, "fork-children") == 0)
+        run_fork_children();
+    else if (argc == 2 && strcmp(mode, "children") == 0)
+        run_children();
+    else if (argc == 2 && strcmp(mode, "quiet-busy") == 0) {
+        burn_ms(100);
+        return 0;
+    }
     else {
         fprintf(stderr, "usage: target eintr | handlers | fork RUNNING | threads | stop PATH | stop-offset PATH"
-                        " | die segv|abort|wait | masked | sigwait | main-exit\n");
+                        " | die segv|abort|wait | masked | sigwait | main-exit | exec | fork-children | children\n");
         return 2;
     }
     if (failures == 0)

@@ -414,6 +414,65 @@ TEST(SamplerRun, EveryThreadIsSampledWhateverItsMask)
     }
 }
 
+// Every file in `dir`.
+std::set<std::string> filesIn(const TempDir& dir)
+{
+    std::set<std::string> names;
+    for (const QString& name : QDir(dir.dir.path()).entryList(QDir::Files))
+        names.insert(name.toStdString());
+    return names;
+}
+
+// A program image that exec starts writes a file of its own with "%p", as
+// does a child of fork alone; without "%p" the programs that a sampled
+// process starts, even after it has ended, sample nothing and say nothing.
+TEST(SamplerRun, ExecAndChildrenWriteFilesOfTheirOwnOrNone)
+{
+    const struct
+    {
+        const char* mode;
+        const char* output;
+        std::size_t dataFiles;
+    } cases[] = {{"exec", "run.%p", 2}, {"fork-children", "run.%p", 3}, {"children", "run", 1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.mode);
+        TempDir dir;
+        const ProgramRun run = runSampled({ZOR_TARGET, c.mode}, {"ZOR_SAMPLER_OUTPUT=" + dir.file(c.output),
+                                                                 "ZOR_SAMPLER_OPTIONS=interval=2"});
+        EXPECT_EQ(run.exitCode, 0) << run.describe();
+        EXPECT_EQ(run.out, "ok\n");
+        EXPECT_EQ(run.err, "");
+        usleep(700000); // the child that starts after its parent has ended
+        std::set<std::string> data;
+        for (const std::string& name : filesIn(dir)) {
+            EXPECT_EQ(name.find(".running"), std::string::npos) << name;
+            if (std::regex_match(name, std::regex("run(\\.[0-9]+)*")))
+                data.insert(name);
+        }
+        EXPECT_EQ(data.size(), c.dataFiles);
+        const std::string pid = std::to_string(run.pid);
+        if (std::string(c.mode) == "exec") {
+            EXPECT_EQ(data, (std::set<std::string>{"run." + pid, "run." + pid + ".1"}));
+        }
+        for (const std::string& name : data) {
+            const SampleFile file = readSampleFile(dir.file(name));
+            ASSERT_TRUE(file.list) << name;
+            EXPECT_GT(file.list->size(), 5u) << name;
+            // The program and the C library with their build ids, and
+            // what the program loaded during the run.
+            const std::string modules = readText(dir.file(name + ".modules"));
+            EXPECT_TRUE(std::regex_search(modules, std::regex("\n0x[0-9a-f]+ [0-9a-f]{40} loaded /\\S*/zor-test-target\n")))
+                << modules;
+            EXPECT_TRUE(std::regex_search(modules, std::regex("\n0x[0-9a-f]+ [0-9a-f]{40} loaded /\\S*/libc\\.so\\.6\n")))
+                << modules;
+            const bool loadsLibz = name.size() > 2 && name.compare(name.size() - 2, 2, ".1") == 0;
+            EXPECT_EQ(std::regex_search(modules, std::regex("\n0x[0-9a-f]+ [0-9a-f]+ added /\\S*/libz\\.so[.0-9]*\n")),
+                      loadsLibz)
+                << modules;
+        }
+    }
+}
+
 // ---- driven through the functions the back-end calls ----
 
 void writeConfig(const std::string& path)

@@ -1,0 +1,40 @@
+// The instruction cache's Disassembler over the code bytes of the target's
+// files, decoded by Capstone in AT&T syntax (mnemonics with size suffixes,
+// as the instruction tables hold them).
+#ifndef ZOR_SYMBOLDISASSEMBLER_H
+#define ZOR_SYMBOLDISASSEMBLER_H
+
+#include <cstddef>
+
+#include "disassembler.h"
+
+class SymbolTable;
+
+class SymbolDisassembler : public Disassembler
+{
+public:
+    // `symbols` stays the caller's and must outlive this.
+    SymbolDisassembler(SymbolTable& symbols, int id);
+    ~SymbolDisassembler() override;
+
+    // Length 0: the whole function around `start`, by its symbol's bounds.
+    // Otherwise the bytes from `start` on, up to `length` or the first
+    // byte that isn't an instruction. `*end` is where decoding stopped, 0
+    // when there was no code there.
+    QMap<unsigned long long, Instruction> disassemble(unsigned long long start, long long length,
+                                                      unsigned long long* end) override;
+    int id() override { return mId; }
+    Position position(unsigned long long address) override;
+
+    // Decodes `size` bytes placed at `address`; `*end` as above.
+    QMap<unsigned long long, Instruction> decode(const unsigned char* bytes, size_t size,
+                                                 unsigned long long address, unsigned long long* end);
+
+private:
+    SymbolTable& mSymbols;
+    int mId;
+    size_t mHandle;
+    bool mOpen;
+};
+
+#endif

@@ -1,0 +1,84 @@
+// Addresses of a process to functions, source lines and inlined callers,
+// read from its ELF files and their DWARF, and the code bytes of those files.
+// Works from a list of mapped files, so it answers for a live process and,
+// given the list kept from it, for one that is gone.
+#ifndef ZOR_SYMBOLTABLE_H
+#define ZOR_SYMBOLTABLE_H
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+#include "debuggertypes.h"
+
+#include <memory>
+#include <unordered_map>
+
+struct Dwfl;
+
+struct SymbolPosition
+{
+    QString function;
+    QString file;
+    int line = 0;
+    // The address lies in a named function.
+    bool hasSymbol = false;
+};
+
+// A function's extent: [start, end).
+struct FunctionBounds
+{
+    unsigned long long start = 0;
+    unsigned long long end = 0;
+    QString name;
+};
+
+class SymbolTable
+{
+public:
+    SymbolTable();
+    ~SymbolTable();
+    SymbolTable(const SymbolTable&) = delete;
+    SymbolTable& operator=(const SymbolTable&) = delete;
+
+    // The files mapped into process `pid`, each with the range of all its
+    // mappings, from /proc. Empty when the process can't be read.
+    static QList<SharedLibrary> mappedFiles(int pid);
+    // The same from the text of a maps file.
+    static QList<SharedLibrary> parseMaps(const QByteArray& maps);
+
+    // Replaces the modules by the files of `libraries`; a file that can't
+    // be read is left out and named in `problems`.
+    void setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems = nullptr);
+    QList<SharedLibrary> libraries() const { return mLibraries; }
+
+    // The position of exactly `address`. With inlined code, the position
+    // is that of the inlined function, and `inlinedCallers` gets the
+    // functions it was inlined into, innermost first, each at the line of
+    // the call.
+    SymbolPosition position(unsigned long long address, QList<SymbolPosition>* inlinedCallers = nullptr);
+    // The function around `address` by the ELF symbol table; false outside any.
+    bool functionBounds(unsigned long long address, FunctionBounds* bounds);
+    // Where the function `name` starts; false when no module defines it.
+    bool functionAddress(const QString& name, unsigned long long* address);
+    // Up to `length` bytes of code from the files at `address`, fewer where
+    // the code section ends; empty outside any.
+    QByteArray code(unsigned long long address, unsigned long long length);
+
+private:
+    struct UnitIndex;
+    // `cu` is the unit's Dwarf_Die.
+    const UnitIndex& unitIndex(void* cu);
+
+    Dwfl* mDwfl;
+    QList<SharedLibrary> mLibraries;
+    // The functions of each compilation unit by address, built on first
+    // use: a lookup is then a binary search, not a walk of the unit.
+    std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;
+    std::unordered_map<const char*, QString> mFileNames;
+};
+
+// The demangled form of a C++ symbol; the name itself when it isn't one.
+QString demangledName(const QString& name);
+
+#endif

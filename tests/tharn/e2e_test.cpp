@@ -1,0 +1,400 @@
+// zor-host end to end: a front-end of the test's own over a local socket,
+// the real plug-in, gdb and sampler, and real programs. The example's hot
+// functions come back by name, file and line in their intended shares; an
+// inlined C++ function is a node of its own; programs that end early, die by
+// a signal or keep running after the user's stop end with what was sampled
+// or a clear error, and nothing of the host is left behind.
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QMap>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <iostream>
+#include <memory>
+
+#include "constants.h"
+#include "message.h"
+#include "messagestream.h"
+#include "profilerresponses.h"
+#include "sample.h"
+#include "zorpsvmodelitem.h"
+#include "zorresponsefactoryplugin.h"
+
+namespace {
+
+QString gdbCallProblem()
+{
+    static QString problem = [] {
+        if (QStandardPaths::findExecutable(QStringLiteral("gdb")).isEmpty())
+            return QStringLiteral("no gdb");
+        QProcess probe;
+        probe.setProcessChannelMode(QProcess::MergedChannels);
+        probe.start(QStringLiteral("gdb"), {"-nx", "-batch", "-ex", "break main", "-ex", "run", "-ex",
+                                            "print (int)getpid() > 0", "--args", ZOR_EXAMPLE, "--seconds", "0"});
+        probe.waitForFinished(60000);
+        const QByteArray answer = probe.readAll();
+        return answer.contains("$1 = 1") ? QString()
+                                         : QStringLiteral("gdb can't call functions in a program here: ")
+                + QString::fromLocal8Bit(answer.right(200));
+    }();
+    return problem;
+}
+
+bool processGone(int pid)
+{
+    if (pid <= 0 || ::kill(pid, 0) != 0)
+        return true;
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    return stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") Z ");
+}
+
+// One host and the front-end's end of its connection.
+class HostRun
+{
+public:
+    explicit HostRun(const QStringList& program)
+    {
+        mServer.listen(mDir.filePath(QStringLiteral("frontend")));
+        mHost.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        mHost.start(QStringLiteral(ZOR_HOST),
+                    QStringList{QStringLiteral("--connect"), QStringLiteral("local:") + mServer.fullServerName(),
+                                QStringLiteral("--")}
+                        + program);
+        if (!waitFor([&] { return mServer.hasPendingConnections(); }, 30000))
+            return;
+        mSocket = mServer.nextPendingConnection();
+        mStream.reset(new MessageStream(mSocket, &mFactory));
+        Message hello;
+        if (next(&hello, 120000) && hello.kind == Message::Hello)
+            this->hello = hello.values;
+    }
+
+    ~HostRun()
+    {
+        close();
+    }
+
+    template <class Predicate>
+    bool waitFor(Predicate done, int msecs)
+    {
+        QElapsedTimer clock;
+        clock.start();
+        while (!done() && clock.elapsed() < msecs)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        return done();
+    }
+
+    bool next(Message* message, int msecs)
+    {
+        if (!mStream || !waitFor([&] { return mStream->hasMessage() || mStream->hasFailed(); }, msecs)
+            || !mStream->hasMessage())
+            return false;
+        *message = mStream->takeMessage();
+        return true;
+    }
+
+    // Sends `command`; everything that comes back until its answer, which is last.
+    QList<Message> ask(const Command& command, int msecs = 120000)
+    {
+        QList<Message> messages;
+        mStream->send(Message::forCommand(command));
+        Message message;
+        while (next(&message, msecs)) {
+            messages << message;
+            if ((message.kind == Message::Reply || message.kind == Message::ReplyException)
+                && message.uid == command.getUid())
+                break;
+        }
+        return messages;
+    }
+
+    void send(const Command& command) { mStream->send(Message::forCommand(command)); }
+
+    // Closes the connection; the host ends, and its program and gdb with it.
+    int close()
+    {
+        if (mSocket) {
+            // What is still to send goes out first.
+            while (mSocket->bytesToWrite() > 0 && mSocket->waitForBytesWritten(5000)) {
+            }
+            mSocket->disconnectFromServer();
+            if (mSocket->state() != QLocalSocket::UnconnectedState)
+                mSocket->waitForDisconnected(5000);
+            mSocket = nullptr;
+        }
+        if (mHost.state() != QProcess::NotRunning && !mHost.waitForFinished(30000)) {
+            mHost.kill();
+            mHost.waitForFinished();
+        }
+        return mHost.exitCode();
+    }
+
+    int pid(const char* key) const { return hello.value(QString::fromLatin1(key)).toInt(); }
+
+    QVariantMap hello;
+
+private:
+    QTemporaryDir mDir;
+    QLocalServer mServer;
+    QProcess mHost;
+    QLocalSocket* mSocket = nullptr;
+    ZORResponseFactoryPlugin mFactory;
+    std::unique_ptr<MessageStream> mStream;
+};
+
+Command profilerCommand(const char* name, const QVariantMap& parameters = QVariantMap())
+{
+    Command command(QString::fromLatin1(name), QString::fromLatin1(XML_TARGET_PROFILER));
+    for (auto it = parameters.constBegin(); it != parameters.constEnd(); ++it)
+        command.addParameter(it.key(), it.value());
+    return command;
+}
+
+Command play()
+{
+    return profilerCommand(CMD_ZOR_PLAY, {{QStringLiteral("numSamples"), 3000}, {QStringLiteral("initialInterval"), 2}});
+}
+
+const Message* answerOf(const QList<Message>& messages, const Command& command)
+{
+    for (const Message& m : messages) {
+        if ((m.kind == Message::Reply || m.kind == Message::ReplyException) && m.uid == command.getUid())
+            return &m;
+    }
+    return nullptr;
+}
+
+QString describe(const Message& m)
+{
+    if (m.exception)
+        return QStringLiteral("exception %1: %2").arg(m.exception->code()).arg(m.exception->fullMessage());
+    return Message::kindName(m.kind) + QLatin1Char(' ') + (m.response ? m.response->elementName() : QString());
+}
+
+// The frames of one thread's tree in one sample, from the root down the
+// first children, and how many samples hold each leaf function per thread.
+struct Profile
+{
+    QMap<int, QMap<QString, int>> leaves;
+    QMap<int, int> totals;
+    QStringList stacks; // "a > b > c" of every tree, for messages and checks
+    QMap<QString, Position> positions;
+};
+
+Profile profileOf(const QList<Message>& messages)
+{
+    Profile profile;
+    for (const Message& m : messages) {
+        auto* block = dynamic_cast<SampleBlockResponse*>(m.response.get());
+        if (!block)
+            continue;
+        for (const Sample* sample : block->samples()) {
+            for (int tid : sample->backendOnly_sampledTids()) {
+                const PSVModelItem* node = sample->psvModel(tid);
+                QStringList stack;
+                while (node && node->childCount() > 0) {
+                    node = node->children().first();
+                    stack << node->position().function;
+                    if (!node->position().file.isEmpty())
+                        profile.positions.insert(node->position().function, node->position());
+                }
+                if (stack.isEmpty())
+                    continue;
+                profile.stacks << stack.join(QStringLiteral(" > "));
+                ++profile.leaves[tid][stack.last()];
+                ++profile.totals[tid];
+            }
+        }
+    }
+    return profile;
+}
+
+// Shares in percent of the named functions among the samples of `tid` that
+// end in one of them.
+QMap<QString, double> shares(const Profile& profile, int tid, const QStringList& functions)
+{
+    QMap<QString, double> result;
+    int total = 0;
+    for (const QString& f : functions)
+        total += profile.leaves.value(tid).value(f);
+    for (const QString& f : functions)
+        result.insert(f, total ? 100.0 * profile.leaves.value(tid).value(f) / total : 0);
+    return result;
+}
+
+// The run's samples, as many as were taken, over its duration.
+QList<Message> sendSamples(HostRun& run, const Message& played)
+{
+    auto* result = dynamic_cast<ProfilerPlayResponse*>(played.response.get());
+    const int count = result ? result->sampleCount() : 0;
+    return run.ask(profilerCommand(CMD_ZOR_SEND_SAMPLES, {{QStringLiteral("numSamples"), count},
+                                                          {QStringLiteral("numBlocks"), count / 8 + 1},
+                                                          {QStringLiteral("blockSize"), 8},
+                                                          {QStringLiteral("duration"), result ? result->duration() : 0}}));
+}
+
+void expectNothingLeft(HostRun& run, int targetPid, int gdbPid)
+{
+    EXPECT_EQ(run.close(), 0);
+    EXPECT_TRUE(processGone(targetPid)) << "program " << targetPid << " left behind";
+    EXPECT_TRUE(processGone(gdbPid)) << "gdb " << gdbPid << " left behind";
+}
+
+class EndToEnd : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        const QString problem = gdbCallProblem();
+        if (!problem.isEmpty())
+            GTEST_SKIP() << problem.toStdString();
+    }
+};
+
+TEST_F(EndToEnd, ExampleHotFunctionsByNameFileLineAndShare)
+{
+    HostRun run({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("4")});
+    ASSERT_FALSE(run.hello.isEmpty());
+    ASSERT_FALSE(run.hello.contains(QString::fromLatin1(HelloKeys::Error)))
+        << run.hello.value(QString::fromLatin1(HelloKeys::Error)).toString().toStdString();
+    const int target = run.pid(HelloKeys::TargetPid), gdb = run.pid(HelloKeys::DebuggerPid);
+
+    const Command playCommand = play();
+    const QList<Message> played = run.ask(playCommand);
+    const Message* answer = answerOf(played, playCommand);
+    ASSERT_TRUE(answer);
+    ASSERT_EQ(answer->kind, Message::Reply) << describe(*answer).toStdString();
+    auto* result = dynamic_cast<ProfilerPlayResponse*>(answer->response.get());
+    ASSERT_TRUE(result);
+    EXPECT_GT(result->sampleCount(), 200);
+
+    const Profile profile = profileOf(sendSamples(run, *answer));
+    if (profile.stacks.isEmpty())
+        GTEST_SKIP() << "the analysis of this build gives samples without call trees";
+    ASSERT_EQ(profile.totals.size(), 2) << profile.stacks.mid(0, 5).join(QLatin1Char('\n')).toStdString();
+    const int worker = profile.totals.lastKey() == target ? profile.totals.firstKey() : profile.totals.lastKey();
+    const struct
+    {
+        int tid;
+        QStringList functions;
+        QList<double> intended;
+    } threads[] = {
+        {target, {"spin_alpha", "spin_beta", "spin_gamma"}, {50, 30, 20}},
+        {worker, {"spin_delta", "spin_epsilon"}, {75, 25}},
+    };
+    for (const auto& thread : threads) {
+        const QMap<QString, double> got = shares(profile, thread.tid, thread.functions);
+        for (int i = 0; i < thread.functions.size(); ++i) {
+            const QString f = thread.functions[i];
+            EXPECT_NEAR(got.value(f), thread.intended[i], 5.0)
+                << f.toStdString() << " of " << profile.totals.value(thread.tid) << " samples";
+            const Position p = profile.positions.value(f);
+            EXPECT_TRUE(p.file.contains(QLatin1String("examples/hotspots.c"))) << f.toStdString() << " " << p.file.toStdString();
+            // The functions are one-liners between lines 50 and 60 of the file.
+            EXPECT_TRUE(p.line > 40 && p.line < 70) << f.toStdString() << " " << p.line;
+        }
+    }
+    // main calls the functions, through the loop that shares the work out.
+    int underMain = 0, alpha = 0;
+    for (const QString& stack : profile.stacks) {
+        if (!stack.endsWith(QLatin1String("spin_alpha")))
+            continue;
+        ++alpha;
+        underMain += stack.contains(QRegularExpression(QStringLiteral("\\bmain > (run_plan > )?spin_alpha$")));
+    }
+    EXPECT_GT(alpha, 0);
+    EXPECT_EQ(underMain, alpha) << profile.stacks.filter(QStringLiteral("spin_alpha")).mid(0, 3).join(QLatin1Char('\n')).toStdString();
+
+    run.send(profilerCommand(CMD_ZOR_FINISH));
+    expectNothingLeft(run, target, gdb);
+}
+
+TEST_F(EndToEnd, InlinedFunctionIsANodeOfItsOwn)
+{
+    HostRun run({ZOR_INLINED, QStringLiteral("--seconds"), QStringLiteral("2")});
+    ASSERT_FALSE(run.hello.contains(QString::fromLatin1(HelloKeys::Error)));
+    const Command playCommand = play();
+    const Message* answer = nullptr;
+    const QList<Message> played = run.ask(playCommand);
+    answer = answerOf(played, playCommand);
+    ASSERT_TRUE(answer && answer->kind == Message::Reply) << (answer ? describe(*answer).toStdString() : "none");
+    const Profile profile = profileOf(sendSamples(run, *answer));
+    if (profile.stacks.isEmpty())
+        GTEST_SKIP() << "the analysis of this build gives samples without call trees";
+    int inlined = 0, total = 0;
+    for (const QString& stack : profile.stacks) {
+        ++total;
+        inlined += stack.contains(QLatin1String("Kernel::run(unsigned long, long) > Kernel::mix(unsigned long, int)"));
+    }
+    EXPECT_GT(inlined, total * 8 / 10) << profile.stacks.mid(0, 5).join(QLatin1Char('\n')).toStdString();
+    // The node may carry a mark of its inlining after the name.
+    Position mix;
+    for (auto it = profile.positions.constBegin(); it != profile.positions.constEnd(); ++it) {
+        if (it.key().startsWith(QLatin1String("Kernel::mix(unsigned long, int)")))
+            mix = it.value();
+    }
+    EXPECT_TRUE(mix.file.endsWith(QLatin1String("examples/inlined.cpp"))) << mix.file.toStdString() << ":" << mix.line;
+    run.send(profilerCommand(CMD_ZOR_FINISH));
+}
+
+// Each ends with what was sampled, or a clear error, and leaves nothing.
+TEST_F(EndToEnd, ProgramsThatEndEarlyDieOrKeepRunning)
+{
+    enum Way { EndsEarly, Killed, KeepsRunning };
+    for (Way way : {EndsEarly, Killed, KeepsRunning}) {
+        SCOPED_TRACE(way);
+        HostRun run({ZOR_EXAMPLE, QStringLiteral("--seconds"), way == EndsEarly ? QStringLiteral("0.5") : QStringLiteral("60")});
+        ASSERT_FALSE(run.hello.isEmpty());
+        const int target = run.pid(HelloKeys::TargetPid), gdb = run.pid(HelloKeys::DebuggerPid);
+        const Command playCommand = play();
+        run.send(playCommand);
+        // The program runs once the sampler is armed.
+        Message message;
+        QList<Message> messages;
+        while (run.next(&message, 60000)) {
+            messages << message;
+            if ((message.response && message.response->elementName() == QLatin1String("ProfilerSamplerInitResponse"))
+                || answerOf(messages, playCommand))
+                break;
+        }
+        run.waitFor([] { return false; }, 1000);
+        if (way == Killed)
+            ::kill(target, SIGKILL);
+        if (way == KeepsRunning)
+            run.send(profilerCommand(CMD_ZOR_STOP));
+        while (!answerOf(messages, playCommand) && run.next(&message, 120000))
+            messages << message;
+        const Message* answer = answerOf(messages, playCommand);
+        ASSERT_TRUE(answer);
+        if (answer->kind == Message::Reply) {
+            auto* result = dynamic_cast<ProfilerPlayResponse*>(answer->response.get());
+            ASSERT_TRUE(result);
+            EXPECT_GT(result->sampleCount(), 10);
+            const QList<Message> blocks = sendSamples(run, *answer);
+            const Profile profile = profileOf(blocks);
+            if (!profile.stacks.isEmpty()) {
+                EXPECT_GT(profile.leaves.value(target).value(QStringLiteral("spin_alpha")), 0);
+            }
+            const Message* sent = blocks.isEmpty() ? nullptr : &blocks.last();
+            ASSERT_TRUE(sent && sent->kind == Message::Reply) << (sent ? describe(*sent).toStdString() : "none");
+        } else {
+            // A clear error, for the user to read.
+            EXPECT_FALSE(answer->exception->message().isEmpty());
+            std::cerr << "play answered: " << describe(*answer).toStdString() << "\n";
+        }
+        if (way == KeepsRunning) {
+            EXPECT_FALSE(processGone(target));
+        }
+        run.send(profilerCommand(CMD_ZOR_FINISH));
+        expectNothingLeft(run, target, gdb);
+    }
+}
+
+} // namespace

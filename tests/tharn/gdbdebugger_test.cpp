@@ -1,0 +1,277 @@
+// The real debugger on zor-example with the sampler preloaded: stopped at
+// main, calls into the program, variables and strings, threads, positions
+// and disassembly without gdb, detach and reattach, a program that dies
+// while detached, and clear errors for what can't start.
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <memory>
+
+#include "constants.h"
+#include "debuggertypes.h"
+#include "exception.h"
+#include "gdbdebugger.h"
+#include "miparser.h"
+#include "platformnames.h"
+
+namespace {
+
+// Empty where gdb can run a program and call functions in it; otherwise why
+// not (tracing forbidden, or gdb 13 on a CPU with AMX state).
+QString gdbCallProblem()
+{
+    static QString problem = [] {
+        if (QStandardPaths::findExecutable(QStringLiteral("gdb")).isEmpty())
+            return QStringLiteral("no gdb");
+        QProcess probe;
+        probe.setProcessChannelMode(QProcess::MergedChannels);
+        probe.start(QStringLiteral("gdb"), {"-nx", "-batch", "-ex", "break main", "-ex", "run", "-ex",
+                                            "print (int)getpid() > 0", "--args", ZOR_EXAMPLE, "--seconds", "0"});
+        probe.waitForFinished(60000);
+        const QByteArray answer = probe.readAll();
+        return answer.contains("$1 = 1") ? QString()
+                                         : QStringLiteral("gdb can't call functions in a program here: ")
+                + QString::fromLocal8Bit(answer.right(200));
+    }();
+    return problem;
+}
+
+bool processGone(int pid)
+{
+    if (::kill(pid, 0) != 0)
+        return true;
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    return stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") Z ");
+}
+
+Command debuggerCommand(const char* name)
+{
+    return Command(QString::fromLatin1(name), QString::fromLatin1(XML_TARGET_DEBUGGER));
+}
+
+TEST(MiParser, RecordsAndValues)
+{
+    const struct
+    {
+        const char* line;
+        const char* expected;
+    } cases[] = {
+        {"12^done,value=\"700\"", "^12 done value=700"},
+        {"^error,msg=\"No symbol \\\"x\\\" in current context.\"", "^-1 error msg=No symbol \"x\" in current context."},
+        {"*stopped,reason=\"exited\",exit-code=\"01\"", "*-1 stopped reason=exited exit-code=01"},
+        {"~\"a\\tb\\n\\303\\251\"", "~ a\tb\n\u00e9"},
+        {"(gdb) ", "-"},
+        {"5^done,threads=[{id=\"1\",target-id=\"Thread 0x7f (LWP 42)\"},{id=\"2\"}],current-thread-id=\"1\"",
+         "^5 done threads=[id=1 target-id=Thread 0x7f (LWP 42);id=2] current-thread-id=1"},
+        {"^done,stack=[frame={level=\"1\",addr=\"0x401000\"}]", "^-1 done stack=[frame:level=1 addr=0x401000]"},
+        {"^done,value=\"unterminated", "-"},
+    };
+    for (const auto& c : cases) {
+        MiRecord record;
+        QString text = QStringLiteral("-");
+        if (parseMiLine(c.line, &record)) {
+            if (record.type == '~')
+                text = QStringLiteral("~ ") + record.stream;
+            else {
+                text = QStringLiteral("%1%2 %3").arg(QLatin1Char(record.type)).arg(record.token).arg(record.className);
+                for (const auto& item : record.results.items) {
+                    text += QLatin1Char(' ') + item.first + QLatin1Char('=');
+                    if (item.second.kind == MiValue::String) {
+                        text += item.second.text;
+                        continue;
+                    }
+                    QStringList entries;
+                    for (const auto& entry : item.second.items) {
+                        QStringList fields;
+                        for (const auto& field : entry.second.items)
+                            fields << field.first + QLatin1Char('=') + field.second.text;
+                        entries << (entry.first.isEmpty() ? QString() : entry.first + QLatin1Char(':'))
+                                + fields.join(QLatin1Char(' '));
+                    }
+                    text += QLatin1Char('[') + entries.join(QLatin1Char(';')) + QLatin1Char(']');
+                }
+            }
+        }
+        EXPECT_EQ(text.toStdString(), c.expected) << c.line;
+    }
+}
+
+TEST(GdbDebugger, WhatCantStartSaysWhy)
+{
+    QTemporaryDir dir;
+    const QString text = dir.filePath(QStringLiteral("notes.txt"));
+    QFile file(text);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("not a program\n");
+    file.close();
+    const struct
+    {
+        QString gdb;
+        QStringList program;
+        QStringList preload;
+        const char* reason;
+    } cases[] = {
+        {QStringLiteral("/nonexistent/gdb"), {ZOR_EXAMPLE}, {}, "was not found"},
+        {QStringLiteral("gdb"), {QStringLiteral("/nonexistent/program")}, {}, "does not exist"},
+        {QStringLiteral("gdb"), {text}, {}, "is not executable"},
+        {QStringLiteral("gdb"), {ZOR_EXAMPLE}, {QStringLiteral("/nonexistent/libx.so")}, "can't be read"},
+    };
+    for (const auto& c : cases) {
+        GdbDebugger::Options options;
+        options.gdb = c.gdb;
+        options.preload = c.preload;
+        GdbDebugger debugger(options);
+        QString error;
+        EXPECT_FALSE(debugger.start(c.program, &error));
+        EXPECT_TRUE(error.contains(QLatin1String(c.reason))) << error.toStdString();
+    }
+}
+
+TEST(GdbDebugger, DrivesARealProgram)
+{
+    const QString problem = gdbCallProblem();
+    if (!problem.isEmpty())
+        GTEST_SKIP() << problem.toStdString();
+    GdbDebugger::Options options;
+    options.preload << QStringLiteral(ZOR_SAMPLER_LIBRARY);
+    options.echoFds[0] = options.echoFds[1] = -1;
+    options.timeoutMs = 60000;
+    GdbDebugger debugger(options);
+    QString error;
+    ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
+        << error.toStdString();
+    const int pid = debugger.targetPid();
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
+
+    // Stopped at main, with the sampler in the program and not in gdb.
+    EXPECT_FALSE(debugger.mainFrameBoundaryIp().isEmpty());
+    EXPECT_EQ(debugger.mainFunctionName(), QStringLiteral("main"));
+    const unsigned long long init = debugger.getAddressValue(QStringLiteral("&quorvex_init_sampler_now"));
+    EXPECT_NE(init, 0u);
+    EXPECT_EQ(debugger.getAddressValue(QStringLiteral("&no_such_function_anywhere")), 0u);
+    for (int pid : {debugger.gdbPid(), pid}) {
+        QFile environment(QStringLiteral("/proc/%1/environ").arg(pid));
+        ASSERT_TRUE(environment.open(QIODevice::ReadOnly));
+        EXPECT_EQ(environment.readAll().contains("LD_PRELOAD=" ZOR_SAMPLER_LIBRARY), pid != debugger.gdbPid());
+    }
+
+    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
+    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("no_such_function_anywhere()")), QString());
+    EXPECT_EQ(debugger.readTargetString(QStringLiteral("quorvex_sampler_error"), QStringLiteral("x"), 1), QString());
+    debugger.setTargetVariable(QStringLiteral("quorvex_sampler_error[0]"), QStringLiteral("'Z'"));
+    EXPECT_EQ(debugger.readTargetString(QStringLiteral("quorvex_sampler_error"), QString(), 1), QStringLiteral("Z"));
+    EXPECT_EQ(debugger.readTargetString(QStringLiteral("no_such_variable"), QStringLiteral("d"), 1),
+              QStringLiteral("d"));
+    EXPECT_THROW(debugger.setTargetVariable(QStringLiteral("no_such_variable"), QStringLiteral("1")), Exception*);
+    debugger.setSignalDisposition(QStringLiteral("SIGSEGV"), QString::fromLatin1(DispositionStrings::IgnoreDisposition));
+    debugger.setSignalDisposition(QStringLiteral("SIGSEGV"), QString::fromLatin1(DispositionStrings::DefaultDisposition));
+
+    Command getThreads = debuggerCommand(CMD_GET_THREADS);
+    std::unique_ptr<ThreadsResponse> threads(debugger.handleGetThreads(getThreads, 0));
+    ASSERT_EQ(threads->getNumThreads(), 1);
+    EXPECT_EQ(threads->getActiveThread().uniqueId(), pid);
+
+    // Positions and code come from the files, gdb isn't asked.
+    const unsigned long long alpha = debugger.getAddressValue(QStringLiteral("&spin_alpha"));
+    QList<PositionResponse*> inlined;
+    std::unique_ptr<PositionResponse> position(debugger.positionOfAddress(alpha, 0, &inlined));
+    EXPECT_EQ(position->function, QStringLiteral("spin_alpha"));
+    EXPECT_TRUE(position->file.endsWith(QLatin1String("examples/hotspots.c"))) << position->file.toStdString();
+    EXPECT_GT(position->line, 0);
+    EXPECT_TRUE(inlined.isEmpty());
+    std::unique_ptr<PositionResponse> function(debugger.positionOfFunction(QStringLiteral("spin_beta")));
+    ASSERT_TRUE(function);
+    EXPECT_EQ(function->function, QStringLiteral("spin_beta"));
+    unsigned long long end = 0;
+    const QMap<unsigned long long, Instruction> code = debugger.disassembleRange(alpha + 1, 0, &end);
+    ASSERT_FALSE(code.isEmpty());
+    EXPECT_EQ(code.firstKey(), alpha);
+    EXPECT_GT(end, alpha);
+    EXPECT_EQ(debugger.demangleName(QStringLiteral("_ZN3foo3barEi")), QStringLiteral("foo::bar(int)"));
+    bool libcSeen = false;
+    for (const SharedLibrary& library : debugger.sharedLibraries())
+        libcSeen = libcSeen || library.path().contains(QLatin1String("libc.so"));
+    EXPECT_TRUE(libcSeen);
+
+    // Detached, the program runs and starts its worker; attached again, it
+    // stands still with both threads, the main one known by the same id.
+    Command detach = debuggerCommand(CMD_DETACH);
+    delete debugger.handleCommand(detach);
+    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::Detached));
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 300)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    Command reattach = debuggerCommand(CMD_REATTACH);
+    delete debugger.handleCommand(reattach);
+    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
+    threads.reset(debugger.handleGetThreads(getThreads, 0));
+    ASSERT_EQ(threads->getNumThreads(), 2);
+    EXPECT_EQ(threads->getThread(0).uniqueId(), pid);
+    SetThreadCommand second(threads->getThread(1).debuggerId());
+    debugger.handleSetThread(second);
+    threads.reset(debugger.handleGetThreads(getThreads, 0));
+    EXPECT_EQ(threads->getActiveThread().uniqueId(), threads->getThread(1).uniqueId());
+    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
+
+    // A program that dies while detached is noticed without asking.
+    delete debugger.handleCommand(detach);
+    QString exitStatus;
+    QObject::connect(&debugger, &GdbDebugger::targetExited, [&](const QString& status) { exitStatus = status; });
+    ::kill(pid, SIGKILL);
+    clock.restart();
+    while (exitStatus.isEmpty() && clock.elapsed() < 10000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    EXPECT_FALSE(exitStatus.isEmpty());
+    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetGone));
+    try {
+        delete debugger.handleReattach(reattach);
+        ADD_FAILURE() << "reattached to a program that is gone";
+    } catch (Exception* failure) {
+        EXPECT_EQ(failure->code(), int(GdbDebugger::TargetGoneError));
+        delete failure;
+    }
+    // Positions still come from the files kept.
+    QList<SharedLibrary> kept = debugger.sharedLibraries();
+    debugger.keepSharedLibraries(kept);
+    position.reset(debugger.positionOfAddress(alpha, 0, &inlined));
+    EXPECT_EQ(position->function, QStringLiteral("spin_alpha"));
+
+    const int gdb = debugger.gdbPid();
+    debugger.terminate();
+    EXPECT_TRUE(processGone(gdb));
+    EXPECT_TRUE(processGone(pid));
+}
+
+TEST(GdbDebugger, RestartKeepsTheProgramAndEndsItOnTerminate)
+{
+    const QString problem = gdbCallProblem();
+    if (!problem.isEmpty())
+        GTEST_SKIP() << problem.toStdString();
+    GdbDebugger::Options options;
+    options.preload << QStringLiteral(ZOR_SAMPLER_LIBRARY);
+    options.echoFds[0] = options.echoFds[1] = -1;
+    GdbDebugger debugger(options);
+    QString error;
+    ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
+        << error.toStdString();
+    const int pid = debugger.targetPid();
+    const int firstGdb = debugger.gdbPid();
+    debugger.restart();
+    EXPECT_NE(debugger.gdbPid(), firstGdb);
+    EXPECT_TRUE(processGone(firstGdb));
+    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
+    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
+    const int gdb = debugger.gdbPid();
+    debugger.terminate();
+    EXPECT_TRUE(processGone(gdb));
+    EXPECT_TRUE(processGone(pid));
+}
+
+} // namespace

@@ -1,0 +1,756 @@
+#include "gdbdebugger.h"
+
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcessEnvironment>
+#include <QRegularExpression>
+#include <QSocketNotifier>
+#include <QStandardPaths>
+#include <QThread>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "constants.h"
+#include "debuggertypes.h"
+#include "exception.h"
+#include "platformnames.h"
+
+namespace {
+
+// The sampler takes its samples on this signal and on SIGPROF; both reach
+// the target without gdb stopping or saying a word.
+int samplerSignal()
+{
+    return SIGRTMAX - 3;
+}
+
+// gdb's name of a signal given by number.
+QString gdbSignalName(int number)
+{
+    if (number >= SIGRTMIN)
+        return QStringLiteral("SIG%1").arg(number);
+    return QString::fromLatin1(sigabbrev_np(number)).prepend(QStringLiteral("SIG"));
+}
+
+// An argument as the shell that starts the program reads it.
+QString argumentWord(const QString& argument)
+{
+    QString word = argument;
+    word.replace(QLatin1Char('\''), QLatin1String("'\\''"));
+    return QLatin1Char('\'') + word + QLatin1Char('\'');
+}
+
+QString stopEvent(const MiRecord& record, int pid)
+{
+    const QString reason = record.results.str(QStringLiteral("reason"));
+    if (reason == QLatin1String("exited-normally"))
+        return QStringLiteral("[Inferior 1 (process %1) exited normally]\n").arg(pid);
+    if (reason == QLatin1String("exited"))
+        return QStringLiteral("[Inferior 1 (process %1) exited with code %2]\n")
+            .arg(pid)
+            .arg(record.results.str(QStringLiteral("exit-code")));
+    if (reason == QLatin1String("exited-signalled"))
+        return QStringLiteral("Program terminated with signal %1, %2.\n")
+            .arg(record.results.str(QStringLiteral("signal-name")),
+                 record.results.str(QStringLiteral("signal-meaning")));
+    if (reason == QLatin1String("signal-received"))
+        return QStringLiteral("Program received signal %1, %2.\n")
+            .arg(record.results.str(QStringLiteral("signal-name")),
+                 record.results.str(QStringLiteral("signal-meaning")));
+    return QString();
+}
+
+bool isExitReason(const QString& reason)
+{
+    return reason.startsWith(QLatin1String("exited"));
+}
+
+// gdb in a process group of its own, so that a ^C on the terminal reaches
+// the front-end, which stops the run, and not gdb.
+class GdbProcess : public QProcess
+{
+public:
+    using QProcess::QProcess;
+
+protected:
+    void setupChildProcess() override { setpgid(0, 0); }
+};
+
+} // namespace
+
+GdbDebugger::GdbDebugger(const Options& options, QObject* parent)
+    : QObject(parent)
+    , mOptions(options)
+    , mDisassembler(mSymbols, 0)
+{
+    // A target whose gdb is gone comes to this process, which reaps it:
+    // nothing is left behind.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+}
+
+GdbDebugger::~GdbDebugger()
+{
+    terminate();
+    closeChildEnds();
+    for (int fd : mOutput) {
+        if (fd >= 0)
+            ::close(fd);
+    }
+}
+
+void GdbDebugger::fail(int code, const QString& message)
+{
+    throw new Exception(code, message);
+}
+
+bool GdbDebugger::start(const QStringList& program, QString* error)
+{
+    mProgram = program;
+    QString path = program.value(0);
+    if (!path.contains(QLatin1Char('/'))) {
+        const QString found = QStandardPaths::findExecutable(path);
+        if (!found.isEmpty())
+            path = found;
+    }
+    const QFileInfo exe(path);
+    if (!exe.exists()) {
+        *error = QStringLiteral("The program %1 does not exist").arg(program.value(0));
+        return false;
+    }
+    if (!exe.isFile() || !exe.isReadable()) {
+        *error = QStringLiteral("The program %1 can't be read").arg(path);
+        return false;
+    }
+    if (!exe.isExecutable()) {
+        *error = QStringLiteral("The program %1 is not executable").arg(path);
+        return false;
+    }
+    mProgram[0] = exe.absoluteFilePath();
+    for (const QString& library : mOptions.preload) {
+        if (!QFileInfo(library).isReadable()) {
+            *error = QStringLiteral("The library %1 to preload into the program can't be read").arg(library);
+            return false;
+        }
+    }
+
+    // The program's own channels, apart from gdb's: pipes for its output
+    // and a copy of the host's input, left open across exec for gdb to hand
+    // down; this side of the pipes closes on exec.
+    for (int i = 0; i < 2; ++i) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) {
+            *error = QStringLiteral("Can't make a pipe for the program: %1").arg(QString::fromLocal8Bit(strerror(errno)));
+            return false;
+        }
+        mOutput[i] = fds[0];
+        fcntl(mOutput[i], F_SETFL, fcntl(mOutput[i], F_GETFL) | O_NONBLOCK);
+        mChildEnds[i] = fds[1];
+        fcntl(mChildEnds[i], F_SETFD, 0);
+        mOutputNotifiers[i] = new QSocketNotifier(mOutput[i], QSocketNotifier::Read, this);
+        connect(mOutputNotifiers[i], &QSocketNotifier::activated, this, &GdbDebugger::readTargetOutput);
+    }
+    mChildEnds[2] = fcntl(0, F_DUPFD, 3);
+    if (mChildEnds[2] < 0)
+        mChildEnds[2] = ::open("/dev/null", O_RDONLY);
+
+    if (!startGdb(error))
+        return false;
+    try {
+        QStringList words;
+        for (const QString& argument : program.mid(1))
+            words << argumentWord(argument);
+        if (!words.isEmpty())
+            commandOk(QStringLiteral("-exec-arguments ") + words.join(QLatin1Char(' ')));
+        // gdb starts the program through a shell that runs the wrapper; the
+        // wrapper gives the program its channels and, at its exec alone, the
+        // preloaded libraries.
+        QString wrapper = QStringLiteral("/bin/sh -c '");
+        if (!mOptions.preload.isEmpty()) {
+            QStringList preload = mOptions.preload;
+            const QString inherited = QProcessEnvironment::systemEnvironment().value(QStringLiteral("LD_PRELOAD"));
+            if (!inherited.isEmpty())
+                preload << inherited;
+            wrapper += QStringLiteral("LD_PRELOAD=\"%1\" ").arg(preload.join(QLatin1Char(':')));
+        }
+        // By path: a plain sh names no descriptor above 9 in a redirection.
+        wrapper += QStringLiteral("exec \"$0\" \"$@\" </dev/fd/%1 >/dev/fd/%2 2>/dev/fd/%3'")
+                       .arg(mChildEnds[2])
+                       .arg(mChildEnds[0])
+                       .arg(mChildEnds[1]);
+        commandOk(QStringLiteral("-interpreter-exec console ") + miQuote(QStringLiteral("set exec-wrapper ") + wrapper));
+        Answer run = command(QStringLiteral("-exec-run --start"));
+        closeChildEnds();
+        if (run.result.className == QLatin1String("error")) {
+            *error = QStringLiteral("Can't start %1: %2").arg(mProgram[0], run.result.results.str(QStringLiteral("msg")));
+            return false;
+        }
+        waitForStop(&run);
+        if (mTargetGone) {
+            *error = QStringLiteral("%1 ended before main: %2").arg(mProgram[0], run.events.trimmed());
+            return false;
+        }
+        readThreadsAndPid();
+        // The frame above main, which gdb hides unless asked.
+        commandOk(QStringLiteral("-gdb-set backtrace past-main on"));
+        const Answer frames = commandOk(QStringLiteral("-stack-list-frames 1 1"));
+        commandOk(QStringLiteral("-gdb-set backtrace past-main off"));
+        const MiValue stack = frames.result.results[QStringLiteral("stack")];
+        if (!stack.items.isEmpty())
+            mBoundaryIp = stack.items.first().second.str(QStringLiteral("addr"));
+        watchTarget();
+        refreshSymbols();
+    } catch (Exception* failure) {
+        *error = failure->fullMessage();
+        delete failure;
+        return false;
+    }
+    return true;
+}
+
+bool GdbDebugger::startGdb(QString* error)
+{
+    const QString gdb = QFileInfo(mOptions.gdb).isAbsolute() ? mOptions.gdb
+                                                              : QStandardPaths::findExecutable(mOptions.gdb);
+    if (gdb.isEmpty() || !QFileInfo(gdb).isExecutable()) {
+        *error = QStringLiteral("The debugger %1 was not found; scripts/install-deps.sh installs gdb").arg(mOptions.gdb);
+        return false;
+    }
+    mGdb = new GdbProcess(this);
+    mGdb->setProcessChannelMode(QProcess::SeparateChannels);
+    mGdb->start(gdb, {QStringLiteral("--interpreter=mi2"), QStringLiteral("-nx"), QStringLiteral("-q")});
+    if (!mGdb->waitForStarted(30000)) {
+        *error = QStringLiteral("Can't start the debugger %1: %2").arg(gdb, mGdb->errorString());
+        return false;
+    }
+    mGdbBuffer.clear();
+    mBroken = false;
+    try {
+        for (const char* setting :
+             {"confirm off", "pagination off", "width 0", "height 0", "print elements 0", "print repeats 0",
+              "unwindonsignal on", "debuginfod enabled off", "breakpoint pending off"})
+            command(QStringLiteral("-gdb-set ") + QLatin1String(setting));
+        for (const QString& name : {gdbSignalName(samplerSignal()), QStringLiteral("SIGPROF")})
+            commandOk(QStringLiteral("-interpreter-exec console ")
+                      + miQuote(QStringLiteral("handle %1 nostop noprint pass").arg(name)));
+        for (const QString& disposition : qAsConst(mDispositionCommands))
+            commandOk(QStringLiteral("-interpreter-exec console ") + miQuote(disposition));
+        const Answer file = command(QStringLiteral("-file-exec-and-symbols ") + miQuote(mProgram.value(0)));
+        if (file.result.className == QLatin1String("error")) {
+            *error = QStringLiteral("The debugger can't read %1: %2")
+                         .arg(mProgram.value(0), file.result.results.str(QStringLiteral("msg")));
+            return false;
+        }
+    } catch (Exception* failure) {
+        *error = failure->fullMessage();
+        delete failure;
+        return false;
+    }
+    return true;
+}
+
+GdbDebugger::Answer GdbDebugger::command(const QString& text)
+{
+    if (!mGdb || mGdb->state() != QProcess::Running)
+        fail(DebuggerFailed, QStringLiteral("The debugger is not running"));
+    if (mBroken)
+        fail(DebuggerFailed, QStringLiteral("The debugger stopped answering earlier"));
+    const int token = mNextToken++;
+    mGdb->write(QString::number(token).toLatin1() + text.toUtf8() + '\n');
+    Answer answer;
+    QDeadlineTimer deadline(mOptions.timeoutMs);
+    for (;;) {
+        int newline;
+        while ((newline = mGdbBuffer.indexOf('\n')) >= 0) {
+            const QByteArray line = mGdbBuffer.left(newline + 1);
+            mGdbBuffer.remove(0, newline + 1);
+            MiRecord record;
+            if (!parseMiLine(line, &record))
+                continue;
+            if (record.type == '^' && record.token == token) {
+                answer.result = record;
+                if (record.className == QLatin1String("running"))
+                    mStopped = false;
+                return answer;
+            }
+            handleAsync(record, &answer);
+        }
+        readTargetOutput();
+        if (deadline.hasExpired()) {
+            mBroken = true;
+            fail(DebuggerFailed, QStringLiteral("The debugger did not answer within %1 s to: %2")
+                                     .arg(mOptions.timeoutMs / 1000)
+                                     .arg(text));
+        }
+        if (mGdb->state() != QProcess::Running) {
+            mGdb->waitForFinished(1000);
+            fail(DebuggerFailed, QStringLiteral("The debugger ended unexpectedly: %1")
+                                     .arg(QString::fromLocal8Bit(mGdb->readAllStandardError()).trimmed()));
+        }
+        mGdb->waitForReadyRead(int(std::min<qint64>(50, std::max<qint64>(1, deadline.remainingTime()))));
+        mGdbBuffer += mGdb->readAllStandardOutput();
+    }
+}
+
+GdbDebugger::Answer GdbDebugger::commandOk(const QString& text)
+{
+    Answer answer = command(text);
+    if (answer.result.className == QLatin1String("error"))
+        fail(DebuggerFailed, QStringLiteral("%1: %2").arg(text, answer.result.results.str(QStringLiteral("msg"))));
+    return answer;
+}
+
+void GdbDebugger::waitForStop(Answer* answer)
+{
+    QDeadlineTimer deadline(mOptions.timeoutMs);
+    while (!mStopped && !mTargetGone) {
+        int newline;
+        while ((newline = mGdbBuffer.indexOf('\n')) >= 0) {
+            const QByteArray line = mGdbBuffer.left(newline + 1);
+            mGdbBuffer.remove(0, newline + 1);
+            MiRecord record;
+            if (parseMiLine(line, &record))
+                handleAsync(record, answer);
+        }
+        if (mStopped || mTargetGone)
+            break;
+        readTargetOutput();
+        if (deadline.hasExpired()) {
+            mBroken = true;
+            fail(DebuggerFailed, QStringLiteral("The program did not stop within %1 s").arg(mOptions.timeoutMs / 1000));
+        }
+        if (mGdb->state() != QProcess::Running)
+            fail(DebuggerFailed, QStringLiteral("The debugger ended unexpectedly"));
+        mGdb->waitForReadyRead(50);
+        mGdbBuffer += mGdb->readAllStandardOutput();
+    }
+}
+
+void GdbDebugger::handleAsync(const MiRecord& record, Answer* answer)
+{
+    switch (record.type) {
+    case '~':
+        answer->console += record.stream;
+        break;
+    case '@':
+        targetPrinted(record.stream);
+        break;
+    case '*':
+        if (record.className == QLatin1String("running")) {
+            mStopped = false;
+        } else if (record.className == QLatin1String("stopped")) {
+            mStopped = true;
+            answer->events += stopEvent(record, mTargetPid);
+            const QString reason = record.results.str(QStringLiteral("reason"));
+            if (isExitReason(reason))
+                noteTargetGone(stopEvent(record, mTargetPid).trimmed());
+        }
+        break;
+    case '=':
+        // A detach says thread-group-exited too, without an exit code.
+        if (record.className == QLatin1String("thread-group-exited")
+            && !record.results.str(QStringLiteral("exit-code")).isEmpty())
+            noteTargetGone(QStringLiteral("exited with code %1").arg(record.results.str(QStringLiteral("exit-code"))));
+        break;
+    default:
+        break;
+    }
+}
+
+void GdbDebugger::readThreadsAndPid()
+{
+    const Answer groups = commandOk(QStringLiteral("-list-thread-groups"));
+    for (const auto& group : groups.result.results[QStringLiteral("groups")].items) {
+        const int pid = group.second.str(QStringLiteral("pid")).toInt();
+        if (pid > 0) {
+            mTargetPid = pid;
+            break;
+        }
+    }
+    if (mTargetPid <= 0)
+        fail(StartFailed, QStringLiteral("The debugger did not tell the program's process id"));
+}
+
+void GdbDebugger::watchTarget()
+{
+    delete mPidfdNotifier;
+    mPidfdNotifier = nullptr;
+    if (mPidfd >= 0)
+        ::close(mPidfd);
+    mPidfd = int(syscall(SYS_pidfd_open, mTargetPid, 0));
+    if (mPidfd < 0)
+        return;
+    mPidfdNotifier = new QSocketNotifier(mPidfd, QSocketNotifier::Read, this);
+    connect(mPidfdNotifier, &QSocketNotifier::activated, this, &GdbDebugger::pidfdReadable);
+}
+
+void GdbDebugger::pidfdReadable()
+{
+    mPidfdNotifier->setEnabled(false);
+    QString status = QStringLiteral("ended");
+    // A zombie still tells how it ended.
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(mTargetPid));
+    if (stat.open(QIODevice::ReadOnly)) {
+        const QByteArray text = stat.readAll();
+        const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+        // Field 52 of the whole line, the 50th after the name.
+        bool ok = false;
+        const int code = fields.value(49).trimmed().toInt(&ok);
+        if (ok && fields.value(0) == "Z")
+            status = WIFSIGNALED(code) ? QStringLiteral("killed by signal %1").arg(gdbSignalName(WTERMSIG(code)))
+                                       : QStringLiteral("exited with code %1").arg(WEXITSTATUS(code));
+    }
+    noteTargetGone(status);
+}
+
+void GdbDebugger::noteTargetGone(const QString& status)
+{
+    if (mTargetGone)
+        return;
+    mTargetGone = true;
+    mExitStatus = status;
+    readTargetOutput();
+    emit targetExited(status);
+}
+
+void GdbDebugger::readTargetOutput()
+{
+    char buffer[65536];
+    for (int i = 0; i < 2; ++i) {
+        if (mOutput[i] < 0)
+            continue;
+        for (;;) {
+            const ssize_t n = ::read(mOutput[i], buffer, sizeof buffer);
+            if (n == 0) {
+                // Every writer is gone.
+                delete mOutputNotifiers[i];
+                mOutputNotifiers[i] = nullptr;
+                ::close(mOutput[i]);
+                mOutput[i] = -1;
+            }
+            if (n <= 0)
+                break;
+            const int echo = mOptions.echoFds[i];
+            for (ssize_t done = 0; echo >= 0 && done < n;) {
+                const ssize_t w = ::write(echo, buffer + done, size_t(n - done));
+                if (w < 0 && errno == EINTR)
+                    continue;
+                if (w <= 0)
+                    break;
+                done += w;
+            }
+            targetPrinted(QString::fromLocal8Bit(buffer, int(n)));
+        }
+    }
+}
+
+void GdbDebugger::closeChildEnds()
+{
+    for (int& fd : mChildEnds) {
+        if (fd >= 0)
+            ::close(fd);
+        fd = -1;
+    }
+}
+
+void GdbDebugger::refreshSymbols()
+{
+    if (mTargetGone || mTargetPid <= 0)
+        return;
+    const QList<SharedLibrary> files = SymbolTable::mappedFiles(mTargetPid);
+    if (!files.isEmpty() && files != mSymbols.libraries())
+        mSymbols.setLibraries(files);
+    mSymbolsStale = false;
+}
+
+void GdbDebugger::restart()
+{
+    const bool alive = !mTargetGone;
+    if (mGdb && mGdb->state() == QProcess::Running) {
+        try {
+            if (alive && !mDetached)
+                command(QStringLiteral("-target-detach"));
+        } catch (Exception* failure) {
+            delete failure;
+        }
+        mGdb->write("-gdb-exit\n");
+        if (!mGdb->waitForFinished(5000)) {
+            mGdb->kill();
+            mGdb->waitForFinished(5000);
+        }
+    }
+    delete mGdb;
+    mGdb = nullptr;
+    mDetached = true;
+    QString error;
+    if (!startGdb(&error))
+        fail(DebuggerFailed, error);
+    if (alive) {
+        Command reattach(QString::fromLatin1(CMD_REATTACH), QString::fromLatin1(XML_TARGET_DEBUGGER));
+        delete handleReattach(reattach);
+    }
+}
+
+void GdbDebugger::terminate()
+{
+    if (mTargetPid > 0 && !mTargetGone)
+        ::kill(mTargetPid, SIGKILL);
+    if (mGdb) {
+        if (mGdb->state() != QProcess::NotRunning) {
+            mGdb->kill();
+            mGdb->waitForFinished(5000);
+        }
+        delete mGdb;
+        mGdb = nullptr;
+    }
+    // Orphaned by its gdb, the target is this process's child now.
+    if (mTargetPid > 0) {
+        for (int i = 0; i < 500; ++i) {
+            const pid_t reaped = waitpid(mTargetPid, nullptr, WNOHANG);
+            if (reaped == mTargetPid || (reaped < 0 && errno == ECHILD && ::kill(mTargetPid, 0) != 0))
+                break;
+            QThread::msleep(10);
+        }
+        mTargetGone = true;
+    }
+    delete mPidfdNotifier;
+    mPidfdNotifier = nullptr;
+    if (mPidfd >= 0) {
+        ::close(mPidfd);
+        mPidfd = -1;
+    }
+}
+
+Response* GdbDebugger::handleCommand(Command& command)
+{
+    const QString& name = command.name;
+    if (name == QLatin1String(CMD_DETACH))
+        return handleDetach(command);
+    if (name == QLatin1String(CMD_REATTACH))
+        return handleReattach(command);
+    if (name == QLatin1String(CMD_GET_THREADS))
+        return handleGetThreads(command, 0);
+    if (name == QLatin1String(CMD_SET_THREAD)) {
+        handleSetThread(command);
+        return nullptr;
+    }
+    if (name == QLatin1String(CMD_SET_LANGUAGE)) {
+        handleSetLanguage(command);
+        return nullptr;
+    }
+    fail(UnknownCommand, QStringLiteral("The debugger has no command %1").arg(name));
+    return nullptr;
+}
+
+StatusResponse GdbDebugger::currentStatus(int)
+{
+    if (mTargetGone)
+        return StatusResponse(StatusResponse::TargetGone);
+    return StatusResponse(mDetached ? StatusResponse::Detached : StatusResponse::TargetStopped);
+}
+
+ThreadsResponse* GdbDebugger::handleGetThreads(Command&, int)
+{
+    if (mTargetGone || mDetached)
+        return new ThreadsResponse();
+    const Answer info = commandOk(QStringLiteral("-thread-info"));
+    const QString current = info.result.results.str(QStringLiteral("current-thread-id"));
+    static const QRegularExpression lwp(QStringLiteral("(?:LWP|process) (\\d+)"));
+    QList<ThreadResponse> threads;
+    int active = -1;
+    for (const auto& item : info.result.results[QStringLiteral("threads")].items) {
+        const MiValue& thread = item.second;
+        const QString id = thread.str(QStringLiteral("id"));
+        const QRegularExpressionMatch match = lwp.match(thread.str(QStringLiteral("target-id")));
+        const int tid = match.hasMatch() ? match.captured(1).toInt() : 0;
+        if (id == current)
+            active = threads.size();
+        threads.append(ThreadResponse(tid, id.toInt(), tid, thread.str(QStringLiteral("name"))));
+    }
+    return new ThreadsResponse(threads, active);
+}
+
+void GdbDebugger::handleSetThread(Command& command)
+{
+    const int thread = command.getValue(QStringLiteral("thread"), -1).toInt();
+    commandOk(QStringLiteral("-thread-select %1").arg(thread));
+}
+
+Response* GdbDebugger::handleDetach(Command&)
+{
+    if (mTargetGone)
+        return new StatusResponse(StatusResponse::TargetGone);
+    if (!mDetached) {
+        commandOk(QStringLiteral("-target-detach"));
+        mDetached = true;
+        mStopped = false;
+        mSymbolsStale = true;
+    }
+    return new StatusResponse(StatusResponse::Detached);
+}
+
+Response* GdbDebugger::handleReattach(Command&)
+{
+    if (!mDetached)
+        return nullptr;
+    if (mTargetGone)
+        fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
+    Answer attach = command(QStringLiteral("-target-attach %1").arg(mTargetPid));
+    if (attach.result.className == QLatin1String("error")) {
+        if (::kill(mTargetPid, 0) != 0)
+            noteTargetGone(QStringLiteral("ended"));
+        fail(mTargetGone ? TargetGoneError : DebuggerFailed,
+             QStringLiteral("Can't attach to the program again: %1").arg(attach.result.results.str(QStringLiteral("msg"))));
+    }
+    mDetached = false;
+    if (!mStopped)
+        waitForStop(&attach);
+    refreshSymbols();
+    return new StatusResponse(mTargetGone ? StatusResponse::TargetGone : StatusResponse::TargetStopped);
+}
+
+void GdbDebugger::setTargetVariable(const QString& name, const QString& value)
+{
+    if (mTargetGone)
+        fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
+    commandOk(QStringLiteral("-data-evaluate-expression ") + miQuote(name + QLatin1Char('=') + value));
+}
+
+QString GdbDebugger::readTargetString(const QString& name, const QString& defaultValue, int)
+{
+    if (mTargetGone || mDetached)
+        return defaultValue;
+    const Answer answer =
+        command(QStringLiteral("-data-evaluate-expression ") + miQuote(QStringLiteral("(const char*)") + name));
+    if (answer.result.className != QLatin1String("done"))
+        return defaultValue;
+    // 0x7ffff7fc1040 <name> "text"
+    const QByteArray value = answer.result.results.str(QStringLiteral("value")).toUtf8();
+    int quote = value.indexOf('"');
+    QByteArray text;
+    if (quote < 0 || !parseCString(value, &quote, &text))
+        return defaultValue;
+    return QString::fromUtf8(text);
+}
+
+QString GdbDebugger::evaluateExpression(const QString& expression)
+{
+    if (mTargetGone)
+        fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
+    const Answer answer = command(QStringLiteral("-data-evaluate-expression ") + miQuote(expression));
+    const QString printed = answer.console + answer.events;
+    if (answer.result.className == QLatin1String("done"))
+        return printed + answer.result.results.str(QStringLiteral("value"));
+    const QString message = answer.result.results.str(QStringLiteral("msg"));
+    // A function that isn't there has no value at all.
+    if (message.startsWith(QLatin1String("No symbol")))
+        return printed;
+    return printed + message;
+}
+
+unsigned long long GdbDebugger::addressValue(const QString& expression)
+{
+    if (mTargetGone || mDetached)
+        return 0;
+    const Answer answer = command(QStringLiteral("-data-evaluate-expression ")
+                                  + miQuote(QStringLiteral("(unsigned long)(%1)").arg(expression)));
+    if (answer.result.className != QLatin1String("done"))
+        return 0;
+    return answer.result.results.str(QStringLiteral("value")).toULongLong();
+}
+
+QString GdbDebugger::mainFunctionName()
+{
+    // A Fortran program's main program is MAIN__, called from a C main.
+    unsigned long long address = 0;
+    if (mSymbols.functionAddress(QStringLiteral("MAIN__"), &address))
+        return QStringLiteral("MAIN__");
+    return QStringLiteral("main");
+}
+
+void GdbDebugger::setSignalDisposition(const QString& name, const QString& disposition)
+{
+    // Ignored: gdb neither stops nor speaks and the signal goes on to the
+    // target, whose own handler deals with it. Default: gdb's own default.
+    const QString handle = disposition == QLatin1String(DispositionStrings::IgnoreDisposition)
+        ? QStringLiteral("handle %1 nostop noprint pass").arg(name)
+        : QStringLiteral("handle %1 stop print pass").arg(name);
+    mDispositionCommands.removeAll(QStringLiteral("handle %1 nostop noprint pass").arg(name));
+    mDispositionCommands.removeAll(QStringLiteral("handle %1 stop print pass").arg(name));
+    mDispositionCommands << handle;
+    commandOk(QStringLiteral("-interpreter-exec console ") + miQuote(handle));
+}
+
+QList<SharedLibrary> GdbDebugger::sharedLibraries()
+{
+    if (mTargetGone)
+        return mKeptLibraries.isEmpty() ? mSymbols.libraries() : mKeptLibraries;
+    refreshSymbols();
+    return mSymbols.libraries();
+}
+
+void GdbDebugger::keepSharedLibraries(QList<SharedLibrary>& libraries)
+{
+    mKeptLibraries = libraries;
+    if (libraries != mSymbols.libraries())
+        mSymbols.setLibraries(libraries);
+    mSymbolsStale = false;
+}
+
+QString GdbDebugger::demangleName(const QString& name)
+{
+    return demangledName(name);
+}
+
+void GdbDebugger::prepareTarget()
+{
+    refreshSymbols();
+}
+
+PositionResponse* GdbDebugger::positionOfAddress(unsigned long long address, int,
+                                                 QList<PositionResponse*>* inlinedCallers)
+{
+    if (mSymbolsStale)
+        refreshSymbols();
+    QList<SymbolPosition> callers;
+    const SymbolPosition where = mSymbols.position(address, &callers);
+    if (inlinedCallers) {
+        for (const SymbolPosition& caller : callers)
+            inlinedCallers->append(new PositionResponse(caller.function, caller.file, caller.line, caller.hasSymbol));
+    }
+    return new PositionResponse(where.function, where.file, where.line, where.hasSymbol);
+}
+
+PositionResponse* GdbDebugger::positionOfFunction(const QString& name)
+{
+    unsigned long long address = 0;
+    if (!mSymbols.functionAddress(name, &address))
+        return nullptr;
+    const SymbolPosition where = mSymbols.position(address);
+    return new PositionResponse(where.function, where.file, where.line, where.hasSymbol);
+}
+
+QMap<unsigned long long, Instruction> GdbDebugger::disassembleRange(unsigned long long start, long long length,
+                                                                    unsigned long long* end)
+{
+    if (mSymbolsStale)
+        refreshSymbols();
+    return mDisassembler.disassemble(start, length, end);
+}
+
+void GdbDebugger::handleSetLanguage(Command& command)
+{
+    const QString name = command.getValue(QStringLiteral("language")).toString();
+    const LanguageTag tag = Language::internalStringToLanguage(name);
+    if (Language::languageToInternalString(tag) != name)
+        return;
+    static const char* const gdbNames[] = {"auto", "c", "c++", "fortran", "asm", "minimal", "auto"};
+    if (!mTargetGone && !mDetached)
+        commandOk(QStringLiteral("-gdb-set language ") + QLatin1String(gdbNames[tag]));
+    mLanguage = tag;
+}

@@ -1,0 +1,160 @@
+// The product's Debugger: GDB's machine interface for control of the target
+// and calls into it, and the symbol table (libdwfl, Capstone) for positions
+// and disassembly, which need no round trip to gdb.
+//
+// The target writes to pipes of the host, which copies what comes to its own
+// standard output and error, so that gdb's output stays apart from it; it
+// reads the host's standard input. A wrapper shell gives it those and
+// preloads the sampler into it alone, never into gdb or the shell. While the
+// debugger is detached, a pidfd tells when the target ends.
+#ifndef ZOR_GDBDEBUGGER_H
+#define ZOR_GDBDEBUGGER_H
+
+#include <QObject>
+#include <QProcess>
+#include <QStringList>
+#include <memory>
+
+#include "debugger.h"
+#include "miparser.h"
+#include "symboldisassembler.h"
+#include "symboltable.h"
+
+class QSocketNotifier;
+
+class GdbDebugger : public QObject, public Debugger
+{
+    Q_OBJECT
+
+public:
+    // Exception codes of the debugger.
+    enum {
+        StartFailed = 21010,
+        DebuggerFailed = 21011,
+        TargetGoneError = 21012,
+        UnknownCommand = 21013
+    };
+
+    struct Options
+    {
+        QString gdb = QStringLiteral("gdb");
+        // Libraries preloaded into the target, in this order.
+        QStringList preload;
+        // Longest wait for one answer of gdb.
+        int timeoutMs = 120000;
+        // Where the target's standard output and error go besides the
+        // output that is collected; -1 for nowhere.
+        int echoFds[2] = {1, 2};
+    };
+
+    explicit GdbDebugger(const Options& options, QObject* parent = nullptr);
+    ~GdbDebugger() override;
+
+    // Starts gdb and `program` (path and arguments) under it, stopped at
+    // main. False, with the reason in `error`, when gdb or the program
+    // can't be started.
+    bool start(const QStringList& program, QString* error);
+    // A fresh gdb on the same target: attached again if it still lives.
+    void restart();
+    // Ends the target if it still lives, then gdb; waits for both.
+    void terminate();
+
+    int targetPid() const { return mTargetPid; }
+    int gdbPid() const { return mGdb ? int(mGdb->processId()) : 0; }
+    bool isTargetGone() const { return mTargetGone; }
+    bool isDetached() const { return mDetached; }
+    QString programPath() const { return mProgram.value(0); }
+    SymbolTable& symbols() { return mSymbols; }
+
+    // Debugger
+    Response* handleCommand(Command& command) override;
+    StatusResponse currentStatus(int reserved) override;
+    ThreadsResponse* handleGetThreads(Command& command, int reserved) override;
+    void handleSetThread(Command& command) override;
+    Response* handleDetach(Command& command) override;
+    void setTargetVariable(const QString& name, const QString& value) override;
+    QString readTargetString(const QString& name, const QString& defaultValue, int reserved) override;
+    QString evaluateExpression(const QString& expression) override;
+    QString mainFrameBoundaryIp() override { return mBoundaryIp; }
+    QString mainFunctionName() override;
+    Response* handleReattach(Command& command) override;
+    void setSignalDisposition(const QString& name, const QString& disposition) override;
+    QList<SharedLibrary> sharedLibraries() override;
+    void keepSharedLibraries(QList<SharedLibrary>& libraries) override;
+    QString demangleName(const QString& name) override;
+    void prepareTarget() override;
+    PositionResponse* positionOfAddress(unsigned long long address, int reserved,
+                                        QList<PositionResponse*>* inlinedCallers) override;
+    PositionResponse* positionOfFunction(const QString& name) override;
+    QMap<unsigned long long, Instruction> disassembleRange(unsigned long long start, long long length,
+                                                           unsigned long long* end) override;
+    LanguageTag currentLanguage() override { return mLanguage; }
+    void handleSetLanguage(Command& command) override;
+
+signals:
+    // The target has ended; `status` says how, in words, where known.
+    void targetExited(const QString& status);
+
+protected:
+    unsigned long long addressValue(const QString& expression) override;
+
+private slots:
+    void readTargetOutput();
+    void closeChildEnds();
+    void pidfdReadable();
+
+private:
+    struct Answer
+    {
+        MiRecord result;
+        // Console text printed while the command ran.
+        QString console;
+        // What the target did meanwhile: "Program received signal ...",
+        // "[Inferior 1 (process N) exited ...]".
+        QString events;
+    };
+
+    bool startGdb(QString* error);
+    // Sends one command and waits for its result record; throws an
+    // Exception* when gdb doesn't answer in time or has gone.
+    Answer command(const QString& text);
+    // Like command(), and throws the message of an ^error as well.
+    Answer commandOk(const QString& text);
+    void waitForStop(Answer* answer);
+    void handleAsync(const MiRecord& record, Answer* answer);
+    void readThreadsAndPid();
+    void refreshSymbols();
+    void watchTarget();
+    void noteTargetGone(const QString& status);
+    void fail(int code, const QString& message);
+
+    Options mOptions;
+    QProcess* mGdb = nullptr;
+    QByteArray mGdbBuffer;
+    int mNextToken = 1;
+    bool mStopped = false;
+    bool mBroken = false;
+    QStringList mProgram;
+    int mTargetPid = 0;
+    bool mTargetGone = false;
+    bool mDetached = false;
+    QString mExitStatus;
+    QString mBoundaryIp;
+    // The program's output, and its input, through descriptors that gdb
+    // hands down to it: [0] standard output, [1] standard error, read here.
+    int mOutput[2] = {-1, -1};
+    QSocketNotifier* mOutputNotifiers[2] = {nullptr, nullptr};
+    // The ends that the program writes, and its standard input, until gdb
+    // has them.
+    int mChildEnds[3] = {-1, -1, -1};
+    int mPidfd = -1;
+    QSocketNotifier* mPidfdNotifier = nullptr;
+    QStringList mDispositionCommands;
+    LanguageTag mLanguage = LanguageAuto;
+    SymbolTable mSymbols;
+    SymbolDisassembler mDisassembler;
+    bool mSymbolsStale = true;
+    QList<SharedLibrary> mKeptLibraries;
+};
+
+#endif
