@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "directoryallocator.h"
@@ -39,18 +40,29 @@ bool PidFile::lock(bool wait)
     const QString file = path();
     if (file.isEmpty())
         return false;
-    // A file shared between users has to be writable by all of them.
-    const int fd = ::open(QFile::encodeName(file).constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                          mShared ? 0666 : 0600);
-    if (fd < 0)
-        return false;
-    int result;
-    do {
-        result = ::flock(fd, LOCK_EX | (wait ? 0 : LOCK_NB));
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) {
+    const QByteArray name = QFile::encodeName(file);
+    int fd;
+    for (;;) {
+        // A file shared between users has to be writable by all of them.
+        fd = ::open(name.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, mShared ? 0666 : 0600);
+        if (fd < 0)
+            return false;
+        int result;
+        do {
+            result = ::flock(fd, LOCK_EX | (wait ? 0 : LOCK_NB));
+        } while (result != 0 && errno == EINTR);
+        if (result != 0) {
+            ::close(fd);
+            return false;
+        }
+        // The holder before us removes the file before it unlocks: a lock
+        // on a file that is no longer at the path locks nothing, so open the
+        // path again.
+        struct stat held, named;
+        if (::fstat(fd, &held) == 0 && ::stat(name.constData(), &named) == 0 && held.st_dev == named.st_dev
+            && held.st_ino == named.st_ino)
+            break;
         ::close(fd);
-        return false;
     }
     mFd = fd;
     const QByteArray pid = QByteArray::number(qint64(::getpid())) + '\n';
@@ -66,8 +78,9 @@ void PidFile::unlock()
 {
     if (mFd < 0)
         return;
-    // The file stays: removing it would let a process that opened it just
-    // before lock a file that nobody else can find any more.
+    // Removed while still locked, so that no file is left behind; whoever
+    // opened it meanwhile sees that it is gone once it gets the lock.
+    ::unlink(QFile::encodeName(path()).constData());
     ::flock(mFd, LOCK_UN);
     ::close(mFd);
     mFd = -1;

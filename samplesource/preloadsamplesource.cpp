@@ -201,6 +201,7 @@ PreloadSampleSource::PreloadSampleSource(TharnInterface& host, int numSamples, i
     , mErrorMessagesFileRemove(mErrorMessagesFile)
     , mMpiFileRemove(mMpiFile)
     , mGpuFileRemove(mGpuFile)
+    , mModulesFileRemove(mSampleFile + QStringLiteral(".modules"))
     , mMaxBacktracesPerSample(0)
     , mMainThreadUid(-1)
     , mCudaPcSampling(enableCudaPcSampling)
@@ -649,7 +650,8 @@ void PreloadSampleSource::takeAnalysisLock(PidFile& lock)
 void PreloadSampleSource::keepSamplesFiles(const QString& destination)
 {
     const bool intoDirectory = QDir(destination).exists();
-    for (const QString& file : {mSampleFile, mErrorMessagesFile, mMpiFile, mGpuFile}) {
+    for (const QString& file : {mSampleFile, mErrorMessagesFile, mMpiFile, mGpuFile,
+                                mSampleFile + QStringLiteral(".modules")}) {
         const QString copy = intoDirectory
             ? destination + QLatin1Char('/') + file.section(QLatin1Char('/'), -1) + QStringLiteral(".kept")
             : file + QStringLiteral(".kept");

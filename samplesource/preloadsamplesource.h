@@ -314,6 +314,8 @@ private:
     AutoFileRemove mErrorMessagesFileRemove;
     AutoFileRemove mMpiFileRemove;
     AutoFileRemove mGpuFileRemove;
+    // The sampler's list of loaded objects, written beside the sample file.
+    AutoFileRemove mModulesFileRemove;
     QStringList mSamplerTemporaryFiles;
     QSet<int> mAcceleratorTids;
     QSet<int> mMainTids;
