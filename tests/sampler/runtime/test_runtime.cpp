@@ -232,7 +232,8 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
     };
     TempDir dir;
     const std::string output = dir.file("samples");
-    const ProgramRun run = runSampled({ZOR_EXAMPLE, "--seconds", "4"},
+    // A fixed amount of work rather than a time, so that a busy machine doesn't thin the samples.
+    const ProgramRun run = runSampled({ZOR_EXAMPLE, "--work", "6000"},
                                       {"ZOR_SAMPLER_OUTPUT=" + output, "ZOR_SAMPLER_OPTIONS=interval=3,samples=4000"},
                                       std::string(), findMapping);
     ASSERT_EQ(run.exitCode, 0) << run.describe();
