@@ -14,6 +14,7 @@
 #include "hostconnection.h"
 #include "profile.h"
 #include "resultbuilder.h"
+#include "../support/gdbprobe.h"
 
 namespace {
 
@@ -146,15 +147,7 @@ QString whyNoRun(const Outcome& run)
 {
     if (run.err.contains(QLatin1String("has no debugger")))
         return QStringLiteral("zor-host has no debugger yet");
-    QProcess probe;
-    probe.setProcessChannelMode(QProcess::MergedChannels);
-    probe.start(QStringLiteral("gdb"), { "-nx", "-batch", "-ex", "break main", "-ex", "run", "-ex",
-                                         "print (int)getpid() > 0", "--args", ZOR_EXAMPLE, "--seconds", "0" });
-    probe.waitForFinished(60000);
-    const QByteArray answer = probe.readAll();
-    if (!answer.contains("$1 = 1"))
-        return QStringLiteral("gdb can't call functions in a program here: ") + QString::fromLocal8Bit(answer.right(200));
-    return QString();
+    return gdbCallProblem(QStringLiteral(ZOR_EXAMPLE));
 }
 
 // Whether the hosts' analysis turned samples into call trees: a back-end

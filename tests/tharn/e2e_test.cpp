@@ -26,26 +26,9 @@
 #include "sample.h"
 #include "zorpsvmodelitem.h"
 #include "zorresponsefactoryplugin.h"
+#include "../support/gdbprobe.h"
 
 namespace {
-
-QString gdbCallProblem()
-{
-    static QString problem = [] {
-        if (QStandardPaths::findExecutable(QStringLiteral("gdb")).isEmpty())
-            return QStringLiteral("no gdb");
-        QProcess probe;
-        probe.setProcessChannelMode(QProcess::MergedChannels);
-        probe.start(QStringLiteral("gdb"), {"-nx", "-batch", "-ex", "break main", "-ex", "run", "-ex",
-                                            "print (int)getpid() > 0", "--args", ZOR_EXAMPLE, "--seconds", "0"});
-        probe.waitForFinished(60000);
-        const QByteArray answer = probe.readAll();
-        return answer.contains("$1 = 1") ? QString()
-                                         : QStringLiteral("gdb can't call functions in a program here: ")
-                + QString::fromLocal8Bit(answer.right(200));
-    }();
-    return problem;
-}
 
 bool processGone(int pid)
 {
@@ -252,7 +235,7 @@ class EndToEnd : public ::testing::Test
 protected:
     void SetUp() override
     {
-        const QString problem = gdbCallProblem();
+        const QString problem = gdbCallProblem(QStringLiteral(ZOR_EXAMPLE));
         if (!problem.isEmpty())
             GTEST_SKIP() << problem.toStdString();
     }

@@ -18,28 +18,9 @@
 #include "gdbdebugger.h"
 #include "miparser.h"
 #include "platformnames.h"
+#include "../support/gdbprobe.h"
 
 namespace {
-
-// Empty where gdb can run a program and call functions in it; otherwise why
-// not (tracing forbidden, or gdb 13 on a CPU with AMX state).
-QString gdbCallProblem()
-{
-    static QString problem = [] {
-        if (QStandardPaths::findExecutable(QStringLiteral("gdb")).isEmpty())
-            return QStringLiteral("no gdb");
-        QProcess probe;
-        probe.setProcessChannelMode(QProcess::MergedChannels);
-        probe.start(QStringLiteral("gdb"), {"-nx", "-batch", "-ex", "break main", "-ex", "run", "-ex",
-                                            "print (int)getpid() > 0", "--args", ZOR_EXAMPLE, "--seconds", "0"});
-        probe.waitForFinished(60000);
-        const QByteArray answer = probe.readAll();
-        return answer.contains("$1 = 1") ? QString()
-                                         : QStringLiteral("gdb can't call functions in a program here: ")
-                + QString::fromLocal8Bit(answer.right(200));
-    }();
-    return problem;
-}
 
 bool processGone(int pid)
 {
@@ -134,7 +115,7 @@ TEST(GdbDebugger, WhatCantStartSaysWhy)
 
 TEST(GdbDebugger, DrivesARealProgram)
 {
-    const QString problem = gdbCallProblem();
+    const QString problem = gdbCallProblem(QStringLiteral(ZOR_EXAMPLE));
     if (!problem.isEmpty())
         GTEST_SKIP() << problem.toStdString();
     GdbDebugger::Options options;
@@ -251,7 +232,7 @@ TEST(GdbDebugger, DrivesARealProgram)
 
 TEST(GdbDebugger, RestartKeepsTheProgramAndEndsItOnTerminate)
 {
-    const QString problem = gdbCallProblem();
+    const QString problem = gdbCallProblem(QStringLiteral(ZOR_EXAMPLE));
     if (!problem.isEmpty())
         GTEST_SKIP() << problem.toStdString();
     GdbDebugger::Options options;
