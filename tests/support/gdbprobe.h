@@ -1,0 +1,29 @@
+// Whether gdb can start a program here and call a function in it: empty if
+// so, otherwise why not (no gdb, tracing forbidden, or gdb 13 on a CPU with
+// AMX state). Tests that need calls into a target skip with this reason.
+#ifndef ZOR_TEST_GDBPROBE_H
+#define ZOR_TEST_GDBPROBE_H
+
+#include <QProcess>
+#include <QStandardPaths>
+#include <QString>
+
+inline QString gdbCallProblem(const QString& program)
+{
+    static const QString problem = [&program] {
+        if (QStandardPaths::findExecutable(QStringLiteral("gdb")).isEmpty())
+            return QStringLiteral("no gdb");
+        QProcess probe;
+        probe.setProcessChannelMode(QProcess::MergedChannels);
+        probe.start(QStringLiteral("gdb"), {"-nx", "-batch", "-ex", "break main", "-ex", "run", "-ex",
+                                            "print (int)getpid() > 0", "--args", program, "--seconds", "0"});
+        probe.waitForFinished(60000);
+        const QByteArray answer = probe.readAll();
+        return answer.contains("$1 = 1") ? QString()
+                                         : QStringLiteral("gdb can't call functions in a program here: ")
+                + QString::fromLocal8Bit(answer.right(200));
+    }();
+    return problem;
+}
+
+#endif
