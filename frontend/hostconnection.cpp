@@ -145,7 +145,12 @@ void HostConnection::handle(const Message& message)
         break;
     case Message::TargetExit:
         mTargetEnded = true;
+        mTargetEndedAt.start();
         readExitStatus(message.values, &mExitCode, &mExitSignal);
+        mExitStatusKnown = message.values.contains(QStringLiteral("exitCode"))
+            || message.values.contains(QStringLiteral("signal"))
+            || message.values.value(QStringLiteral("status")).toString().contains(
+                QRegularExpression(QStringLiteral("exited|killed|terminated")));
         break;
     case Message::CommandMessage:
     case Message::Cancel:

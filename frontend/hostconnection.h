@@ -4,6 +4,7 @@
 #ifndef ZOR_FRONTEND_HOSTCONNECTION_H
 #define ZOR_FRONTEND_HOSTCONNECTION_H
 
+#include <QElapsedTimer>
 #include <QList>
 #include <QMap>
 #include <QObject>
@@ -59,6 +60,10 @@ public:
     bool targetEnded() const { return mTargetEnded; }
     int exitCode() const { return mExitCode; }
     int exitSignal() const { return mExitSignal; }
+    // Whether the host could tell how the program ended.
+    bool exitStatusKnown() const { return mExitStatusKnown; }
+    // Milliseconds since the program ended.
+    qint64 msSinceTargetEnded() const { return mTargetEndedAt.isValid() ? mTargetEndedAt.elapsed() : 0; }
 
     // The connection broke or carried garbage.
     bool isBroken() const { return !mBroken.isEmpty(); }
@@ -89,6 +94,8 @@ private:
     int mAnalysisPercent = 0;
     bool mRunOver = false;
     bool mTargetEnded = false;
+    bool mExitStatusKnown = false;
+    QElapsedTimer mTargetEndedAt;
     int mExitCode = 0;
     int mExitSignal = 0;
     QString mBroken;

@@ -182,6 +182,14 @@ const int SampleBlockSize = 64;
 const int HistogramBins = 10;
 const int ConnectTimeoutMs = 120000;
 const int EndTimeoutMs = 30000;
+// The longest a host may take to answer a command once the program has
+// stopped being sampled: reading, analysing and sending its samples.
+const int AnswerTimeoutMs = 240000;
+// When a rank aborts, mpirun asks every host to end, and kills them this
+// many seconds later; it waits as long again before asking. The hosts
+// deliver what was sampled in that time.
+const int LauncherKillDelayS = 20;
+const int UnknownEndGraceMs = 20000;
 
 class ProfileRun : public QObject
 {
@@ -204,12 +212,18 @@ private:
     // Runs the event loop until `done` holds; false, with a message, when
     // a host broke, the hosts' launcher ended early, or the run was aborted.
     bool waitUntil(const std::function<bool()>& done, int timeoutMs, const QString& what, QString* error);
-    // Sends the command to every host and waits for all answers.
+    // Sends the command to every host and waits for all answers, at most
+    // `timeoutMs` (< 0: as long as the program runs, and AnswerTimeoutMs
+    // once sampling was asked to stop).
     // With `dropFailed`, a rank whose answer is a failure is told on
     // standard error and left out of the rest of the run, as long as one
     // rank answered.
     bool everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
-                   const std::function<void()>& whileWaiting = nullptr, bool dropFailed = false);
+                   int timeoutMs = AnswerTimeoutMs, const std::function<void()>& whileWaiting = nullptr,
+                   bool dropFailed = false);
+    void stopSampling();
+    // Waits, at most `timeoutMs`, for the launcher to end.
+    bool waitForLauncher(int timeoutMs);
     // While the ranks play: a rank whose program died stops sampling on the
     // others, which would otherwise wait for it in MPI for ever.
     void stopOthersIfARankDied();
@@ -235,6 +249,8 @@ private:
     bool mPlaying = false;
     bool mStopping = false;
     bool mAborted = false;
+    bool mRankFailed = false;
+    QElapsedTimer mStopSent;
 };
 
 bool ProfileRun::start(QString* error)
@@ -276,6 +292,9 @@ bool ProfileRun::start(QString* error)
     // the MPI launcher passes on to every rank.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("ZOR_FRONTEND"), QStringLiteral("local:") + address);
+    const QString killDelay = QStringLiteral("OMPI_MCA_odls_base_sigkill_timeout");
+    if (mOptions.processes > 0 && !environment.contains(killDelay))
+        environment.insert(killDelay, QString::number(LauncherKillDelayS));
     mLauncher.setProcessEnvironment(environment);
     mLauncher.setProcessChannelMode(QProcess::ForwardedChannels);
     mLauncher.setInputChannelMode(QProcess::ForwardedInputChannel);
@@ -332,7 +351,14 @@ bool ProfileRun::waitUntil(const std::function<bool()>& done, int timeoutMs, con
             *error = QStringLiteral("no answer from the hosts within %1 s while %2").arg(timeoutMs / 1000).arg(what);
             return false;
         }
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+        if (timeoutMs < 0 && mStopSent.isValid() && mStopSent.elapsed() > AnswerTimeoutMs) {
+            *error = QStringLiteral("no answer from the hosts within %1 s of stopping sampling, while %2")
+                         .arg(AnswerTimeoutMs / 1000)
+                         .arg(what);
+            return false;
+        }
+        // The tick wakes the loop at least every 200 ms.
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     return true;
 }
@@ -360,7 +386,7 @@ bool ProfileRun::connectHosts(QString* error)
 }
 
 bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
-                           const std::function<void()>& whileWaiting, bool dropFailed)
+                           int timeoutMs, const std::function<void()>& whileWaiting, bool dropFailed)
 {
     QList<int> uids;
     for (HostConnection* host : qAsConst(mHosts)) {
@@ -375,8 +401,15 @@ bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Respons
                 return false;
         return true;
     };
-    if (!waitUntil(answered, -1, QStringLiteral("waiting for %1").arg(command.name), error))
+    if (!waitUntil(answered, timeoutMs, QStringLiteral("waiting for %1").arg(command.name), error)) {
+        QStringList silent;
+        for (int i = 0; i < mHosts.size(); ++i)
+            if (!mHosts.at(i)->hasAnswer(uids.at(i)) && !mHosts.at(i)->isBroken())
+                silent << QString::number(mHosts.at(i)->rank());
+        if (mRanks > 1 && !silent.isEmpty() && error->startsWith(QLatin1String("no answer")))
+            *error += QStringLiteral(" (ranks that didn't answer: %1)").arg(silent.join(QLatin1Char(',')));
         return false;
+    }
     answers->clear();
     QList<HostConnection*> answering;
     for (int i = 0; i < mHosts.size(); ++i) {
@@ -404,21 +437,28 @@ void ProfileRun::stopOthersIfARankDied()
 {
     if (mStopping || mRanks < 2)
         return;
+    bool othersRun = false;
+    for (HostConnection* host : qAsConst(mHosts))
+        othersRun = othersRun || !host->targetEnded();
     for (HostConnection* host : qAsConst(mHosts)) {
-        if (!host->targetEnded() || (host->exitSignal() == 0 && host->exitCode() == 0))
+        if (!host->targetEnded())
+            continue;
+        // A rank whose end the host couldn't read counts as failed once the
+        // others have had time to end as well: ranks that finish together
+        // leave MPI_Finalize together.
+        const bool unknown = !host->exitStatusKnown() && othersRun
+            && host->msSinceTargetEnded() > UnknownEndGraceMs;
+        if (!unknown && host->exitSignal() == 0 && host->exitCode() == 0)
             continue;
         mProgress.clear();
-        const QString how = host->exitSignal() > 0 ? QStringLiteral("died of signal %1").arg(host->exitSignal())
-                                                   : QStringLiteral("ended with status %1").arg(host->exitCode());
+        const QString how = unknown ? QStringLiteral("ended %1 s ago, how is unknown, while others run")
+                                          .arg(host->msSinceTargetEnded() / 1000)
+            : host->exitSignal() > 0 ? QStringLiteral("died of signal %1").arg(host->exitSignal())
+                                     : QStringLiteral("ended with status %1").arg(host->exitCode());
         fprintf(stderr, "zor: the program of rank %d %s; stopping sampling on the other ranks\n", host->rank(),
                 qPrintable(how));
-        mStopping = true;
-        for (HostConnection* other : qAsConst(mHosts)) {
-            if (other == host)
-                continue;
-            other->sendWithoutAnswer(Command(QString::fromLatin1(CMD_ZOR_STOP), QString::fromLatin1(XML_TARGET_PROFILER)));
-            other->flush();
-        }
+        mRankFailed = true;
+        stopSampling();
         return;
     }
 }
@@ -481,33 +521,63 @@ void ProfileRun::interrupted(int count)
     mProgress.clear();
     if (count == 1 && mPlaying) {
         fprintf(stderr, "zor: stopping sampling; Ctrl-C again aborts\n");
-        mStopping = true;
-        for (HostConnection* host : qAsConst(mHosts)) {
-            host->sendWithoutAnswer(Command(QString::fromLatin1(CMD_ZOR_STOP), QString::fromLatin1(XML_TARGET_PROFILER)));
-            host->flush();
-        }
+        stopSampling();
         return;
     }
     fprintf(stderr, "zor: aborted\n");
     mAborted = true;
 }
 
+void ProfileRun::stopSampling()
+{
+    // A host whose program ended has stopped already.
+    mStopping = true;
+    mStopSent.start();
+    for (HostConnection* host : qAsConst(mHosts)) {
+        if (host->targetEnded())
+            continue;
+        host->sendWithoutAnswer(Command(QString::fromLatin1(CMD_ZOR_STOP), QString::fromLatin1(XML_TARGET_PROFILER)));
+        host->flush();
+    }
+}
+
+bool ProfileRun::waitForLauncher(int timeoutMs)
+{
+    QElapsedTimer waited;
+    waited.start();
+    while (mLauncher.state() != QProcess::NotRunning && waited.elapsed() < timeoutMs) {
+        showProgress();
+        mLauncher.waitForFinished(200);
+    }
+    return mLauncher.state() == QProcess::NotRunning;
+}
+
 void ProfileRun::abortHosts()
 {
     if (mLauncher.state() == QProcess::NotRunning)
         return;
-    // Asked to end, a host ends the program and its debugger and removes
-    // the run's files; whatever is left after a while is killed.
-    mLauncher.terminate();
-    if (mLauncher.waitForFinished(10000))
-        return;
+    // A host whose connection closes ends the program and its debugger and
+    // removes the run's files; asked to end, a host that hasn't connected
+    // does the same. Whatever is left after a while is killed.
+    QList<int> pids;
     for (HostConnection* host : mHosts + mDroppedHosts) {
         for (const char* key : { HelloKeys::TargetPid, HelloKeys::DebuggerPid }) {
             const int pid = host->hello().value(QString::fromLatin1(key), 0).toInt();
             if (pid > 0)
-                ::kill(pid, SIGKILL);
+                pids << pid;
         }
+        delete host;
     }
+    mHosts.clear();
+    mDroppedHosts.clear();
+    if (waitForLauncher(mRanks > 1 ? 5000 : 10000))
+        return;
+    // mpirun, asked to end, ends its hosts in its own time.
+    mLauncher.terminate();
+    if (waitForLauncher(mRanks > 1 ? 2 * LauncherKillDelayS * 1000 + 10000 : 10000))
+        return;
+    for (int pid : pids)
+        ::kill(pid, SIGKILL);
     mLauncher.kill();
     mLauncher.waitForFinished(5000);
 }
@@ -569,7 +639,7 @@ int ProfileRun::run()
     QList<std::shared_ptr<Response>> answers;
     mPlaying = true;
     mClock.restart();
-    const bool played = everyHost(play, &answers, &error, [this]() { stopOthersIfARankDied(); }, mRanks > 1);
+    const bool played = everyHost(play, &answers, &error, -1, [this]() { stopOthersIfARankDied(); }, mRanks > 1);
     mPlaying = false;
     if (!played)
         return fail(mAborted ? 130 : 1);
@@ -645,10 +715,13 @@ int ProfileRun::run()
     for (HostConnection* host : qAsConst(mHosts))
         allEnded = allEnded && host->targetEnded();
     // Closing the connections lets the hosts end.
-    for (HostConnection* host : qAsConst(mHosts))
+    for (HostConnection* host : mHosts + mDroppedHosts)
         delete host;
     mHosts.clear();
-    if (!mLauncher.waitForFinished(EndTimeoutMs))
+    mDroppedHosts.clear();
+    // After a rank failed, mpirun ends the other hosts in its own time.
+    mPhase = QStringLiteral("waiting for %1 to end").arg(QFileInfo(mLauncher.program()).fileName());
+    if (!waitForLauncher(mRankFailed ? 2 * LauncherKillDelayS * 1000 + 10000 : EndTimeoutMs))
         abortHosts();
     mProgress.clear();
     // A program stopped by Ctrl-C, which the hosts then end, ends as a

@@ -1,6 +1,7 @@
 #include "gdbdebugger.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcessEnvironment>
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -389,23 +391,29 @@ void GdbDebugger::watchTarget()
     connect(mPidfdNotifier, &QSocketNotifier::activated, this, &GdbDebugger::pidfdReadable);
 }
 
+QString GdbDebugger::zombieStatus() const
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(mTargetPid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return QStringLiteral("ended");
+    const QByteArray text = stat.readAll();
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    if (fields.value(0) != "Z" && fields.value(0) != "X")
+        return QString();
+    // Field 52 of the whole line, the 50th after the name.
+    bool ok = false;
+    const int code = fields.value(49).trimmed().toInt(&ok);
+    if (!ok)
+        return QStringLiteral("ended");
+    return WIFSIGNALED(code) ? QStringLiteral("killed by signal %1").arg(gdbSignalName(WTERMSIG(code)))
+                             : QStringLiteral("exited with code %1").arg(WEXITSTATUS(code));
+}
+
 void GdbDebugger::pidfdReadable()
 {
     mPidfdNotifier->setEnabled(false);
-    QString status = QStringLiteral("ended");
-    // A zombie still tells how it ended.
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(mTargetPid));
-    if (stat.open(QIODevice::ReadOnly)) {
-        const QByteArray text = stat.readAll();
-        const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
-        // Field 52 of the whole line, the 50th after the name.
-        bool ok = false;
-        const int code = fields.value(49).trimmed().toInt(&ok);
-        if (ok && fields.value(0) == "Z")
-            status = WIFSIGNALED(code) ? QStringLiteral("killed by signal %1").arg(gdbSignalName(WTERMSIG(code)))
-                                       : QStringLiteral("exited with code %1").arg(WEXITSTATUS(code));
-    }
-    noteTargetGone(status);
+    const QString status = zombieStatus();
+    noteTargetGone(status.isEmpty() ? QStringLiteral("ended") : status);
 }
 
 void GdbDebugger::noteTargetGone(const QString& status)
@@ -594,16 +602,43 @@ Response* GdbDebugger::handleDetach(Command&)
     return new StatusResponse(StatusResponse::Detached);
 }
 
+void GdbDebugger::lowerTargetPriority()
+{
+    // By the end of a run the host and gdb run at the lowest priority; a
+    // program that spins (ranks that wait in MPI for one that died) would
+    // starve gdb of the processor while it attaches. Each thread has a
+    // priority of its own.
+    const int lowest = getpriority(PRIO_PROCESS, 0);
+    const QString tasks = QStringLiteral("/proc/%1/task").arg(mTargetPid);
+    for (const QString& task : QDir(tasks).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        const id_t tid = task.toUInt();
+        errno = 0;
+        const int current = getpriority(PRIO_PROCESS, tid);
+        if (tid > 0 && errno == 0 && current < lowest)
+            setpriority(PRIO_PROCESS, tid, lowest);
+    }
+}
+
 Response* GdbDebugger::handleReattach(Command&)
 {
     if (!mDetached)
         return nullptr;
+    // A program that ended before its end was noticed is a zombie still,
+    // which tells how it ended, until gdb's attempt to attach reaps it.
+    const QString ended = zombieStatus();
+    if (!ended.isEmpty())
+        noteTargetGone(ended);
     if (mTargetGone)
         fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
+    lowerTargetPriority();
     Answer attach = command(QStringLiteral("-target-attach %1").arg(mTargetPid));
     if (attach.result.className == QLatin1String("error")) {
-        if (::kill(mTargetPid, 0) != 0)
-            noteTargetGone(QStringLiteral("ended"));
+        // Ended meanwhile: a zombie, or already reaped.
+        const QString status = zombieStatus();
+        if (!status.isEmpty() || ::kill(mTargetPid, 0) != 0)
+            noteTargetGone(status.isEmpty() ? QStringLiteral("ended") : status);
+        if (mTargetGone)
+            fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
         fail(mTargetGone ? TargetGoneError : DebuggerFailed,
              QStringLiteral("Can't attach to the program again: %1").arg(attach.result.results.str(QStringLiteral("msg"))));
     }

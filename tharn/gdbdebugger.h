@@ -126,6 +126,9 @@ private:
     void refreshSymbols();
     void watchTarget();
     void noteTargetGone(const QString& status);
+    // How the target ended when it is a zombie; empty while it lives.
+    QString zombieStatus() const;
+    void lowerTargetPriority();
     void fail(int code, const QString& message);
 
     Options mOptions;

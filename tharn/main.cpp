@@ -11,12 +11,14 @@
 // the front-end closes the connection; then it ends the program if it still
 // runs, and its gdb, and exits. When the program ends, a targetExit message
 // says how. SIGINT is ignored: the front-end stops a run for the user;
-// SIGTERM and SIGHUP end the host as a closed connection does.
+// SIGTERM and SIGHUP end the host as a closed connection does, except that
+// a first SIGTERM while a run is under way only stops sampling.
 #include <QCoreApplication>
 #include <QHostInfo>
 #include <QLocalSocket>
 #include <QStringList>
 #include <QTcpSocket>
+#include <csignal>
 #include <cstdio>
 #include <memory>
 
@@ -181,7 +183,21 @@ int main(int argc, char** argv)
         exitCode = 1;
         app.quit();
     });
-    QObject::connect(&shutdown, &ShutdownSignals::received, &app, &QCoreApplication::quit);
+    // mpirun asks every rank's host to end when a rank aborts, and kills
+    // them a while later: with a run under way, the first request stops
+    // sampling, and the host goes on until the front-end, which has
+    // collected what was sampled, closes the connection.
+    bool askedToEnd = false;
+    QObject::connect(&shutdown, &ShutdownSignals::received, &app, [&](int signal) {
+        if (signal == SIGTERM && tharn.isRunUnderway() && !askedToEnd) {
+            askedToEnd = true;
+            tharn.logDebug(QStringLiteral("asked to end: stopping sampling for the front-end"));
+            if (debugger.isDetached() && tharn.isTargetMonitoring())
+                tharn.stopRun();
+            return;
+        }
+        app.quit();
+    });
     app.exec();
     // Whatever is left of the program and its debugger goes with the host.
     debugger.terminate();

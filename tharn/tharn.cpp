@@ -61,6 +61,10 @@ TharnMessageHandler* Tharn::handlerFor(const Command& command)
 
 void Tharn::arrive(Command& command)
 {
+    if (command.name == QLatin1String(CMD_ZOR_PLAY))
+        mRunUnderway = true;
+    else if (command.name == QLatin1String(CMD_ZOR_FINISH))
+        mRunUnderway = false;
     TharnMessageHandler* handler = handlerFor(command);
     if (!handler) {
         Exception failure(NoHandlerForTarget,

@@ -46,6 +46,9 @@ public:
     // What restartDebugger does; a host without it can't restart.
     void setDebuggerRestarter(std::function<void()> restart) { mRestart = std::move(restart); }
     bool isTargetMonitoring() const { return mTargetMonitoring; }
+    // From the front-end's play command to its finish command: what was
+    // sampled is still owed to the front-end.
+    bool isRunUnderway() const { return mRunUnderway; }
     // The log goes to standard error, each line with the host's prefix.
     void setLogToStandardError(bool enabled) { mLogToStderr = enabled; }
 
@@ -108,6 +111,7 @@ private:
     int mDebuggerPid = 0;
     std::function<void()> mRestart;
     bool mTargetMonitoring = true;
+    bool mRunUnderway = false;
     bool mDebugMode = false;
     bool mLogToStderr = false;
 };

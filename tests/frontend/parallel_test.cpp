@@ -1,0 +1,365 @@
+// zor profile on parallel programs, end to end: MPI ranks through mpirun
+// (a full run, an MPI_Abort and a crashing rank) and OpenMP programs of both
+// runtimes. Each run is bounded; whatever a run leaves running is reported
+// and killed, since this process adopts every orphan of its children.
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <algorithm>
+#include <csignal>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "foldedstacks.h"
+#include "mpicalls.h"
+#include "profile.h"
+#include "result.h"
+#include "../support/gdbprobe.h"
+
+namespace {
+
+struct Outcome
+{
+    int status = -1;
+    bool timedOut = false;
+    qint64 ms = 0;
+    QString out;
+    QString err;
+    QStringList leftBehind; // processes still running after zor ended
+};
+
+// Children of this process that still run; zombies are reaped.
+QList<pid_t> liveChildren()
+{
+    QList<pid_t> live;
+    const QString self = QString::number(getpid());
+    for (const QString& task : QDir(QStringLiteral("/proc/%1/task").arg(self)).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile children(QStringLiteral("/proc/%1/task/%2/children").arg(self, task));
+        if (!children.open(QIODevice::ReadOnly))
+            continue;
+        for (const QByteArray& word : children.readAll().simplified().split(' ')) {
+            const pid_t pid = word.toInt();
+            if (pid <= 0)
+                continue;
+            if (waitpid(pid, nullptr, WNOHANG) == pid)
+                continue;
+            live << pid;
+        }
+    }
+    return live;
+}
+
+QString commandOf(pid_t pid)
+{
+    QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(pid));
+    if (!cmdline.open(QIODevice::ReadOnly))
+        return QString::number(pid);
+    return QStringLiteral("%1 %2").arg(pid).arg(QString::fromLocal8Bit(cmdline.readAll().replace('\0', ' ')).trimmed());
+}
+
+// What the run left behind, after a moment to settle; all of it is killed.
+QStringList killLeftovers()
+{
+    QStringList names;
+    QElapsedTimer settle;
+    settle.start();
+    QList<pid_t> live = liveChildren();
+    while (!live.isEmpty() && settle.elapsed() < 5000) {
+        QThread::msleep(100);
+        live = liveChildren();
+    }
+    for (int round = 0; round < 20 && !live.isEmpty(); ++round) {
+        for (pid_t pid : live) {
+            names << commandOf(pid);
+            ::kill(pid, SIGKILL);
+        }
+        QThread::msleep(200);
+        live = liveChildren();
+    }
+    names.removeDuplicates();
+    return names;
+}
+
+// zor with a bound: past it, two Ctrl-Cs abort the run, and whatever is left
+// is killed.
+Outcome zor(const QStringList& args, const QProcessEnvironment& env, int timeoutMs)
+{
+    QProcess process;
+    process.setProcessEnvironment(env);
+    QElapsedTimer clock;
+    clock.start();
+    process.start(QStringLiteral(ZOR_PROGRAM), args);
+    Outcome run;
+    if (!process.waitForFinished(timeoutMs)) {
+        run.timedOut = true;
+        ::kill(pid_t(process.processId()), SIGINT);
+        QThread::msleep(500);
+        ::kill(pid_t(process.processId()), SIGINT);
+        if (!process.waitForFinished(60000)) {
+            process.kill();
+            process.waitForFinished();
+        }
+    }
+    run.ms = clock.elapsed();
+    run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromLocal8Bit(process.readAllStandardOutput());
+    run.err = QString::fromLocal8Bit(process.readAllStandardError());
+    run.leftBehind = killLeftovers();
+    return run;
+}
+
+QProcessEnvironment environment(const QString& temporary)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("TMPDIR"), temporary);
+    return env;
+}
+
+QStringList leftoverFiles(const QString& directory)
+{
+    QStringList entries = QDir(directory).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    entries.removeAll(QStringLiteral("zor-%1").arg(getuid()));
+    return entries;
+}
+
+// Adopts the orphans of every process this test starts, so that none escapes
+// the check.
+class Parallel : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
+
+    void SetUp() override
+    {
+        const QString why = gdbCallProblem(QStringLiteral(ZOR_EXAMPLE));
+        if (!why.isEmpty())
+            GTEST_SKIP() << qPrintable(why);
+    }
+};
+
+struct MpiCounts
+{
+    quint64 calls = 0;
+    quint64 ns = 0;
+    quint64 sent = 0;
+    quint64 received = 0;
+};
+
+QMap<QString, MpiCounts> mpiCalls(const RankResult& rank)
+{
+    QMap<QString, MpiCounts> calls;
+    for (const MpiCallMetric& call : rank.endMetrics.mpiCallMetrics().calls())
+        calls[call.name()] = { call.value(0).to_uint64_t(), call.value(1).to_uint64_t(), call.value(2).to_uint64_t(),
+                               call.value(3).to_uint64_t() };
+    return calls;
+}
+
+// The program's own word on the calls it made: rank to call to count.
+QMap<int, QMap<QString, quint64>> callsPrinted(const QString& out)
+{
+    QMap<int, QMap<QString, quint64>> printed;
+    const QRegularExpression line(QStringLiteral("^rank (\\d+) calls MPI_Allreduce (\\d+) MPI_Barrier (\\d+)$"),
+                                  QRegularExpression::MultilineOption);
+    for (auto it = line.globalMatch(out); it.hasNext();) {
+        const QRegularExpressionMatch m = it.next();
+        printed[m.captured(1).toInt()] = { { "MPI_Allreduce", m.captured(2).toULongLong() },
+                                           { "MPI_Barrier", m.captured(3).toULongLong() } };
+    }
+    return printed;
+}
+
+const PSVModelItem* findNode(const PSVModelItem* node, const QString& function)
+{
+    if (node->position().function == function)
+        return node;
+    for (const PSVModelItem* child : node->children())
+        if (const PSVModelItem* found = findNode(child, function))
+            return found;
+    return nullptr;
+}
+
+// Four ranks: every rank in the result with its samples, each call counted
+// as the program made it, the uneven barrier visible as MPI time per rank,
+// the hot function shown as coming from all four ranks.
+TEST_F(Parallel, MpiFourRanksCountEveryCallAndShowTheImbalance)
+{
+    QTemporaryDir dir;
+    QTemporaryDir temporary;
+    const QString result = dir.filePath(QStringLiteral("mpi.zor"));
+    const int rounds = 12;
+    const Outcome run = zor({ "profile", "-n", "4", "--interval", "5", "-o", result, "--", ZOR_MPI_EXAMPLE,
+                              QString::number(rounds), "2500", "16" },
+                            environment(temporary.path()), 280000);
+    EXPECT_EQ(run.leftBehind, QStringList());
+    ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
+    ASSERT_EQ(run.status, 0) << qPrintable(run.err);
+    EXPECT_EQ(leftoverFiles(temporary.path()), QStringList());
+
+    Result saved;
+    QString error;
+    ASSERT_TRUE(ResultFile::read(result, &saved, &error)) << qPrintable(error);
+    ASSERT_EQ(saved.ranks.size(), 4);
+    const QMap<int, QMap<QString, quint64>> printed = callsPrinted(run.out);
+    ASSERT_EQ(printed.keys(), QList<int>({ 0, 1, 2, 3 })) << qPrintable(run.out);
+    QList<quint64> barrierNs;
+    for (int i = 0; i < 4; ++i) {
+        const RankResult& rank = saved.ranks.at(i);
+        SCOPED_TRACE(QStringLiteral("rank %1").arg(i).toStdString());
+        EXPECT_EQ(rank.rank(), i);
+        EXPECT_GT(rank.samples.size(), 0);
+        const QMap<QString, MpiCounts> calls = mpiCalls(rank);
+        EXPECT_EQ(calls.value("MPI_Init").calls, 1u);
+        EXPECT_EQ(calls.value("MPI_Finalize").calls, 1u);
+        EXPECT_EQ(calls.value("MPI_Allreduce").calls, printed[i]["MPI_Allreduce"]);
+        EXPECT_EQ(calls.value("MPI_Barrier").calls, printed[i]["MPI_Barrier"]);
+        EXPECT_EQ(printed[i]["MPI_Barrier"], quint64(rounds));
+        EXPECT_EQ(calls.value("MPI_Allreduce").sent, quint64(rounds) * 16 * sizeof(double));
+        barrierNs << calls.value("MPI_Barrier").ns;
+    }
+    // Rank r computes r + 1 steps of some 10 ms before the barrier: rank 0
+    // waits there for three steps a round, rank 3 for none. Four ranks share
+    // two cores, so the figures are coarse; the ranks below wait 5 times as
+    // long as those above, roughly.
+    const QString figures = QStringLiteral("barrier ns per rank: %1 %2 %3 %4")
+                                .arg(barrierNs[0]).arg(barrierNs[1]).arg(barrierNs[2]).arg(barrierNs[3]);
+    EXPECT_GT(barrierNs[0] + barrierNs[1], 2 * (barrierNs[2] + barrierNs[3])) << qPrintable(figures);
+    EXPECT_GT(barrierNs[0], 2 * barrierNs[3]) << qPrintable(figures);
+    EXPECT_GT(barrierNs[0], quint64(rounds) * 10000000) << qPrintable(figures);
+    const MpiCalls table(saved);
+    for (const MpiCallTotal& total : table.totals()) {
+        if (total.sum.name == QLatin1String("MPI_Barrier")) {
+            EXPECT_LE(total.mostRank, 1) << qPrintable(figures);
+            EXPECT_GE(total.leastRank, 2) << qPrintable(figures);
+        }
+    }
+    EXPECT_TRUE(run.err.contains(QLatin1String("MPI time per rank: 0: "))) << qPrintable(run.err);
+
+    const Profile profile(saved);
+    EXPECT_EQ(profile.rankCount(), 4);
+    const PSVModelItem* compute = findNode(profile.tree(), QStringLiteral("compute"));
+    ASSERT_NE(compute, nullptr) << foldedStacks(profile).constData();
+    EXPECT_TRUE(compute->processToThreadCountMap().toString().startsWith(QLatin1String("0-3")))
+        << qPrintable(compute->processToThreadCountMap().toString());
+}
+
+// A rank that calls MPI_Abort, and one that dies of a signal: the run ends
+// with the other ranks' samples, a word on which rank ended how, the
+// program's status, and nothing left running.
+TEST_F(Parallel, MpiAbortAndACrashingRankKeepTheOtherRanksSamples)
+{
+    struct Case
+    {
+        const char* option;
+        int rank;
+        int status;
+        const char* how;
+    };
+    const Case cases[] = { { "--abort", 2, 3, "ended with status 3" }, { "--crash", 1, 128 + SIGSEGV, "died of signal 11" } };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.option);
+        QTemporaryDir dir;
+        QTemporaryDir temporary;
+        const QString result = dir.filePath(QStringLiteral("failed.zor"));
+        // Many rounds: the others are still busy when the rank fails.
+        const Outcome run = zor({ "profile", "-n", "4", "--interval", "5", "--quiet", "-o", result, "--",
+                                  ZOR_MPI_EXAMPLE, "400", "100", "16", c.option, QString::number(c.rank) },
+                                environment(temporary.path()), 280000);
+        EXPECT_EQ(run.leftBehind, QStringList());
+        ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
+        EXPECT_EQ(run.status, c.status) << qPrintable(run.err);
+        EXPECT_TRUE(run.err.contains(QStringLiteral("zor: the program of rank %1 %2; stopping sampling on the other ranks")
+                                         .arg(c.rank)
+                                         .arg(QLatin1String(c.how))))
+            << qPrintable(run.err);
+        EXPECT_EQ(leftoverFiles(temporary.path()), QStringList());
+
+        Result saved;
+        QString error;
+        ASSERT_TRUE(ResultFile::read(result, &saved, &error)) << qPrintable(error) << "\n" << qPrintable(run.err);
+        EXPECT_EQ(saved.run.exitStatus, c.status);
+        QList<int> ranks;
+        for (const RankResult& rank : saved.ranks) {
+            ranks << rank.rank();
+            if (rank.rank() != c.rank) {
+                EXPECT_GT(rank.samples.size(), 0) << "rank " << rank.rank();
+                EXPECT_GE(mpiCalls(rank).value("MPI_Barrier").calls, 1u) << "rank " << rank.rank();
+            }
+        }
+        ranks.removeAll(c.rank);
+        std::sort(ranks.begin(), ranks.end());
+        QList<int> others = { 0, 1, 2, 3 };
+        others.removeAll(c.rank);
+        EXPECT_EQ(ranks, others);
+        EXPECT_FALSE(findNode(Profile(saved).tree(), QStringLiteral("compute")) == nullptr);
+    }
+}
+
+// An OpenMP program of each runtime: the hot loop body that the workers run
+// sits under the function that opened the region, as it does on the thread
+// that opened it, and the workers are classified as region threads.
+class OpenMp : public Parallel, public ::testing::WithParamInterface<const char*>
+{
+};
+
+TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
+{
+    const QString program = QStringLiteral(ZOR_BIN_DIR "/zor-omp-example-") + QLatin1String(GetParam());
+    if (!QFileInfo::exists(program))
+        GTEST_SKIP() << "no " << qPrintable(program) << " (clang and libomp-dev build it)";
+    QTemporaryDir dir;
+    QTemporaryDir temporary;
+    const QString result = dir.filePath(QStringLiteral("omp.zor"));
+    QProcessEnvironment env = environment(temporary.path());
+    env.insert(QStringLiteral("OMP_NUM_THREADS"), QStringLiteral("3"));
+    const Outcome run = zor({ "profile", "--interval", "3", "--quiet", "-o", result, "--", program, "40", "64" }, env,
+                            280000);
+    EXPECT_EQ(run.leftBehind, QStringList());
+    ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
+    ASSERT_EQ(run.status, 0) << qPrintable(run.err);
+    EXPECT_TRUE(run.out.endsWith(QLatin1String("ok\n"))) << qPrintable(run.out);
+    Result saved;
+    QString error;
+    ASSERT_TRUE(ResultFile::read(result, &saved, &error)) << qPrintable(error);
+    const Profile profile(saved);
+
+    // Per path, the time in hot_body: a worker's path has no call into the
+    // runtime's fork on it.
+    double underOpener = 0, workers = 0, all = 0;
+    for (const QByteArray& line : foldedStacks(profile).split('\n')) {
+        const int space = line.lastIndexOf(' ');
+        const QStringList frames = QString::fromUtf8(line.left(space)).split(QLatin1Char(';'));
+        if (space < 0 || frames.last() != QLatin1String("hot_body"))
+            continue;
+        const double us = line.mid(space + 1).toDouble();
+        all += us;
+        const int opener = frames.indexOf(QStringLiteral("open_region"));
+        if (opener < 0 || frames.indexOf(QStringLiteral("main")) > opener)
+            continue;
+        underOpener += us;
+        if (!frames.contains(QStringLiteral("GOMP_parallel")) && !frames.contains(QStringLiteral("__kmpc_fork_call")))
+            workers += us;
+    }
+    ASSERT_GT(all, 0) << foldedStacks(profile).constData();
+    EXPECT_GT(underOpener / all, 0.97) << foldedStacks(profile).constData();
+    // Two of the three threads are workers.
+    EXPECT_GT(workers / all, 0.4) << foldedStacks(profile).constData();
+
+    QMap<QString, int> threads;
+    for (const ActivityRow& row : profile.activity(10, false))
+        threads[row.label] += row.threads;
+    EXPECT_EQ(threads.value("main thread"), 1) << qPrintable(QStringList(threads.keys()).join(", "));
+    EXPECT_EQ(threads.value("parallel region threads"), 2) << qPrintable(QStringList(threads.keys()).join(", "));
+}
+
+INSTANTIATE_TEST_SUITE_P(Runtimes, OpenMp, ::testing::Values("gcc", "clang"));
+
+} // namespace
