@@ -301,7 +301,7 @@ void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
     mSelfProfilePoints.addPoint(decode.finish(done));
 }
 
-unsigned int PreloadSampleSource::findRootFramesOfThread(const std::vector<unsigned long>& trace, bool& found)
+unsigned int PreloadSampleSource::findRootFramesOfThread(const quorvex::backtrace_t& trace, bool& found)
 {
     found = false;
     const int size = int(trace.size());
