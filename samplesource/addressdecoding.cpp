@@ -197,7 +197,8 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
     frame.hasLineInfo = position.hasFileAndLine();
     frame.unknownPrefix = position.function.startsWith(unknownName());
     frame.exactlyUnknown = position.function == unknownName();
-    frame.samplerFrame = isSamplerName(position.function) || isSamplerAddress(address);
+    frame.inSamplerLibrary = isSamplerAddress(address);
+    frame.samplerFrame = frame.inSamplerLibrary || isSamplerName(position.function);
     frame.samplerWrapper = position.function.startsWith(QLatin1String("quorvex_sampleWrapper"));
     frame.cuda = -1;
 }

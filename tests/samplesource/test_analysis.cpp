@@ -251,7 +251,12 @@ TEST_F(Analysis, AWorkerOfAParallelRegionHangsUnderItsCallSite)
     BacktraceData siteTrace = zortest::makeBacktraceData(site);
     builder.callSites().emplace_back(7, MAIN_TID, &siteTrace, 0);
 
-    quorvex::SSample* first = sample({0x403005, START_MAIN});
+    // The thread that opened the region runs it too, through the sampler's
+    // stand-in for the runtime's entry point and the runtime's own.
+    debugger.frame(SAMPLER + 0x205, QStringLiteral("(anonymous namespace)::regionEntry(void*)"));
+    debugger.frame(GOMP + 0x205, QStringLiteral("GOMP_parallel"));
+    debugger.frame(SAMPLER + 0x305, QStringLiteral("GOMP_parallel"));
+    quorvex::SSample* first = sample({0x401410, SAMPLER + 0x205, GOMP + 0x205, SAMPLER + 0x305, 0x403005, START_MAIN});
     thread(first, 102, {0x401410}, false, 0, true, 7);
     // The same worker in a region whose call site the sampler lost: its own
     // first frame is marked, and it gets its class.
@@ -264,6 +269,9 @@ TEST_F(Analysis, AWorkerOfAParallelRegionHangsUnderItsCallSite)
                                                                       "    main@main.c:8#7\n"
                                                                       "      main._omp_fn.0@main.c:10\n"));
     EXPECT_EQ(samples.at(0)->backendOnly_threadType(102), Sample::ParallelRegionThread);
+    EXPECT_EQ(frames(0, MAIN_TID), QStringLiteral("main@main.c:8\n"
+                                                  "  GOMP_parallel\n"
+                                                  "    main._omp_fn.0@main.c:10\n"));
     EXPECT_EQ(describe(samples.at(1)->psvModel(102)), QStringLiteral("app#1\n"
                                                                       "  [OpenMP worker thread]#5\n"
                                                                       "    <unknown> from libgomp.so.1#7\n"
