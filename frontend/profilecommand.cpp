@@ -357,7 +357,7 @@ bool ProfileRun::waitUntil(const std::function<bool()>& done, int timeoutMs, con
                          .arg(what);
             return false;
         }
-        // The tick wakes the loop at least every 200 ms.
+        // The two-argument processEvents drops WaitForMoreEvents and spins; the tick above bounds the sleep.
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     return true;

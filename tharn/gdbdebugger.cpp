@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -416,6 +417,23 @@ void GdbDebugger::pidfdReadable()
     noteTargetGone(status.isEmpty() ? QStringLiteral("ended") : status);
 }
 
+bool GdbDebugger::targetEnds(int waitMs)
+{
+    if (mTargetGone)
+        return true;
+    if (mPidfd >= 0) {
+        pollfd wait = {mPidfd, POLLIN, 0};
+        if (poll(&wait, 1, waitMs) > 0)
+            pidfdReadable();
+        return mTargetGone;
+    }
+    // Without a pidfd: gone, or a zombie that its parent hasn't reaped.
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(mTargetPid));
+    if (::kill(mTargetPid, 0) != 0 || (stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") Z ")))
+        noteTargetGone(QStringLiteral("ended"));
+    return mTargetGone;
+}
+
 void GdbDebugger::noteTargetGone(const QString& status)
 {
     if (mTargetGone)
@@ -633,13 +651,11 @@ Response* GdbDebugger::handleReattach(Command&)
     lowerTargetPriority();
     Answer attach = command(QStringLiteral("-target-attach %1").arg(mTargetPid));
     if (attach.result.className == QLatin1String("error")) {
-        // Ended meanwhile: a zombie, or already reaped.
-        const QString status = zombieStatus();
-        if (!status.isEmpty() || ::kill(mTargetPid, 0) != 0)
-            noteTargetGone(status.isEmpty() ? QStringLiteral("ended") : status);
-        if (mTargetGone)
+        // A program on its way out can't be attached to: that is its end,
+        // not a failure of the debugger.
+        if (targetEnds(2000))
             fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
-        fail(mTargetGone ? TargetGoneError : DebuggerFailed,
+        fail(DebuggerFailed,
              QStringLiteral("Can't attach to the program again: %1").arg(attach.result.results.str(QStringLiteral("msg"))));
     }
     mDetached = false;

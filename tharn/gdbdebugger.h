@@ -129,6 +129,8 @@ private:
     // How the target ended when it is a zombie; empty while it lives.
     QString zombieStatus() const;
     void lowerTargetPriority();
+    // Whether the target has ended or ends within `waitMs`; noted if so.
+    bool targetEnds(int waitMs);
     void fail(int code, const QString& message);
 
     Options mOptions;

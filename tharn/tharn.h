@@ -49,6 +49,10 @@ public:
     // From the front-end's play command to its finish command: what was
     // sampled is still owed to the front-end.
     bool isRunUnderway() const { return mRunUnderway; }
+    // Exceptions with this code say only that the program has ended. The
+    // host reports every end itself (targetExit), and the front-end says
+    // what an abnormal one was: these go to the log, not to the front-end.
+    void setTargetGoneCode(int code) { mTargetGoneCode = code; }
     // The log goes to standard error, each line with the host's prefix.
     void setLogToStandardError(bool enabled) { mLogToStderr = enabled; }
 
@@ -114,6 +118,7 @@ private:
     bool mRunUnderway = false;
     bool mDebugMode = false;
     bool mLogToStderr = false;
+    int mTargetGoneCode = 0;
 };
 
 #endif
