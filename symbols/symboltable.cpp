@@ -510,6 +510,12 @@ void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringLis
     mUnits.clear();
     mFileNames.clear();
     mLineSections.clear();
+    // A session of its own each time: modules reported again in another
+    // order clash with their earlier selves ("address range overlaps an
+    // existing module"), which lost a program its own symbols once MPI had
+    // loaded its components.
+    dwfl_end(mDwfl);
+    mDwfl = dwfl_begin(&callbacks);
     dwfl_report_begin(mDwfl);
     for (const SharedLibrary& library : libraries) {
         if (!library.isRangeKnown())
