@@ -19,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "compactset.h"
 #include "foldedstacks.h"
 #include "mpicalls.h"
 #include "profile.h"
@@ -195,10 +196,10 @@ TEST_F(Parallel, MpiFourRanksCountEveryCallAndShowTheImbalance)
     QTemporaryDir dir;
     QTemporaryDir temporary;
     const QString result = dir.filePath(QStringLiteral("mpi.zor"));
-    const int rounds = 12;
+    const int rounds = 8;
     const Outcome run = zor({ "profile", "-n", "4", "--interval", "5", "-o", result, "--", ZOR_MPI_EXAMPLE,
-                              QString::number(rounds), "2500", "16" },
-                            environment(temporary.path()), 280000);
+                              QString::number(rounds), "10000", "16" },
+                            environment(temporary.path()), 420000);
     EXPECT_EQ(run.leftBehind, QStringList());
     ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
     ASSERT_EQ(run.status, 0) << qPrintable(run.err);
@@ -225,15 +226,15 @@ TEST_F(Parallel, MpiFourRanksCountEveryCallAndShowTheImbalance)
         EXPECT_EQ(calls.value("MPI_Allreduce").sent, quint64(rounds) * 16 * sizeof(double));
         barrierNs << calls.value("MPI_Barrier").ns;
     }
-    // Rank r computes r + 1 steps of some 10 ms before the barrier: rank 0
+    // Rank r computes r + 1 steps of some 40 ms before the barrier: rank 0
     // waits there for three steps a round, rank 3 for none. Four ranks share
-    // two cores, so the figures are coarse; the ranks below wait 5 times as
-    // long as those above, roughly.
+    // two cores, and a barrier among them takes tens of milliseconds, so
+    // the figures are coarse.
     const QString figures = QStringLiteral("barrier ns per rank: %1 %2 %3 %4")
                                 .arg(barrierNs[0]).arg(barrierNs[1]).arg(barrierNs[2]).arg(barrierNs[3]);
-    EXPECT_GT(barrierNs[0] + barrierNs[1], 2 * (barrierNs[2] + barrierNs[3])) << qPrintable(figures);
+    EXPECT_GT(2 * (barrierNs[0] + barrierNs[1]), 3 * (barrierNs[2] + barrierNs[3])) << qPrintable(figures);
     EXPECT_GT(barrierNs[0], 2 * barrierNs[3]) << qPrintable(figures);
-    EXPECT_GT(barrierNs[0], quint64(rounds) * 10000000) << qPrintable(figures);
+    EXPECT_GT(barrierNs[0], quint64(rounds) * 60000000) << qPrintable(figures);
     const MpiCalls table(saved);
     for (const MpiCallTotal& total : table.totals()) {
         if (total.sum.name == QLatin1String("MPI_Barrier")) {
@@ -247,8 +248,12 @@ TEST_F(Parallel, MpiFourRanksCountEveryCallAndShowTheImbalance)
     EXPECT_EQ(profile.rankCount(), 4);
     const PSVModelItem* compute = findNode(profile.tree(), QStringLiteral("compute"));
     ASSERT_NE(compute, nullptr) << foldedStacks(profile).constData();
-    EXPECT_TRUE(compute->processToThreadCountMap().toString().startsWith(QLatin1String("0-3")))
-        << qPrintable(compute->processToThreadCountMap().toString());
+    // "0=64,1=56,2-3=80": rank ranges and their thread-sample counts.
+    const QString byRank = compute->processToThreadCountMap().toString();
+    CompactSet<int> ranks;
+    for (const QString& item : byRank.split(QLatin1Char(',')))
+        ranks.insert(CompactSet<int>(item.section(QLatin1Char('='), 0, 0)), true);
+    EXPECT_EQ(ranks.toString(), QStringLiteral("0-3")) << qPrintable(byRank);
 }
 
 // A rank that calls MPI_Abort, and one that dies of a signal: the run ends
