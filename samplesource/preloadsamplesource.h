@@ -18,6 +18,7 @@
 #include <QSet>
 #include <QString>
 #include <QStringList>
+#include <QVarLengthArray>
 #include <ctime>
 #include <deque>
 #include <memory>
@@ -187,6 +188,7 @@ public:
     void addInlineCallerFrames(Address address, ZORPSVModelItem*& parent);
     ZORPSVModelItem* getOrCreatePSVModelItem(const Position& position, ZORPSVModelItem* parent);
     bool replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query);
+    bool replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query, PSVModelItem** newLeaf);
 
     // Raw samples to analysed ones.
     Sample* createSample(const quorvex::SSample& raw, timespec start, const QMap<int, quorvex::SCallSite>& callSites,
@@ -248,6 +250,9 @@ private:
     void foldUnknownTail(ZORPSVModelItem*& current);
     void recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace, const quorvex::SSample* previous);
     Category::OmpCompiler::Enum detectOmpRuntime(const ZORPSVModelItem* root);
+    Category::OmpCompiler::Enum scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify);
+    bool classifyByFrame(int tid, const Category::NameFacts& facts, const Category::NameFacts& parentFacts,
+                         bool nearRoot);
     void markRegionCaller(ZORPSVModelItem* root, int depth);
     void dropStartupFrame(ZORPSVModelItem* root);
     const NameAnswers& answersFor(const QString& function);
@@ -345,6 +350,13 @@ private:
     QList<QPair<Address, Address>> mSamplerRanges;
     FlatIndex mNameIndex;
     std::deque<NameAnswers> mNameAnswers;
+    // While a run is analysed: the leaf placeholder of each tree built, by
+    // the tree's root, and the leaves of the sample whose placeholders were
+    // just replaced, by thread; both spare a walk down a deep tree whose
+    // nodes have long left the cache.
+    FlatTable<ZORPSVModelItem*> mTreePlaceholders;
+    bool mRecordTreePlaceholders = false;
+    QVarLengthArray<QPair<int, PSVModelItem*>, 32> mSampleLeaves;
 };
 
 // Lowers the priority of this process and of its children to the least, so

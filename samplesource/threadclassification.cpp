@@ -35,29 +35,37 @@ const PreloadSampleSource::NameAnswers& PreloadSampleSource::answersFor(const QS
     return mNameAnswers.back();
 }
 
-void PreloadSampleSource::classifyNonMainTid(int tid, const ZORPSVModelItem* item)
+bool PreloadSampleSource::classifyByFrame(int tid, const Category::NameFacts& facts,
+                                          const Category::NameFacts& parentFacts, bool nearRoot)
 {
-    const PSVModelItem* parent = item->parent();
-    const bool nearRoot = !parent || !parent->parent();
-    static const Category::NameFacts noParent = Category::factsOf(QString());
-    const Category::NameFacts& facts = answersFor(item->position().function).facts;
-    const Category::Enum category = Category::categorise(
-        facts, parent ? answersFor(parent->position().function).facts : noParent, Category::Other);
+    const Category::Enum category = Category::categorise(facts, parentFacts, Category::Other);
     if (facts.ompWorker || category == Category::OmpRegion || category == Category::OmpWorkerEntry
         || category == Category::OmpWait) {
         mOmpTids.insert(tid);
-        return;
+        return true;
     }
     if (facts.mpiWorker) {
         mMpiTids.insert(tid);
-        return;
+        return true;
     }
     // An accelerator frame deeper in the stack is a call of the program's,
     // not a thread of the runtime.
     if (category == Category::Accelerator && nearRoot) {
         mAcceleratorTids.insert(tid);
-        return;
+        return true;
     }
+    return false;
+}
+
+void PreloadSampleSource::classifyNonMainTid(int tid, const ZORPSVModelItem* item)
+{
+    const PSVModelItem* parent = item->parent();
+    const bool nearRoot = !parent || !parent->parent();
+    static const Category::NameFacts noParent = Category::factsOf(QString());
+    // A copy: the parent's lookup may add to the answers.
+    const Category::NameFacts facts = answersFor(item->position().function).facts;
+    if (classifyByFrame(tid, facts, parent ? answersFor(parent->position().function).facts : noParent, nearRoot))
+        return;
     for (const PSVModelItem* child : item->children())
         classifyNonMainTid(tid, static_cast<const ZORPSVModelItem*>(child));
 }
