@@ -198,7 +198,7 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
     if (first < n) {
         if (!backtrace.inMpi()) {
             const Address leaf = trace[first];
-            mLeafAddresses.insert(leaf);
+            mNewLeafAddresses.push_back(leaf);
             current = new PlaceholderZORPSVModelItem(current, leaf, inAccelerator);
             current->addThread(rank, false, false);
             if (mRecordTreePlaceholders)
