@@ -231,11 +231,9 @@ public slots:
     void checkIfTargetWantsToStop(const QString& path);
 
 private:
-    // What the naming rules say of one function name; the name is held so
-    // that its storage, by which it is found, stays its own.
+    // What the naming rules say of one function name.
     struct NameAnswers
     {
-        QString name;
         Category::NameFacts facts;
         Category::OmpCompiler::Enum runtime;
     };
@@ -255,7 +253,9 @@ private:
                          bool nearRoot);
     void markRegionCaller(ZORPSVModelItem* root, int depth);
     void dropStartupFrame(ZORPSVModelItem* root);
+    // Valid until the next call.
     const NameAnswers& answersFor(const QString& function);
+    static std::uint64_t nameKey(const QString& function);
     QString programDisplayName();
 
     void lookForMpiWrapper();
@@ -351,8 +351,9 @@ private:
     InternStringCache mInternedStrings;
     FlatTable<DecodedFrame> mDecodedFrames;
     QList<QPair<Address, Address>> mSamplerRanges;
-    FlatIndex mNameIndex;
-    std::deque<NameAnswers> mNameAnswers;
+    // By the names' storage, which the names held beside keep their own.
+    FlatTable<NameAnswers> mNameAnswers;
+    std::deque<QString> mAnsweredNames;
     // While a run is analysed: the leaf placeholder of each tree built, by
     // the tree's root, and the leaves of the sample whose placeholders were
     // just replaced, by thread; both spare a walk down a deep tree whose

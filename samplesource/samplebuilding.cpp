@@ -133,8 +133,8 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
                            mLustreCharsWritten);
     }
     mSelfProfilePoints.addPoint(post.finish(samples.size()));
-    mNameIndex.clear();
     mNameAnswers.clear();
+    mAnsweredNames.clear();
 }
 
 void PreloadSampleSource::recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace,
@@ -312,8 +312,18 @@ Category::OmpCompiler::Enum PreloadSampleSource::scanFreshTree(int tid, const ZO
     Category::NameFacts parentFacts = noParent;
     Category::OmpCompiler::Enum runtime = Category::OmpCompiler::Unknown;
     bool runtimeFound = false;
-    int depth = 0;
-    for (const PSVModelItem* node = root; node && (classify || !runtimeFound); node = node->firstChild(), ++depth) {
+    // The path first, so that the answers of the frames a few steps ahead
+    // can be loaded while one is looked at; it ends early at a fork.
+    QVarLengthArray<const PSVModelItem*, 160> path;
+    for (const PSVModelItem* node = root; node; node = node->childCount() > 1 ? nullptr : node->firstChild())
+        path.append(node);
+    const int prefetchDistance = 4;
+    for (int i = 0; i < prefetchDistance && i < path.size(); ++i)
+        mNameAnswers.prefetch(nameKey(path[i]->position().function));
+    for (int depth = 0; depth < path.size() && (classify || !runtimeFound); ++depth) {
+        const PSVModelItem* node = path[depth];
+        if (depth + prefetchDistance < path.size())
+            mNameAnswers.prefetch(nameKey(path[depth + prefetchDistance]->position().function));
         if (node->childCount() > 1) {
             if (classify)
                 classifyNonMainTid(tid, static_cast<const ZORPSVModelItem*>(node));

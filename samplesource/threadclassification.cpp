@@ -22,17 +22,20 @@ const PreloadSampleSource::NameAnswers& PreloadSampleSource::answersFor(const QS
     // tree is searched for its OpenMP runtime, so the rules' answers for a
     // name are kept for the analysis. Trees share their names' storage with
     // the position cache, so the storage identifies a name.
-    const std::uint64_t key = reinterpret_cast<quintptr>(function.constData());
-    const int index = mNameIndex.find(key);
-    if (index >= 0)
-        return mNameAnswers[size_t(index)];
-    NameAnswers answers;
-    answers.name = function;
+    const std::uint64_t key = nameKey(function);
+    if (const NameAnswers* known = mNameAnswers.find(key))
+        return *known;
+    mAnsweredNames.push_back(function);
+    NameAnswers& answers = mNameAnswers.insert(key);
     answers.facts = Category::factsOf(function);
     answers.runtime = Category::ompRuntimeOfFunction(function);
-    mNameIndex.insert(key, int(mNameAnswers.size()));
-    mNameAnswers.push_back(answers);
-    return mNameAnswers.back();
+    return answers;
+}
+
+std::uint64_t PreloadSampleSource::nameKey(const QString& function)
+{
+    // The storage's address, read without touching the storage itself.
+    return reinterpret_cast<quintptr>(const_cast<QString&>(function).data_ptr());
 }
 
 bool PreloadSampleSource::classifyByFrame(int tid, const Category::NameFacts& facts,
