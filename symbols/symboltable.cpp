@@ -9,7 +9,10 @@
 #include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/libdw.h>
+#include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <gelf.h>
 #include <algorithm>
 #include <cstring>
@@ -501,6 +504,24 @@ QList<SharedLibrary> SymbolTable::parseMaps(const QByteArray& maps)
         if (range.code)
             result.append(SharedLibrary(path, range.start, range.end));
     }
+    return result;
+}
+
+QByteArray SymbolTable::buildId(const QString& path)
+{
+    QByteArray result;
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return result;
+    elf_version(EV_CURRENT);
+    if (Elf* elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr)) {
+        const void* id = nullptr;
+        const ssize_t size = dwelf_elf_gnu_build_id(elf, &id);
+        if (size > 0)
+            result = QByteArray(static_cast<const char*>(id), int(size)).toHex();
+        elf_end(elf);
+    }
+    ::close(fd);
     return result;
 }
 

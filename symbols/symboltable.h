@@ -49,6 +49,9 @@ public:
     // The same from the text of a maps file.
     static QList<SharedLibrary> parseMaps(const QByteArray& maps);
 
+    // The GNU build id of the ELF file at `path`, in hex; empty without one.
+    static QByteArray buildId(const QString& path);
+
     // Replaces the modules by the files of `libraries`; a file that can't
     // be read is left out and named in `problems`.
     void setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems = nullptr);
