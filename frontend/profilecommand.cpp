@@ -8,6 +8,7 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QProcess>
+#include <QSet>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -251,6 +252,7 @@ private:
     bool mAborted = false;
     bool mRankFailed = false;
     QElapsedTimer mStopSent;
+    QSet<int> mAnnounced; // ranks whose failed end was told
 };
 
 bool ProfileRun::start(QString* error)
@@ -457,6 +459,7 @@ void ProfileRun::stopOthersIfARankDied()
                                      : QStringLiteral("ended with status %1").arg(host->exitCode());
         fprintf(stderr, "zor: the program of rank %d %s; stopping sampling on the other ranks\n", host->rank(),
                 qPrintable(how));
+        mAnnounced.insert(host->rank());
         mRankFailed = true;
         stopSampling();
         return;
@@ -711,6 +714,18 @@ int ProfileRun::run()
         }, EndTimeoutMs, QStringLiteral("waiting for the program to end"), &ignored);
     }
     result.run.exitStatus = programStatus();
+    // A failed end learnt only once the run was over (mpirun had the hosts
+    // stop first) is told too.
+    for (HostConnection* host : mHosts + mDroppedHosts) {
+        if (mRanks < 2 || !host->targetEnded() || mAnnounced.contains(host->rank())
+            || (host->exitSignal() == 0 && host->exitCode() == 0))
+            continue;
+        mProgress.clear();
+        fprintf(stderr, "zor: the program of rank %d %s\n", host->rank(),
+                qPrintable(host->exitSignal() > 0 ? QStringLiteral("died of signal %1").arg(host->exitSignal())
+                                                  : QStringLiteral("ended with status %1").arg(host->exitCode())));
+        mAnnounced.insert(host->rank());
+    }
     bool allEnded = true;
     for (HostConnection* host : qAsConst(mHosts))
         allEnded = allEnded && host->targetEnded();
@@ -726,10 +741,13 @@ int ProfileRun::run()
     mProgress.clear();
     // A program stopped by Ctrl-C, which the hosts then end, ends as a
     // shell would say.
-    if (result.run.exitStatus == 0 && mStopping && !allEnded)
+    if (result.run.exitStatus == 0 && mStopping && !mRankFailed && !allEnded)
         result.run.exitStatus = 128 + SIGINT;
     if (result.run.exitStatus == 0 && mLauncher.exitStatus() == QProcess::NormalExit && mOptions.processes > 0)
         result.run.exitStatus = mLauncher.exitCode();
+    // A rank failed in a way its host couldn't read.
+    if (result.run.exitStatus == 0 && mRankFailed)
+        result.run.exitStatus = 1;
 
     if (!ResultFile::write(mOptions.output, result, &error)) {
         complain(error);

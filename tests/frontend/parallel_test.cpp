@@ -280,17 +280,23 @@ TEST_F(Parallel, MpiAbortAndACrashingRankKeepTheOtherRanksSamples)
                                 environment(temporary.path()), 280000);
         EXPECT_EQ(run.leftBehind, QStringList());
         ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
-        EXPECT_EQ(run.status, c.status) << qPrintable(run.err);
-        EXPECT_TRUE(run.err.contains(QStringLiteral("zor: the program of rank %1 %2; stopping sampling on the other ranks")
-                                         .arg(c.rank)
-                                         .arg(QLatin1String(c.how))))
-            << qPrintable(run.err);
+        // The host reads how a program ended from its zombie; should the
+        // zombie be gone first, the rank counts as failed once the others
+        // outlive it by 20 s, and zor says it doesn't know how it ended.
+        const bool known = run.err.contains(QStringLiteral("zor: the program of rank %1 %2").arg(c.rank).arg(QLatin1String(c.how)));
+        const bool unknown = run.err.contains(QStringLiteral("zor: the program of rank %1 ended ").arg(c.rank))
+            && run.err.contains(QLatin1String("how is unknown, while others run; stopping sampling on the other ranks"));
+        EXPECT_TRUE(known || unknown) << qPrintable(run.err);
+        if (known)
+            EXPECT_EQ(run.status, c.status) << qPrintable(run.err);
+        else
+            EXPECT_NE(run.status, 0) << qPrintable(run.err);
         EXPECT_EQ(leftoverFiles(temporary.path()), QStringList());
 
         Result saved;
         QString error;
         ASSERT_TRUE(ResultFile::read(result, &saved, &error)) << qPrintable(error) << "\n" << qPrintable(run.err);
-        EXPECT_EQ(saved.run.exitStatus, c.status);
+        EXPECT_EQ(saved.run.exitStatus, run.status);
         QList<int> ranks;
         for (const RankResult& rank : saved.ranks) {
             ranks << rank.rank();
