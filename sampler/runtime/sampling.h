@@ -39,8 +39,13 @@ void deliverToProgram(int sig, siginfo_t* info, void* ucontext);
 // unless it is 0. Sets the unwind status: 0, a libunwind error, or one of
 // the sampler's codes below.
 void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned long boundaryIp);
-// Unwinds once outside a handler, so that libunwind sets itself up there.
+// Sets libunwind up outside a handler, as far as it can wait no longer.
 void prepareUnwinding();
+// When a thread ends, and in the child of fork.
+void endThreadUnwinding();
+void resetUnwindingAfterFork();
+// Learns where the sampler's handler returns to, once it is installed.
+void noteSignalReturn();
 
 // Unwind status codes of the sampler's own.
 const int UNWIND_TOO_DEEP = 100;
