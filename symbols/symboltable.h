@@ -10,11 +10,13 @@
 #include <QString>
 
 #include "debuggertypes.h"
+#include "linetable.h"
 
 #include <memory>
 #include <unordered_map>
 
 struct Dwfl;
+struct Dwarf;
 
 struct SymbolPosition
 {
@@ -68,13 +70,22 @@ public:
 private:
     struct UnitIndex;
     // `cu` is the unit's Dwarf_Die.
-    const UnitIndex& unitIndex(void* cu);
+    UnitIndex& unitIndex(void* cu, Dwarf* dwarf);
+    // The sections that line programs of `dwarf` read; null without them.
+    const LineTable::Sections* lineSections(Dwarf* dwarf);
+    // File `file` of the unit's line table, as an absolute path.
+    QString unitFile(UnitIndex& index, unsigned long long file);
+    int functionAt(UnitIndex& index, unsigned long long pc);
+    // Reads the names and call sites of `function` and those around it.
+    void resolve(UnitIndex& index, int function);
 
     Dwfl* mDwfl;
     QList<SharedLibrary> mLibraries;
-    // The functions of each compilation unit by address, built on first
-    // use: a lookup is then a binary search, not a walk of the unit.
+    // The functions of each compilation unit by address, built as addresses
+    // fall into them: a lookup is then a binary search, not a walk.
     std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;
+    std::unordered_map<const Dwarf*, LineTable::Sections> mLineSections;
+    // Each file name of a unit made absolute once, where libdw reads its lines.
     std::unordered_map<const char*, QString> mFileNames;
 };
 
