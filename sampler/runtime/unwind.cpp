@@ -141,13 +141,16 @@ void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned
 void prepareUnwinding()
 {
     // A cache per thread for the stepwise walk: no lock between threads
-    // that unwind at once where libunwind was built with one. The rest of
-    // libunwind's set-up waits for the first sample.
+    // that unwind at once where libunwind was built with one.
     unw_set_caching_policy(unw_local_addr_space, UNW_CACHE_PER_THREAD);
-    unw_context_t context;
-    unw_cursor_t cursor;
-    if (unw_getcontext(&context) == 0)
-        unw_init_local(&cursor, &context);
+    // The first cached walk of the process makes libunwind's thread-specific
+    // key: here, while the key is among the first ones, whose values glibc
+    // stores without allocating, and outside a handler. The walks of the
+    // other threads map their caches in their handlers.
+    if (mayWalkFast()) {
+        void* frames[4];
+        unw_backtrace(frames, 4);
+    }
 }
 
 void endThreadUnwinding()
