@@ -9,7 +9,10 @@
 #include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/libdw.h>
+#include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <gelf.h>
 #include <algorithm>
 #include <cstring>
@@ -504,12 +507,31 @@ QList<SharedLibrary> SymbolTable::parseMaps(const QByteArray& maps)
     return result;
 }
 
+QByteArray SymbolTable::buildId(const QString& path)
+{
+    QByteArray result;
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return result;
+    elf_version(EV_CURRENT);
+    if (Elf* elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr)) {
+        const void* id = nullptr;
+        const ssize_t size = dwelf_elf_gnu_build_id(elf, &id);
+        if (size > 0)
+            result = QByteArray(static_cast<const char*>(id), int(size)).toHex();
+        elf_end(elf);
+    }
+    ::close(fd);
+    return result;
+}
+
 void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems)
 {
     mLibraries = libraries;
     mUnits.clear();
     mFileNames.clear();
     mLineSections.clear();
+    mCodeSymbols.clear();
     dwfl_report_begin(mDwfl);
     for (const SharedLibrary& library : libraries) {
         if (!library.isRangeKnown())
@@ -570,15 +592,69 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     }
 
     if (!result.hasSymbol) {
-        GElf_Off offset = 0;
-        GElf_Sym symbol;
-        const char* name = dwfl_module_addrinfo(module, address, &offset, &symbol, nullptr, nullptr, nullptr);
-        if (name && *name) {
-            result.function = demangledName(QString::fromLatin1(name));
+        if (const CodeSymbol* symbol = symbolAt(module, address)) {
+            result.function = demangledName(QString::fromLatin1(symbol->name));
             result.hasSymbol = true;
         }
     }
     return result;
+}
+
+// The code symbols of a module by address, built on first use: libdwfl's
+// own lookup walks every symbol of the module for each address, a third of
+// a millisecond in a library of some thousand functions.
+const SymbolTable::CodeSymbol* SymbolTable::symbolAt(Dwfl_Module* module, unsigned long long address)
+{
+    auto found = mCodeSymbols.find(module);
+    if (found == mCodeSymbols.end()) {
+        std::vector<CodeSymbol>& symbols = mCodeSymbols[module];
+        const int count = dwfl_module_getsymtab(module);
+        for (int i = 1; i < count; ++i) {
+            GElf_Sym symbol;
+            GElf_Addr value = 0;
+            GElf_Word section = 0;
+            Elf* elf = nullptr;
+            const char* name = dwfl_module_getsym_info(module, i, &symbol, &value, &section, &elf, nullptr);
+            const int type = GELF_ST_TYPE(symbol.st_info);
+            if (!name || !*name || section == SHN_UNDEF || section >= SHN_LORESERVE || value == 0
+                || (type != STT_FUNC && type != STT_GNU_IFUNC && type != STT_NOTYPE))
+                continue;
+            GElf_Shdr header;
+            Elf_Scn* scn = elf ? elf_getscn(elf, section) : nullptr;
+            if (!scn || !gelf_getshdr(scn, &header) || !(header.sh_flags & SHF_EXECINSTR))
+                continue;
+            const int binding = GELF_ST_BIND(symbol.st_info);
+            // Of several names for one address, a global one with a size.
+            const int rank = (binding == STB_GLOBAL ? 4 : binding == STB_WEAK ? 2 : 0) + (symbol.st_size > 0)
+                + (type == STT_FUNC ? 8 : 0);
+            symbols.push_back({value, symbol.st_size, name, rank, type == STT_FUNC});
+        }
+        std::sort(symbols.begin(), symbols.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
+            return a.start != b.start ? a.start < b.start : a.rank > b.rank;
+        });
+        symbols.erase(std::unique(symbols.begin(), symbols.end(),
+                                  [](const CodeSymbol& a, const CodeSymbol& b) { return a.start == b.start; }),
+                      symbols.end());
+        found = mCodeSymbols.find(module);
+    }
+    const std::vector<CodeSymbol>& symbols = found->second;
+    auto after = std::upper_bound(symbols.begin(), symbols.end(), address,
+                                  [](unsigned long long a, const CodeSymbol& s) { return a < s.start; });
+    if (after == symbols.begin())
+        return nullptr;
+    // One without a size reaches to the next; a small one that starts
+    // inside a larger one (a local label) may not hold the address where
+    // the larger does.
+    const auto last = after - 1;
+    if (last->size == 0)
+        return after == symbols.end() || address < after->start ? &*last : nullptr;
+    for (auto it = last; it >= symbols.begin() && last - it < 16; --it) {
+        if (address < it->start + it->size)
+            return &*it;
+        if (it == symbols.begin())
+            break;
+    }
+    return nullptr;
 }
 
 bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bounds)
@@ -586,14 +662,12 @@ bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bou
     Dwfl_Module* module = dwfl_addrmodule(mDwfl, address);
     if (!module)
         return false;
-    GElf_Off offset = 0;
-    GElf_Sym symbol;
-    const char* name = dwfl_module_addrinfo(module, address, &offset, &symbol, nullptr, nullptr, nullptr);
-    if (!name || symbol.st_size == 0 || GELF_ST_TYPE(symbol.st_info) != STT_FUNC)
+    const CodeSymbol* symbol = symbolAt(module, address);
+    if (!symbol || symbol->size == 0 || !symbol->function)
         return false;
-    bounds->start = address - offset;
-    bounds->end = bounds->start + symbol.st_size;
-    bounds->name = demangledName(QString::fromLatin1(name));
+    bounds->start = symbol->start;
+    bounds->end = symbol->start + symbol->size;
+    bounds->name = demangledName(QString::fromLatin1(symbol->name));
     return true;
 }
 

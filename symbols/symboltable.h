@@ -14,8 +14,10 @@
 
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 struct Dwfl;
+struct Dwfl_Module;
 struct Dwarf;
 
 struct SymbolPosition
@@ -49,6 +51,9 @@ public:
     // The same from the text of a maps file.
     static QList<SharedLibrary> parseMaps(const QByteArray& maps);
 
+    // The GNU build id of the ELF file at `path`, in hex; empty without one.
+    static QByteArray buildId(const QString& path);
+
     // Replaces the modules by the files of `libraries`; a file that can't
     // be read is left out and named in `problems`.
     void setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems = nullptr);
@@ -73,6 +78,15 @@ private:
     UnitIndex& unitIndex(void* cu, Dwarf* dwarf);
     // The sections that line programs of `dwarf` read; null without them.
     const LineTable::Sections* lineSections(Dwarf* dwarf);
+    struct CodeSymbol
+    {
+        unsigned long long start;
+        unsigned long long size;
+        const char* name;
+        int rank;
+        bool function;
+    };
+    const CodeSymbol* symbolAt(Dwfl_Module* module, unsigned long long address);
     // File `file` of the unit's line table, as an absolute path.
     QString unitFile(UnitIndex& index, unsigned long long file);
     int functionAt(UnitIndex& index, unsigned long long pc);
@@ -85,6 +99,7 @@ private:
     // fall into them: a lookup is then a binary search, not a walk.
     std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;
     std::unordered_map<const Dwarf*, LineTable::Sections> mLineSections;
+    std::unordered_map<const Dwfl_Module*, std::vector<CodeSymbol>> mCodeSymbols;
     // Each file name of a unit made absolute once, where libdw reads its lines.
     std::unordered_map<const char*, QString> mFileNames;
 };

@@ -186,12 +186,24 @@ void printModules(const std::vector<Module>& modules)
 }
 
 // The modules placed where the run had them. Each is placed at its load
-// address; its extent comes from its own headers.
+// address; its extent comes from its own headers. A file that is no longer
+// the one the run loaded (another build id) would give wrong answers: left
+// out, and said.
 void loadSymbols(const std::vector<Module>& modules, SymbolTable* table)
 {
     QList<SharedLibrary> libraries;
-    for (const Module& m : modules)
-        libraries.append(SharedLibrary(QFile::decodeName(m.path.c_str()), m.address, m.address + 1));
+    for (const Module& m : modules) {
+        const QString path = QFile::decodeName(m.path.c_str());
+        if (m.buildId != "-") {
+            const QByteArray now = SymbolTable::buildId(path);
+            if (now != QByteArray::fromStdString(m.buildId)) {
+                fprintf(stderr, "zor-dump: no positions in %s: %s\n", m.path.c_str(),
+                        now.isEmpty() ? "the file is gone or has no build id now" : "the file has changed since the run");
+                continue;
+            }
+        }
+        libraries.append(SharedLibrary(path, m.address, m.address + 1));
+    }
     QStringList problems;
     table->setLibraries(libraries, &problems);
     for (const QString& problem : problems)

@@ -158,9 +158,10 @@ Command profilerCommand(const char* name, const QVariantMap& parameters = QVaria
     return command;
 }
 
-Command play()
+Command play(int intervalMs = 2, int samples = 3000)
 {
-    return profilerCommand(CMD_ZOR_PLAY, {{QStringLiteral("numSamples"), 3000}, {QStringLiteral("initialInterval"), 2}});
+    return profilerCommand(CMD_ZOR_PLAY, {{QStringLiteral("numSamples"), samples},
+                                          {QStringLiteral("initialInterval"), intervalMs}});
 }
 
 const Message* answerOf(const QList<Message>& messages, const Command& command)
@@ -263,13 +264,16 @@ protected:
 // local socket.
 TEST_F(EndToEnd, ExampleHotFunctionsByNameFileLineAndShare)
 {
-    HostRun run({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("4")}, HostRun::Tcp);
+    // A fixed amount of work, so that a busy machine makes the run longer
+    // but doesn't skew the shares; some 1,500 samples a thread keep them
+    // within a point or two.
+    HostRun run({ZOR_EXAMPLE, QStringLiteral("--work"), QStringLiteral("2500")}, HostRun::Tcp);
     ASSERT_FALSE(run.hello.isEmpty());
     ASSERT_FALSE(run.hello.contains(QString::fromLatin1(HelloKeys::Error)))
         << run.hello.value(QString::fromLatin1(HelloKeys::Error)).toString().toStdString();
     const int target = run.pid(HelloKeys::TargetPid), gdb = run.pid(HelloKeys::DebuggerPid);
 
-    const Command playCommand = play();
+    const Command playCommand = play(1, 8000);
     const QList<Message> played = run.ask(playCommand);
     const Message* answer = answerOf(played, playCommand);
     ASSERT_TRUE(answer);
