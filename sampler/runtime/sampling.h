@@ -47,9 +47,22 @@ void resetUnwindingAfterFork();
 // Learns where the sampler's handler returns to, once it is installed.
 void noteSignalReturn();
 
+// Marks the sampler's own use of libunwind outside a handler. libunwind's
+// locks block signals through sigprocmask, which leaves the sampler's own
+// unblocked: a handler that unwound on top of such a walk would wait for a
+// lock its own thread holds, so it takes no backtrace there.
+struct OwnUnwinding
+{
+    OwnUnwinding();
+    ~OwnUnwinding();
+    OwnUnwinding(const OwnUnwinding&) = delete;
+    OwnUnwinding& operator=(const OwnUnwinding&) = delete;
+};
+
 // Unwind status codes of the sampler's own.
 const int UNWIND_TOO_DEEP = 100;
 const int UNWIND_NOT_ANSWERED = 101;
+const int UNWIND_CLASHED = 105;
 const int UNWIND_NO_FRAMES = 106;
 
 } // namespace zorsampler

@@ -35,6 +35,7 @@ const int FAST_WALK_THREADS = 64;
 std::atomic<int> gFastWalkers{0};
 // 0: not decided yet; 1: this thread walks with a cache; -1: stepwise.
 ZS_TLS signed char tlsFastWalk;
+ZS_TLS bool tlsOwnUnwinding;
 
 bool mayWalkFast()
 {
@@ -107,6 +108,10 @@ void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned
     bt.unwindStatus = 0;
     bt.stopsAtCallingFrame = false;
     bt.parallelId = 0;
+    if (tlsOwnUnwinding) {
+        bt.unwindStatus = UNWIND_CLASHED;
+        return;
+    }
     if (!mayWalkFast() || !fastWalk(bt, static_cast<const ucontext_t*>(ucontext))) {
         bt.size = 0;
         stepwiseWalk(bt, ucontext);
@@ -136,6 +141,18 @@ void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned
     }
     if (bt.size == 0 && bt.unwindStatus == 0)
         bt.unwindStatus = UNWIND_NO_FRAMES;
+}
+
+OwnUnwinding::OwnUnwinding()
+{
+    tlsOwnUnwinding = true;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+OwnUnwinding::~OwnUnwinding()
+{
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    tlsOwnUnwinding = false;
 }
 
 void prepareUnwinding()
