@@ -48,13 +48,12 @@ void collectLastAnswers()
 void writeSamplesUpTo(int fd, const quorvex::SamplerFileHeader& header, unsigned int count, unsigned int skip)
 {
     quorvex::quorvex_write_sampler_file_header(fd, header);
-    QUORVEX_WRITE(fd, "sl", 2);
-    QUORVEX_WRITE_UWIDE(fd, skip < count ? count - 1 : count);
+    quorvex::SSampleList::writeOpening(fd, skip < count ? count - 1 : count);
     for (unsigned int i = 0; i < count; ++i) {
         if (i != skip)
             gState.list->at(i).writeToFile(fd);
     }
-    QUORVEX_WRITE(fd, "/sl", 3);
+    quorvex::SSampleList::writeClosing(fd);
     writeCallSites(fd);
 }
 
