@@ -113,7 +113,9 @@ void writeResults(int stopReason, int stage)
         close(fd);
     }
 
-    fd = open(s.errorsPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Arming took the file away: what it holds now are the notes of
+    // processes that may not sample, which stay.
+    fd = open(s.errorsPath, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
         reportFileError("the metric errors", s.errorsPath);
     } else {
