@@ -1,8 +1,12 @@
-// Source positions of the distinct addresses of a real run: libdwfl (the
-// symbols library) against one `addr2line -i -f` process fed every address.
+// Source positions of the distinct addresses of a real run: the symbols
+// library (libdwfl for modules and DIEs, line tables of its own) against one
+// `addr2line -i -f` process fed every address.
 // The subject is a large binary with full debug information, Debian's
 // python3.11d (scripts/install-deps.sh --bench installs it) running a small
 // script under the sampler. Prints addresses per second for both.
+//
+// Both sides get the same addresses; how far their answers agree is printed
+// too, so that the speeds compare like with like.
 //
 //   bench-position-decode [BINARY [SECONDS]]
 #include <QByteArray>
@@ -16,6 +20,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
+#include <gelf.h>
+#include <unistd.h>
 #include <memory>
 #include <vector>
 
@@ -29,6 +36,73 @@ void addTrace(const quorvex::SSimpleBacktrace& trace, QSet<unsigned long long>* 
 {
     for (unsigned long long address : trace.trace())
         addresses->insert(address);
+}
+
+// How far the file is placed from its own addresses, given where its first
+// page lies: nothing for a fixed executable, the load address for a
+// position-independent one.
+unsigned long long loadBias(const QString& path, unsigned long long start)
+{
+    unsigned long long first = 0;
+    elf_version(EV_CURRENT);
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    Elf* elf = fd >= 0 ? elf_begin(fd, ELF_C_READ, nullptr) : nullptr;
+    size_t count = 0;
+    if (elf && elf_getphdrnum(elf, &count) == 0) {
+        for (size_t i = 0; i < count; ++i) {
+            GElf_Phdr header;
+            if (gelf_getphdr(elf, int(i), &header) && header.p_type == PT_LOAD) {
+                first = header.p_vaddr & ~(header.p_align ? header.p_align - 1 : 0);
+                break;
+            }
+        }
+    }
+    if (elf)
+        elf_end(elf);
+    if (fd >= 0)
+        ::close(fd);
+    return start - first;
+}
+
+// The innermost position of an address and how many inlined callers it has.
+struct Decoded
+{
+    QString function;
+    QString file;
+    int line;
+    int callers;
+};
+
+// addr2line -a -i -f: per address a line "0x...", then a function line and a
+// "file:line" line for the position and for each inlined caller.
+std::vector<Decoded> parseAddr2line(const QByteArray& output, size_t count)
+{
+    std::vector<Decoded> result;
+    result.reserve(count);
+    const QList<QByteArray> lines = output.split('\n');
+    for (int i = 0; i < lines.size(); ++i) {
+        if (lines[i].startsWith("0x")) {
+            result.push_back({QString(), QString(), 0, -1});
+            continue;
+        }
+        if (result.empty() || i + 1 >= lines.size())
+            break;
+        Decoded& d = result.back();
+        if (++d.callers == 0) {
+            const QByteArray where = lines[i + 1];
+            const int colon = where.lastIndexOf(':');
+            d.function = QString::fromUtf8(lines[i]);
+            d.file = QString::fromUtf8(where.left(colon));
+            // "file:line (discriminator n)"
+            d.line = where.mid(colon + 1).split(' ').value(0).toInt();
+            if (d.function == QLatin1String("??"))
+                d.function.clear();
+            if (d.file == QLatin1String("??"))
+                d.file.clear();
+        }
+        ++i;
+    }
+    return result;
 }
 
 } // namespace
@@ -110,18 +184,34 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    // libdwfl: the first pass reads the files, the second finds them read.
-    SymbolTable table;
+    // Each side from nothing but the page cache, best of a few: a fresh
+    // table, a fresh addr2line process. The first table also reads the
+    // files from disk where they weren't cached, so it isn't counted alone.
+    const int fresh = 5;
     QElapsedTimer clock;
-    clock.start();
-    table.setLibraries(libraries);
+    double cold = 1e9;
+    std::vector<Decoded> ours;
     size_t frames = 0;
-    for (unsigned long long address : addresses) {
-        QList<SymbolPosition> callers;
-        table.position(address, &callers);
-        frames += 1 + size_t(callers.size());
+    for (int i = 0; i < fresh; ++i) {
+        std::vector<Decoded> decoded;
+        decoded.reserve(addresses.size());
+        clock.start();
+        SymbolTable table;
+        table.setLibraries(libraries);
+        frames = 0;
+        for (unsigned long long address : addresses) {
+            QList<SymbolPosition> callers;
+            const SymbolPosition where = table.position(address, &callers);
+            frames += 1 + size_t(callers.size());
+            decoded.push_back({where.function, where.file, where.line, callers.size()});
+        }
+        cold = std::min(cold, clock.nsecsElapsed() / 1e9);
+        ours.swap(decoded);
     }
-    const double cold = clock.nsecsElapsed() / 1e9;
+    SymbolTable table;
+    table.setLibraries(libraries);
+    for (unsigned long long address : addresses)
+        table.position(address);
     const int repeats = 20;
     clock.restart();
     for (int r = 0; r < repeats; ++r) {
@@ -132,30 +222,62 @@ int main(int argc, char** argv)
     }
     const double warm = clock.nsecsElapsed() / 1e9 / repeats;
 
-    // One addr2line process for all of them, file-relative addresses.
+    // addr2line with the file's own addresses, each answer behind its address.
+    const unsigned long long bias = loadBias(binary, subject.start());
     QByteArray input;
     for (unsigned long long address : addresses)
-        input += QByteArray::number(address - subject.start(), 16) + '\n';
-    QProcess addr2line;
-    clock.restart();
-    addr2line.start(QStringLiteral("addr2line"), {QStringLiteral("-i"), QStringLiteral("-f"), QStringLiteral("-e"), binary});
-    addr2line.waitForStarted();
-    addr2line.write(input);
-    addr2line.closeWriteChannel();
+        input += QByteArray::number(address - bias, 16) + '\n';
+    double external = 1e9;
     QByteArray output;
-    while (addr2line.state() != QProcess::NotRunning || addr2line.bytesAvailable()) {
-        addr2line.waitForReadyRead(100);
-        output += addr2line.readAllStandardOutput();
+    for (int i = 0; i < fresh; ++i) {
+        QProcess addr2line;
+        clock.restart();
+        addr2line.start(QStringLiteral("addr2line"),
+                        {QStringLiteral("-a"), QStringLiteral("-i"), QStringLiteral("-f"), QStringLiteral("-e"), binary});
+        addr2line.waitForStarted();
+        addr2line.write(input);
+        addr2line.closeWriteChannel();
+        output.clear();
+        while (addr2line.state() != QProcess::NotRunning || addr2line.bytesAvailable()) {
+            addr2line.waitForReadyRead(100);
+            output += addr2line.readAllStandardOutput();
+        }
+        external = std::min(external, clock.nsecsElapsed() / 1e9);
     }
-    const double external = clock.nsecsElapsed() / 1e9;
+
+    // Agreement on the innermost function, file and line, and on the number
+    // of inlined callers.
+    const std::vector<Decoded> theirs = parseAddr2line(output, addresses.size());
+    size_t sameFunction = 0, sameLine = 0, sameDepth = 0;
+    QStringList differences;
+    for (size_t i = 0; i < addresses.size() && i < theirs.size(); ++i) {
+        const Decoded& a = ours[i];
+        const Decoded& b = theirs[i];
+        const bool function = a.function == b.function;
+        // addr2line names a file as its line table spells it, which may be
+        // relative to the unit's directory.
+        const bool line = a.line == b.line && QFileInfo(a.file).fileName() == QFileInfo(b.file).fileName();
+        sameFunction += function;
+        sameLine += line;
+        sameDepth += a.callers == b.callers;
+        if ((!function || !line || a.callers != b.callers) && differences.size() < 5)
+            differences << QStringLiteral("  0x%1: %2 %3:%4 +%5 callers / addr2line %6 %7:%8 +%9 callers")
+                               .arg(addresses[i] - bias, 0, 16)
+                               .arg(a.function, a.file).arg(a.line).arg(a.callers)
+                               .arg(b.function, b.file).arg(b.line).arg(b.callers);
+    }
 
     const double n = double(addresses.size());
     printf("%zu distinct addresses of %s from %u samples (%zu frames with inlined callers)\n", addresses.size(),
            qPrintable(binary), unsigned(list->size()), frames);
-    printf("libdwfl, first pass reading the files: %10.0f addresses/s (%.3f s)\n", n / cold, cold);
-    printf("libdwfl, files read:                   %10.0f addresses/s (%.4f s a pass)\n", n / warm, warm);
-    printf("addr2line -i -f, one process:          %10.0f addresses/s (%.3f s, %d lines)\n", n / external, external,
-           int(output.count('\n')));
-    printf("libdwfl / addr2line: %.1fx first pass, %.1fx files read\n", external / cold, external / warm);
+    printf("symbols, fresh table (reads the files): %10.0f addresses/s (%.4f s, best of %d)\n", n / cold, cold, fresh);
+    printf("symbols, files read:                    %10.0f addresses/s (%.4f s a pass)\n", n / warm, warm);
+    printf("addr2line -a -i -f, one process:        %10.0f addresses/s (%.4f s, best of %d)\n", n / external, external,
+           fresh);
+    printf("symbols / addr2line: %.1fx fresh, %.1fx files read\n", external / cold, external / warm);
+    printf("agreement with addr2line: function %.1f%%, file and line %.1f%%, inlined callers %.1f%% (%zu answers)\n",
+           100.0 * sameFunction / n, 100.0 * sameLine / n, 100.0 * sameDepth / n, theirs.size());
+    for (const QString& difference : differences)
+        printf("%s\n", qPrintable(difference));
     return 0;
 }

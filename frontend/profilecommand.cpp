@@ -332,7 +332,8 @@ bool ProfileRun::waitUntil(const std::function<bool()>& done, int timeoutMs, con
             *error = QStringLiteral("no answer from the hosts within %1 s while %2").arg(timeoutMs / 1000).arg(what);
             return false;
         }
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+        // The two-argument processEvents drops WaitForMoreEvents and spins; the tick above bounds the sleep.
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     return true;
 }

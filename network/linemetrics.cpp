@@ -2,6 +2,11 @@
 
 void LineMetrics::merge(const LineMetrics& other)
 {
+    // Most lines get their first counts this way: sharing them costs nothing.
+    if (mValues.isEmpty()) {
+        mValues = other.mValues;
+        return;
+    }
     for (auto it = other.mValues.constBegin(); it != other.mValues.constEnd(); ++it)
         mValues[it.key()] += it.value();
 }

@@ -142,6 +142,46 @@ bool cpuInstructionMetricsSupported(const MetricDefinitions&)
 #endif
 }
 
+namespace {
+
+// The line metrics of one instruction. A run has a few hundred distinct
+// mnemonics under tens of thousands of thread samples, so each is worked out
+// once.
+const LineMetrics& lineMetricsOf(const InstructionQuery& query)
+{
+    static thread_local QHash<QString, LineMetrics> known[2];
+    QHash<QString, LineMetrics>& table = known[query.implicitMemory ? 1 : 0];
+    const auto found = table.constFind(query.instruction);
+    if (found != table.constEnd())
+        return *found;
+    const QList<InstructionQuery> one{ query };
+    const quint32 floatCount = floatInstructionCount(one);
+    const quint32 intCount = intInstructionCount(one);
+    const quint32 floatVector = floatVectorInstructionCount(one);
+    const quint32 intVector = intVectorInstructionCount(one);
+    const struct {
+        const char* id;
+        quint32 count;
+    } counts[] = {
+        { METRIC_INSTR_SCALAR_FP, floatCount - floatVector },
+        { METRIC_INSTR_SCALAR_INT, intCount - intVector },
+        { METRIC_INSTR_MEM, memInstructionCount(one) },
+        { METRIC_INSTR_IMPLICIT_MEM, implicitMemInstructionCount(one) },
+        { METRIC_INSTR_VECTOR_FP, floatVector },
+        { METRIC_INSTR_VECTOR_INT, intVector },
+        { METRIC_INSTR_BRANCH, branchInstructionCount(one) },
+        { METRIC_INSTR_OTHER, otherInstructionCount(one) },
+    };
+    LineMetrics metrics;
+    for (const auto& count : counts) {
+        if (count.count > 0)
+            metrics.set(QString::fromLatin1(count.id), count.count);
+    }
+    return *table.insert(query.instruction, metrics);
+}
+
+} // namespace
+
 void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample)
 {
     if (!cpuInstructionMetricsSupported(definitions))
@@ -156,32 +196,10 @@ void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample)
             leaf = leaf->firstChild();
         if (!leaf->position().hasFileAndLine())
             continue;
-        const QList<InstructionQuery> one{ sample.backendOnly_instruction(tid) };
-        const quint32 floatCount = floatInstructionCount(one);
-        const quint32 intCount = intInstructionCount(one);
-        const quint32 floatVector = floatVectorInstructionCount(one);
-        const quint32 intVector = intVectorInstructionCount(one);
-        const struct {
-            const char* id;
-            quint32 count;
-        } counts[] = {
-            { METRIC_INSTR_SCALAR_FP, floatCount - floatVector },
-            { METRIC_INSTR_SCALAR_INT, intCount - intVector },
-            { METRIC_INSTR_MEM, memInstructionCount(one) },
-            { METRIC_INSTR_IMPLICIT_MEM, implicitMemInstructionCount(one) },
-            { METRIC_INSTR_VECTOR_FP, floatVector },
-            { METRIC_INSTR_VECTOR_INT, intVector },
-            { METRIC_INSTR_BRANCH, branchInstructionCount(one) },
-            { METRIC_INSTR_OTHER, otherInstructionCount(one) },
-        };
-        LineMetrics metrics;
-        for (const auto& count : counts) {
-            if (count.count > 0)
-                metrics.set(QString::fromLatin1(count.id), count.count);
-        }
         ZORPSVModelItem* node = dynamic_cast<ZORPSVModelItem*>(leaf);
         if (!node)
             continue;
+        const LineMetrics& metrics = lineMetricsOf(sample.backendOnly_instruction(tid));
         node->mergeActiveCoreLineMetrics(metrics);
         if (sample.backendOnly_threadType(tid) == Sample::MainThread)
             node->mergeMainThreadLineMetrics(metrics);

@@ -197,7 +197,8 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
     frame.hasLineInfo = position.hasFileAndLine();
     frame.unknownPrefix = position.function.startsWith(unknownName());
     frame.exactlyUnknown = position.function == unknownName();
-    frame.samplerFrame = isSamplerName(position.function) || isSamplerAddress(address);
+    frame.inSamplerLibrary = isSamplerAddress(address);
+    frame.samplerFrame = frame.inSamplerLibrary || isSamplerName(position.function);
     frame.samplerWrapper = position.function.startsWith(QLatin1String("quorvex_sampleWrapper"));
     frame.cuda = -1;
 }
@@ -301,7 +302,7 @@ void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
     mSelfProfilePoints.addPoint(decode.finish(done));
 }
 
-unsigned int PreloadSampleSource::findRootFramesOfThread(const std::vector<unsigned long>& trace, bool& found)
+unsigned int PreloadSampleSource::findRootFramesOfThread(const quorvex::backtrace_t& trace, bool& found)
 {
     found = false;
     const int size = int(trace.size());

@@ -115,11 +115,23 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
     bool sameNameRun = false;
     bool manyNamesRun = false;
     bool inAccelerator = false;
+    // Frames of a run's traces are scattered over a large table: the slots
+    // of the frames a few steps ahead are loaded while this one is built.
+    const long long prefetchDistance = 4;
+    for (long long index = last; index > static_cast<long long>(first) && index > last - prefetchDistance; --index)
+        mDecodedFrames.prefetch(Address(trace[index]) - 1);
     for (long long index = last; index > static_cast<long long>(first); --index) {
+        if (index - prefetchDistance > static_cast<long long>(first))
+            mDecodedFrames.prefetch(Address(trace[index - prefetchDistance]) - 1);
         const Address returnAddress = trace[index];
         // The position of a return address is that of the call, one byte back.
         const Address address = returnAddress - 1;
         DecodedFrame& frame = decodedFrame(address);
+        // Without this, the region's opening function stands twice on the
+        // stack of the thread that opened it: once as the sampler's stand-in,
+        // once as the runtime's own.
+        if (frame.inSamplerLibrary && !mDebugAddresses)
+            continue;
         if (!inAccelerator) {
             if (frame.cuda < 0)
                 frame.cuda = isAddressFromCUDALibrary(returnAddress, frame.position.function) ? 1 : 0;

@@ -12,7 +12,7 @@ struct DecodedFrame
 {
     DecodedFrame()
         : hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
-          samplerWrapper(false), cuda(-1)
+          inSamplerLibrary(false), samplerWrapper(false), cuda(-1)
     {
     }
 
@@ -26,6 +26,10 @@ struct DecodedFrame
     bool exactlyUnknown;
     // Code of the sampler itself: by name, or by lying in its library.
     bool samplerFrame;
+    // Lies in the sampler's library, which stands in front of some of the
+    // runtimes' entry points (a parallel region's opening) and calls on into
+    // them: such a frame in the middle of a stack is no frame of the program.
+    bool inSamplerLibrary;
     // The sampler's wrapper below which the program's own frames begin.
     bool samplerWrapper;
     // Whether the address one byte above lies in accelerator code; -1 until

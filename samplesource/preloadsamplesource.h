@@ -177,7 +177,7 @@ public:
     void precacheLineAndInstructionInfo(const quorvex::SSampleList* samples,
                                         const QMap<int, quorvex::SCallSite>& callSites);
     void disassembleAndDecodeLeafAddresses();
-    unsigned int findRootFramesOfThread(const std::vector<unsigned long>& trace, bool& found);
+    unsigned int findRootFramesOfThread(const quorvex::backtrace_t& trace, bool& found);
 
     // Backtraces to trees.
     ZORPSVModelItem* createPSVModelForBacktrace(const quorvex::SBacktrace& backtrace, bool partialTrace,

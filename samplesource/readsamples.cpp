@@ -1,6 +1,7 @@
 #include "readsamples.h"
 #include "sfileio.h"
 #include "timespec_utils.h"
+#include "tracearena.h"
 #include "zor_assert.h"
 #include "zor_print.h"
 
@@ -200,6 +201,7 @@ quorvex::SSampleList* quorvex_read_samples(const char* path, timespec* startTime
     }
     FileCloser closer(fd);
     quorvex::fileio::ReadAhead readAhead(fd);
+    quorvex::TraceArena::Scope traceArena;
     try {
         return readAll(fd, startTime, stopReason, numPhdrCacheRebuilds, numPhdrCacheChecks, numDownsamples,
                        numSkippedWhileSuspended, numTakenWhileResuming, numTakenInTotal, firstSpareWord,

@@ -7,6 +7,7 @@
 #include "gpuprofilepsvmodelitem.h"
 #include "preloadsamplesourceutils.h"
 #include "profilerresponses.h"
+#include "resample.h"
 #include "sample.h"
 #include "samplelist.h"
 #include "selfprofile.h"
@@ -333,14 +334,17 @@ void PreloadSampleSource::dropStartupFrame(ZORPSVModelItem* root)
     root->addChild(grandchild);
 }
 
-void PreloadSampleSource::populateLineMetrics(const MetricDefinitions& definitions, Sample&)
+void PreloadSampleSource::populateLineMetrics(const MetricDefinitions& definitions, Sample& sample)
 {
-    // Instruction counts per line need hardware this platform doesn't read.
     if (!cpuInstructionMetricsSupported(definitions))
         return;
+    // The filling itself is the one that the resampling window's line
+    // metrics use, so that both count an instruction the same way.
+    ::populateLineMetrics(definitions, sample);
 }
 
-bool PreloadSampleSource::cpuInstructionMetricsSupported(const MetricDefinitions&)
+bool PreloadSampleSource::cpuInstructionMetricsSupported(const MetricDefinitions& definitions)
 {
-    return false;
+    // Where the instruction tables know the processor's mnemonics.
+    return ::cpuInstructionMetricsSupported(definitions);
 }

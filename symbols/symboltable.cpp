@@ -1,4 +1,5 @@
 #include "symboltable.h"
+#include "linetable.h"
 
 #include <QDir>
 #include <QFile>
@@ -8,9 +9,14 @@
 #include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/libdw.h>
+#include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <gelf.h>
 #include <algorithm>
+#include <cstring>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -53,21 +59,34 @@ QString absolutePath(const QString& file, Dwarf_Die* cu)
     return QDir::cleanPath(directory.isEmpty() ? file : directory + QLatin1Char('/') + file);
 }
 
-// Where an inlined subroutine was called from, by its call attributes.
-void callSite(Dwarf_Die* inlined, Dwarf_Die* cu, SymbolPosition* position)
+// Where an inlined subroutine was called from: the line, and the index of
+// the file in its unit's line table; false without a file.
+bool callSite(Dwarf_Die* inlined, int* line, Dwarf_Word* file)
 {
     Dwarf_Attribute attribute;
     Dwarf_Word value = 0;
     if (dwarf_attr(inlined, DW_AT_call_line, &attribute) && dwarf_formudata(&attribute, &value) == 0)
-        position->line = int(value);
-    Dwarf_Files* files = nullptr;
-    size_t count = 0;
-    if (dwarf_attr(inlined, DW_AT_call_file, &attribute) && dwarf_formudata(&attribute, &value) == 0
-        && dwarf_getsrcfiles(cu, &files, &count) == 0 && value < count) {
-        const char* name = dwarf_filesrc(files, value, nullptr, nullptr);
-        if (name)
-            position->file = absolutePath(QString::fromUtf8(name), cu);
+        *line = int(value);
+    return dwarf_attr(inlined, DW_AT_call_file, &attribute) && dwarf_formudata(&attribute, file) == 0;
+}
+
+// The named section's bytes, or null.
+const unsigned char* sectionData(Elf* elf, size_t names, const char* wanted, size_t* size)
+{
+    for (Elf_Scn* section = elf_nextscn(elf, nullptr); section; section = elf_nextscn(elf, section)) {
+        GElf_Shdr header;
+        if (!gelf_getshdr(section, &header) || (header.sh_flags & SHF_COMPRESSED))
+            continue;
+        const char* name = elf_strptr(elf, names, header.sh_name);
+        if (!name || std::strcmp(name, wanted) != 0)
+            continue;
+        Elf_Data* data = elf_getdata(section, nullptr);
+        if (!data || !data->d_buf)
+            return nullptr;
+        *size = data->d_size;
+        return static_cast<const unsigned char*>(data->d_buf);
     }
+    return nullptr;
 }
 
 int collectModule(Dwfl_Module* module, void**, const char*, Dwarf_Addr, void* arg)
@@ -91,14 +110,22 @@ QString demangledName(const QString& name)
     return result;
 }
 
+// A unit's functions with code, found by one pass over its top level that
+// looks at nothing else; the scopes inside a function are indexed when an
+// address first falls into it, and names and call sites are read when an
+// answer first needs them. Most of a unit (its types, declarations and the
+// functions no sample hit) is never looked at.
 struct SymbolTable::UnitIndex
 {
     struct Function
     {
-        QString name;
+        Dwarf_Die die;
         // The function-like scope around this one; -1 at the top.
         int parent = -1;
         bool inlined = false;
+        bool resolved = false;
+        // Read on first use.
+        QString name;
         // Where an inlined instance was called from.
         QString callFile;
         int callLine = 0;
@@ -109,8 +136,28 @@ struct SymbolTable::UnitIndex
         int function;
         bool operator<(Dwarf_Addr address) const { return high <= address; }
     };
+    struct TopLevel
+    {
+        Dwarf_Addr low, high;
+        int function;
+        bool indexed;
+        bool operator<(Dwarf_Addr address) const { return high <= address; }
+    };
+    Dwarf_Die cu;
+    Dwarf* dwarf = nullptr;
+    // Decoded when the unit is first asked for; libdw's own reading where
+    // this one can't.
+    LineTable lines;
+    bool ownLines = false;
+    // Each file of the line table made absolute once.
+    std::vector<QString> files;
     std::vector<Function> functions;
-    // Disjoint, in address order, each with its innermost function.
+    // The ranges of the top-level functions, in address order.
+    std::vector<TopLevel> top;
+    // Whether functions defined inside others have been looked for.
+    bool complete = false;
+    // Disjoint, in address order, each with its innermost function, for the
+    // functions indexed so far.
     std::vector<Segment> segments;
 };
 
@@ -123,62 +170,114 @@ struct Range
     int function;
 };
 
-// Scopes that may hold functions with code.
-bool mayHoldFunctions(int tag)
+// Scopes inside a function that may hold inlined code. A function defined
+// inside another (a lambda's body, a nested function) is code of its own,
+// found as the unit's functions are.
+bool mayHoldInlined(int tag)
 {
-    return tag == DW_TAG_subprogram || tag == DW_TAG_inlined_subroutine || tag == DW_TAG_lexical_block
-        || tag == DW_TAG_namespace || tag == DW_TAG_try_block || tag == DW_TAG_catch_block
-        || tag == DW_TAG_entry_point;
+    return tag == DW_TAG_inlined_subroutine || tag == DW_TAG_lexical_block || tag == DW_TAG_try_block
+        || tag == DW_TAG_catch_block;
 }
 
+// Scopes at the top of a unit that may hold function definitions.
+bool mayHoldDefinitions(int tag)
+{
+    return tag == DW_TAG_namespace || tag == DW_TAG_module;
+}
+
+// Appends the code ranges of `die`; false when it has none.
+bool addRanges(Dwarf_Die* die, int depth, int function, std::vector<Range>* ranges)
+{
+    Dwarf_Addr base = 0, low = 0, high = 0;
+    ptrdiff_t offset = 0;
+    bool any = false;
+    while ((offset = dwarf_ranges(die, offset, &base, &low, &high)) > 0) {
+        if (low < high) {
+            ranges->push_back({low, high, depth, function});
+            any = true;
+        }
+    }
+    return any;
+}
+
+// The top level of a unit (and of its namespaces): each function with code
+// and its ranges. Nothing below a function is read.
 template <class Index>
-void indexScope(Dwarf_Die* scope, Dwarf_Die* cu, int enclosing, int depth, Index* index, std::vector<Range>* ranges)
+void indexTopLevel(Dwarf_Die* scope, Index* index, std::vector<Range>* ranges)
 {
     Dwarf_Die child;
     if (dwarf_child(scope, &child) != 0)
         return;
     do {
         const int tag = dwarf_tag(&child);
-        if (!mayHoldFunctions(tag))
-            continue;
-        int here = enclosing;
-        if (tag == DW_TAG_subprogram || tag == DW_TAG_inlined_subroutine) {
-            typename Index::Function function;
-            function.name = functionName(&child);
-            function.parent = enclosing;
-            function.inlined = tag == DW_TAG_inlined_subroutine;
-            if (function.inlined) {
-                SymbolPosition site;
-                callSite(&child, cu, &site);
-                function.callFile = site.file;
-                function.callLine = site.line;
+        if (tag == DW_TAG_subprogram) {
+            const int here = int(index->functions.size());
+            if (addRanges(&child, 0, here, ranges)) {
+                typename Index::Function function;
+                function.die = child;
+                index->functions.push_back(function);
             }
-            here = int(index->functions.size());
-            index->functions.push_back(function);
-            Dwarf_Addr base = 0, low = 0, high = 0;
-            ptrdiff_t offset = 0;
-            while ((offset = dwarf_ranges(&child, offset, &base, &low, &high)) > 0) {
-                if (low < high)
-                    ranges->push_back({low, high, depth, here});
-            }
+        } else if (mayHoldDefinitions(tag)) {
+            indexTopLevel(&child, index, ranges);
         }
-        indexScope(&child, cu, here, depth + 1, index, ranges);
     } while (dwarf_siblingof(&child, &child) == 0);
 }
 
-} // namespace
-
-const SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit)
+// The inlined instances below `scope`, as nested ranges.
+template <class Index>
+void indexInlined(Dwarf_Die* scope, int enclosing, int depth, Index* index, std::vector<Range>* ranges)
 {
-    Dwarf_Die* cu = static_cast<Dwarf_Die*>(unit);
-    std::unique_ptr<UnitIndex>& slot = mUnits[cu->addr];
-    if (slot)
-        return *slot;
-    slot.reset(new UnitIndex);
-    std::vector<Range> ranges;
-    indexScope(cu, cu, -1, 0, slot.get(), &ranges);
-    // Nested ranges flattened: outer ones first where they start together,
-    // each open range on a stack until it ends.
+    Dwarf_Die child;
+    if (dwarf_child(scope, &child) != 0)
+        return;
+    do {
+        const int tag = dwarf_tag(&child);
+        if (!mayHoldInlined(tag))
+            continue;
+        int here = enclosing;
+        if (tag == DW_TAG_inlined_subroutine) {
+            here = int(index->functions.size());
+            // A scope without code holds none.
+            if (!addRanges(&child, depth, here, ranges))
+                continue;
+            typename Index::Function function;
+            function.die = child;
+            function.parent = enclosing;
+            function.inlined = true;
+            index->functions.push_back(function);
+        }
+        indexInlined(&child, here, depth + 1, index, ranges);
+    } while (dwarf_siblingof(&child, &child) == 0);
+}
+
+// Functions with code anywhere in the unit that the top level doesn't hold,
+// as a lambda's body or a method of a local class inside a function.
+template <class Index>
+void indexNested(Dwarf_Die* scope, const std::unordered_set<const void*>& known, Index* index,
+                 std::vector<Range>* ranges)
+{
+    Dwarf_Die child;
+    if (dwarf_child(scope, &child) != 0)
+        return;
+    do {
+        if (dwarf_tag(&child) == DW_TAG_subprogram && !known.count(child.addr)) {
+            const int here = int(index->functions.size());
+            if (addRanges(&child, 0, here, ranges)) {
+                typename Index::Function function;
+                function.die = child;
+                index->functions.push_back(function);
+            }
+        }
+        indexNested(&child, known, index, ranges);
+    } while (dwarf_siblingof(&child, &child) == 0);
+}
+
+// Nested ranges flattened into disjoint segments, each with its innermost
+// function: outer ones first where they start together, each open range on a
+// stack until it ends.
+template <class Segment>
+void flatten(std::vector<Range>& ranges, std::vector<Segment>* segments)
+{
     std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) {
         return a.low != b.low ? a.low < b.low : a.depth < b.depth;
     });
@@ -186,7 +285,7 @@ const SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit)
     Dwarf_Addr at = 0;
     auto addSegment = [&](Dwarf_Addr low, Dwarf_Addr high, int function) {
         if (low < high)
-            slot->segments.push_back({low, high, function});
+            segments->push_back({low, high, function});
     };
     auto closeUntil = [&](Dwarf_Addr limit) {
         while (!open.empty() && open.back().high <= limit) {
@@ -203,7 +302,148 @@ const SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit)
         open.push_back(range);
     }
     closeUntil(~Dwarf_Addr(0));
+}
+
+// The functions of `ranges` added to the unit's top level.
+template <class Index>
+void addTopLevel(Index& index, std::vector<Range>& ranges)
+{
+    for (const auto& top : index.top)
+        ranges.push_back({top.low, top.high, top.indexed ? 1 : 0, top.function});
+    std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) { return a.low < b.low; });
+    index.top.clear();
+    index.top.reserve(ranges.size());
+    for (const Range& range : ranges) {
+        // Overlapping ranges (nested functions of GNU C) are nested: the
+        // later one lies inside the earlier, whose index holds it.
+        if (!index.top.empty() && range.low < index.top.back().high)
+            continue;
+        index.top.push_back({range.low, range.high, range.function, range.depth != 0});
+    }
+}
+
+} // namespace
+
+const LineTable::Sections* SymbolTable::lineSections(Dwarf* dwarf)
+{
+    auto it = mLineSections.find(dwarf);
+    if (it != mLineSections.end())
+        return it->second.line ? &it->second : nullptr;
+    LineTable::Sections& sections = mLineSections[dwarf];
+    Elf* elf = dwarf_getelf(dwarf);
+    size_t names = 0;
+    if (elf && elf_getshdrstrndx(elf, &names) == 0) {
+        sections.line = sectionData(elf, names, ".debug_line", &sections.lineSize);
+        sections.lineStrings = sectionData(elf, names, ".debug_line_str", &sections.lineStringsSize);
+        sections.strings = sectionData(elf, names, ".debug_str", &sections.stringsSize);
+    }
+    return sections.line ? &sections : nullptr;
+}
+
+QString SymbolTable::unitFile(UnitIndex& index, unsigned long long file)
+{
+    if (index.ownLines) {
+        if (file >= index.files.size())
+            return QString();
+        QString& path = index.files[file];
+        if (path.isNull())
+            path = absolutePath(QString::fromStdString(index.lines.fileName(std::uint32_t(file))), &index.cu);
+        return path;
+    }
+    Dwarf_Files* files = nullptr;
+    size_t count = 0;
+    const char* name = nullptr;
+    if (dwarf_getsrcfiles(&index.cu, &files, &count) != 0 || file >= count
+        || !(name = dwarf_filesrc(files, file, nullptr, nullptr)))
+        return QString();
+    QString& path = mFileNames[name];
+    if (path.isNull())
+        path = absolutePath(QString::fromUtf8(name), &index.cu);
+    return path;
+}
+
+SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit, Dwarf* dwarf)
+{
+    Dwarf_Die* cu = static_cast<Dwarf_Die*>(unit);
+    std::unique_ptr<UnitIndex>& slot = mUnits[cu->addr];
+    if (slot)
+        return *slot;
+    slot.reset(new UnitIndex);
+    slot->cu = *cu;
+    slot->dwarf = dwarf;
+    Dwarf_Attribute attribute;
+    Dwarf_Word offset = 0;
+    const LineTable::Sections* sections = lineSections(dwarf);
+    slot->ownLines = sections && dwarf_attr(cu, DW_AT_stmt_list, &attribute)
+        && dwarf_formudata(&attribute, &offset) == 0 && slot->lines.decode(*sections, offset);
+    slot->files.resize(slot->ownLines ? slot->lines.fileCount() : 0);
+    std::vector<Range> ranges;
+    indexTopLevel(cu, slot.get(), &ranges);
+    addTopLevel(*slot, ranges);
     return *slot;
+}
+
+// The innermost function at `pc` of a unit, its scopes indexed first if
+// this is the first address in it; -1 outside every function.
+int SymbolTable::functionAt(UnitIndex& index, unsigned long long pc)
+{
+    auto top = std::lower_bound(index.top.begin(), index.top.end(), Dwarf_Addr(pc));
+    if ((top == index.top.end() || top->low > pc) && !index.complete) {
+        // Not at the top: a function defined inside another, found by a
+        // walk of the whole unit, once.
+        index.complete = true;
+        std::unordered_set<const void*> known;
+        for (const UnitIndex::Function& function : index.functions) {
+            if (!function.inlined)
+                known.insert(function.die.addr);
+        }
+        std::vector<Range> ranges;
+        indexNested(&index.cu, known, &index, &ranges);
+        if (ranges.empty())
+            return -1;
+        addTopLevel(index, ranges);
+        top = std::lower_bound(index.top.begin(), index.top.end(), Dwarf_Addr(pc));
+    }
+    if (top == index.top.end() || top->low > pc)
+        return -1;
+    if (!top->indexed) {
+        // Every range of the function, whose inlined instances may lie in
+        // any of them.
+        const int function = top->function;
+        std::vector<Range> ranges;
+        for (const UnitIndex::TopLevel& other : index.top) {
+            if (other.function == function)
+                ranges.push_back({other.low, other.high, 0, function});
+        }
+        indexInlined(&index.functions[function].die, function, 1, &index, &ranges);
+        // Apart from the segments of other functions, but its ranges may lie
+        // on both sides of theirs.
+        const size_t before = index.segments.size();
+        flatten(ranges, &index.segments);
+        std::inplace_merge(index.segments.begin(), index.segments.begin() + std::ptrdiff_t(before), index.segments.end(),
+                           [](const UnitIndex::Segment& a, const UnitIndex::Segment& b) { return a.low < b.low; });
+        for (UnitIndex::TopLevel& other : index.top) {
+            if (other.function == function)
+                other.indexed = true;
+        }
+    }
+    const auto segment = std::lower_bound(index.segments.begin(), index.segments.end(), Dwarf_Addr(pc));
+    if (segment == index.segments.end() || segment->low > pc)
+        return -1;
+    resolve(index, segment->function);
+    return segment->function;
+}
+
+void SymbolTable::resolve(UnitIndex& index, int function)
+{
+    for (int f = function; f >= 0 && !index.functions[f].resolved; f = index.functions[f].parent) {
+        UnitIndex::Function& entry = index.functions[f];
+        entry.resolved = true;
+        entry.name = functionName(&entry.die);
+        Dwarf_Word file = 0;
+        if (entry.inlined && callSite(&entry.die, &entry.callLine, &file))
+            entry.callFile = unitFile(index, file);
+    }
 }
 
 SymbolTable::SymbolTable()
@@ -267,11 +507,31 @@ QList<SharedLibrary> SymbolTable::parseMaps(const QByteArray& maps)
     return result;
 }
 
+QByteArray SymbolTable::buildId(const QString& path)
+{
+    QByteArray result;
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return result;
+    elf_version(EV_CURRENT);
+    if (Elf* elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr)) {
+        const void* id = nullptr;
+        const ssize_t size = dwelf_elf_gnu_build_id(elf, &id);
+        if (size > 0)
+            result = QByteArray(static_cast<const char*>(id), int(size)).toHex();
+        elf_end(elf);
+    }
+    ::close(fd);
+    return result;
+}
+
 void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems)
 {
     mLibraries = libraries;
     mUnits.clear();
     mFileNames.clear();
+    mLineSections.clear();
+    mCodeSymbols.clear();
     dwfl_report_begin(mDwfl);
     for (const SharedLibrary& library : libraries) {
         if (!library.isRangeKnown())
@@ -293,31 +553,28 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     if (!module)
         return result;
 
-    const char* fileName = nullptr;
-    if (Dwfl_Line* line = dwfl_module_getsrc(module, address)) {
-        int lineNumber = 0;
-        const char* file = dwfl_lineinfo(line, nullptr, &lineNumber, nullptr, nullptr, nullptr);
-        if (file) {
-            fileName = file;
-            result.line = lineNumber;
-        }
-    }
-
     Dwarf_Addr bias = 0;
     if (Dwarf_Die* cu = dwfl_module_addrdie(module, address, &bias)) {
-        // The file names of a unit stay where they are: each is made
-        // absolute once.
-        if (fileName) {
-            QString& path = mFileNames[fileName];
-            if (path.isNull())
-                path = absolutePath(QString::fromUtf8(fileName), cu);
-            result.file = path;
+        UnitIndex& index = unitIndex(cu, dwfl_module_getdwarf(module, &bias));
+        if (index.ownLines) {
+            if (const LineTable::Row* row = index.lines.find(address - bias)) {
+                result.line = int(row->line);
+                result.file = unitFile(index, row->file);
+            }
+        } else if (Dwfl_Line* line = dwfl_module_getsrc(module, address)) {
+            int lineNumber = 0;
+            if (const char* file = dwfl_lineinfo(line, nullptr, &lineNumber, nullptr, nullptr, nullptr)) {
+                // The file names of a unit stay where they are: each is
+                // made absolute once.
+                QString& path = mFileNames[file];
+                if (path.isNull())
+                    path = absolutePath(QString::fromUtf8(file), cu);
+                result.file = path;
+                result.line = lineNumber;
+            }
         }
-        const UnitIndex& index = unitIndex(cu);
-        const Dwarf_Addr pc = address - bias;
-        const auto segment = std::lower_bound(index.segments.begin(), index.segments.end(), pc);
-        if (segment != index.segments.end() && segment->low <= pc) {
-            int function = segment->function;
+        int function = functionAt(index, address - bias);
+        if (function >= 0) {
             result.function = index.functions[function].name;
             result.hasSymbol = !result.function.isEmpty();
             // Each inlined instance was called from the function around it.
@@ -335,15 +592,69 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     }
 
     if (!result.hasSymbol) {
-        GElf_Off offset = 0;
-        GElf_Sym symbol;
-        const char* name = dwfl_module_addrinfo(module, address, &offset, &symbol, nullptr, nullptr, nullptr);
-        if (name && *name) {
-            result.function = demangledName(QString::fromLatin1(name));
+        if (const CodeSymbol* symbol = symbolAt(module, address)) {
+            result.function = demangledName(QString::fromLatin1(symbol->name));
             result.hasSymbol = true;
         }
     }
     return result;
+}
+
+// The code symbols of a module by address, built on first use: libdwfl's
+// own lookup walks every symbol of the module for each address, a third of
+// a millisecond in a library of some thousand functions.
+const SymbolTable::CodeSymbol* SymbolTable::symbolAt(Dwfl_Module* module, unsigned long long address)
+{
+    auto found = mCodeSymbols.find(module);
+    if (found == mCodeSymbols.end()) {
+        std::vector<CodeSymbol>& symbols = mCodeSymbols[module];
+        const int count = dwfl_module_getsymtab(module);
+        for (int i = 1; i < count; ++i) {
+            GElf_Sym symbol;
+            GElf_Addr value = 0;
+            GElf_Word section = 0;
+            Elf* elf = nullptr;
+            const char* name = dwfl_module_getsym_info(module, i, &symbol, &value, &section, &elf, nullptr);
+            const int type = GELF_ST_TYPE(symbol.st_info);
+            if (!name || !*name || section == SHN_UNDEF || section >= SHN_LORESERVE || value == 0
+                || (type != STT_FUNC && type != STT_GNU_IFUNC && type != STT_NOTYPE))
+                continue;
+            GElf_Shdr header;
+            Elf_Scn* scn = elf ? elf_getscn(elf, section) : nullptr;
+            if (!scn || !gelf_getshdr(scn, &header) || !(header.sh_flags & SHF_EXECINSTR))
+                continue;
+            const int binding = GELF_ST_BIND(symbol.st_info);
+            // Of several names for one address, a global one with a size.
+            const int rank = (binding == STB_GLOBAL ? 4 : binding == STB_WEAK ? 2 : 0) + (symbol.st_size > 0)
+                + (type == STT_FUNC ? 8 : 0);
+            symbols.push_back({value, symbol.st_size, name, rank, type == STT_FUNC});
+        }
+        std::sort(symbols.begin(), symbols.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
+            return a.start != b.start ? a.start < b.start : a.rank > b.rank;
+        });
+        symbols.erase(std::unique(symbols.begin(), symbols.end(),
+                                  [](const CodeSymbol& a, const CodeSymbol& b) { return a.start == b.start; }),
+                      symbols.end());
+        found = mCodeSymbols.find(module);
+    }
+    const std::vector<CodeSymbol>& symbols = found->second;
+    auto after = std::upper_bound(symbols.begin(), symbols.end(), address,
+                                  [](unsigned long long a, const CodeSymbol& s) { return a < s.start; });
+    if (after == symbols.begin())
+        return nullptr;
+    // One without a size reaches to the next; a small one that starts
+    // inside a larger one (a local label) may not hold the address where
+    // the larger does.
+    const auto last = after - 1;
+    if (last->size == 0)
+        return after == symbols.end() || address < after->start ? &*last : nullptr;
+    for (auto it = last; it >= symbols.begin() && last - it < 16; --it) {
+        if (address < it->start + it->size)
+            return &*it;
+        if (it == symbols.begin())
+            break;
+    }
+    return nullptr;
 }
 
 bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bounds)
@@ -351,14 +662,12 @@ bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bou
     Dwfl_Module* module = dwfl_addrmodule(mDwfl, address);
     if (!module)
         return false;
-    GElf_Off offset = 0;
-    GElf_Sym symbol;
-    const char* name = dwfl_module_addrinfo(module, address, &offset, &symbol, nullptr, nullptr, nullptr);
-    if (!name || symbol.st_size == 0 || GELF_ST_TYPE(symbol.st_info) != STT_FUNC)
+    const CodeSymbol* symbol = symbolAt(module, address);
+    if (!symbol || symbol->size == 0 || !symbol->function)
         return false;
-    bounds->start = address - offset;
-    bounds->end = bounds->start + symbol.st_size;
-    bounds->name = demangledName(QString::fromLatin1(name));
+    bounds->start = symbol->start;
+    bounds->end = symbol->start + symbol->size;
+    bounds->name = demangledName(QString::fromLatin1(symbol->name));
     return true;
 }
 

@@ -10,11 +10,15 @@
 #include <QString>
 
 #include "debuggertypes.h"
+#include "linetable.h"
 
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 struct Dwfl;
+struct Dwfl_Module;
+struct Dwarf;
 
 struct SymbolPosition
 {
@@ -47,6 +51,9 @@ public:
     // The same from the text of a maps file.
     static QList<SharedLibrary> parseMaps(const QByteArray& maps);
 
+    // The GNU build id of the ELF file at `path`, in hex; empty without one.
+    static QByteArray buildId(const QString& path);
+
     // Replaces the modules by the files of `libraries`; a file that can't
     // be read is left out and named in `problems`.
     void setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems = nullptr);
@@ -68,13 +75,32 @@ public:
 private:
     struct UnitIndex;
     // `cu` is the unit's Dwarf_Die.
-    const UnitIndex& unitIndex(void* cu);
+    UnitIndex& unitIndex(void* cu, Dwarf* dwarf);
+    // The sections that line programs of `dwarf` read; null without them.
+    const LineTable::Sections* lineSections(Dwarf* dwarf);
+    struct CodeSymbol
+    {
+        unsigned long long start;
+        unsigned long long size;
+        const char* name;
+        int rank;
+        bool function;
+    };
+    const CodeSymbol* symbolAt(Dwfl_Module* module, unsigned long long address);
+    // File `file` of the unit's line table, as an absolute path.
+    QString unitFile(UnitIndex& index, unsigned long long file);
+    int functionAt(UnitIndex& index, unsigned long long pc);
+    // Reads the names and call sites of `function` and those around it.
+    void resolve(UnitIndex& index, int function);
 
     Dwfl* mDwfl;
     QList<SharedLibrary> mLibraries;
-    // The functions of each compilation unit by address, built on first
-    // use: a lookup is then a binary search, not a walk of the unit.
+    // The functions of each compilation unit by address, built as addresses
+    // fall into them: a lookup is then a binary search, not a walk.
     std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;
+    std::unordered_map<const Dwarf*, LineTable::Sections> mLineSections;
+    std::unordered_map<const Dwfl_Module*, std::vector<CodeSymbol>> mCodeSymbols;
+    // Each file name of a unit made absolute once, where libdw reads its lines.
     std::unordered_map<const char*, QString> mFileNames;
 };
 

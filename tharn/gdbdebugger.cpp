@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -408,6 +409,23 @@ void GdbDebugger::pidfdReadable()
     noteTargetGone(status);
 }
 
+bool GdbDebugger::targetEnds(int waitMs)
+{
+    if (mTargetGone)
+        return true;
+    if (mPidfd >= 0) {
+        pollfd wait = {mPidfd, POLLIN, 0};
+        if (poll(&wait, 1, waitMs) > 0)
+            pidfdReadable();
+        return mTargetGone;
+    }
+    // Without a pidfd: gone, or a zombie that its parent hasn't reaped.
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(mTargetPid));
+    if (::kill(mTargetPid, 0) != 0 || (stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") Z ")))
+        noteTargetGone(QStringLiteral("ended"));
+    return mTargetGone;
+}
+
 void GdbDebugger::noteTargetGone(const QString& status)
 {
     if (mTargetGone)
@@ -602,9 +620,11 @@ Response* GdbDebugger::handleReattach(Command&)
         fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
     Answer attach = command(QStringLiteral("-target-attach %1").arg(mTargetPid));
     if (attach.result.className == QLatin1String("error")) {
-        if (::kill(mTargetPid, 0) != 0)
-            noteTargetGone(QStringLiteral("ended"));
-        fail(mTargetGone ? TargetGoneError : DebuggerFailed,
+        // A program on its way out can't be attached to: that is its end,
+        // not a failure of the debugger.
+        if (targetEnds(2000))
+            fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
+        fail(DebuggerFailed,
              QStringLiteral("Can't attach to the program again: %1").arg(attach.result.results.str(QStringLiteral("msg"))));
     }
     mDetached = false;

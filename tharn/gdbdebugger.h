@@ -126,6 +126,8 @@ private:
     void refreshSymbols();
     void watchTarget();
     void noteTargetGone(const QString& status);
+    // Whether the target has ended or ends within `waitMs`; noted if so.
+    bool targetEnds(int waitMs);
     void fail(int code, const QString& message);
 
     Options mOptions;

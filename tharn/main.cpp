@@ -56,8 +56,11 @@ QIODevice* connectTo(const FrontendAddress& address, QObject* parent, QString* e
     } else {
         QTcpSocket* socket = new QTcpSocket(parent);
         socket->connectToHost(address.host, address.port);
-        if (socket->waitForConnected(timeoutMs))
+        if (socket->waitForConnected(timeoutMs)) {
+            // Messages are small and each is awaited: no batching.
+            socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
             return socket;
+        }
         *error = socket->errorString();
     }
     return nullptr;
@@ -142,6 +145,7 @@ int main(int argc, char** argv)
     hello.insert(QString::fromLatin1(HelloKeys::TargetPid), debugger.targetPid());
     hello.insert(QString::fromLatin1(HelloKeys::DebuggerPid), debugger.gdbPid());
     tharn.setDebugger(&debugger);
+    tharn.setTargetGoneCode(GdbDebugger::TargetGoneError);
     tharn.setTargetPid(debugger.targetPid());
     tharn.setDebuggerPid(debugger.gdbPid());
     tharn.setDebuggerRestarter([&] {

@@ -125,6 +125,10 @@ void Tharn::replyToCommand(Command& command, Response* response)
 
 void Tharn::sendException(Exception* exception)
 {
+    if (mTargetGoneCode != 0 && exception->code() == mTargetGoneCode) {
+        logDebug(exception->fullMessage());
+        return;
+    }
     mStream.send(Message::forException(*exception));
 }
 

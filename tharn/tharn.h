@@ -46,6 +46,10 @@ public:
     // What restartDebugger does; a host without it can't restart.
     void setDebuggerRestarter(std::function<void()> restart) { mRestart = std::move(restart); }
     bool isTargetMonitoring() const { return mTargetMonitoring; }
+    // Exceptions with this code say only that the program has ended. The
+    // host reports every end itself (targetExit), and the front-end says
+    // what an abnormal one was: these go to the log, not to the front-end.
+    void setTargetGoneCode(int code) { mTargetGoneCode = code; }
     // The log goes to standard error, each line with the host's prefix.
     void setLogToStandardError(bool enabled) { mLogToStderr = enabled; }
 
@@ -110,6 +114,7 @@ private:
     bool mTargetMonitoring = true;
     bool mDebugMode = false;
     bool mLogToStderr = false;
+    int mTargetGoneCode = 0;
 };
 
 #endif

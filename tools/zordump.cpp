@@ -1,6 +1,12 @@
 // zor-dump FILE: prints a sampler data file in plain text, for people
-// looking into what a run recorded.
+// looking into what a run recorded. With the module list that the sampler
+// writes beside the file, each frame comes with its function, file and line
+// (and the functions it was inlined into), read from the files' DWARF.
 #include "readsamples.h"
+#include "symboltable.h"
+
+#include <QFile>
+#include <QHash>
 
 #include <cerrno>
 #include <cinttypes>
@@ -29,12 +35,44 @@ void printValue(const SampleValue& v)
     }
 }
 
+// Positions of the frames, where the module list names the files.
+SymbolTable* gSymbols = nullptr;
+
+QString describe(const SymbolPosition& p)
+{
+    QString text = p.function.isEmpty() ? QStringLiteral("??") : p.function;
+    if (!p.file.isEmpty())
+        text += QStringLiteral(" at %1:%2").arg(p.file).arg(p.line);
+    return text;
+}
+
+// "FUNCTION at FILE:LINE", then a line for each function it was inlined
+// into. A frame above the first holds a return address: the call is the
+// byte before it.
+const std::string& positionText(unsigned long frame, bool returnAddress)
+{
+    static QHash<unsigned long long, std::string> known;
+    const unsigned long long address = returnAddress && frame > 0 ? frame - 1 : frame;
+    auto it = known.find(address);
+    if (it != known.end())
+        return *it;
+    QList<SymbolPosition> callers;
+    QString text = describe(gSymbols->position(address, &callers));
+    for (const SymbolPosition& caller : callers)
+        text += QStringLiteral("\n          inlined into ") + describe(caller);
+    return *known.insert(address, text.toStdString());
+}
+
 void printFrames(const backtrace_t& frames)
 {
     printf("    frames (%zu):", frames.size());
     for (unsigned long frame : frames)
         printf(" 0x%lx", frame);
     printf("\n");
+    if (!gSymbols)
+        return;
+    for (std::size_t i = 0; i < frames.size(); ++i)
+        printf("      #%zu 0x%lx %s\n", i, frames[i], positionText(frames[i], i > 0).c_str());
 }
 
 void printThread(const SBacktrace& bt, bool main)
@@ -99,16 +137,24 @@ void printSample(unsigned index, const SSample& sample)
         printKernelHit(*hit);
 }
 
+struct Module
+{
+    unsigned long long address;
+    std::string buildId;
+    std::string state;
+    std::string path;
+};
+
 // "PATH.modules" beside the data file, written by the sampler: the loaded
 // objects, whose load addresses and build ids turn the frames into
 // functions. An absent file is no error (a file from an older sampler); a
 // damaged one is.
-bool printModules(const std::string& path)
+bool readModules(const std::string& path, std::vector<Module>* modules, bool* present)
 {
     FILE* in = fopen(path.c_str(), "r");
+    *present = in != nullptr;
     if (!in)
         return true;
-    std::vector<std::string> lines;
     char line[4096];
     bool good = fgets(line, sizeof line, in) && std::strncmp(line, "# zor modules 1:", 16) == 0;
     while (good && fgets(line, sizeof line, in)) {
@@ -122,20 +168,46 @@ bool printModules(const std::string& path)
                 || std::strcmp(state, "removed") == 0);
         if (good) {
             line[length - 1] = '\0';
-            lines.push_back(std::string(line + pathAt) + " at 0x" + QString::number(address, 16).toStdString()
-                            + ", build id " + buildId + (std::strcmp(state, "loaded") == 0 ? "" : std::string(", ") + state
-                                                                                                       + " during the run"));
+            modules->push_back({address, buildId, state, line + pathAt});
         }
     }
     fclose(in);
-    if (!good) {
+    if (!good)
         fprintf(stderr, "zor-dump: %s: not a module list of the sampler\n", path.c_str());
-        return false;
+    return good;
+}
+
+void printModules(const std::vector<Module>& modules)
+{
+    printf("modules: %zu\n", modules.size());
+    for (const Module& m : modules)
+        printf("module %s at 0x%llx, build id %s%s\n", m.path.c_str(), m.address, m.buildId.c_str(),
+               m.state == "loaded" ? "" : (", " + m.state + " during the run").c_str());
+}
+
+// The modules placed where the run had them. Each is placed at its load
+// address; its extent comes from its own headers. A file that is no longer
+// the one the run loaded (another build id) would give wrong answers: left
+// out, and said.
+void loadSymbols(const std::vector<Module>& modules, SymbolTable* table)
+{
+    QList<SharedLibrary> libraries;
+    for (const Module& m : modules) {
+        const QString path = QFile::decodeName(m.path.c_str());
+        if (m.buildId != "-") {
+            const QByteArray now = SymbolTable::buildId(path);
+            if (now != QByteArray::fromStdString(m.buildId)) {
+                fprintf(stderr, "zor-dump: no positions in %s: %s\n", m.path.c_str(),
+                        now.isEmpty() ? "the file is gone or has no build id now" : "the file has changed since the run");
+                continue;
+            }
+        }
+        libraries.append(SharedLibrary(path, m.address, m.address + 1));
     }
-    printf("modules: %zu\n", lines.size());
-    for (const std::string& text : lines)
-        printf("module %s\n", text.c_str());
-    return true;
+    QStringList problems;
+    table->setLibraries(libraries, &problems);
+    for (const QString& problem : problems)
+        fprintf(stderr, "zor-dump: no positions in %s\n", qPrintable(problem));
 }
 
 } // namespace
@@ -156,6 +228,15 @@ int main(int argc, char** argv)
     QString ompText;
     bool cuda = false, mpiMultiple = false;
     QMap<int, SCallSite> callSites;
+
+    std::vector<Module> modules;
+    bool modulesPresent = false;
+    const bool modulesGood = readModules(std::string(path) + ".modules", &modules, &modulesPresent);
+    SymbolTable symbols;
+    if (modulesPresent && modulesGood) {
+        loadSymbols(modules, &symbols);
+        gSymbols = &symbols;
+    }
 
     errno = 0;
     SSampleList* list = quorvex_read_samples(path, &startTime, &stopReason, &rebuilds, &checks, &downsamples,
@@ -193,5 +274,7 @@ int main(int argc, char** argv)
         printFrames(bt->trace());
     }
     delete list;
-    return printModules(std::string(path) + ".modules") ? 0 : 1;
+    if (modulesPresent && modulesGood)
+        printModules(modules);
+    return modulesGood ? 0 : 1;
 }

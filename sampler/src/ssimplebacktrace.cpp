@@ -192,6 +192,12 @@ bool SSimpleBacktrace::readFromFile(int fd)
 
     char cbuff[4];
     mTrace.clear();
+    // A reader of a whole file gives its traces their frames from one arena.
+    TraceArena* arena = TraceArena::current();
+    if (numFrames > READ_SLICE_FRAMES)
+        arena = nullptr;
+    if (mTrace.get_allocator().arena() != arena)
+        backtrace_t(TraceAllocator<unsigned long>(arena)).swap(mTrace);
     if (numFrames <= READ_SLICE_FRAMES) {
         // A real stack and the closing tag in one read, the tag landing in
         // one spare word at the end.

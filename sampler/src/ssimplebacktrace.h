@@ -3,12 +3,13 @@
 #define ZOR_SSIMPLEBACKTRACE_H
 
 #include "backtracedata.h"
+#include "tracearena.h"
 
 #include <vector>
 
 namespace quorvex {
 
-typedef std::vector<unsigned long> backtrace_t;
+typedef std::vector<unsigned long, TraceAllocator<unsigned long>> backtrace_t;
 
 class SSimpleBacktrace
 {

@@ -193,6 +193,9 @@ TEST(ZorProfile, ExampleSharesComeOutAsTheProgramMeansThem)
             GTEST_SKIP() << qPrintable(why);
     }
     ASSERT_EQ(run.status, 0) << qPrintable(run.err);
+    // A program that ends as it should is no news.
+    for (const char* notice : { "has ended", "attach" })
+        EXPECT_FALSE(run.err.contains(QLatin1String(notice))) << qPrintable(run.err);
     EXPECT_TRUE(run.out.startsWith(QLatin1String("zor-example: 4000 rounds of work in ")))
         << "the program's own output: " << qPrintable(run.out);
     const QStringList saved = QDir(dir.path()).entryList({ "zor-example-*.zor" });

@@ -11,6 +11,7 @@
 #include <cmath>
 #include <memory>
 
+#include "constants.h"
 #include "envswitch.h"
 #include "fakehost.h"
 #include "gpuprofilepsvmodelitem.h"
@@ -251,7 +252,12 @@ TEST_F(Analysis, AWorkerOfAParallelRegionHangsUnderItsCallSite)
     BacktraceData siteTrace = zortest::makeBacktraceData(site);
     builder.callSites().emplace_back(7, MAIN_TID, &siteTrace, 0);
 
-    quorvex::SSample* first = sample({0x403005, START_MAIN});
+    // The thread that opened the region runs it too, through the sampler's
+    // stand-in for the runtime's entry point and the runtime's own.
+    debugger.frame(SAMPLER + 0x205, QStringLiteral("(anonymous namespace)::regionEntry(void*)"));
+    debugger.frame(GOMP + 0x205, QStringLiteral("GOMP_parallel"));
+    debugger.frame(SAMPLER + 0x305, QStringLiteral("GOMP_parallel"));
+    quorvex::SSample* first = sample({0x401410, SAMPLER + 0x205, GOMP + 0x205, SAMPLER + 0x305, 0x403005, START_MAIN});
     thread(first, 102, {0x401410}, false, 0, true, 7);
     // The same worker in a region whose call site the sampler lost: its own
     // first frame is marked, and it gets its class.
@@ -264,6 +270,9 @@ TEST_F(Analysis, AWorkerOfAParallelRegionHangsUnderItsCallSite)
                                                                       "    main@main.c:8#7\n"
                                                                       "      main._omp_fn.0@main.c:10\n"));
     EXPECT_EQ(samples.at(0)->backendOnly_threadType(102), Sample::ParallelRegionThread);
+    EXPECT_EQ(frames(0, MAIN_TID), QStringLiteral("main@main.c:8\n"
+                                                  "  GOMP_parallel\n"
+                                                  "    main._omp_fn.0@main.c:10\n"));
     EXPECT_EQ(describe(samples.at(1)->psvModel(102)), QStringLiteral("app#1\n"
                                                                       "  [OpenMP worker thread]#5\n"
                                                                       "    <unknown> from libgomp.so.1#7\n"
@@ -475,6 +484,40 @@ TEST_F(Analysis, WithTheLatencySwitchOnlyLatencySamplesAreStalls)
     // that issued, yet holds line 1's.
     EXPECT_DOUBLE_EQ(second.value(GpuProfilerStallReason::None), 0.1);
     EXPECT_DOUBLE_EQ(kernel->droppedStalls(), 0.0);
+}
+
+TEST_F(Analysis, TheInstructionUnderAnAwakeThreadCountsOnItsLine)
+{
+    // The function starts where the cache begins to disassemble, 16 bytes
+    // ahead of the leaf.
+    debugger.code.insert(0x400ff5, Instruction(QStringLiteral("push"), QStringLiteral("%rbx"), true));
+    debugger.code.insert(0x400ff6, Instruction(QStringLiteral("movabs"), QStringLiteral("$0x1,%rax")));
+    debugger.code.insert(0x401001, Instruction(QStringLiteral("addsd"), QStringLiteral("%xmm1,%xmm0")));
+    debugger.code.insert(0x401005, Instruction(QStringLiteral("ret"), QString()));
+    debugger.place(0x401001, QStringLiteral("compute"), QStringLiteral("calc.c"), 9);
+    debugger.place(0x401005, QStringLiteral("compute"), QStringLiteral("calc.c"), 10);
+    debugger.frame(0x404005, QStringLiteral("worker"), QStringLiteral("work.c"), 7);
+    // Both threads stopped after the addition: the line of the addition gets
+    // it, for the main thread also as the main thread's; a sleeping thread
+    // counts nothing.
+    quorvex::SSample* raw = sample({0x401005, 0x403005, START_MAIN});
+    thread(raw, 101, {0x401005, 0x404005, START_THREAD, CLONE3});
+    thread(raw, 102, {0x401005, 0x404005, START_THREAD, CLONE3}, true);
+    run();
+
+    auto leaf = [&](int tid) {
+        const PSVModelItem* node = samples.at(0)->psvModel(tid);
+        while (node->childCount() > 0)
+            node = node->firstChild();
+        return static_cast<const ZORPSVModelItem*>(node);
+    };
+    const QString scalarFp = QString::fromLatin1(METRIC_INSTR_SCALAR_FP);
+    EXPECT_EQ(leaf(MAIN_TID)->position().line, 9);
+    EXPECT_EQ(leaf(MAIN_TID)->activeCoreLineMetrics().values(), (QMap<QString, double>{{scalarFp, 1.0}}));
+    EXPECT_EQ(leaf(MAIN_TID)->mainThreadLineMetrics(), leaf(MAIN_TID)->activeCoreLineMetrics());
+    EXPECT_EQ(leaf(101)->activeCoreLineMetrics().values(), (QMap<QString, double>{{scalarFp, 1.0}}));
+    EXPECT_TRUE(leaf(101)->mainThreadLineMetrics().isEmpty());
+    EXPECT_TRUE(leaf(102)->activeCoreLineMetrics().isEmpty());
 }
 
 TEST_F(Analysis, TheDebuggerIsAskedOncePerAddressAndNeverWhileTreesAreBuilt)

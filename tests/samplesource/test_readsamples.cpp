@@ -90,6 +90,16 @@ TEST(ReadSamples, RandomWholeFileRoundTrip)
         ASSERT_EQ(r.callSites.size(), 5);
         for (const SCallSite& site : builder.callSites())
             EXPECT_EQ(compareCallSites(site, r.callSites.value(site.parallelId())), "");
+
+        // The frames read live as long as anything holds them: copies of a
+        // trace and of a sample outlive the list they were read into.
+        const size_t last = r.list->size() - 1;
+        const backtrace_t trace = r.list->at(0).mainThreadTrace().trace();
+        const SSample sample = r.list->at(last);
+        r.list.reset();
+        r.callSites.clear();
+        EXPECT_EQ(trace, builder.list().at(0).mainThreadTrace().trace());
+        EXPECT_EQ(compareSamples(builder.list().at(last), sample), "");
     }
 }
 

@@ -218,8 +218,8 @@ std::ostream& operator<<(std::ostream& out, const SampleValue& v)
     return v.empty() ? out : out << " bits " << v.rawBits();
 }
 
-template <typename T>
-std::ostream& operator<<(std::ostream& out, const std::vector<T>& items)
+template <typename T, typename A>
+std::ostream& operator<<(std::ostream& out, const std::vector<T, A>& items)
 {
     out << items.size() << std::hex;
     for (const T& item : items)

@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QtGlobal>
 #include <QProcess>
 #include <QStandardPaths>
 #include <gtest/gtest.h>
@@ -85,6 +86,13 @@ TEST_F(Symbols, KnownFunctionHasItsNameFileLineAndBounds)
     EXPECT_EQ(end, bounds.end);
     EXPECT_TRUE(code.last().mnemonic.startsWith(QLatin1String("ret"))) << code.last().mnemonic.toStdString();
     EXPECT_EQ(disassembler.position(address).function, QStringLiteral("zorSymbolsKnownFunction"));
+
+    // In a library without debug information, by its symbol table.
+    const auto library = reinterpret_cast<unsigned long long>(&qVersion);
+    EXPECT_EQ(table.position(library + 1).function, QStringLiteral("qVersion"));
+    ASSERT_TRUE(table.functionBounds(library + 1, &bounds));
+    EXPECT_EQ(bounds.start, library);
+    EXPECT_EQ(bounds.name, QStringLiteral("qVersion"));
 
     // Nothing is there outside every file.
     EXPECT_FALSE(table.position(16).hasSymbol);

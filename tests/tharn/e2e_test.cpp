@@ -1,5 +1,5 @@
-// zor-host end to end: a front-end of the test's own over a local socket,
-// the real plug-in, gdb and sampler, and real programs. The example's hot
+// zor-host end to end: a front-end of the test's own over a local socket or
+// TCP on the loopback (as for a front-end on another node), the real plug-in, gdb and sampler, and real programs. The example's hot
 // functions come back by name, file and line in their intended shares; an
 // inlined C++ function is a node of its own; programs that end early, die by
 // a signal or keep running after the user's stop end with what was sampled
@@ -13,6 +13,8 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <csignal>
 #include <gtest/gtest.h>
@@ -42,17 +44,26 @@ bool processGone(int pid)
 class HostRun
 {
 public:
-    explicit HostRun(const QStringList& program)
+    enum Transport { Local, Tcp };
+
+    explicit HostRun(const QStringList& program, Transport transport = Local)
     {
-        mServer.listen(mDir.filePath(QStringLiteral("frontend")));
+        QString address;
+        if (transport == Local) {
+            mLocalServer.listen(mDir.filePath(QStringLiteral("frontend")));
+            address = QStringLiteral("local:") + mLocalServer.fullServerName();
+        } else {
+            mTcpServer.listen(QHostAddress::LocalHost);
+            address = QStringLiteral("tcp:127.0.0.1:%1").arg(mTcpServer.serverPort());
+        }
         mHost.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        mHost.start(QStringLiteral(ZOR_HOST),
-                    QStringList{QStringLiteral("--connect"), QStringLiteral("local:") + mServer.fullServerName(),
-                                QStringLiteral("--")}
-                        + program);
-        if (!waitFor([&] { return mServer.hasPendingConnections(); }, 30000))
+        mHost.start(QStringLiteral(ZOR_HOST), QStringList{QStringLiteral("--connect"), address, QStringLiteral("--")} + program);
+        if (!waitFor([&] { return mLocalServer.hasPendingConnections() || mTcpServer.hasPendingConnections(); }, 30000))
             return;
-        mSocket = mServer.nextPendingConnection();
+        if (transport == Local)
+            mSocket = mLocalServer.nextPendingConnection();
+        else
+            mSocket = mTcpServer.nextPendingConnection();
         mStream.reset(new MessageStream(mSocket, &mFactory));
         Message hello;
         if (next(&hello, 120000) && hello.kind == Message::Hello)
@@ -107,9 +118,15 @@ public:
             // What is still to send goes out first.
             while (mSocket->bytesToWrite() > 0 && mSocket->waitForBytesWritten(5000)) {
             }
-            mSocket->disconnectFromServer();
-            if (mSocket->state() != QLocalSocket::UnconnectedState)
-                mSocket->waitForDisconnected(5000);
+            if (auto* local = qobject_cast<QLocalSocket*>(mSocket)) {
+                local->disconnectFromServer();
+                if (local->state() != QLocalSocket::UnconnectedState)
+                    local->waitForDisconnected(5000);
+            } else if (auto* tcp = qobject_cast<QTcpSocket*>(mSocket)) {
+                tcp->disconnectFromHost();
+                if (tcp->state() != QAbstractSocket::UnconnectedState)
+                    tcp->waitForDisconnected(5000);
+            }
             mSocket = nullptr;
         }
         if (mHost.state() != QProcess::NotRunning && !mHost.waitForFinished(30000)) {
@@ -125,9 +142,10 @@ public:
 
 private:
     QTemporaryDir mDir;
-    QLocalServer mServer;
+    QLocalServer mLocalServer;
+    QTcpServer mTcpServer;
     QProcess mHost;
-    QLocalSocket* mSocket = nullptr;
+    QIODevice* mSocket = nullptr;
     ZORResponseFactoryPlugin mFactory;
     std::unique_ptr<MessageStream> mStream;
 };
@@ -140,9 +158,10 @@ Command profilerCommand(const char* name, const QVariantMap& parameters = QVaria
     return command;
 }
 
-Command play()
+Command play(int intervalMs = 2, int samples = 3000)
 {
-    return profilerCommand(CMD_ZOR_PLAY, {{QStringLiteral("numSamples"), 3000}, {QStringLiteral("initialInterval"), 2}});
+    return profilerCommand(CMD_ZOR_PLAY, {{QStringLiteral("numSamples"), samples},
+                                          {QStringLiteral("initialInterval"), intervalMs}});
 }
 
 const Message* answerOf(const QList<Message>& messages, const Command& command)
@@ -241,15 +260,20 @@ protected:
     }
 };
 
+// Over TCP, the path of a front-end on another node; the other runs take the
+// local socket.
 TEST_F(EndToEnd, ExampleHotFunctionsByNameFileLineAndShare)
 {
-    HostRun run({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("4")});
+    // A fixed amount of work, so that a busy machine makes the run longer
+    // but doesn't skew the shares; some 1,500 samples a thread keep them
+    // within a point or two.
+    HostRun run({ZOR_EXAMPLE, QStringLiteral("--work"), QStringLiteral("2500")}, HostRun::Tcp);
     ASSERT_FALSE(run.hello.isEmpty());
     ASSERT_FALSE(run.hello.contains(QString::fromLatin1(HelloKeys::Error)))
         << run.hello.value(QString::fromLatin1(HelloKeys::Error)).toString().toStdString();
     const int target = run.pid(HelloKeys::TargetPid), gdb = run.pid(HelloKeys::DebuggerPid);
 
-    const Command playCommand = play();
+    const Command playCommand = play(1, 8000);
     const QList<Message> played = run.ask(playCommand);
     const Message* answer = answerOf(played, playCommand);
     ASSERT_TRUE(answer);
@@ -374,6 +398,25 @@ TEST_F(EndToEnd, ProgramsThatEndEarlyDieOrKeepRunning)
         }
         if (way == KeepsRunning) {
             EXPECT_FALSE(processGone(target));
+        }
+        // The end is told once, by the host, and only that: a program that
+        // ended is no failure of the commands that found it gone.
+        QStringList ends, notices;
+        for (const Message& m : messages) {
+            if (m.kind == Message::TargetExit)
+                ends << m.values.value(QStringLiteral("status")).toString();
+            if (m.kind == Message::ExceptionMessage)
+                notices << m.exception->fullMessage();
+        }
+        EXPECT_EQ(notices, QStringList());
+        // How it ended, where the host saw it before gdb reaped it.
+        if (way != KeepsRunning) {
+            ASSERT_EQ(ends.size(), 1);
+            const QString how = ends.first();
+            EXPECT_TRUE(how == QLatin1String("ended")
+                        || how == (way == EndsEarly ? QLatin1String("exited with code 0")
+                                                    : QLatin1String("killed by signal SIGKILL")))
+                << how.toStdString();
         }
         run.send(profilerCommand(CMD_ZOR_FINISH));
         expectNothingLeft(run, target, gdb);

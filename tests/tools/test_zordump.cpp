@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <sys/wait.h>
 
 using namespace zortest;
@@ -101,4 +105,61 @@ TEST(ZorDump, PrintsTheModuleListBesideTheFile)
         EXPECT_NE(text.find(c.shown), std::string::npos) << text;
     }
     remove(modules.c_str());
+}
+
+// A real run of the example under the sampler: every frame of the dump names
+// its function, and the hot ones their lines in the example's source.
+TEST(ZorDump, NamesFunctionsFilesAndLinesOfARealRun)
+{
+    TempFile file;
+    const std::string run = "LD_PRELOAD='" ZOR_SAMPLER_LIBRARY "' ZOR_SAMPLER_OUTPUT='" + file.path()
+        + "' ZOR_SAMPLER_OPTIONS=interval=2 '" ZOR_EXAMPLE "' --work 200 >/dev/null 2>&1";
+    ASSERT_EQ(system(run.c_str()), 0);
+    const auto [status, out] = dump(file.path());
+    ASSERT_EQ(status, 0) << out.substr(0, 2000);
+    ASSERT_NE(out.find("modules: "), std::string::npos) << out.substr(0, 2000);
+    int frames = 0, named = 0;
+    std::map<std::string, int> hot;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        // "      #0 0x401234 spin_alpha at /…/examples/hotspots.c:52"
+        if (line.compare(0, 7, "      #") != 0)
+            continue;
+        ++frames;
+        named += line.find(" ??") == std::string::npos;
+        for (const char* function : {"spin_alpha", "spin_beta", "spin_gamma", "spin_delta", "spin_epsilon"}) {
+            const std::string where = std::string(" ") + function + " at ";
+            const std::size_t at = line.find(where);
+            if (at == std::string::npos || line.find("examples/hotspots.c:", at) == std::string::npos)
+                continue;
+            const int number = std::atoi(line.c_str() + line.rfind(':') + 1);
+            // The spinning functions are one-liners in the 40s to 60s.
+            EXPECT_TRUE(number > 40 && number < 70) << line;
+            ++hot[function];
+        }
+    }
+    EXPECT_GT(frames, 100);
+    // Frames in the C library's start-up code may lack a symbol of their own.
+    EXPECT_GT(named, frames * 9 / 10);
+    EXPECT_EQ(hot.size(), 5u) << out.substr(0, 3000);
+
+    // A program rebuilt since the run has another build id: no positions
+    // from it, rather than wrong ones.
+    const std::string modules = file.path() + ".modules";
+    std::ifstream in(modules);
+    std::string list, line;
+    while (std::getline(in, line)) {
+        const std::size_t id = line.find(' ');
+        if (line.find(ZOR_EXAMPLE) != std::string::npos && id != std::string::npos && line.compare(id + 1, 1, "-") != 0)
+            line.replace(id + 1, line.find(' ', id + 1) - id - 1, "00ff");
+        list += line + "\n";
+    }
+    std::ofstream(modules) << list;
+    const auto [changedStatus, changed] = dump(file.path());
+    remove(modules.c_str());
+    EXPECT_EQ(changedStatus, 0);
+    EXPECT_NE(changed.find(std::string("no positions in ") + ZOR_EXAMPLE + ": the file has changed since the run"),
+              std::string::npos)
+        << changed.substr(0, 2000);
+    EXPECT_EQ(changed.find(" spin_alpha at "), std::string::npos);
 }

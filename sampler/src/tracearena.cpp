@@ -1,0 +1,82 @@
+#include "tracearena.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace quorvex {
+
+namespace {
+
+// A block holds a few thousand frames; a larger request gets a block of its
+// own.
+const std::size_t BLOCK_BYTES = 256 * 1024;
+
+thread_local TraceArena* tCurrent = nullptr;
+
+} // namespace
+
+struct TraceArena::Block
+{
+    Block* next;
+};
+
+TraceArena::Scope::Scope() : mArena(new TraceArena), mOuter(tCurrent)
+{
+    tCurrent = mArena;
+}
+
+TraceArena::Scope::~Scope()
+{
+    tCurrent = mOuter;
+    mArena->release();
+}
+
+TraceArena* TraceArena::current()
+{
+    return tCurrent;
+}
+
+TraceArena::TraceArena() : mBlocks(nullptr), mNext(nullptr), mLeft(0), mReferences(1) {}
+
+TraceArena::~TraceArena()
+{
+    while (mBlocks) {
+        Block* next = mBlocks->next;
+        std::free(mBlocks);
+        mBlocks = next;
+    }
+}
+
+void* TraceArena::allocate(std::size_t bytes)
+{
+    const std::size_t align = alignof(std::max_align_t);
+    bytes = (bytes + align - 1) / align * align;
+    const std::size_t header = (sizeof(Block) + align - 1) / align * align;
+    if (bytes > mLeft) {
+        const bool own = bytes > BLOCK_BYTES / 4;
+        const std::size_t size = header + (own ? bytes : BLOCK_BYTES);
+        Block* block = static_cast<Block*>(std::malloc(size));
+        if (!block)
+            throw std::bad_alloc();
+        char* memory = reinterpret_cast<char*>(block) + header;
+        if (own) {
+            // Behind the current block, which keeps serving small requests.
+            block->next = mBlocks ? mBlocks->next : nullptr;
+            if (mBlocks)
+                mBlocks->next = block;
+            else
+                mBlocks = block;
+            return memory;
+        }
+        block->next = mBlocks;
+        mBlocks = block;
+        mNext = memory;
+        mLeft = BLOCK_BYTES;
+    }
+    void* result = mNext;
+    mNext += bytes;
+    mLeft -= bytes;
+    return result;
+}
+
+} // namespace quorvex
