@@ -276,6 +276,10 @@ void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
 {
     TempDisableDebugMode quiet(&mTharn);
     QOrderedSet<unsigned long long> decodedLeafs;
+    std::sort(mNewLeafAddresses.begin(), mNewLeafAddresses.end());
+    for (Address leaf : mNewLeafAddresses)
+        mLeafAddresses.insert(mLeafAddresses.end(), leaf);
+    std::vector<Address>().swap(mNewLeafAddresses);
 
     SelfProfile disassemble(mTharn, QStringLiteral("60.disassembleLeafAddresses"));
     const double total = mLeafAddresses.size();

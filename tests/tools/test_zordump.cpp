@@ -66,43 +66,23 @@ TEST(ZorDump, BadFilesGiveTheReadersMessageAndFail)
     EXPECT_EQ(status, 1);
     EXPECT_NE(out.find("truncated or damaged"), std::string::npos) << out;
 
+    const auto version = builder.header().version;
     builder.header().version = 699;
     builder.writeTo(file);
     std::tie(status, out) = dump(file.path());
     EXPECT_EQ(status, 1);
     EXPECT_NE(out.find("incompatible older version of the sampler libraries (699, 700 required)"), std::string::npos)
         << out;
-}
 
-// The module list beside the data file is printed after it; a damaged one
-// fails the dump.
-TEST(ZorDump, PrintsTheModuleListBesideTheFile)
-{
-    SampleFileBuilder builder(8, 2, 5);
-    builder.addRandom(RandomSampleShape());
-    TempFile file;
+    // A damaged module list beside a good file.
+    builder.header().version = version;
     builder.writeTo(file);
     const std::string modules = file.path() + ".modules";
-    const struct
-    {
-        const char* text;
-        int status;
-        const char* shown;
-    } cases[] = {
-        {"# zor modules 1: load address, build id, loaded|added|removed, path\n"
-         "0x55d0c0de0000 0a1b2c loaded /usr/bin/my program\n0x7f0000001000 - added /lib/libz.so.1\n",
-         0, "modules: 2\nmodule /usr/bin/my program at 0x55d0c0de0000, build id 0a1b2c\n"
-            "module /lib/libz.so.1 at 0x7f0000001000, build id -, added during the run\n"},
-        {"# zor modules 1: x\n0x1000 - moved /lib/a.so\n", 1, "not a module list"},
-        {"something else\n", 1, "not a module list"},
-    };
-    for (const auto& c : cases) {
-        FILE* out = fopen(modules.c_str(), "w");
-        fputs(c.text, out);
-        fclose(out);
-        const auto [status, text] = dump(file.path());
-        EXPECT_EQ(status, c.status) << text;
-        EXPECT_NE(text.find(c.shown), std::string::npos) << text;
+    for (const char* text : {"# zor modules 1: x\n0x1000 - moved /lib/a.so\n", "something else\n"}) {
+        std::ofstream(modules) << text;
+        std::tie(status, out) = dump(file.path());
+        EXPECT_EQ(status, 1);
+        EXPECT_NE(out.find("not a module list"), std::string::npos) << out;
     }
     remove(modules.c_str());
 }
@@ -117,7 +97,8 @@ TEST(ZorDump, NamesFunctionsFilesAndLinesOfARealRun)
     ASSERT_EQ(system(run.c_str()), 0);
     const auto [status, out] = dump(file.path());
     ASSERT_EQ(status, 0) << out.substr(0, 2000);
-    ASSERT_NE(out.find("modules: "), std::string::npos) << out.substr(0, 2000);
+    // The module list follows, each with its load address and build id.
+    EXPECT_NE(out.find(std::string("\nmodule ") + ZOR_EXAMPLE + " at 0x"), std::string::npos) << out.substr(0, 2000);
     int frames = 0, named = 0;
     std::map<std::string, int> hot;
     std::istringstream lines(out);
