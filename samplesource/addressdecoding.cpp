@@ -246,14 +246,15 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
             const quorvex::backtrace_t& trace = threads.next().trace();
             if (trace.empty())
                 missing = true;
-            for (unsigned long address : trace) {
+            for (unsigned long address : trace)
                 collector.insert(address);
-                collector.insert(Address(address) - 1);
-            }
         }
         if (missing)
             ++mMissingBacktraceSamples;
     }
+    // Each distinct address also one byte back, where its call lies.
+    for (Address address : collector.sorted())
+        collector.insert(address - 1);
     for (const quorvex::SCallSite& site : callSites) {
         for (unsigned long address : site.callSite()->trace())
             collector.insert(Address(address) - 1);
