@@ -85,14 +85,14 @@ public:
             capacity *= 2;
         mSlots.assign(capacity, Slot());
         for (PSVModelItem* child : children)
-            insert(child, positionKey(child->mPosition), mNextOrder++);
+            insert(child, child->mPositionKey, mNextOrder++);
     }
 
     void append(PSVModelItem* child)
     {
         if (2 * (mSize + 1) > int(mSlots.size()))
             grow();
-        insert(child, positionKey(child->mPosition), mNextOrder++);
+        insert(child, child->mPositionKey, mNextOrder++);
     }
 
     void remove(PSVModelItem* child, quint32 key)
@@ -129,12 +129,11 @@ public:
             return;
         const quint32 order = mSlots[i].order;
         remove(child, oldKey);
-        insert(child, positionKey(child->mPosition), order);
+        insert(child, child->mPositionKey, order);
     }
 
-    PSVModelItem* find(const Position& position, bool (*accept)(const PSVModelItem*)) const
+    PSVModelItem* find(const Position& position, quint32 key, bool (*accept)(const PSVModelItem*)) const
     {
-        const quint32 key = positionKey(position);
         const size_t mask = mSlots.size() - 1;
         const Slot* best = nullptr;
         for (size_t i = key & mask; mSlots[i].child; i = (i + 1) & mask) {
@@ -183,13 +182,13 @@ private:
 };
 
 PSVModelItem::PSVModelItem()
-    : mParent(nullptr), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false),
+    : mParent(nullptr), mPositionKey(positionKey(Position())), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false),
       mChildIndex(nullptr)
 {
 }
 
 PSVModelItem::PSVModelItem(const Position& position)
-    : mParent(nullptr), mPosition(position), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false),
+    : mParent(nullptr), mPosition(position), mPositionKey(positionKey(position)), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false),
       mUnexpectedStopAncestor(false), mChildIndex(nullptr)
 {
 }
@@ -208,7 +207,7 @@ PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position) : PSV
 
 PSVModelItem::PSVModelItem(const PSVModelItem& other)
     : SaxHandler(other), mProcessThreads(other.mProcessThreads), mCudaThreads(other.mCudaThreads), mParent(nullptr),
-      mPosition(other.mPosition), mLastCudaGroup(other.mLastCudaGroup), mCurrentGroup(other.mCurrentGroup),
+      mPosition(other.mPosition), mPositionKey(other.mPositionKey), mLastCudaGroup(other.mLastCudaGroup), mCurrentGroup(other.mCurrentGroup),
       mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor),
       mChildIndex(nullptr)
 {
@@ -290,7 +289,7 @@ void PSVModelItem::addChild(PSVModelItem* child)
 void PSVModelItem::unlinkChild(PSVModelItem* child)
 {
     if (mChildIndex)
-        mChildIndex->remove(child, positionKey(child->mPosition));
+        mChildIndex->remove(child, child->mPositionKey);
     mChildren.removeOne(child);
 }
 
@@ -304,8 +303,9 @@ void PSVModelItem::detach()
 
 void PSVModelItem::setPosition(const Position& position)
 {
-    const quint32 oldKey = positionKey(mPosition);
+    const quint32 oldKey = mPositionKey;
     mPosition = position;
+    mPositionKey = positionKey(position);
     if (mParent && mParent->mChildIndex)
         mParent->mChildIndex->rekey(this, oldKey);
 }
@@ -435,10 +435,26 @@ PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)
         PSVModelItem* self = const_cast<PSVModelItem*>(this);
         if (!mChildIndex)
             self->mChildIndex = new PSVChildIndex(mChildren);
-        return mChildIndex->find(position, accept);
+        return mChildIndex->find(position, positionKey(position), accept);
     }
     for (PSVModelItem* child : mChildren) {
         if (samePosition(child->mPosition, position) && (!accept || accept(child)))
+            return child;
+    }
+    return nullptr;
+}
+
+PSVModelItem* PSVModelItem::findChildLike(const PSVModelItem* node) const
+{
+    if (mChildren.size() >= CHILD_INDEX_THRESHOLD) {
+        PSVModelItem* self = const_cast<PSVModelItem*>(this);
+        if (!mChildIndex)
+            self->mChildIndex = new PSVChildIndex(mChildren);
+        return mChildIndex->find(node->mPosition, node->mPositionKey, nullptr);
+    }
+    for (PSVModelItem* child : mChildren) {
+        // Different keys settle most comparisons without the names.
+        if (child->mPositionKey == node->mPositionKey && samePosition(child->mPosition, node->mPosition))
             return child;
     }
     return nullptr;
@@ -472,7 +488,7 @@ void PSVModelItem::mapRanks(const QMap<int, int>& ranks)
 
 void PSVModelItem::addPSVModelItem(PSVModelItem* item, void* context)
 {
-    if (PSVModelItem* match = findChild(item->mPosition)) {
+    if (PSVModelItem* match = findChildLike(item)) {
         match->mergePSVModelItem(*item, context);
         return;
     }

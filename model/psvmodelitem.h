@@ -5,6 +5,7 @@
 #define ZOR_PSVMODELITEM_H
 
 #include "intprocessmap.h"
+#include "nodememory.h"
 #include "position.h"
 #include "saxhandler.h"
 
@@ -31,6 +32,9 @@ public:
     // A deep copy, children cloned with their own types; the copy has no parent.
     PSVModelItem(const PSVModelItem& other);
     PSVModelItem& operator=(const PSVModelItem&) = delete;
+    // Nodes come from per-thread lists of free blocks (nodememory.h).
+    static void* operator new(std::size_t size) { return zor_nodememory::allocate(size); }
+    static void operator delete(void* block, std::size_t size) { zor_nodememory::release(block, size); }
     // Deletes the subtree, and unlinks the node from its parent if it has one.
     ~PSVModelItem() override;
 
@@ -125,6 +129,8 @@ protected:
     // The first child at position that accept takes (all when accept is
     // null), as findChild matches. Wide nodes answer through a hash index.
     PSVModelItem* findChildIf(const Position& position, bool (*accept)(const PSVModelItem*)) const;
+    // findChild for the position of node, with the key that node keeps.
+    PSVModelItem* findChildLike(const PSVModelItem* node) const;
     const QList<PSVModelItem*>& childList() const { return mChildren; }
     // The position of a node changes only here, so that the index of its
     // parent follows.
@@ -143,6 +149,9 @@ private:
     QList<PSVModelItem*> mChildren;
     PSVModelItem* mParent;
     Position mPosition;
+    // The hash of mPosition, kept so that lookups and merges don't read
+    // the names again.
+    quint32 mPositionKey;
 
 protected:
     int mLastCudaGroup;

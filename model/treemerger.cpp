@@ -56,8 +56,13 @@ void TreeMerger::schedule()
     for (size_t i = 0; i + 1 < mRuns.size(); ++i) {
         Run& left = mRuns[i];
         Run& right = mRuns[i + 1];
-        const bool pair = left.count == right.count || (left.count >= RUN_LIMIT && right.count >= RUN_LIMIT);
-        if (left.busy || right.busy || !(pair || mFinishing))
+        if (left.busy || right.busy)
+            continue;
+        // Within a segment the inputs go one by one into its first one; a
+        // finished segment goes into the result of those before it.
+        const bool inSegment = left.first / SEGMENT == right.first / SEGMENT && left.first % SEGMENT == 0;
+        const bool segmentDone = right.count >= SEGMENT && left.first == mRuns.front().first;
+        if (!(inSegment || segmentDone || mFinishing))
             continue;
         left.busy = true;
         right.busy = true;
@@ -105,7 +110,7 @@ void TreeMerger::absorb(PSVModelItem* target, PSVModelItem* source, void* contex
     target->mUnexpectedStopAncestor = target->mUnexpectedStopAncestor || source->mUnexpectedStopAncestor;
     delete source;
     for (PSVModelItem* child : children) {
-        if (PSVModelItem* match = target->findChild(child->position()))
+        if (PSVModelItem* match = target->findChildLike(child))
             absorb(match, child, context);
         else
             target->addPSVModelItem(child, context);

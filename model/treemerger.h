@@ -1,16 +1,18 @@
 // Merges the call trees of many ranks into one, on all cores, with memory
 // that follows the distinct nodes rather than the number of trees.
 //
-// Trees are merged pairwise in the order they were added: neighbours of
-// equal weight, as in a merge sort, so that each partial result covers
-// consecutive inputs and its rank-to-count maps stay single ranges when the
-// inputs come in rank order. The result equals merging every tree into the
-// first one with mergePSVModelItem, in the order added (the same counts,
-// flags and order of children), except that every ancestor of a node with
-// an unexpected stop is marked, as in a tree read back from XML: merging in
-// turn leaves unmarked the ancestors of a subtree that moves over. Partial results of RUN_LIMIT inputs go straight
-// into the one before them, so that no more than a few partial trees exist
-// at a time.
+// Trees are merged in the order they were added, in segments of SEGMENT
+// consecutive inputs: each input goes straight into the first tree of its
+// segment, and each finished segment into the result of the segments
+// before it. So every input node is visited once, plus once more per
+// segment for its merged tree, the trees merged into are small enough to
+// stay in the cache, and the rank-to-count maps stay single ranges when
+// the inputs come in rank order. Segments are merged on all threads at
+// once. The result equals merging every tree into the first one with
+// mergePSVModelItem, in the order added (the same counts, flags and order of
+// children), except that every ancestor of a node with an unexpected stop
+// is marked, as in a tree read back from XML: merging in turn leaves
+// unmarked the ancestors of a subtree that moves over.
 //
 //   TreeMerger merger;
 //   for (...) merger.add(treeOfRank);   // returns at once; merging goes on meanwhile
@@ -47,7 +49,7 @@ public:
 
     int threadCount() const { return int(mThreads.size()); }
 
-    enum { RUN_LIMIT = 64 };
+    enum { SEGMENT = 8 };
 
     // target->mergePSVModelItem(*source, context), then delete source, but
     // each node of source is freed as soon as it has been merged, while it
@@ -73,7 +75,7 @@ private:
 
     void work();
     // Under mLock: queues the merges of neighbouring idle runs; of any two
-    // once finishing, otherwise of two of equal weight.
+    // once finishing.
     void schedule();
 
     void* mContext;

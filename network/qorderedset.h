@@ -13,6 +13,9 @@ public:
     typedef const_iterator iterator;
 
     void insert(const T& value) { mValues.insert(value); }
+    // Cheap when `value` belongs right before `hint`, as when values come in
+    // ascending order with end() as the hint.
+    void insert(const_iterator hint, const T& value) { mValues.insert(hint, value); }
     bool remove(const T& value) { return mValues.erase(value) != 0; }
     bool contains(const T& value) const { return mValues.count(value) != 0; }
     void clear() { mValues.clear(); }

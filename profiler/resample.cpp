@@ -194,16 +194,21 @@ void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample)
             continue;
         while (leaf->firstChild())
             leaf = leaf->firstChild();
-        if (!leaf->position().hasFileAndLine())
-            continue;
-        ZORPSVModelItem* node = dynamic_cast<ZORPSVModelItem*>(leaf);
-        if (!node)
-            continue;
-        const LineMetrics& metrics = lineMetricsOf(sample.backendOnly_instruction(tid));
-        node->mergeActiveCoreLineMetrics(metrics);
-        if (sample.backendOnly_threadType(tid) == Sample::MainThread)
-            node->mergeMainThreadLineMetrics(metrics);
+        addLineMetricsOfLeaf(sample, tid, leaf);
     }
+}
+
+void addLineMetricsOfLeaf(Sample& sample, int tid, PSVModelItem* leaf)
+{
+    if (!leaf->position().hasFileAndLine())
+        return;
+    ZORPSVModelItem* node = dynamic_cast<ZORPSVModelItem*>(leaf);
+    if (!node)
+        return;
+    const LineMetrics& metrics = lineMetricsOf(sample.backendOnly_instruction(tid));
+    node->mergeActiveCoreLineMetrics(metrics);
+    if (sample.backendOnly_threadType(tid) == Sample::MainThread)
+        node->mergeMainThreadLineMetrics(metrics);
 }
 
 Sample* sampleForTimeRange(long long start, long long end, QLinkedListIterator<Sample*> from)

@@ -9,6 +9,7 @@
 #include "metric.h"
 #include "samplelist.h"
 
+class PSVModelItem;
 class Sample;
 
 // Exactly `numSamples` new samples, one per equal range of `duration`, each a
@@ -29,6 +30,8 @@ Sample* sampleForTimeRange(long long start, long long end, QLinkedListIterator<S
 // children), and for the main thread to its main-thread metrics too. Does
 // nothing where instruction metrics can't be had.
 void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample);
+// The same for one awake thread whose leaf is known.
+void addLineMetricsOfLeaf(Sample& sample, int tid, PSVModelItem* leaf);
 
 // Whether instruction metrics (line metrics, the instruction mix window) can
 // be had on this processor: decided when the back-end is built.

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "constants.h"
+#include "treemerger.h"
 
 namespace {
 
@@ -136,11 +137,11 @@ void Profile::build()
     }
     mThreadCount = threads.size();
     if (!rankTrees.isEmpty()) {
-        mTree.reset(rankTrees.takeFirst());
-        for (ZORPSVModelItem* other : rankTrees) {
-            mTree->mergePSVModelItem(*other, nullptr);
-            delete other;
-        }
+        // Many ranks merge on every core, in segments of neighbouring ranks.
+        TreeMerger merger;
+        for (ZORPSVModelItem* rankTree : qAsConst(rankTrees))
+            merger.add(rankTree);
+        mTree.reset(static_cast<ZORPSVModelItem*>(merger.take()));
     }
 
     // CPU time goes to the merged nodes of each sample's path.

@@ -246,14 +246,15 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
             const quorvex::backtrace_t& trace = threads.next().trace();
             if (trace.empty())
                 missing = true;
-            for (unsigned long address : trace) {
+            for (unsigned long address : trace)
                 collector.insert(address);
-                collector.insert(Address(address) - 1);
-            }
         }
         if (missing)
             ++mMissingBacktraceSamples;
     }
+    // Each distinct address also one byte back, where its call lies.
+    for (Address address : collector.sorted())
+        collector.insert(address - 1);
     for (const quorvex::SCallSite& site : callSites) {
         for (unsigned long address : site.callSite()->trace())
             collector.insert(Address(address) - 1);
@@ -276,6 +277,10 @@ void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
 {
     TempDisableDebugMode quiet(&mTharn);
     QOrderedSet<unsigned long long> decodedLeafs;
+    std::sort(mNewLeafAddresses.begin(), mNewLeafAddresses.end());
+    for (Address leaf : mNewLeafAddresses)
+        mLeafAddresses.insert(mLeafAddresses.end(), leaf);
+    std::vector<Address>().swap(mNewLeafAddresses);
 
     SelfProfile disassemble(mTharn, QStringLiteral("60.disassembleLeafAddresses"));
     const double total = mLeafAddresses.size();

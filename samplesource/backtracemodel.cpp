@@ -198,9 +198,11 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
     if (first < n) {
         if (!backtrace.inMpi()) {
             const Address leaf = trace[first];
-            mLeafAddresses.insert(leaf);
+            mNewLeafAddresses.push_back(leaf);
             current = new PlaceholderZORPSVModelItem(current, leaf, inAccelerator);
             current->addThread(rank, false, false);
+            if (mRecordTreePlaceholders)
+                mTreePlaceholders.insert(reinterpret_cast<quintptr>(root)) = current;
             *instruction = QStringLiteral("leaf-placeholder");
         } else {
             const Address address = Address(trace[first]) - 1;
@@ -280,9 +282,22 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
 
 bool PreloadSampleSource::replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query)
 {
-    PSVModelItem* tail = root;
-    while (tail->childCount() > 0)
-        tail = tail->firstChild();
+    return replaceTailFramePlaceholder(root, query, nullptr);
+}
+
+bool PreloadSampleSource::replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query,
+                                                      PSVModelItem** newLeaf)
+{
+    // The placeholder of a tree built by this analysis is known; it is the
+    // leaf that the walk down the first children would find.
+    PSVModelItem* tail = nullptr;
+    if (ZORPSVModelItem** known = mTreePlaceholders.find(reinterpret_cast<quintptr>(root)))
+        tail = *known;
+    if (!tail || tail->childCount() > 0) {
+        tail = root;
+        while (tail->childCount() > 0)
+            tail = tail->firstChild();
+    }
     ZORPSVModelItem* node = dynamic_cast<ZORPSVModelItem*>(tail);
     if (!node || !node->isPlaceholder())
         return false;
@@ -292,6 +307,8 @@ bool PreloadSampleSource::replaceTailFramePlaceholder(PSVModelItem* root, Instru
     InstructionQuery fresh;
     bool fromCuda = false;
     addLeafNode(placeholder->address(), parent, fresh, fromCuda);
+    if (newLeaf)
+        *newLeaf = parent;
     if (placeholder->isFromAcceleratorSharedLibrary() || fromCuda)
         query = InstructionQuery(QStringLiteral("accel"), false);
     else

@@ -17,6 +17,7 @@
 #include "zorpsvmodelitem.h"
 
 #include <cstring>
+#include <optional>
 
 namespace {
 
@@ -51,6 +52,7 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
 {
     PreloadSampleSourceUtils::correctSparseMetrics(raw, mMetricDefinitions);
     precacheLineAndInstructionInfo(raw, callSites);
+    mRecordTreePlaceholders = true;
 
     timespec intervalSum = {0, 0};
     unsigned long long intervals = 0;
@@ -82,19 +84,25 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
         SelfProfile leafs(mTharn, QStringLiteral("80.samples-leafs"));
         int replaced = 0;
         for (Sample* sample : samples) {
+            mSampleLeaves.clear();
             for (int tid : sample->sampledTidList()) {
                 ZORPSVModelItem* model = sample->backendOnly_mutablePsvModel(tid);
                 if (!model)
                     continue;
                 InstructionQuery query;
-                if (replaceTailFramePlaceholder(model, query)) {
+                PSVModelItem* leaf = nullptr;
+                if (replaceTailFramePlaceholder(model, query, &leaf)) {
                     sample->backendOnly_setInstruction(tid, query);
+                    mSampleLeaves.append(qMakePair(tid, leaf));
                     ++replaced;
                 }
             }
             if (mLineMetricsEnabled && !mIgnoreSamples)
                 populateLineMetrics(mMetricDefinitions, *sample);
         }
+        mSampleLeaves.clear();
+        mRecordTreePlaceholders = false;
+        mTreePlaceholders.clear();
         mSelfProfilePoints.addPoint(leafs.finish(replaced));
     }
 
@@ -125,8 +133,8 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
                            mLustreCharsWritten);
     }
     mSelfProfilePoints.addPoint(post.finish(samples.size()));
-    mNameIndex.clear();
     mNameAnswers.clear();
+    mAnsweredNames.clear();
 }
 
 void PreloadSampleSource::recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace,
@@ -179,15 +187,16 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
         // A worker's trace that stops at its region continues with the
         // stack that opened the region. Only such a trace is copied.
         const quorvex::SBacktrace* trace = &backtrace;
-        quorvex::SBacktrace extended;
+        // Made only when needed: an empty backtrace takes heap memory ahead.
+        std::optional<quorvex::SBacktrace> extended;
         bool hasCallSite = false;
         int siteFrames = 0;
         if (backtrace.stopsAtCallingFrame()) {
             const auto site = callSites.constFind(backtrace.parallelId());
             if (site != callSites.constEnd() && site->callSite()->unwindStatus() != UNW_ZOR_NOT_SET) {
-                extended = backtrace;
-                extended.appendTrace(site->callSite()->trace());
-                trace = &extended;
+                extended.emplace(backtrace);
+                extended->appendTrace(site->callSite()->trace());
+                trace = &*extended;
                 hasCallSite = true;
                 siteFrames = int(site->callSite()->trace().size());
                 if (threadType == Sample::OtherThread)
@@ -205,9 +214,6 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
         QString instruction;
         bool accelerator = false;
         ZORPSVModelItem* root = createPSVModelForBacktrace(*trace, partial, rootFramesToSkip, &instruction, &accelerator);
-        const Category::OmpCompiler::Enum runtime = detectOmpRuntime(root);
-        if (runtime != Category::OmpCompiler::Unknown)
-            mOmpRuntimes.insert(runtime);
 
         if (backtrace.stopsAtCallingFrame())
             markRegionCaller(root, hasCallSite ? siteFrames : 0);
@@ -218,13 +224,16 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
             error->addThread(mRank, false, false);
         }
 
+        // The runtime of the tree and, for a thread of no class yet, its
+        // class, in one walk. The mark and the error frame above change
+        // neither.
         const int tid = backtrace.tid();
-        if (!isTidClassified(tid)) {
-            if (mainThread)
-                mMainTids.insert(tid);
-            else
-                classifyNonMainTid(tid, root);
-        }
+        const bool unclassified = !isTidClassified(tid);
+        if (unclassified && mainThread)
+            mMainTids.insert(tid);
+        const Category::OmpCompiler::Enum runtime = scanFreshTree(tid, root, unclassified && !mainThread);
+        if (runtime != Category::OmpCompiler::Unknown)
+            mOmpRuntimes.insert(runtime);
         if (threadType == Sample::ParallelRegionThread)
             mRegionTids.insert(tid);
         if (backtrace.isSleeping())
@@ -295,6 +304,44 @@ Category::OmpCompiler::Enum PreloadSampleSource::detectOmpRuntime(const ZORPSVMo
     return Category::OmpCompiler::Unknown;
 }
 
+Category::OmpCompiler::Enum PreloadSampleSource::scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify)
+{
+    // What detectOmpRuntime and classifyNonMainTid find, walking a tree that
+    // is one path once and asking the rules once per frame.
+    static const Category::NameFacts noParent = Category::factsOf(QString());
+    Category::NameFacts parentFacts = noParent;
+    Category::OmpCompiler::Enum runtime = Category::OmpCompiler::Unknown;
+    bool runtimeFound = false;
+    // The path first, so that the answers of the frames a few steps ahead
+    // can be loaded while one is looked at; it ends early at a fork.
+    QVarLengthArray<const PSVModelItem*, 160> path;
+    for (const PSVModelItem* node = root; node; node = node->childCount() > 1 ? nullptr : node->firstChild())
+        path.append(node);
+    const int prefetchDistance = 4;
+    for (int i = 0; i < prefetchDistance && i < path.size(); ++i)
+        mNameAnswers.prefetch(nameKey(path[i]->position().function));
+    for (int depth = 0; depth < path.size() && (classify || !runtimeFound); ++depth) {
+        const PSVModelItem* node = path[depth];
+        if (depth + prefetchDistance < path.size())
+            mNameAnswers.prefetch(nameKey(path[depth + prefetchDistance]->position().function));
+        if (node->childCount() > 1) {
+            if (classify)
+                classifyNonMainTid(tid, static_cast<const ZORPSVModelItem*>(node));
+            return runtimeFound ? runtime : root->detectOmpRuntime();
+        }
+        const NameAnswers& answers = answersFor(node->position().function);
+        if (!runtimeFound && answers.runtime != Category::OmpCompiler::Unknown) {
+            runtime = answers.runtime;
+            runtimeFound = true;
+        }
+        const Category::NameFacts facts = answers.facts;
+        if (classify && classifyByFrame(tid, facts, parentFacts, depth <= 1))
+            classify = false;
+        parentFacts = facts;
+    }
+    return runtime;
+}
+
 void PreloadSampleSource::markRegionCaller(ZORPSVModelItem* root, int depth)
 {
     // The frame that opened the region: the last of the call site's frames
@@ -339,8 +386,24 @@ void PreloadSampleSource::populateLineMetrics(const MetricDefinitions& definitio
     if (!cpuInstructionMetricsSupported(definitions))
         return;
     // The filling itself is the one that the resampling window's line
-    // metrics use, so that both count an instruction the same way.
-    ::populateLineMetrics(definitions, sample);
+    // metrics use, so that both count an instruction the same way; the
+    // leaves just made are known.
+    for (int tid : sample.sampledTidList()) {
+        if (sample.backendOnly_isSleeping(tid))
+            continue;
+        PSVModelItem* leaf = nullptr;
+        for (const auto& known : qAsConst(mSampleLeaves)) {
+            if (known.first == tid)
+                leaf = known.second;
+        }
+        if (!leaf || leaf->childCount() > 0) {
+            leaf = sample.backendOnly_mutablePsvModel(tid);
+            while (leaf && leaf->firstChild())
+                leaf = leaf->firstChild();
+        }
+        if (leaf)
+            addLineMetricsOfLeaf(sample, tid, leaf);
+    }
 }
 
 bool PreloadSampleSource::cpuInstructionMetricsSupported(const MetricDefinitions& definitions)

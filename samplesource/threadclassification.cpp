@@ -22,17 +22,42 @@ const PreloadSampleSource::NameAnswers& PreloadSampleSource::answersFor(const QS
     // tree is searched for its OpenMP runtime, so the rules' answers for a
     // name are kept for the analysis. Trees share their names' storage with
     // the position cache, so the storage identifies a name.
-    const std::uint64_t key = reinterpret_cast<quintptr>(function.constData());
-    const int index = mNameIndex.find(key);
-    if (index >= 0)
-        return mNameAnswers[size_t(index)];
-    NameAnswers answers;
-    answers.name = function;
+    const std::uint64_t key = nameKey(function);
+    if (const NameAnswers* known = mNameAnswers.find(key))
+        return *known;
+    mAnsweredNames.push_back(function);
+    NameAnswers& answers = mNameAnswers.insert(key);
     answers.facts = Category::factsOf(function);
     answers.runtime = Category::ompRuntimeOfFunction(function);
-    mNameIndex.insert(key, int(mNameAnswers.size()));
-    mNameAnswers.push_back(answers);
-    return mNameAnswers.back();
+    return answers;
+}
+
+std::uint64_t PreloadSampleSource::nameKey(const QString& function)
+{
+    // The storage's address, read without touching the storage itself.
+    return reinterpret_cast<quintptr>(const_cast<QString&>(function).data_ptr());
+}
+
+bool PreloadSampleSource::classifyByFrame(int tid, const Category::NameFacts& facts,
+                                          const Category::NameFacts& parentFacts, bool nearRoot)
+{
+    const Category::Enum category = Category::categorise(facts, parentFacts, Category::Other);
+    if (facts.ompWorker || category == Category::OmpRegion || category == Category::OmpWorkerEntry
+        || category == Category::OmpWait) {
+        mOmpTids.insert(tid);
+        return true;
+    }
+    if (facts.mpiWorker) {
+        mMpiTids.insert(tid);
+        return true;
+    }
+    // An accelerator frame deeper in the stack is a call of the program's,
+    // not a thread of the runtime.
+    if (category == Category::Accelerator && nearRoot) {
+        mAcceleratorTids.insert(tid);
+        return true;
+    }
+    return false;
 }
 
 void PreloadSampleSource::classifyNonMainTid(int tid, const ZORPSVModelItem* item)
@@ -40,24 +65,10 @@ void PreloadSampleSource::classifyNonMainTid(int tid, const ZORPSVModelItem* ite
     const PSVModelItem* parent = item->parent();
     const bool nearRoot = !parent || !parent->parent();
     static const Category::NameFacts noParent = Category::factsOf(QString());
-    const Category::NameFacts& facts = answersFor(item->position().function).facts;
-    const Category::Enum category = Category::categorise(
-        facts, parent ? answersFor(parent->position().function).facts : noParent, Category::Other);
-    if (facts.ompWorker || category == Category::OmpRegion || category == Category::OmpWorkerEntry
-        || category == Category::OmpWait) {
-        mOmpTids.insert(tid);
+    // A copy: the parent's lookup may add to the answers.
+    const Category::NameFacts facts = answersFor(item->position().function).facts;
+    if (classifyByFrame(tid, facts, parent ? answersFor(parent->position().function).facts : noParent, nearRoot))
         return;
-    }
-    if (facts.mpiWorker) {
-        mMpiTids.insert(tid);
-        return;
-    }
-    // An accelerator frame deeper in the stack is a call of the program's,
-    // not a thread of the runtime.
-    if (category == Category::Accelerator && nearRoot) {
-        mAcceleratorTids.insert(tid);
-        return;
-    }
     for (const PSVModelItem* child : item->children())
         classifyNonMainTid(tid, static_cast<const ZORPSVModelItem*>(child));
 }

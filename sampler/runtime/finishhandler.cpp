@@ -49,13 +49,12 @@ void collectLastAnswers()
 void writeSamplesUpTo(int fd, const quorvex::SamplerFileHeader& header, unsigned int count, unsigned int skip)
 {
     quorvex::quorvex_write_sampler_file_header(fd, header);
-    QUORVEX_WRITE(fd, "sl", 2);
-    QUORVEX_WRITE_UWIDE(fd, skip < count ? count - 1 : count);
+    quorvex::SSampleList::writeOpening(fd, skip < count ? count - 1 : count);
     for (unsigned int i = 0; i < count; ++i) {
         if (i != skip)
             gState.list->at(i).writeToFile(fd);
     }
-    QUORVEX_WRITE(fd, "/sl", 3);
+    quorvex::SSampleList::writeClosing(fd);
     writeCallSites(fd);
 }
 
@@ -122,7 +121,9 @@ void writeResults(int stopReason, int stage)
         close(fd);
     }
 
-    fd = open(s.errorsPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Arming took the file away: what it holds now are the notes of
+    // processes that may not sample, which stay.
+    fd = open(s.errorsPath, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
         reportFileError("the metric errors", s.errorsPath);
     } else {

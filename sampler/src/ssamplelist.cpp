@@ -196,18 +196,35 @@ zor_shared_ptr<SGpuKernelHit> SSampleList::createCudaKernelHit(unsigned int corr
     return hit;
 }
 
+namespace {
+const char LIST_OPENING[2] = {'s', 'l'};
+const char LIST_CLOSING[3] = {'/', 's', 'l'};
+} // namespace
+
+void SSampleList::writeOpening(int fd, std::uint64_t count)
+{
+    QUORVEX_WRITE(fd, LIST_OPENING, sizeof LIST_OPENING);
+    QUORVEX_WRITE(fd, &count, sizeof count);
+}
+
+void SSampleList::writeClosing(int fd)
+{
+    QUORVEX_WRITE(fd, LIST_CLOSING, sizeof LIST_CLOSING);
+}
+
 void SSampleList::writeToFile(int fd) const
 {
-    QUORVEX_WRITE(fd, "sl", 2);
-    QUORVEX_WRITE_UWIDE(fd, mSize);
+    writeOpening(fd, mSize);
     for (std::uint32_t i = 0; i < mSize; ++i)
         mSamples[i].writeToFile(fd);
-    QUORVEX_WRITE(fd, "/sl", 3);
+    writeClosing(fd);
 }
 
 bool SSampleList::readFromFile(int fd)
 {
-    char obuff[2];
+    // The tags are checked byte by byte, so that a damaged file names the
+    // byte in the assertion; they are those of writeOpening and writeClosing.
+    char obuff[sizeof LIST_OPENING];
     if (!QUORVEX_READ(fd, obuff, sizeof obuff))
         return false;
     ZOR_ASSERT(obuff[0] == 's');
@@ -227,7 +244,7 @@ bool SSampleList::readFromFile(int fd)
             return false;
     }
 
-    char cbuff[3];
+    char cbuff[sizeof LIST_CLOSING];
     if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
         return false;
     ZOR_ASSERT(cbuff[0] == '/');

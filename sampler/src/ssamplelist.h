@@ -60,6 +60,11 @@ public:
 
     void writeToFile(int fd) const;
     bool readFromFile(int fd);
+    // The list on file: writeOpening, `count` samples, writeClosing. For a
+    // writer that leaves samples out (the sampler, stopped in the middle of
+    // one), the same framing as writeToFile.
+    static void writeOpening(int fd, std::uint64_t count);
+    static void writeClosing(int fd);
 
 private:
     void makeRoom(bool& downsampled);
