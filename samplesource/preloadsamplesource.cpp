@@ -43,7 +43,8 @@
 
 namespace {
 
-const int RequiredSamplerVersion = 700;
+// The sampler answers the version of the file it writes.
+const int RequiredSamplerVersion = quorvex::QUORVEX_SAMPLER_FILE_VERSION;
 const int RequiredMpiWrapperVersion = 600;
 
 QString translated(const char* text)

@@ -2,6 +2,7 @@
 #ifndef ZOR_READSAMPLES_H
 #define ZOR_READSAMPLES_H
 
+#include "samplerfile.h"
 #include "scallsite.h"
 #include "ssamplelist.h"
 
@@ -12,7 +13,7 @@
 #include <ctime>
 
 // The oldest format this reader takes.
-const int QUORVEX_REQUIRED_SAMPLER_VERSION = 700;
+const int QUORVEX_REQUIRED_SAMPLER_VERSION = quorvex::QUORVEX_SAMPLER_FILE_VERSION;
 
 // Reads the file at `path`. Header fields are stored as soon as they are
 // read, so a later failure leaves the earlier ones set. Call sites are keyed

@@ -41,6 +41,10 @@ const char METRIC_ID_MPI_TIME[] = "mpi_time_in_call";
 const int METRIC_ERROR_UNKNOWN = 1;
 const int METRIC_ERROR_PLUGIN = 2;
 const int METRIC_ERROR_SOURCE = 3;
+const int METRIC_ERROR_NOT_SAMPLED = 4;
+// Notes of processes that may not sample stop there: a shell loop under a
+// sampler must not fill the disk with them.
+const off_t NOTES_LIMIT = 64 * 1024;
 
 int fail(int code, const std::string& message)
 {
@@ -223,6 +227,23 @@ bool createTimer(int tid, timer_t& timer)
 
 } // namespace
 
+void noteNotSampled(const char* errorsPath, const char* reason)
+{
+    gState.notedPid = getpid();
+    const int fd = open(errorsPath, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return;
+    struct stat status;
+    if (fstat(fd, &status) == 0 && status.st_size < NOTES_LIMIT) {
+        // Every record names a metric: the note goes under the first.
+        quorvex::SafeMessage note;
+        note.str("0\n").dec(METRIC_ERROR_NOT_SAMPLED).str("\nProcess ").dec(getpid()).str(" (")
+            .str(program_invocation_short_name).str(") samples nothing: ").str(reason).str(".\n#\n");
+        note.writeTo(fd);
+    }
+    close(fd);
+}
+
 bool makeOutputPath(const char* pattern, pid_t pid, int image, char* out, std::size_t size)
 {
     quorvex::SafeMessage id;
@@ -260,8 +281,10 @@ void rearmInForkChild()
     if (!makeOutputPath(s.pathTemplate, s.pid, 0, path, sizeof path))
         return;
     setPaths(path);
-    if (runningFileIsLive(s.runningPath) || !claimDataFile() || !createRunningFile())
+    if (runningFileIsLive(s.runningPath) || !claimDataFile() || !createRunningFile()) {
+        noteNotSampled(s.errorsPath, "the files of its process id are in use or can't be written");
         return;
+    }
 
     // What the parent had taken and asked for is not this process's.
     s.list->clear();
@@ -426,7 +449,8 @@ int arm(const ArmSettings& settings, bool readConfigFile)
             // Reserved, not touched: a short run costs only the samples it
             // takes. Twice the estimate, for what it leaves out.
             ReserveScope reserve(2 * static_cast<std::size_t>(numSamples) * perSample + (std::size_t(16) << 20));
-            s.list = new SSampleList(numSamples, s.threadsPerSample, s.random);
+            // Made as they fill, from the reservation, where there is one.
+            s.list = new SSampleList(numSamples, s.threadsPerSample, s.random, ReserveScope::reserved());
             s.list->setMetricCount(static_cast<int>(s.metricCount));
         }
         prepareCallSiteWriting();
@@ -446,6 +470,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
     prepareUnwinding();
     if (!installSamplerHandler())
         return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't install the signal handler: ") + strerror(errno));
+    noteSignalReturn();
     if (!installFatalHandlers())
         return fail(QUORVEX_SAMPLER_SETUP_FAILED,
                     std::string("can't install the handlers of fatal signals: ") + strerror(errno));

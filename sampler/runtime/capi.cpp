@@ -2,6 +2,7 @@
 // the sampler may call themselves.
 #include "quorvex_sampler.h"
 #include "runtime.h"
+#include "samplerfile.h"
 #include "samplerstate.h"
 #include "sampling.h"
 
@@ -24,7 +25,7 @@ ZS_API int quorvex_set_boundary_frame_ip(unsigned long ip)
 
 ZS_API int quorvex_sampler_version(void)
 {
-    return QUORVEX_SAMPLER_VERSION;
+    return quorvex::QUORVEX_SAMPLER_FILE_VERSION;
 }
 
 ZS_API int quorvex_write_debug_log(int on)

@@ -17,6 +17,7 @@
 #include <climits>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -48,13 +49,12 @@ void collectLastAnswers()
 void writeSamplesUpTo(int fd, const quorvex::SamplerFileHeader& header, unsigned int count, unsigned int skip)
 {
     quorvex::quorvex_write_sampler_file_header(fd, header);
-    QUORVEX_WRITE(fd, "sl", 2);
-    QUORVEX_WRITE_UWIDE(fd, skip < count ? count - 1 : count);
+    quorvex::SSampleList::writeOpening(fd, skip < count ? count - 1 : count);
     for (unsigned int i = 0; i < count; ++i) {
         if (i != skip)
             gState.list->at(i).writeToFile(fd);
     }
-    QUORVEX_WRITE(fd, "/sl", 3);
+    quorvex::SSampleList::writeClosing(fd);
     writeCallSites(fd);
 }
 
@@ -85,7 +85,9 @@ void writeResults(int stopReason, int stage)
     header.cudaProfilingEnabled = 0;
     header.mpiThreadMultiple = mpiThreadMultiple() ? 1 : 0;
 
-    int fd = open(s.path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Emptied when sampling started, so not truncated again: on ext4 a
+    // file truncated to nothing is flushed to disk when it is closed.
+    int fd = open(s.path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) {
         reportFileError("the data file", s.path);
     } else {
@@ -111,10 +113,17 @@ void writeResults(int stopReason, int stage)
         }
         if (!behind.flush())
             reportFileError("the data file", s.path);
+        // Whatever somebody else put there meanwhile goes.
+        const off_t end = lseek(fd, 0, SEEK_CUR);
+        struct stat status;
+        if (end >= 0 && fstat(fd, &status) == 0 && status.st_size > end)
+            ftruncate(fd, end);
         close(fd);
     }
 
-    fd = open(s.errorsPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Arming took the file away: what it holds now are the notes of
+    // processes that may not sample, which stay.
+    fd = open(s.errorsPath, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
         reportFileError("the metric errors", s.errorsPath);
     } else {

@@ -20,10 +20,39 @@ namespace {
 
 const char OUTPUT_VARIABLE[] = "ZOR_SAMPLER_OUTPUT";
 const char OPTIONS_VARIABLE[] = "ZOR_SAMPLER_OPTIONS";
-// Set by the sampler in the environment it passes to exec and spawn:
-// "PID.IMAGE", the process that started the program and the number that
-// the new program image takes if that process is its own.
+// Set by the sampler in the environment it passes to exec and spawn, and in
+// the environment of the first program, which the C library's own spawning
+// (system, popen) passes on: "PID.IMAGE", the process that started the
+// program and the number that the new program image takes if that process
+// is its own. PID 0: a process that hasn't said yet whether it samples.
 const char EXEC_VARIABLE[] = "ZOR_SAMPLER_EXEC";
+const char NO_PID_REASON[] = "started by a sampled process, and ZOR_SAMPLER_OUTPUT has no %p";
+const char FORK_NO_PID_REASON[] = "a child of fork of a sampled process, and ZOR_SAMPLER_OUTPUT has no %p";
+const char EXEC_NO_PID_REASON[] = "a program that a sampled program execs, and ZOR_SAMPLER_OUTPUT has no %p";
+
+extern "C" char** environ;
+
+// Adds the mark of this process to its environment, for the programs that
+// reach exec without passing through the sampler. The array is never freed:
+// the environment lives as long as the process.
+void markEnvironment(int image)
+{
+    quorvex::SafeMessage mark;
+    mark.str(EXEC_VARIABLE).str("=").dec(getpid()).str(".").dec(image);
+    std::size_t count = 0;
+    while (environ && environ[count])
+        ++count;
+    char** marked = static_cast<char**>(std::malloc((count + 2) * sizeof(char*) + mark.length() + 1));
+    if (!marked)
+        return;
+    char* text = reinterpret_cast<char*>(marked + count + 2);
+    std::memcpy(text, mark.text(), mark.length() + 1);
+    for (std::size_t i = 0; i < count; ++i)
+        marked[i] = environ[i];
+    marked[count] = text;
+    marked[count + 1] = nullptr;
+    environ = marked;
+}
 
 struct Options
 {
@@ -90,21 +119,33 @@ void startStandalone(const Options& options, const char* output)
     const char* mark = getenv(EXEC_VARIABLE);
     const char* rest = mark ? parseDecimal(mark, markPid) : nullptr;
     const bool marked = rest && *rest == '.' && parseDecimal(rest + 1, markImage);
+    const bool ownImage = marked && markPid == static_cast<std::uint64_t>(getpid());
+    if (!marked)
+        markEnvironment(0);
     s.perProcess = std::strstr(output, "%p") != nullptr;
-    if (!s.perProcess && marked) {
+    s.image = ownImage && markImage < 1000000 ? static_cast<int>(markImage) : 0;
+    char path[PATH_MAX];
+    if (std::strlen(output) >= sizeof s.pathTemplate
+        || !makeOutputPath(output, getpid(), s.image, path, sizeof path)
+        || std::strlen(path) + sizeof ".errorMessages" > sizeof s.notesPath) {
         quorvex::SafeMessage message = logLine();
-        message.str("not sampling: started by a sampled process, and ").str(OUTPUT_VARIABLE).str(" has no %p\n");
+        message.str("not sampling: the output path is too long\n");
         writeLog(message);
         return;
     }
-    s.image = marked && markPid == static_cast<std::uint64_t>(getpid()) && markImage < 1000000
-        ? static_cast<int>(markImage)
-        : 0;
-    char path[PATH_MAX];
-    if (std::strlen(output) >= sizeof s.pathTemplate
-        || !makeOutputPath(output, getpid(), s.image, path, sizeof path)) {
+    std::strcpy(s.notesPath, path);
+    std::strcat(s.notesPath, ".errorMessages");
+    if (!s.perProcess && marked) {
+        // Once per process: a later image of one that said so already, or
+        // that never sampled, says nothing more; one that sampled says
+        // that its new program doesn't.
+        if (!ownImage)
+            noteNotSampled(s.notesPath, NO_PID_REASON);
+        else if (markImage > 0)
+            noteNotSampled(s.notesPath, EXEC_NO_PID_REASON);
+        s.notedPid = getpid();
         quorvex::SafeMessage message = logLine();
-        message.str("not sampling: the output path is too long\n");
+        message.str("not sampling: ").str(ownImage ? EXEC_NO_PID_REASON : NO_PID_REASON).str("\n");
         writeLog(message);
         return;
     }
@@ -113,8 +154,9 @@ void startStandalone(const Options& options, const char* output)
                                   options.stopMs};
     if (arm(settings, false) != QUORVEX_SAMPLER_OK) {
         // Most often a program that a sampled one started, while that one
-        // still samples into the same files: nothing for the program's
-        // standard error.
+        // still samples into the same files: a note for that one, nothing
+        // for the program's standard error.
+        noteNotSampled(s.notesPath, quorvex_sampler_error);
         quorvex::SafeMessage message = logLine();
         message.str("not sampling: ").str(quorvex_sampler_error).str("\n");
         writeLog(message);
@@ -136,6 +178,10 @@ void onForkChild()
     if (self)
         self->tid.store(currentTid(), std::memory_order_relaxed);
     rearmInForkChild();
+    // Without "%p" a child of fork doesn't sample: it says so in the notes of
+    // the process whose files it would have shared.
+    if (gState.notesPath[0] && !gState.perProcess)
+        noteNotSampled(gState.notesPath, FORK_NO_PID_REASON);
 }
 
 __attribute__((constructor)) void onLoad()
@@ -217,8 +263,14 @@ extern "C" char** zs_prepare_exec(const char* file, int searchPath, char* const 
         sampled = sampled || std::strncmp(envp[count], "ZOR_SAMPLER_OUTPUT=", 19) == 0;
     if (!sampled)
         return nullptr;
+    // A program that this process execs is its own image only if this
+    // process has said whether it samples: otherwise (a child of vfork, for
+    // one) the new program says it in its place.
+    const pid_t self = getpid();
+    const bool accounted = (self == gState.pid && gState.phase.load(std::memory_order_acquire) != PhaseIdle)
+        || self == gState.notedPid;
     quorvex::SafeMessage mark;
-    mark.str(EXEC_VARIABLE).str("=").dec(getpid()).str(".").dec(sameProcess ? gNextImage : 0);
+    mark.str(EXEC_VARIABLE).str("=").dec(sameProcess && !accounted ? 0 : self).str(".").dec(sameProcess ? gNextImage : 0);
     char** result = static_cast<char**>(std::malloc((count + 2) * sizeof(char*) + mark.length() + 1));
     if (!result)
         return nullptr;

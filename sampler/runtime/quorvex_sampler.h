@@ -16,9 +16,6 @@
 extern "C" {
 #endif
 
-/* What quorvex_sampler_version() answers. */
-#define QUORVEX_SAMPLER_VERSION 700
-
 /* Results of quorvex_init_sampler_now and quorvex_ui_stop_sampling. Every
  * code but 0 leaves one line of explanation in quorvex_sampler_error. */
 enum {
@@ -62,6 +59,7 @@ int quorvex_init_sampler_now(int numSamples, int intervalMs, const char* path, i
  * boundary. */
 int quorvex_set_boundary_frame_ip(unsigned long ip);
 
+/* The version of the data file that this sampler writes. */
 int quorvex_sampler_version(void);
 
 /* 1: the sampler reports arming, thinning and stopping on standard error. */

@@ -97,6 +97,11 @@ struct State
     int image;
     bool forkChild;
     int initialIntervalMs;
+    // Where a process that may not sample says so: the ".errorMessages" of
+    // the process that owns the file (empty: nowhere, as in a run that the
+    // back-end arms); the process that said so, or that samples.
+    char notesPath[PATH_MAX + 16];
+    pid_t notedPid;
 
     char path[PATH_MAX];
     char runningPath[PATH_MAX + 16];
@@ -211,6 +216,11 @@ void rearmInForkChild();
 // that took no sample yet, whose files are taken away. The number of the
 // next program image of this process.
 int finishBeforeExec();
+// A process that may not sample says why, once, in the ".errorMessages" at
+// `errorsPath`, appended in one write, so that notes of many processes and
+// the owner's own records never mix or truncate each other. Only
+// async-signal-safe calls.
+void noteNotSampled(const char* errorsPath, const char* reason);
 // `pattern` with every "%p" replaced by the process id, followed by
 // ".IMAGE" for a later program image of the process. False if too long.
 bool makeOutputPath(const char* pattern, pid_t pid, int image, char* out, std::size_t size);

@@ -13,7 +13,8 @@
 
 namespace quorvex {
 
-// The format version; the file stores it negated.
+// The format version, the one definition for writers, readers and the
+// sampler's answer to the back-end; the file stores it negated.
 const int QUORVEX_SAMPLER_FILE_VERSION = 700;
 
 struct SamplerFileHeader

@@ -8,24 +8,31 @@
 
 namespace quorvex {
 
-SSampleList::SSampleList(int maxSamples, int preallocatedThreads, drand48_data& random)
-    : mSize(0), mNumDownsamples(0), mRandomState(random), mMergeGpuKernelLists(false)
+SSampleList::SSampleList(int maxSamples, int preallocatedThreads, drand48_data& random, bool constructLazily)
+    : mSize(0), mNumDownsamples(0), mLimit(static_cast<std::uint32_t>(std::max(maxSamples, 0))),
+      mPrototype(preallocatedThreads), mRandomState(random), mMergeGpuKernelLists(false)
 {
-    const SSample prototype(preallocatedThreads);
-    mSamples.resize(static_cast<std::size_t>(std::max(maxSamples, 0)), prototype);
+    if (constructLazily)
+        mSamples.reserve(mLimit);
+    else
+        mSamples.resize(mLimit, mPrototype);
 }
 
 SSampleList& SSampleList::operator=(const SSampleList& other)
 {
     if (this != &other) {
         mSize = other.mSize;
+        mLimit = other.mLimit;
         mSamples = other.mSamples;
+        mSamples.reserve(mLimit);
+        mPrototype = other.mPrototype;
     }
     return *this;
 }
 
 void SSampleList::setMetricCount(int n)
 {
+    mPrototype.metrics().initializeMetrics(static_cast<unsigned int>(n));
     for (SSample& sample : mSamples)
         sample.metrics().initializeMetrics(static_cast<unsigned int>(n));
 }
@@ -33,10 +40,13 @@ void SSampleList::setMetricCount(int n)
 void SSampleList::makeRoom(bool& downsampled)
 {
     downsampled = false;
-    if (mSize == mSamples.size()) {
+    if (mSize == mLimit) {
         downsample();
         downsampled = true;
     }
+    // Within the room reserved: the samples made before don't move.
+    if (mSize == mSamples.size())
+        mSamples.push_back(mPrototype);
     ZOR_ASSERT(!mSamples[mSize].isValid());
 }
 
@@ -104,7 +114,7 @@ void SSampleList::clear()
 
 bool SSampleList::verifySanity(bool fatal) const
 {
-    bool sane = mSize <= mSamples.size();
+    bool sane = mSize <= mSamples.size() && mSamples.size() <= mLimit;
     for (std::size_t i = 0; sane && i < mSamples.size(); ++i)
         sane = mSamples[i].isValid() == (i < mSize);
     if (!sane && fatal)
@@ -186,18 +196,35 @@ zor_shared_ptr<SGpuKernelHit> SSampleList::createCudaKernelHit(unsigned int corr
     return hit;
 }
 
+namespace {
+const char LIST_OPENING[2] = {'s', 'l'};
+const char LIST_CLOSING[3] = {'/', 's', 'l'};
+} // namespace
+
+void SSampleList::writeOpening(int fd, std::uint64_t count)
+{
+    QUORVEX_WRITE(fd, LIST_OPENING, sizeof LIST_OPENING);
+    QUORVEX_WRITE(fd, &count, sizeof count);
+}
+
+void SSampleList::writeClosing(int fd)
+{
+    QUORVEX_WRITE(fd, LIST_CLOSING, sizeof LIST_CLOSING);
+}
+
 void SSampleList::writeToFile(int fd) const
 {
-    QUORVEX_WRITE(fd, "sl", 2);
-    QUORVEX_WRITE_UWIDE(fd, mSize);
+    writeOpening(fd, mSize);
     for (std::uint32_t i = 0; i < mSize; ++i)
         mSamples[i].writeToFile(fd);
-    QUORVEX_WRITE(fd, "/sl", 3);
+    writeClosing(fd);
 }
 
 bool SSampleList::readFromFile(int fd)
 {
-    char obuff[2];
+    // The tags are checked byte by byte, so that a damaged file names the
+    // byte in the assertion; they are those of writeOpening and writeClosing.
+    char obuff[sizeof LIST_OPENING];
     if (!QUORVEX_READ(fd, obuff, sizeof obuff))
         return false;
     ZOR_ASSERT(obuff[0] == 's');
@@ -210,13 +237,14 @@ bool SSampleList::readFromFile(int fd)
     mSize = static_cast<std::uint32_t>(numSamples);
     if (mSamples.size() != numSamples)
         mSamples.resize(static_cast<std::size_t>(numSamples), SSample(0));
+    mLimit = mSize;
 
     for (std::uint32_t i = 0; i < mSize; ++i) {
         if (!mSamples[i].readFromFile(fd))
             return false;
     }
 
-    char cbuff[3];
+    char cbuff[sizeof LIST_CLOSING];
     if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
         return false;
     ZOR_ASSERT(cbuff[0] == '/');

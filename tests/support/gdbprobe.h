@@ -8,9 +8,22 @@
 #include <QStandardPaths>
 #include <QString>
 
+// The sanitizers' runtime must be the first library of a program, so a build
+// with them can't preload the sampler into one: empty where it can.
+inline QString samplerPreloadProblem()
+{
+#ifdef __SANITIZE_ADDRESS__
+    return QStringLiteral("the sanitizer build can't preload the sampler");
+#else
+    return QString();
+#endif
+}
+
 inline QString gdbCallProblem(const QString& program)
 {
     static const QString problem = [&program] {
+        if (!samplerPreloadProblem().isEmpty())
+            return samplerPreloadProblem();
         if (QStandardPaths::findExecutable(QStringLiteral("gdb")).isEmpty())
             return QStringLiteral("no gdb");
         QProcess probe;

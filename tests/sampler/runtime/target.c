@@ -25,13 +25,15 @@
  *   fork-children  two children of fork alone, busy
  *   children       as a shell: children that fork and exec, a program
  *                  spawned, and one that starts its program after the
- *                  parent has ended; all in mode quiet-busy, which prints
- *                  nothing */
+ *                  parent has ended; then it stops sampling and starts
+ *                  more through system and popen; all in mode quiet-busy,
+ *                  which prints nothing */
 #define _GNU_SOURCE
 #include "quorvex_sampler.h"
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <limits.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -519,6 +521,18 @@ static void run_children(void)
         _exit(127);
     }
     burn_ms(100);
+
+    /* The C library spawns the shell of system and popen without passing
+     * through the sampler's exec; they start after this process has stopped
+     * sampling, when nothing stands in the way of a claim on its file. */
+    CHECK(quorvex_ui_stop_sampling() == 0, "can't stop sampling");
+    char path[PATH_MAX] = "";
+    char command[PATH_MAX + 32];
+    CHECK(readlink(self, path, sizeof path - 1) > 0, "can't read %s", self);
+    snprintf(command, sizeof command, "'%s' quiet-busy", path);
+    CHECK(system(command) == 0, "system failed");
+    FILE* pipe = popen(command, "r");
+    CHECK(pipe && fgetc(pipe) == EOF && pclose(pipe) == 0, "popen failed");
 }
 
 int main(int argc, char** argv)

@@ -426,7 +426,8 @@ std::set<std::string> filesIn(const TempDir& dir)
 
 // A program image that exec starts writes a file of its own with "%p", as
 // does a child of fork alone; without "%p" the programs that a sampled
-// process starts, even after it has ended, sample nothing and say nothing.
+// process starts, by any means and even after it has ended, sample nothing,
+// print nothing and say so once each in the notes of the sampled one.
 TEST(SamplerRun, ExecAndChildrenWriteFilesOfTheirOwnOrNone)
 {
     const struct
@@ -454,6 +455,20 @@ TEST(SamplerRun, ExecAndChildrenWriteFilesOfTheirOwnOrNone)
         const std::string pid = std::to_string(run.pid);
         if (std::string(c.mode) == "exec") {
             EXPECT_EQ(data, (std::set<std::string>{"run." + pid, "run." + pid + ".1"}));
+        }
+        if (std::string(c.mode) == "children") {
+            // Two children of fork, a spawned program, one started late,
+            // and the shells of system and popen at least.
+            const std::string notes = readText(dir.file("run.errorMessages"));
+            const std::regex note("0\n4\nProcess ([0-9]+) \\([^)\n]+\\) samples nothing: [^#\n]*\n#\n");
+            std::set<std::string> noted;
+            std::size_t count = 0;
+            for (std::sregex_iterator it(notes.begin(), notes.end(), note), end; it != end; ++it, ++count)
+                noted.insert((*it)[1]);
+            EXPECT_EQ(std::regex_replace(notes, note, ""), "") << notes;
+            EXPECT_EQ(noted.size(), count) << "a process said it twice:\n" << notes;
+            EXPECT_GE(count, 6u) << notes;
+            EXPECT_EQ(noted.count(pid), 0u) << notes;
         }
         for (const std::string& name : data) {
             const SampleFile file = readSampleFile(dir.file(name));
