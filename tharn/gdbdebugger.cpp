@@ -648,7 +648,9 @@ Response* GdbDebugger::handleReattach(Command&)
         noteTargetGone(ended);
     if (mTargetGone)
         fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
-    lowerTargetPriority();
+    // Not for a program on its way out, which should end first.
+    if (mLowerTargetFirst && mLowerTargetFirst())
+        lowerTargetPriority();
     Answer attach = command(QStringLiteral("-target-attach %1").arg(mTargetPid));
     if (attach.result.className == QLatin1String("error")) {
         // A program on its way out can't be attached to: that is its end,

@@ -13,6 +13,7 @@
 #include <QObject>
 #include <QProcess>
 #include <QStringList>
+#include <functional>
 #include <memory>
 
 #include "debugger.h"
@@ -64,6 +65,9 @@ public:
     bool isTargetGone() const { return mTargetGone; }
     bool isDetached() const { return mDetached; }
     QString programPath() const { return mProgram.value(0); }
+    // Asked before each reattach: whether the program is being stopped from
+    // outside, so that it may spin while gdb attaches.
+    void setLowerTargetPriorityWhen(std::function<bool()> ask) { mLowerTargetFirst = std::move(ask); }
     SymbolTable& symbols() { return mSymbols; }
 
     // Debugger
@@ -129,6 +133,7 @@ private:
     // How the target ended when it is a zombie; empty while it lives.
     QString zombieStatus() const;
     void lowerTargetPriority();
+    std::function<bool()> mLowerTargetFirst;
     // Whether the target has ended or ends within `waitMs`; noted if so.
     bool targetEnds(int waitMs);
     void fail(int code, const QString& message);

@@ -147,6 +147,7 @@ int main(int argc, char** argv)
     hello.insert(QString::fromLatin1(HelloKeys::TargetPid), debugger.targetPid());
     hello.insert(QString::fromLatin1(HelloKeys::DebuggerPid), debugger.gdbPid());
     tharn.setDebugger(&debugger);
+    debugger.setLowerTargetPriorityWhen([&tharn] { return tharn.isStopAsked(); });
     tharn.setTargetGoneCode(GdbDebugger::TargetGoneError);
     tharn.setTargetPid(debugger.targetPid());
     tharn.setDebuggerPid(debugger.gdbPid());

@@ -61,9 +61,13 @@ TharnMessageHandler* Tharn::handlerFor(const Command& command)
 
 void Tharn::arrive(Command& command)
 {
-    if (command.name == QLatin1String(CMD_ZOR_PLAY))
+    if (command.name == QLatin1String(CMD_ZOR_PLAY)) {
         mRunUnderway = true;
-    else if (command.name == QLatin1String(CMD_ZOR_FINISH))
+        mStopAsked = false;
+    } else if (command.name == QLatin1String(CMD_ZOR_STOP)) {
+        mStopAsked = true;
+    }
+    if (command.name == QLatin1String(CMD_ZOR_FINISH))
         mRunUnderway = false;
     TharnMessageHandler* handler = handlerFor(command);
     if (!handler) {

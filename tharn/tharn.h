@@ -49,6 +49,8 @@ public:
     // From the front-end's play command to its finish command: what was
     // sampled is still owed to the front-end.
     bool isRunUnderway() const { return mRunUnderway; }
+    // Whether the front-end, or mpirun's request to end, stopped the run.
+    bool isStopAsked() const { return mStopAsked; }
     // Exceptions with this code say only that the program has ended. The
     // host reports every end itself (targetExit), and the front-end says
     // what an abnormal one was: these go to the log, not to the front-end.
@@ -116,6 +118,7 @@ private:
     std::function<void()> mRestart;
     bool mTargetMonitoring = true;
     bool mRunUnderway = false;
+    bool mStopAsked = false;
     bool mDebugMode = false;
     bool mLogToStderr = false;
     int mTargetGoneCode = 0;
