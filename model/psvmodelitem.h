@@ -5,7 +5,6 @@
 #define ZOR_PSVMODELITEM_H
 
 #include "intprocessmap.h"
-#include "nodememory.h"
 #include "position.h"
 #include "saxhandler.h"
 
@@ -32,9 +31,6 @@ public:
     // A deep copy, children cloned with their own types; the copy has no parent.
     PSVModelItem(const PSVModelItem& other);
     PSVModelItem& operator=(const PSVModelItem&) = delete;
-    // Nodes come from per-thread lists of free blocks (nodememory.h).
-    static void* operator new(std::size_t size) { return zor_nodememory::allocate(size); }
-    static void operator delete(void* block, std::size_t size) { zor_nodememory::release(block, size); }
     // Deletes the subtree, and unlinks the node from its parent if it has one.
     ~PSVModelItem() override;
 

@@ -5,9 +5,9 @@
 // consecutive inputs: each input goes straight into the first tree of its
 // segment, and each finished segment into the result of the segments
 // before it. So every input node is visited once, plus once more per
-// segment for its merged tree, the trees merged into are small enough to
-// stay in the cache, and the rank-to-count maps stay single ranges when
-// the inputs come in rank order. Segments are merged on all threads at
+// segment for its merged tree, no partial trees pile up beside the result,
+// and the rank-to-count maps stay single ranges when the inputs come in
+// rank order. Segments are merged on all threads at
 // once. The result equals merging every tree into the first one with
 // mergePSVModelItem, in the order added (the same counts, flags and order of
 // children), except that every ancestor of a node with an unexpected stop

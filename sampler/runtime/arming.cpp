@@ -449,7 +449,8 @@ int arm(const ArmSettings& settings, bool readConfigFile)
             // Reserved, not touched: a short run costs only the samples it
             // takes. Twice the estimate, for what it leaves out.
             ReserveScope reserve(2 * static_cast<std::size_t>(numSamples) * perSample + (std::size_t(16) << 20));
-            s.list = new SSampleList(numSamples, s.threadsPerSample, s.random);
+            // Made as they fill, from the reservation, where there is one.
+            s.list = new SSampleList(numSamples, s.threadsPerSample, s.random, ReserveScope::reserved());
             s.list->setMetricCount(static_cast<int>(s.metricCount));
         }
         prepareCallSiteWriting();
@@ -469,6 +470,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
     prepareUnwinding();
     if (!installSamplerHandler())
         return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't install the signal handler: ") + strerror(errno));
+    noteSignalReturn();
     if (!installFatalHandlers())
         return fail(QUORVEX_SAMPLER_SETUP_FAILED,
                     std::string("can't install the handlers of fatal signals: ") + strerror(errno));

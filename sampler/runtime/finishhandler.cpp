@@ -17,6 +17,7 @@
 #include <climits>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -84,7 +85,9 @@ void writeResults(int stopReason, int stage)
     header.cudaProfilingEnabled = 0;
     header.mpiThreadMultiple = mpiThreadMultiple() ? 1 : 0;
 
-    int fd = open(s.path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Emptied when sampling started, so not truncated again: on ext4 a
+    // file truncated to nothing is flushed to disk when it is closed.
+    int fd = open(s.path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) {
         reportFileError("the data file", s.path);
     } else {
@@ -110,6 +113,11 @@ void writeResults(int stopReason, int stage)
         }
         if (!behind.flush())
             reportFileError("the data file", s.path);
+        // Whatever somebody else put there meanwhile goes.
+        const off_t end = lseek(fd, 0, SEEK_CUR);
+        struct stat status;
+        if (end >= 0 && fstat(fd, &status) == 0 && status.st_size > end)
+            ftruncate(fd, end);
         close(fd);
     }
 

@@ -13,7 +13,9 @@
 // it; the start of an implicit task marks the worker, and the unwinder
 // stops at the first frame of libomp above the region's code.
 #include "regions.h"
+#include "runtime.h"
 #include "samplerstate.h"
+#include "sampling.h"
 #include "scallsite.h"
 #include "threads.h"
 
@@ -108,6 +110,7 @@ int callingTid()
 quorvex_parallel_id_t recordCallSite(const TextRange& runtime)
 {
     pthread_once(&gSamplerTextOnce, [] { gSamplerText = textRangeOf(reinterpret_cast<const void*>(&textRangeOf)); });
+    const OwnUnwinding busy;
     unsigned long frames[MAX_BACKTRACE_DEPTH];
     std::uint32_t size = 0;
     unw_context_t context;
@@ -174,6 +177,7 @@ __attribute__((noinline)) void gompRegionEntry(void* argument)
 GompRegion openGompRegion(void (*fn)(void*), void* data)
 {
     pthread_once(&gEntryTextOnce, [] {
+        const OwnUnwinding busy;
         unw_proc_info_t info;
         if (unw_get_proc_info_by_ip(unw_local_addr_space, reinterpret_cast<unw_word_t>(&gompRegionEntry), &info,
                                     nullptr)

@@ -98,6 +98,21 @@ ReserveScope::~ReserveScope()
     tlsScopeOpen = false;
 }
 
+bool ReserveScope::reserved()
+{
+    return gBegin != 0;
+}
+
+ReserveReopen::ReserveReopen() : mWasOpen(tlsScopeOpen)
+{
+    tlsScopeOpen = gBegin != 0;
+}
+
+ReserveReopen::~ReserveReopen()
+{
+    tlsScopeOpen = mWasOpen;
+}
+
 } // namespace zorsampler
 
 using zorsampler::allocate;

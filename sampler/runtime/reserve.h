@@ -20,6 +20,24 @@ public:
     ~ReserveScope();
     ReserveScope(const ReserveScope&) = delete;
     ReserveScope& operator=(const ReserveScope&) = delete;
+
+    // Whether the reservation was made.
+    static bool reserved();
+};
+
+// Opens the reservation made before on this thread again, for the sampling
+// handler, which makes each sample when it first fills it; the bump pointer
+// takes a spin lock that nothing else holds by then, and writes nothing.
+class ReserveReopen
+{
+public:
+    ReserveReopen();
+    ~ReserveReopen();
+    ReserveReopen(const ReserveReopen&) = delete;
+    ReserveReopen& operator=(const ReserveReopen&) = delete;
+
+private:
+    bool mWasOpen;
 };
 
 } // namespace zorsampler

@@ -39,12 +39,30 @@ void deliverToProgram(int sig, siginfo_t* info, void* ucontext);
 // unless it is 0. Sets the unwind status: 0, a libunwind error, or one of
 // the sampler's codes below.
 void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned long boundaryIp);
-// Unwinds once outside a handler, so that libunwind sets itself up there.
+// Sets libunwind up outside a handler, as far as it can wait no longer.
 void prepareUnwinding();
+// When a thread ends, and in the child of fork.
+void endThreadUnwinding();
+void resetUnwindingAfterFork();
+// Learns where the sampler's handler returns to, once it is installed.
+void noteSignalReturn();
+
+// Marks the sampler's own use of libunwind outside a handler. libunwind's
+// locks block signals through sigprocmask, which leaves the sampler's own
+// unblocked: a handler that unwound on top of such a walk would wait for a
+// lock its own thread holds, so it takes no backtrace there.
+struct OwnUnwinding
+{
+    OwnUnwinding();
+    ~OwnUnwinding();
+    OwnUnwinding(const OwnUnwinding&) = delete;
+    OwnUnwinding& operator=(const OwnUnwinding&) = delete;
+};
 
 // Unwind status codes of the sampler's own.
 const int UNWIND_TOO_DEEP = 100;
 const int UNWIND_NOT_ANSWERED = 101;
+const int UNWIND_CLASHED = 105;
 const int UNWIND_NO_FRAMES = 106;
 
 } // namespace zorsampler

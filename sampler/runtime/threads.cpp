@@ -77,6 +77,7 @@ void endCurrentThread()
     if (!slot)
         return;
     tlsSlot = nullptr;
+    endThreadUnwinding();
     slot->state.store(SlotDead, std::memory_order_release);
     announceAnswer();
 }
@@ -129,7 +130,9 @@ bool tryLock(LockHolder holder)
     int expected = LockFree;
     if (!gLock.compare_exchange_strong(expected, holder, std::memory_order_acquire, std::memory_order_relaxed))
         return false;
-    gLockOwner.store(currentTid(), std::memory_order_relaxed);
+    // The thread's id as registered saves a system call in the handler.
+    const ThreadSlot* slot = tlsSlot;
+    gLockOwner.store(slot ? slot->tid.load(std::memory_order_relaxed) : currentTid(), std::memory_order_relaxed);
     return true;
 }
 
@@ -153,6 +156,7 @@ void resetAfterFork()
 {
     gLockOwner.store(0, std::memory_order_relaxed);
     gLock.store(LockFree, std::memory_order_relaxed);
+    resetUnwindingAfterFork();
 }
 
 } // namespace zorsampler

@@ -38,7 +38,8 @@ void SBacktraceList::buildPool(int count)
     mTraces.reserve(static_cast<std::size_t>(count));
     ZOR_ASSERT(mTraces.empty());
 
-    mPool = static_cast<SBacktrace*>(malloc(mPoolBytes));
+    // Through operator new, which the sampler serves from its reservation.
+    mPool = static_cast<SBacktrace*>(::operator new(mPoolBytes, std::nothrow));
     if (mPoolBytes > 0 && !mPool)
         throw std::bad_alloc();
 
@@ -79,12 +80,12 @@ SBacktraceList::~SBacktraceList()
     for (SBacktrace* bt : mTraces) {
         if (bt && !isPreallocated(bt)) {
             bt->~SBacktrace();
-            free(bt);
+            ::operator delete(bt);
         }
     }
     for (int i = 0; i < mPoolCount; ++i)
         mPool[i].~SBacktrace();
-    free(mPool);
+    ::operator delete(mPool);
 }
 
 bool SBacktraceList::isPreallocated(const SBacktrace* bt) const
@@ -94,7 +95,7 @@ bool SBacktraceList::isPreallocated(const SBacktrace* bt) const
 
 SBacktrace* SBacktraceList::createNewSBacktrace()
 {
-    void* memory = malloc(sizeof(SBacktrace));
+    void* memory = ::operator new(sizeof(SBacktrace), std::nothrow);
     if (!memory)
         throw std::bad_alloc();
     SBacktrace* bt = new (memory) SBacktrace();

@@ -8,24 +8,31 @@
 
 namespace quorvex {
 
-SSampleList::SSampleList(int maxSamples, int preallocatedThreads, drand48_data& random)
-    : mSize(0), mNumDownsamples(0), mRandomState(random), mMergeGpuKernelLists(false)
+SSampleList::SSampleList(int maxSamples, int preallocatedThreads, drand48_data& random, bool constructLazily)
+    : mSize(0), mNumDownsamples(0), mLimit(static_cast<std::uint32_t>(std::max(maxSamples, 0))),
+      mPrototype(preallocatedThreads), mRandomState(random), mMergeGpuKernelLists(false)
 {
-    const SSample prototype(preallocatedThreads);
-    mSamples.resize(static_cast<std::size_t>(std::max(maxSamples, 0)), prototype);
+    if (constructLazily)
+        mSamples.reserve(mLimit);
+    else
+        mSamples.resize(mLimit, mPrototype);
 }
 
 SSampleList& SSampleList::operator=(const SSampleList& other)
 {
     if (this != &other) {
         mSize = other.mSize;
+        mLimit = other.mLimit;
         mSamples = other.mSamples;
+        mSamples.reserve(mLimit);
+        mPrototype = other.mPrototype;
     }
     return *this;
 }
 
 void SSampleList::setMetricCount(int n)
 {
+    mPrototype.metrics().initializeMetrics(static_cast<unsigned int>(n));
     for (SSample& sample : mSamples)
         sample.metrics().initializeMetrics(static_cast<unsigned int>(n));
 }
@@ -33,10 +40,13 @@ void SSampleList::setMetricCount(int n)
 void SSampleList::makeRoom(bool& downsampled)
 {
     downsampled = false;
-    if (mSize == mSamples.size()) {
+    if (mSize == mLimit) {
         downsample();
         downsampled = true;
     }
+    // Within the room reserved: the samples made before don't move.
+    if (mSize == mSamples.size())
+        mSamples.push_back(mPrototype);
     ZOR_ASSERT(!mSamples[mSize].isValid());
 }
 
@@ -104,7 +114,7 @@ void SSampleList::clear()
 
 bool SSampleList::verifySanity(bool fatal) const
 {
-    bool sane = mSize <= mSamples.size();
+    bool sane = mSize <= mSamples.size() && mSamples.size() <= mLimit;
     for (std::size_t i = 0; sane && i < mSamples.size(); ++i)
         sane = mSamples[i].isValid() == (i < mSize);
     if (!sane && fatal)
@@ -227,6 +237,7 @@ bool SSampleList::readFromFile(int fd)
     mSize = static_cast<std::uint32_t>(numSamples);
     if (mSamples.size() != numSamples)
         mSamples.resize(static_cast<std::size_t>(numSamples), SSample(0));
+    mLimit = mSize;
 
     for (std::uint32_t i = 0; i < mSize; ++i) {
         if (!mSamples[i].readFromFile(fd))

@@ -16,7 +16,12 @@ namespace quorvex {
 class SSampleList
 {
 public:
-    SSampleList(int maxSamples, int preallocatedThreads, drand48_data& random);
+    // With `constructLazily`, only the room for the samples is allocated
+    // here, and each is made when it is first filled, from the prototype: a
+    // short run makes only the samples it takes. Whoever fills the list then
+    // has to let those copies allocate (the sampler's handler does, from
+    // memory reserved beforehand).
+    SSampleList(int maxSamples, int preallocatedThreads, drand48_data& random, bool constructLazily = false);
     // Copies the samples only: the pass count, the random state and the
     // merge flag stay this list's own.
     SSampleList& operator=(const SSampleList& other);
@@ -41,7 +46,7 @@ public:
     unsigned int size() const { return mSize; }
     unsigned int numDownsamples() const { return mNumDownsamples; }
     bool isEmpty() const { return mSize == 0; }
-    bool isFull() const { return mSize == mSamples.size(); }
+    bool isFull() const { return mSize == mLimit; }
     std::size_t capacity() const { return mSamples.capacity(); }
 
     void clear();
@@ -66,7 +71,10 @@ private:
 
     std::uint32_t mSize;
     std::uint32_t mNumDownsamples;
+    std::uint32_t mLimit;
+    // Made up to mSize at least; the rest invalid.
     std::vector<SSample> mSamples;
+    SSample mPrototype;
     drand48_data& mRandomState;
     bool mMergeGpuKernelLists;
 };

@@ -72,10 +72,10 @@ void makeSample(SSample& sample, int tid, long cpuNs, timespec span = {0, 1000},
 
 struct ListFixture
 {
-    explicit ListFixture(int limit, unsigned seed = 7)
+    explicit ListFixture(int limit, unsigned seed = 7, bool lazily = false)
     {
         srand48_r(seed, &random);
-        list.reset(new SSampleList(limit, 2, random));
+        list.reset(new SSampleList(limit, 2, random, lazily));
         list->setMetricCount(1);
     }
 
@@ -329,23 +329,30 @@ TEST(ZorSharedPtr, LastDetachDeletes)
 
 TEST(SSampleList, FullListHalvesBeforeTheNextSample)
 {
-    ListFixture f(4);
-    for (int i = 0; i < 4; ++i) {
-        f.add(i, 10);
-        EXPECT_FALSE(f.downsampled);
+    for (bool lazily : {false, true}) {
+        SCOPED_TRACE(lazily ? "made as filled" : "made up front");
+        ListFixture f(4, 7, lazily);
+        SSample* first = f.add(0, 10);
+        for (int i = 1; i < 4; ++i) {
+            f.add(i, 10);
+            EXPECT_FALSE(f.downsampled);
+        }
+        // Samples made later never move the earlier ones.
+        EXPECT_EQ(&f.list->at(0), first);
+        EXPECT_TRUE(f.list->isFull());
+        SSample* fifth = f.add(4, 10);
+        EXPECT_TRUE(f.downsampled);
+        EXPECT_TRUE(fifth->downsamplingHappened());
+        EXPECT_EQ(f.list->size(), 3u);
+        EXPECT_EQ(f.list->numDownsamples(), 1u);
+        EXPECT_EQ(&f.list->getLatestSample(), fifth);
+        EXPECT_TRUE(f.list->verifySanity(false));
+        // Each survivor now stands for its pair.
+        EXPECT_EQ(f.list->at(0).getWindow().tv_nsec, 20);
+        f.list->clear();
+        EXPECT_EQ(f.list->numDownsamples(), 0u);
+        EXPECT_DEATH(f.list->at(0), "Assertion `index<mSize' failed");
     }
-    SSample* fifth = f.add(4, 10);
-    EXPECT_TRUE(f.downsampled);
-    EXPECT_TRUE(fifth->downsamplingHappened());
-    EXPECT_EQ(f.list->size(), 3u);
-    EXPECT_EQ(f.list->numDownsamples(), 1u);
-    EXPECT_EQ(&f.list->getLatestSample(), fifth);
-    EXPECT_TRUE(f.list->verifySanity(false));
-    // Each survivor now stands for its pair.
-    EXPECT_EQ(f.list->at(0).getWindow().tv_nsec, 20);
-    f.list->clear();
-    EXPECT_EQ(f.list->numDownsamples(), 0u);
-    EXPECT_DEATH(f.list->at(0), "Assertion `index<mSize' failed");
 }
 
 TEST(SSampleList, LimitOneAndOddPasses)
