@@ -76,14 +76,14 @@ TEST(ResultFile, DamagedOrForeignFilesGetTheirOwnMessage)
     {
         const char* what;
         QByteArray data;
-        const char* message;
+        std::string message;
     } cases[] = {
         { "empty", QByteArray(), "x.zor is not a zor result file" },
         { "text", QByteArray("hello, world\n"), "x.zor is not a zor result file" },
         { "through a text conversion", textMode, "x.zor is not a zor result file" },
         { "cut in its header", good.left(20), "x.zor is truncated: its header is incomplete" },
         { "cut in its body", good.left(good.size() - 10),
-          qPrintable(QStringLiteral("x.zor is truncated: %1 of its %2 bytes are there").arg(good.size() - 10).arg(good.size())) },
+          QStringLiteral("x.zor is truncated: %1 of its %2 bytes are there").arg(good.size() - 10).arg(good.size()).toStdString() },
         { "with bytes after its end", good + "xyz", "x.zor is damaged: 3 bytes follow its end" },
         { "with a changed byte", flipped, "x.zor is damaged: its checksum doesn't match" },
         { "of another version", otherVersion, "x.zor is a zor result of format version 7; this zor reads version 1" },
@@ -93,7 +93,7 @@ TEST(ResultFile, DamagedOrForeignFilesGetTheirOwnMessage)
         result.run.program = QStringLiteral("untouched");
         QString error;
         EXPECT_FALSE(ResultFile::decode(c.data, QStringLiteral("x.zor"), &result, &error)) << c.what;
-        EXPECT_EQ(error.toStdString(), std::string(c.message)) << c.what;
+        EXPECT_EQ(error.toStdString(), c.message) << c.what;
         EXPECT_EQ(result.run.program, QStringLiteral("untouched")) << c.what;
     }
 

@@ -84,7 +84,13 @@ TEST_F(Symbols, KnownFunctionHasItsNameFileLineAndBounds)
     EXPECT_EQ(code.firstKey(), address);
     EXPECT_TRUE(code.first().symbolStart);
     EXPECT_EQ(end, bounds.end);
-    EXPECT_TRUE(code.last().mnemonic.startsWith(QLatin1String("ret"))) << code.last().mnemonic.toStdString();
+#ifdef __SANITIZE_ADDRESS__
+    // The sanitizers put their reports, calls that don't return, behind it.
+    const QLatin1String last("call");
+#else
+    const QLatin1String last("ret");
+#endif
+    EXPECT_TRUE(code.last().mnemonic.startsWith(last)) << code.last().mnemonic.toStdString();
     EXPECT_EQ(disassembler.position(address).function, QStringLiteral("zorSymbolsKnownFunction"));
 
     // In a library without debug information, by its symbol table.
