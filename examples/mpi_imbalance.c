@@ -11,14 +11,16 @@
  * UNITS is the work of one compute step. On stdout it prints, per rank, the
  * calls it made: "rank R calls MPI_Allreduce N MPI_Barrier N".
  *
- *   --abort R      rank R calls MPI_Abort after the first round
- *   --crash R      rank R dies of SIGSEGV after the first round */
+ *   --abort R      rank R calls MPI_Abort in the second round, before its
+ *                  barrier and a fifth of a second after the others reach it
+ *   --crash R      the same, but rank R dies of SIGSEGV */
 #include <mpi.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 static volatile uint64_t sink;
 
@@ -63,12 +65,16 @@ int main(int argc, char** argv)
         MPI_Allreduce(local, global, n, MPI_DOUBLE, MPI_SUM, MPI_COMM_WORLD);
         ++allreduces;
         uneven_compute(rank, numbers[1]);
+        if (round > 0 && (rank == abortRank || rank == crashRank)) {
+            /* Long enough for the others' wait in the barrier to be sampled. */
+            const struct timespec fifth = { 0, 200000000L };
+            nanosleep(&fifth, NULL);
+            if (rank == abortRank)
+                MPI_Abort(MPI_COMM_WORLD, 3);
+            raise(SIGSEGV);
+        }
         MPI_Barrier(MPI_COMM_WORLD);
         ++barriers;
-        if (rank == abortRank)
-            MPI_Abort(MPI_COMM_WORLD, 3);
-        if (rank == crashRank)
-            raise(SIGSEGV);
     }
     printf("rank %d calls MPI_Allreduce %ld MPI_Barrier %ld\n", rank, allreduces, barriers);
     fflush(stdout);
