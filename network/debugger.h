@@ -49,6 +49,13 @@ public:
     virtual Response* handleCommand(Command& command) = 0;
     // The current state; the argument is reserved and always 0.
     virtual StatusResponse currentStatus(int reserved) = 0;
+    // Waits up to `msecs` for a target that runs detached to end; true once
+    // it has. A debugger that can't tell answers false at once.
+    virtual bool waitForTargetEnd(int msecs)
+    {
+        (void)msecs;
+        return false;
+    }
     // Answers CMD_GET_THREADS; the argument is reserved and always 0. The
     // caller owns the response.
     virtual ThreadsResponse* handleGetThreads(Command& command, int reserved) = 0;

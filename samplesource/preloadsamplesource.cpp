@@ -467,6 +467,12 @@ void PreloadSampleSource::stop()
     if (started)
         return;
 
+    // The sampler ends its run on the program's way out: that program ends
+    // in a moment, and its end is worth more than a stopped process that
+    // would have to be killed.
+    if (mTargetWantsToStop
+        && quorvex_read_stop_reason(QFile::encodeName(mSampleFile).constData()) == quorvex::QUORVEX_STOP_REASON_PROGRAM_ENDED)
+        mDebugger->waitForTargetEnd(5000);
     try {
         {
             Command reattach = debuggerCommand(CMD_REATTACH);

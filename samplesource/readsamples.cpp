@@ -185,6 +185,20 @@ quorvex::SSampleList* readAll(int fd, timespec* startTime, int* stopReason, unsi
 
 } // namespace
 
+int quorvex_read_stop_reason(const char* path)
+{
+    const int fd = ::open(path, O_RDONLY);
+    if (fd < 0)
+        return -1;
+    FileCloser closer(fd);
+    // Version, start time's two words, the thread-level flag, then the reason.
+    std::int32_t reason = -1;
+    const off_t at = sizeof(std::int64_t) * 3 + sizeof(std::int32_t);
+    if (::pread(fd, &reason, sizeof reason, at) != ssize_t(sizeof reason))
+        return -1;
+    return reason;
+}
+
 quorvex::SSampleList* quorvex_read_samples(const char* path, timespec* startTime, int* stopReason,
                                            unsigned long* numPhdrCacheRebuilds, unsigned long* numPhdrCacheChecks,
                                            unsigned long* numDownsamples, std::uint64_t* numSkippedWhileSuspended,

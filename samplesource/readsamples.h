@@ -27,4 +27,7 @@ quorvex::SSampleList* quorvex_read_samples(const char* path, timespec* startTime
                                            QString& ompThreadsText, bool* cudaProfilingEnabled,
                                            QMap<int, quorvex::SCallSite>& callSites, bool* mpiThreadMultiple);
 
+// The stop reason of the file's header alone, or -1 where it can't be read.
+int quorvex_read_stop_reason(const char* path);
+
 #endif

@@ -136,6 +136,9 @@ private:
     std::function<bool()> mLowerTargetFirst;
     // Whether the target has ended or ends within `waitMs`; noted if so.
     bool targetEnds(int waitMs);
+public:
+    bool waitForTargetEnd(int msecs) override { return mDetached && targetEnds(msecs); }
+private:
     void fail(int code, const QString& message);
 
     Options mOptions;

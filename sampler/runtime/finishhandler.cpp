@@ -21,6 +21,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+static_assert(quorvex::QUORVEX_STOP_REASON_PROGRAM_ENDED == QUORVEX_STOP_PROGRAM_ENDED
+                  && quorvex::QUORVEX_STOP_REASON_ON_REQUEST == QUORVEX_STOP_ON_REQUEST,
+              "the header and the C interface number stop reasons alike");
+
 namespace zorsampler {
 
 namespace {

@@ -16,6 +16,9 @@ namespace quorvex {
 // The format version, the one definition for writers, readers and the
 // sampler's answer to the back-end; the file stores it negated.
 const int QUORVEX_SAMPLER_FILE_VERSION = 700;
+// The header's stop reasons, as the sampler's C interface numbers them.
+const int QUORVEX_STOP_REASON_PROGRAM_ENDED = 1;
+const int QUORVEX_STOP_REASON_ON_REQUEST = 2;
 
 struct SamplerFileHeader
 {
