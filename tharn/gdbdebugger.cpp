@@ -188,6 +188,9 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
                        .arg(mChildEnds[1]);
         commandOk(QStringLiteral("-interpreter-exec console ") + miQuote(QStringLiteral("set exec-wrapper ") + wrapper));
         Answer run = command(QStringLiteral("-exec-run --start"));
+        if (run.result.className == QLatin1String("error")
+            && run.result.results.str(QStringLiteral("msg")).contains(QLatin1String("\"main\" not defined")))
+            run = runToStrippedMain();
         closeChildEnds();
         if (run.result.className == QLatin1String("error")) {
             *error = QStringLiteral("Can't start %1: %2").arg(mProgram[0], run.result.results.str(QStringLiteral("msg")));
@@ -214,6 +217,42 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
         return false;
     }
     return true;
+}
+
+GdbDebugger::Answer GdbDebugger::runToStrippedMain()
+{
+    // A program without symbols has no "main" to stop at, but the C
+    // library's start routine is handed main's address as its first
+    // argument: stop there, then at that address.
+    Answer run = command(QStringLiteral("-break-insert -t -f __libc_start_main"));
+    if (run.result.className == QLatin1String("error"))
+        return run;
+    run = command(QStringLiteral("-exec-run"));
+    if (run.result.className == QLatin1String("error"))
+        return run;
+    waitForStop(&run);
+    if (mTargetGone)
+        return run;
+    QString main;
+    for (const char* firstArgument : {"$rdi", "$x0"}) {
+        const Answer value = command(QStringLiteral("-data-evaluate-expression ") + QLatin1String(firstArgument));
+        if (value.result.className == QLatin1String("done")) {
+            main = value.result.results.str(QStringLiteral("value")).section(QLatin1Char(' '), 0, 0);
+            break;
+        }
+    }
+    bool ok = false;
+    main.toULongLong(&ok, 0);
+    if (!ok) {
+        run.result.className = QStringLiteral("error");
+        MiValue why;
+        why.text = QStringLiteral("the program has no symbols, and its main was not found");
+        run.result.results.items = {qMakePair(QStringLiteral("msg"), why)};
+        return run;
+    }
+    commandOk(QStringLiteral("-break-insert -t *") + main);
+    // The caller waits for this stop, at main.
+    return command(QStringLiteral("-exec-continue"));
 }
 
 bool GdbDebugger::startGdb(QString* error)

@@ -125,6 +125,7 @@ private:
     // Like command(), and throws the message of an ^error as well.
     Answer commandOk(const QString& text);
     void waitForStop(Answer* answer);
+    Answer runToStrippedMain();
     void handleAsync(const MiRecord& record, Answer* answer);
     void readThreadsAndPid();
     void refreshSymbols();

@@ -312,6 +312,18 @@ TEST(ZorProfile, RunsFromAnInstalledPrefix)
                                dir.path(), zorInstalled);
     EXPECT_EQ(report.status, 0) << qPrintable(report.err);
     EXPECT_TRUE(report.out.contains(QLatin1String("spin_"))) << qPrintable(report.out);
+
+    // A program without symbols, as distributions ship them, has no main to
+    // stop at by name; it is profiled all the same.
+    const QString stripped = dir.filePath(QStringLiteral("stripped-example"));
+    ASSERT_EQ(QProcess::execute(QStringLiteral("strip"), { "-o", stripped, ZOR_EXAMPLE }), 0);
+    const QString folded = dir.filePath(QStringLiteral("stripped.folded"));
+    const Outcome bare = zor({ "profile", "--quiet", "--folded", folded, "--", stripped, "--seconds", "1" },
+                             QProcessEnvironment::systemEnvironment(), 120000, dir.path(), zorInstalled);
+    ASSERT_EQ(bare.status, 0) << qPrintable(bare.err);
+    QFile stacks(folded);
+    ASSERT_TRUE(stacks.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(stacks.readAll().contains("stripped-example")) << qPrintable(folded);
 }
 
 TEST(ZorReport, ShowsASavedResultAndWritesItsReportsAgain)
