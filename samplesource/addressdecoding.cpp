@@ -141,9 +141,8 @@ private:
 
 Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup lookup)
 {
-    const auto cached = mPositionCache.constFind(address);
-    if (cached != mPositionCache.constEnd())
-        return *cached;
+    if (const DecodedFrame* decoded = mDecodedFrames.find(address))
+        return decoded->position;
     // Every address of every trace was decoded in the first pass, together
     // with its neighbour one byte back: a miss here means a trace changed.
     ZOR_ASSERT(lookup != PositionLookupForbidden && "false");
@@ -185,7 +184,6 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
     }
     position.function = InternStringCache::internForever(position.function);
     delete response;
-    mPositionCache.insert(address, position);
     noteDecodedFrame(address, position);
     return position;
 }
@@ -208,9 +206,8 @@ DecodedFrame& PreloadSampleSource::decodedFrame(Address address)
 {
     if (DecodedFrame* frame = mDecodedFrames.find(address))
         return *frame;
-    // Positions that reached the cache some other way: asserts when there
-    // is none at all.
-    noteDecodedFrame(address, decodeAddress(address, PositionLookupForbidden));
+    // Asserts: every address was decoded in the first pass.
+    decodeAddress(address, PositionLookupForbidden);
     return *mDecodedFrames.find(address);
 }
 
