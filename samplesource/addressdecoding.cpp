@@ -156,7 +156,8 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
         for (PositionResponse* caller : qAsConst(inlined)) {
             // The debugger lists the innermost caller first; they are kept
             // outermost first, the order in which they are added to a tree.
-            callers.prepend(Position(caller->function, mInternedStrings.intern(caller->file), caller->line, -1));
+            callers.prepend(Position(InternStringCache::internForever(caller->function),
+                                     InternStringCache::internForever(caller->file), caller->line, -1));
             delete caller;
         }
         mInlineFrames.insert(address, callers);
@@ -164,7 +165,7 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
     } else {
         position.function = response->function;
     }
-    position.file = mInternedStrings.intern(response->file);
+    position.file = InternStringCache::internForever(response->file);
     position.line = response->line;
     position.column = -1;
 
@@ -182,7 +183,7 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
             break;
         }
     }
-    position.function = mInternedStrings.intern(position.function);
+    position.function = InternStringCache::internForever(position.function);
     delete response;
     mPositionCache.insert(address, position);
     noteDecodedFrame(address, position);
