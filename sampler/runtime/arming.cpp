@@ -463,6 +463,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
         s.threadIds = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.asking = new ThreadSlot*[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.askingTid = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
+        s.askingByTimer = new bool[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.pendingCapacity = static_cast<unsigned int>(s.threadsPerSample) * PENDING_PER_THREAD;
         s.pending = new PendingAnswer[s.pendingCapacity + 1];
     } catch (const std::bad_alloc&) {
@@ -514,6 +515,16 @@ int arm(const ArmSettings& settings, bool readConfigFile)
         s.haveTimer = false;
         unlink(s.runningPath);
         return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't start the sampling timer: ") + strerror(error));
+    }
+
+    // Every other thread gets a timer on its own CPU clock; those that
+    // start later get theirs as they start.
+    if (s.allThreads) {
+        for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+            if (slot->state.load(std::memory_order_acquire) == SlotLive
+                && slot->tid.load(std::memory_order_relaxed) != s.mainTid)
+                startCpuTimer(slot, s.intervalMs);
+        }
     }
 
     quorvex::SafeMessage message = logLine();

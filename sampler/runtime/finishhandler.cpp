@@ -35,6 +35,7 @@ void collectLastAnswers()
     State& s = gState;
     const timespec deadline = zs_add(zs_now(CLOCK_MONOTONIC), zs_from_ns(ANSWER_DEADLINE_NS));
     std::atomic<int>& sequence = answerSequence();
+    askPendingBySignal();
     answerWaiters().fetch_add(1, std::memory_order_acq_rel);
     for (;;) {
         const int seen = sequence.load(std::memory_order_acquire);
@@ -175,6 +176,8 @@ int finish(int stopReason, bool inSamplingHandler)
         timer_delete(s.timer);
         s.haveTimer = false;
     }
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next)
+        stopCpuTimer(slot);
 
     // The sampling handler may be running; wait for it to let go of the
     // list. If it is this very thread's, interrupted and held by a

@@ -172,6 +172,8 @@ void onForkChild()
     resetSignalsAfterFork();
     ThreadSlot* self = currentSlot();
     for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+        // Timers aren't inherited.
+        slot->haveCpuTimer.store(false, std::memory_order_relaxed);
         if (slot != self)
             slot->state.store(SlotDead, std::memory_order_relaxed);
     }

@@ -26,6 +26,27 @@ namespace zorsampler {
 
 namespace {
 
+// The sampler's signal to the thread `tid`, with a request; false when it
+// is gone or its signal queue is full.
+bool sendRequest(int tid)
+{
+    siginfo_t info;
+    std::memset(&info, 0, sizeof info);
+    info.si_signo = zs_sampler_signal();
+    info.si_code = REQUEST_CODE;
+    info.si_pid = gState.pid;
+    info.si_value.sival_ptr = const_cast<char*>(&gSignalCookie);
+    return syscall(SYS_rt_tgsigqueueinfo, gState.pid, tid, info.si_signo, &info) == 0;
+}
+
+// The CPU time of the thread `tid`; {-1, 0} when it can't be read.
+timespec threadCpu(int tid)
+{
+    timespec t;
+    if (clock_gettime(zs_thread_cpu_clock(tid), &t) != 0)
+        return timespec{-1, 0};
+    return t;
+}
 
 // Sends the request of this tick to the threads whose turn it is; returns
 // how many were asked. A thread that still owes an answer isn't asked again.
@@ -49,13 +70,6 @@ int askOtherThreads(std::uint64_t generation)
     const int first = candidates > take ? static_cast<int>(s.rotation % static_cast<unsigned int>(candidates)) : 0;
     s.rotation += static_cast<unsigned int>(take);
 
-    siginfo_t info;
-    std::memset(&info, 0, sizeof info);
-    info.si_signo = zs_sampler_signal();
-    info.si_code = REQUEST_CODE;
-    info.si_pid = s.pid;
-    info.si_value.sival_ptr = const_cast<char*>(&gSignalCookie);
-
     int index = 0;
     int count = 0;
     for (ThreadSlot* slot = firstSlot(); slot && index < candidates; slot = slot->next) {
@@ -65,15 +79,24 @@ int askOtherThreads(std::uint64_t generation)
         if (position >= take)
             continue;
         const int tid = slot->tid.load(std::memory_order_relaxed);
+        // A thread that ran since the previous tick answers at its CPU
+        // timer's next expiry; one that didn't is asked by a signal.
+        // Since its last answer, which took some CPU time itself: a
+        // twentieth of the interval counts. A thread that waits for a core
+        // has run since, one that sleeps hasn't.
+        const timespec cpu = slot->haveCpuTimer.load(std::memory_order_acquire) ? threadCpu(tid) : timespec{-1, 0};
+        const bool ran = cpu.tv_sec >= 0 && zs_nanoseconds(zs_difference(cpu, slot->lastCpu)) > 50000LL * s.intervalMs;
         slot->request.store(generation, std::memory_order_release);
-        if (syscall(SYS_rt_tgsigqueueinfo, s.pid, tid, info.si_signo, &info) != 0) {
+        if (!ran && !sendRequest(tid)) {
             // Gone already, or the signal queue is full: not in this sample.
             slot->request.exchange(0, std::memory_order_acq_rel);
             continue;
         }
+        slot->cpuAtTick = cpu;
         slot->owesAnswer = true;
         s.asking[count] = slot;
         s.askingTid[count] = tid;
+        s.askingByTimer[count] = ran;
         ++count;
     }
     return count;
@@ -84,6 +107,25 @@ int askOtherThreads(std::uint64_t generation)
 // Adds the answers that have come in to their samples. One that is overdue,
 // or every one still out when `giveUpAll` is set, goes in as missing; a
 // thread that ended without answering is left out.
+long long answerDeadlineNs()
+{
+    // An answer left to a CPU timer comes after an interval of the thread's
+    // CPU time, which a busy machine stretches.
+    const long long intervals = 4LL * 1000000LL * gState.intervalMs;
+    return intervals > ANSWER_DEADLINE_NS ? intervals : ANSWER_DEADLINE_NS;
+}
+
+void askPendingBySignal()
+{
+    State& s = gState;
+    for (unsigned int i = 0; i < s.pendingCount; ++i) {
+        if (s.pending[i].byTimer) {
+            s.pending[i].byTimer = false;
+            sendRequest(s.pending[i].tid);
+        }
+    }
+}
+
 void collectAnswers(const timespec& current, bool giveUpAll)
 {
     State& s = gState;
@@ -98,13 +140,26 @@ void collectAnswers(const timespec& current, bool giveUpAll)
                 .addThreadBacktrace(slot->data, inMpi, answer.tid, slot->cpuInterval, slot->sleeping);
         } else if (slot->state.load(std::memory_order_acquire) == SlotDead) {
             // Ended before it could answer.
-        } else if (giveUpAll || zs_nanoseconds(zs_difference(current, answer.askedAt)) >= ANSWER_DEADLINE_NS) {
+        } else if (giveUpAll || zs_nanoseconds(zs_difference(current, answer.askedAt)) >= answerDeadlineNs()) {
             // Withdraw the request, so that a late handler leaves the slot
             // alone, and say in the sample that the answer is missing.
             slot->request.exchange(0, std::memory_order_acq_rel);
             ++s.missedThreads;
             s.list->at(answer.sampleIndex).addThreadBacktrace(s.missingTrace, inMpi, answer.tid, timespec{0, 0}, false);
         } else {
+            PendingAnswer& waiting = s.pending[i];
+            if (waiting.byTimer
+                && zs_nanoseconds(zs_difference(current, waiting.askedAt)) >= answerDeadlineNs() / 2) {
+                // Left to the thread's CPU timer, but it stopped running
+                // long ago: a signal asks it where it waits.
+                const timespec cpu = threadCpu(waiting.tid);
+                if (cpu.tv_sec >= 0 && zs_nanoseconds(zs_difference(cpu, slot->cpuAtTick)) <= 0) {
+                    waiting.byTimer = false;
+                    sendRequest(waiting.tid);
+                } else {
+                    slot->cpuAtTick = cpu;
+                }
+            }
             s.commitStage.store(CommitNone, std::memory_order_release);
             ++i;
             continue;
@@ -296,7 +351,8 @@ void takeSample(void* ucontext)
     for (unsigned int i = 0; i < s.metricCount; ++i)
         sample->metrics().setMetric(i, quorvex::SMetric(s.values[i], wall, s.metrics[i].mode));
     for (int k = 0; k < count; ++k)
-        s.pending[s.pendingCount++] = PendingAnswer{s.asking[k], s.askingTid[k], s.list->size() - 1, generation, started};
+        s.pending[s.pendingCount++]
+            = PendingAnswer{s.asking[k], s.askingTid[k], s.list->size() - 1, generation, started, s.askingByTimer[k]};
     s.commitStage.store(CommitNone, std::memory_order_release);
     s.lastSample = started;
     ++s.taken;

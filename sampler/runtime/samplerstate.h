@@ -81,6 +81,8 @@ struct PendingAnswer
     unsigned int sampleIndex;
     std::uint64_t generation;
     timespec askedAt;
+    // Left to the thread's CPU timer, not asked by a signal yet.
+    bool byTimer;
 };
 
 // Everything the sampler keeps. Zero-initialised, with no constructor to
@@ -141,6 +143,7 @@ struct State
     // The threads asked at this tick.
     ThreadSlot** asking;
     int* askingTid;
+    bool* askingByTimer;
     PendingAnswer* pending;
     unsigned int pendingCount;
     unsigned int pendingCapacity;
@@ -204,6 +207,11 @@ bool isSleeping(const timespec& cpu, const timespec& wall);
 // or every one still out when `giveUpAll` is set, goes in as missing; a
 // thread that ended without answering is left out.
 void collectAnswers(const timespec& current, bool giveUpAll);
+// How long an answer may take before it counts as missing.
+long long answerDeadlineNs();
+// The answers left to the threads' CPU timers are asked for by a signal
+// now, at the end of sampling.
+void askPendingBySignal();
 // The values of this sample; `wall` is the time since the previous one,
 // `now` the time of this one.
 void readMetrics(const timespec& wall, const timespec& now);

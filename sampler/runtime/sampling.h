@@ -16,6 +16,8 @@ const int TIMER_CODE = SI_TIMER;
 const int REQUEST_CODE = SI_QUEUE;
 // si_value of every instance the sampler sends: the address of this.
 extern const char gSignalCookie;
+// What the timer on a thread's own CPU clock carries instead.
+extern const char gCpuTimerCookie;
 
 // The sampler's handler, as the kernel calls it.
 void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext);

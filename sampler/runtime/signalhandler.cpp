@@ -18,6 +18,7 @@ ZS_TLS unsigned int zs_target_signal_count;
 namespace zorsampler {
 
 const char gSignalCookie = 0;
+const char gCpuTimerCookie = 0;
 ZS_TLS bool tlsInSamplerHandler;
 
 void programTrampoline(int sig, siginfo_t* info, void* ucontext)
@@ -64,7 +65,7 @@ void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext)
         // must not take effect inside the sampler's handler.
         int cancelState = PTHREAD_CANCEL_DISABLE;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-        if (info->si_code == TIMER_CODE)
+        if (info->si_code == TIMER_CODE && info->si_value.sival_ptr == &gSignalCookie)
             takeSample(ucontext);
         else
             answerRequest(ucontext);
@@ -95,5 +96,5 @@ extern "C" int zs_in_sampler_handler(void)
 extern "C" int zs_is_sampler_instance(int sig, const siginfo_t* info)
 {
     return sig == zs_sampler_signal() && info && (info->si_code == TIMER_CODE || info->si_code == REQUEST_CODE)
-        && info->si_value.sival_ptr == &gSignalCookie;
+        && (info->si_value.sival_ptr == &gSignalCookie || info->si_value.sival_ptr == &gCpuTimerCookie);
 }

@@ -4,7 +4,10 @@
 #include "samplerstate.h"
 #include "sampling.h"
 
+#include "clock.h"
+
 #include <climits>
+#include <cstring>
 #include <linux/futex.h>
 #include <new>
 #include <sys/syscall.h>
@@ -69,6 +72,42 @@ void startCurrentThread(ThreadSlot* slot)
     zs_unblock_ours();
     tlsSlot = slot;
     slot->state.store(SlotLive, std::memory_order_release);
+    if (gState.phase.load(std::memory_order_acquire) == PhaseArmed && gState.allThreads && getpid() == gState.pid)
+        startCpuTimer(slot, gState.intervalMs);
+}
+
+bool startCpuTimer(ThreadSlot* slot, int intervalMs)
+{
+    if (slot->haveCpuTimer.load(std::memory_order_acquire) || intervalMs <= 0)
+        return true;
+    sigevent event;
+    std::memset(&event, 0, sizeof event);
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = zs_sampler_signal();
+    event.sigev_value.sival_ptr = const_cast<char*>(&gCpuTimerCookie);
+    const int tid = slot->tid.load(std::memory_order_relaxed);
+#ifdef sigev_notify_thread_id
+    event.sigev_notify_thread_id = tid;
+#else
+    event._sigev_un._tid = tid;
+#endif
+    if (timer_create(zs_thread_cpu_clock(tid), &event, &slot->cpuTimer) != 0)
+        return false;
+    itimerspec spec;
+    spec.it_value = zs_from_ms(intervalMs);
+    spec.it_interval = spec.it_value;
+    if (timer_settime(slot->cpuTimer, 0, &spec, nullptr) != 0) {
+        timer_delete(slot->cpuTimer);
+        return false;
+    }
+    slot->haveCpuTimer.store(true, std::memory_order_release);
+    return true;
+}
+
+void stopCpuTimer(ThreadSlot* slot)
+{
+    if (slot->haveCpuTimer.exchange(false, std::memory_order_acq_rel))
+        timer_delete(slot->cpuTimer);
 }
 
 void endCurrentThread()
@@ -77,6 +116,7 @@ void endCurrentThread()
     if (!slot)
         return;
     tlsSlot = nullptr;
+    stopCpuTimer(slot);
     endThreadUnwinding();
     slot->state.store(SlotDead, std::memory_order_release);
     announceAnswer();

@@ -52,6 +52,17 @@ struct ThreadSlot
     timespec cpuInterval = {0, 0};
     bool sleeping = false;
 
+    // A timer on the thread's own CPU clock, whose signal takes the
+    // thread's answer where it spends its CPU time. A signal sent to a
+    // thread that waits for a core would be taken where it is let back in,
+    // most often at the end of a system call: a running thread answers by
+    // this timer, one that sleeps by a signal of the sampler's tick.
+    timer_t cpuTimer;
+    std::atomic<bool> haveCpuTimer{false};
+    // The thread's CPU time when the sampler last looked, for telling a
+    // thread that runs from one that waits.
+    timespec cpuAtTick = {0, 0};
+
     // What the previous answer saw: the thread's CPU clock and the wall
     // clock, for the CPU time and the sleeping flag of the next one.
     timespec lastCpu = {0, 0};
@@ -69,6 +80,10 @@ ThreadSlot* currentSlot();
 void startCurrentThread(ThreadSlot* slot);
 // Marks the calling thread's slot dead; called as the thread ends.
 void endCurrentThread();
+// Starts the timer on the CPU clock of the thread of `slot`, ticking every
+// `intervalMs`; false when the kernel refuses. Stops it, once.
+bool startCpuTimer(ThreadSlot* slot, int intervalMs);
+void stopCpuTimer(ThreadSlot* slot);
 
 // A slot for a thread about to be created: a dead one if the registry can
 // be walked now, a new one otherwise. Never called in a signal handler.
