@@ -1,7 +1,8 @@
 #include "hostconnection.h"
 
-#include <QLocalSocket>
+#include <QIODevice>
 #include <QRegularExpression>
+#include <QTimer>
 
 #include <csignal>
 #include <cstring>
@@ -41,7 +42,7 @@ void readExitStatus(const QVariantMap& values, int* exitCode, int* signal)
         *signal = signalNumber(match.captured(1));
 }
 
-HostConnection::HostConnection(QLocalSocket* socket, const ResponseFactoryPlugin* factory, QObject* parent)
+HostConnection::HostConnection(QIODevice* socket, const ResponseFactoryPlugin* factory, QObject* parent)
     : QObject(parent)
     , mSocket(socket)
     , mStream(socket, factory)
@@ -52,13 +53,10 @@ HostConnection::HostConnection(QLocalSocket* socket, const ResponseFactoryPlugin
         mBroken = reason;
         emit changed();
     });
-    connect(socket, &QLocalSocket::disconnected, this, [this]() {
-        if (mBroken.isEmpty())
-            mBroken = QStringLiteral("the host closed the connection");
-        emit changed();
-    });
-    // Messages may already wait in the socket.
-    takeMessages();
+    connect(socket, SIGNAL(disconnected()), this, SLOT(closed()));
+    // Messages may already wait in the socket, read past the host's token.
+    if (socket->bytesAvailable() > 0)
+        QTimer::singleShot(0, socket, [socket]() { emit socket->readyRead(); });
 }
 
 HostConnection::~HostConnection() = default;
@@ -88,6 +86,13 @@ QList<Sample> HostConnection::takeSamples()
         samples += block;
     mBlocks.clear();
     return samples;
+}
+
+void HostConnection::closed()
+{
+    if (mBroken.isEmpty())
+        mBroken = QStringLiteral("the host closed the connection");
+    emit changed();
 }
 
 void HostConnection::takeMessages()

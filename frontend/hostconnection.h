@@ -16,7 +16,7 @@
 #include "messagestream.h"
 #include "sample.h"
 
-class QLocalSocket;
+class QIODevice;
 class ResponseFactoryPlugin;
 
 // How the program ended, from the host's targetExit message.
@@ -27,8 +27,8 @@ class HostConnection : public QObject
     Q_OBJECT
 
 public:
-    // Takes the socket over.
-    HostConnection(QLocalSocket* socket, const ResponseFactoryPlugin* factory, QObject* parent = nullptr);
+    // Takes the socket over: a local or a TCP one.
+    HostConnection(QIODevice* socket, const ResponseFactoryPlugin* factory, QObject* parent = nullptr);
     ~HostConnection() override;
 
     // From the hello: -1 until it came.
@@ -76,11 +76,12 @@ signals:
 
 private slots:
     void takeMessages();
+    void closed();
 
 private:
     void handle(const Message& message);
 
-    QLocalSocket* mSocket;
+    QIODevice* mSocket;
     MessageStream mStream;
     int mNextUid = 1;
     int mRank = -1;

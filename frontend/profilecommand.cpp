@@ -5,8 +5,6 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
-#include <QLocalServer>
-#include <QLocalSocket>
 #include <QProcess>
 #include <QSet>
 #include <QStandardPaths>
@@ -21,6 +19,7 @@
 #include "compactset.h"
 #include "constants.h"
 #include "hostconnection.h"
+#include "hostlistener.h"
 #include "pluginentry.h"
 #include "profile.h"
 #include "quorvexplugins.h"
@@ -36,6 +35,10 @@ struct ProfileOptions
     int processes = 0; // 0: no MPI launcher
     bool shmem = false; // the OpenSHMEM launcher instead of MPI's
     QString selectedRanks; // empty: all
+    QStringList hosts; // the launcher's --host, as given
+    QString hostfile; // the launcher's --hostfile
+    bool tcp = false; // hosts call over TCP even when all run on this node
+    QString tcpAddress; // the address they call; empty: one zor finds
     int intervalMs = 20;
     int samples = 1000;
     QString output;
@@ -74,7 +77,8 @@ int parse(const QStringList& args, ProfileOptions* options)
                 break;
             }
             if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
-                fputs("usage: zor profile [-n N [--ranks SET] [--shmem]] [--interval MS] [--samples N]\n"
+                fputs("usage: zor profile [-n N [--ranks SET] [--shmem] [--host LIST] [--hostfile FILE]]\n"
+                      "                   [--tcp[=ADDRESS]] [--interval MS] [--samples N]\n"
                       "                   [-o FILE] [--html FILE] [--folded FILE] [--top N] [--quiet]\n"
                       "                   -- PROGRAM [ARGS...]\n"
                       "(zor --help says more)\n",
@@ -85,6 +89,22 @@ int parse(const QStringList& args, ProfileOptions* options)
                 ok = positiveNumber(args, &i, &options->processes, &error);
             else if (arg == QLatin1String("--shmem"))
                 options->shmem = true;
+            else if (arg == QLatin1String("--host")) {
+                QString list;
+                ok = optionValue(args, &i, &list, &error);
+                options->hosts << list;
+            } else if (arg == QLatin1String("--hostfile"))
+                ok = optionValue(args, &i, &options->hostfile, &error);
+            else if (arg == QLatin1String("--tcp"))
+                options->tcp = true;
+            else if (arg.startsWith(QLatin1String("--tcp="))) {
+                options->tcp = true;
+                options->tcpAddress = arg.mid(6);
+                if (options->tcpAddress.isEmpty()) {
+                    error = QStringLiteral("--tcp= takes the address hosts call, such as --tcp=10.1.2.3");
+                    ok = false;
+                }
+            }
             else if (arg == QLatin1String("--ranks")) {
                 QString badToken;
                 CompactSet<int> ranks;
@@ -117,8 +137,13 @@ int parse(const QStringList& args, ProfileOptions* options)
         complain(QStringLiteral("no program to profile (zor profile [options] -- PROGRAM [ARGS...])"));
         return 2;
     }
-    if ((options->shmem || !options->selectedRanks.isEmpty()) && options->processes == 0) {
-        complain(QStringLiteral("%1 needs -n").arg(options->shmem ? QStringLiteral("--shmem") : QStringLiteral("--ranks")));
+    const QString needsN = options->shmem ? QStringLiteral("--shmem")
+        : !options->selectedRanks.isEmpty() ? QStringLiteral("--ranks")
+        : !options->hosts.isEmpty()         ? QStringLiteral("--host")
+        : !options->hostfile.isEmpty()      ? QStringLiteral("--hostfile")
+                                            : QString();
+    if (!needsN.isEmpty() && options->processes == 0) {
+        complain(QStringLiteral("%1 needs -n").arg(needsN));
         return 2;
     }
     options->program = args.at(i);
@@ -238,7 +263,7 @@ private:
     QString mProgram;
     int mRanks;
     QTemporaryDir mDirectory{ QDir(QDir::tempPath()).filePath(QStringLiteral("zor-XXXXXX")) };
-    QLocalServer mServer;
+    HostListener mListener;
     HostProcess mLauncher;
     QList<HostConnection*> mHosts;
     QList<HostConnection*> mDroppedHosts;
@@ -273,13 +298,27 @@ bool ProfileRun::start(QString* error)
         *error = QStringLiteral("cannot make a temporary directory in %1: %2").arg(QDir::tempPath(), mDirectory.errorString());
         return false;
     }
-    const QString address = mDirectory.filePath(QStringLiteral("hosts"));
-    if (!mServer.listen(address)) {
-        *error = QStringLiteral("cannot listen for hosts at %1: %2").arg(address, mServer.errorString());
+    // Hosts on other nodes can't reach a local socket: they call over TCP,
+    // on an address of this node that the first of them reaches.
+    QString remote;
+    const bool tcp = mOptions.tcp
+        || (mOptions.processes > 0
+            && hostsElsewhere(mOptions.hosts, mOptions.hostfile, QProcessEnvironment::systemEnvironment(), &remote));
+    const bool listening = tcp ? mListener.listenTcp(mOptions.tcpAddress.isEmpty() ? reachableAddress(remote)
+                                                                                    : mOptions.tcpAddress,
+                                                     error)
+                               : mListener.listenLocal(mDirectory.filePath(QStringLiteral("hosts")), error);
+    if (!listening)
         return false;
-    }
-    connect(&mServer, &QLocalServer::newConnection, this, [this]() {
-        while (QLocalSocket* socket = mServer.nextPendingConnection()) {
+    // Where a firewall must let the hosts of other nodes through.
+    if (tcp && !mOptions.reports.quiet)
+        fprintf(stderr, "zor: the hosts call %s\n", qPrintable(mListener.address()));
+    connect(&mListener, &HostListener::refused, this, [this](const QString& why) {
+        mProgress.clear();
+        complain(QStringLiteral("refused a connection: %1").arg(why));
+    });
+    connect(&mListener, &HostListener::newConnection, this, [this]() {
+        while (QIODevice* socket = mListener.nextConnection()) {
             HostConnection* connection = new HostConnection(socket, mFactory, this);
             connect(connection, &HostConnection::notice, this, [this](const QString& text) {
                 mProgress.clear();
@@ -293,7 +332,11 @@ bool ProfileRun::start(QString* error)
     // streams; the hosts learn where to call through the environment, which
     // the MPI launcher passes on to every rank.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("ZOR_FRONTEND"), QStringLiteral("local:") + address);
+    // A setting's first spelling would win over zor's.
+    environment.remove(QStringLiteral("KLB_FRONTEND"));
+    environment.remove(QStringLiteral("KLB_FRONTEND_TOKEN"));
+    environment.insert(QStringLiteral("ZOR_FRONTEND"), mListener.address());
+    environment.insert(QStringLiteral("ZOR_FRONTEND_TOKEN"), QString::fromLatin1(mListener.token()));
     const QString killDelay = QStringLiteral("OMPI_MCA_odls_base_sigkill_timeout");
     if (mOptions.processes > 0 && !environment.contains(killDelay))
         environment.insert(killDelay, QString::number(LauncherKillDelayS));
@@ -312,6 +355,14 @@ bool ProfileRun::start(QString* error)
             return false;
         }
         arguments << QStringLiteral("-n") << QString::number(mOptions.processes) << QStringLiteral("--oversubscribe");
+        for (const QString& hosts : qAsConst(mOptions.hosts))
+            arguments << QStringLiteral("--host") << hosts;
+        if (!mOptions.hostfile.isEmpty())
+            arguments << QStringLiteral("--hostfile") << mOptions.hostfile;
+        // mpirun hands the environment to the ranks of other nodes only as
+        // told; the token goes by name, never on a command line.
+        arguments << QStringLiteral("-x") << QStringLiteral("ZOR_FRONTEND") << QStringLiteral("-x")
+                  << QStringLiteral("ZOR_FRONTEND_TOKEN");
         if (geteuid() == 0)
             arguments << QStringLiteral("--allow-run-as-root");
         arguments << host;

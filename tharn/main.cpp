@@ -5,8 +5,10 @@
 //   zor-host [--connect ADDRESS] [--plugin PATH] [--log] -- PROGRAM [ARGS...]
 //
 // ADDRESS is "local:PATH" or "tcp:HOST:PORT"; without --connect it comes
-// from the FRONTEND switch (ZOR_FRONTEND). The host connects, starts the
-// program under gdb with the sampler preloaded, stopped at main, sends a
+// from the FRONTEND switch (ZOR_FRONTEND). The host connects, presents the
+// run's token where the FRONTEND_TOKEN switch gives one (the front-end hears
+// nobody who doesn't), starts the program under gdb with the sampler
+// preloaded, stopped at main, sends a
 // hello (with an "error" instead when it can't) and serves commands until
 // the front-end closes the connection; then it ends the program if it still
 // runs, and its gdb, and exits. When the program ends, a targetExit message
@@ -110,6 +112,14 @@ int main(int argc, char** argv)
                 qPrintable(error));
         return 1;
     }
+    // The token opens the connection and is for this host alone: the
+    // program doesn't inherit it.
+    const QByteArray token = EnvSwitch("FRONTEND_TOKEN").text().toLatin1();
+    if (!token.isEmpty())
+        socket->write(token + '\n');
+    for (const char* name : { "KLB_FRONTEND_TOKEN", "ZOR_FRONTEND_TOKEN", "QUORVEX_FRONTEND_TOKEN" })
+        qunsetenv(name);
+    ++g_cacheSerial;
     ShutdownSignals shutdown;
     MessageStream stream(socket, nullptr);
     const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();

@@ -164,28 +164,13 @@ TEST(Responses, FieldsSurviveTheRoundTrip)
     EXPECT_TRUE(read->profiledRanks().contains(6));
     EXPECT_FALSE(read->profiledRanks().contains(8));
     ASSERT_EQ(read->samples().size(), 1);
-    // Equal in everything that travels, the trees included; a few fields
-    // looked at through their own accessors.
+    // Equal in everything that travels, the trees and the GPU tree included;
+    // two fields looked at through their own accessors, in case equality
+    // itself misses them.
     const Sample& sample = *read->samples().first();
     EXPECT_TRUE(sample == *original);
-    EXPECT_EQ(sample.metric(QString::fromLatin1(METRIC_CHARS_READ)).singleValue().type(), SampleValue::UInt);
-    EXPECT_EQ(sample.backendOnly_cpuTime(100), 5000000ULL);
     EXPECT_EQ(sample.backendOnly_getAllocatedCpuTime(100), 1250000ULL);
-    EXPECT_TRUE(sample.isRepeat());
-    EXPECT_EQ(sample.backendOnly_threadContext(100).pid, 4321);
-    EXPECT_EQ(sample.histogram().bins(QString::fromLatin1(METRIC_INSTR_FP)), QVector<quint32>({ 0, 1, 0, 0 }));
-    EXPECT_EQ(sample.backendOnly_threadType(101), Sample::ParallelRegionThread);
     EXPECT_EQ(sample.backendOnly_instruction(101), InstructionQuery(QStringLiteral("rep movsb"), true));
-    const PSVModelItem* leaf = sample.psvModel(100)->firstChild()->firstChild()->firstChild();
-    EXPECT_EQ(leaf->position().function, QStringLiteral("dot"));
-    EXPECT_EQ(static_cast<const ZORPSVModelItem*>(leaf)->selfSampleCount(), 1);
-    EXPECT_EQ(sample.psvModel(101), nullptr);
-    ASSERT_TRUE(sample.gpuPsvModel());
-    const GpuProfilePSVModelItem* kernel = sample.gpuPsvModel()->children().at(0)->children().at(0);
-    EXPECT_EQ(kernel->kind(), GpuProfilePSVModelItem::Kernel);
-    EXPECT_EQ(kernel->unknownStalls(), 1.0 / 3);
-    EXPECT_EQ(kernel->children().at(0)->stalls().value(GpuProfilerStallReason::MemoryDependency), 0.25);
-    EXPECT_EQ(kernel->children().at(0)->position().line, 12);
 
     ProfilerPlayResponse play(1, false, 2, 3, {}, false, true, false, {});
     play.setMetric(QStringLiteral("nan"), SampleValue(std::nan("")));

@@ -4,9 +4,20 @@
 #ifndef ZOR_TEST_GDBPROBE_H
 #define ZOR_TEST_GDBPROBE_H
 
+#include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QString>
+#include <csignal>
+
+// Whether a process has ended: gone, or a zombie that waits to be reaped.
+inline bool processGone(int pid)
+{
+    if (pid <= 0 || ::kill(pid, 0) != 0)
+        return true;
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    return stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") Z ");
+}
 
 // The sanitizers' runtime must be the first library of a program, so a build
 // with them can't preload the sampler into one: empty where it can.

@@ -326,7 +326,6 @@ std::string firstDifference(const Record& a, const Record& b)
 } // namespace
 
 std::string compareBacktraces(const SBacktrace& a, const SBacktrace& b) { return firstDifference(a, b); }
-std::string compareKernelHits(const SGpuKernelHit& a, const SGpuKernelHit& b) { return firstDifference(a, b); }
 std::string compareSamples(const SSample& a, const SSample& b) { return firstDifference(a, b); }
 std::string compareLists(const SSampleList& a, const SSampleList& b) { return firstDifference(a, b); }
 std::string compareCallSites(const SCallSite& a, const SCallSite& b) { return firstDifference(a, b); }

@@ -95,7 +95,6 @@ private:
 // Field-by-field comparison: an empty string when equal, otherwise the first
 // difference found, in words.
 std::string compareBacktraces(const quorvex::SBacktrace& a, const quorvex::SBacktrace& b);
-std::string compareKernelHits(const quorvex::SGpuKernelHit& a, const quorvex::SGpuKernelHit& b);
 std::string compareSamples(const quorvex::SSample& a, const quorvex::SSample& b);
 std::string compareLists(const quorvex::SSampleList& a, const quorvex::SSampleList& b);
 std::string compareCallSites(const quorvex::SCallSite& a, const quorvex::SCallSite& b);

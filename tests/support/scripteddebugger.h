@@ -23,9 +23,7 @@ public:
 
     // Commands of the generic operation, of detach and of reattach, by name.
     QStringList commands;
-    bool detachResponse = false;
     int state = StatusResponse::TargetStopped;
-    int statusQueries = 0;
     LanguageTag language = LanguageAuto;
     int languageQueries = 0;
     // Every CMD_SET_LANGUAGE, in order.
@@ -39,24 +37,14 @@ public:
     QMap<QString, unsigned long long> addresses;
     // readTargetString by variable; others give the default.
     QMap<QString, QString> targetStrings;
-    // setTargetVariable, in order, as "name=value".
-    QStringList assignments;
     QList<ThreadResponse> threads;
-    int activeThread = 0;
-    // Debugger ids selected through SetThreadCommand.
-    QList<int> selectedThreads;
-    // setSignalDisposition, in order, as "SIGNAL=disposition".
-    QStringList dispositions;
     QString boundaryIp = QStringLiteral("0x401000");
-    QString mainFunction = QStringLiteral("main");
     QList<SharedLibrary> libraries;
     QList<SharedLibrary> keptLibraries;
     // demangleName by name; others come back unchanged.
     QMap<QString, QString> demangled;
     // positionOfAddress by address; others are a position without a symbol.
     QMap<unsigned long long, PositionResponse> positions;
-    // Inlined callers by address, innermost first.
-    QMap<unsigned long long, QList<PositionResponse>> inlinedCallers;
     // positionOfFunction by name; others give null.
     QMap<QString, PositionResponse> functions;
     // The target's code, for disassembleRange.
@@ -66,18 +54,14 @@ public:
     {
         record(QStringLiteral("command:") + command.name);
         commands.append(command.name);
-        return detachResponse ? new StatusResponse(StatusResponse::Detached) : nullptr;
+        return nullptr;
     }
-    StatusResponse currentStatus(int) override
-    {
-        ++statusQueries;
-        return StatusResponse(state);
-    }
+    StatusResponse currentStatus(int) override { return StatusResponse(state); }
     ThreadsResponse* handleGetThreads(Command& command, int) override
     {
         record(QStringLiteral("getThreads"));
         commands.append(command.name);
-        return new ThreadsResponse(threads, activeThread);
+        return new ThreadsResponse(threads, 0);
     }
     void handleSetThread(Command& command) override
     {
@@ -85,7 +69,6 @@ public:
             ? command.getValue(QStringLiteral("thread"), -1).toInt()
             : -1;
         record(QStringLiteral("setThread:%1").arg(id));
-        selectedThreads.append(id);
     }
     Response* handleDetach(Command& command) override
     {
@@ -93,12 +76,11 @@ public:
         commands.append(command.name);
         if (state == StatusResponse::TargetStopped)
             state = StatusResponse::Detached;
-        return detachResponse ? new StatusResponse(StatusResponse::Detached) : nullptr;
+        return nullptr;
     }
     void setTargetVariable(const QString& name, const QString& value) override
     {
         record(QStringLiteral("set:%1=%2").arg(name, value));
-        assignments.append(name + QLatin1Char('=') + value);
     }
     QString readTargetString(const QString& name, const QString& defaultValue, int) override
     {
@@ -119,7 +101,7 @@ public:
     QString mainFunctionName() override
     {
         record(QStringLiteral("mainFunctionName"));
-        return mainFunction;
+        return QStringLiteral("main");
     }
     Response* handleReattach(Command& command) override
     {
@@ -127,12 +109,11 @@ public:
         commands.append(command.name);
         if (state == StatusResponse::Detached)
             state = StatusResponse::TargetStopped;
-        return detachResponse ? new StatusResponse(state) : nullptr;
+        return nullptr;
     }
     void setSignalDisposition(const QString& name, const QString& disposition) override
     {
         record(QStringLiteral("disposition:%1=%2").arg(name, disposition));
-        dispositions.append(name + QLatin1Char('=') + disposition);
     }
     QList<SharedLibrary> sharedLibraries() override
     {
@@ -150,11 +131,9 @@ public:
         return demangled.value(name, name);
     }
     void prepareTarget() override { record(QStringLiteral("prepareTarget")); }
-    PositionResponse* positionOfAddress(unsigned long long address, int, QList<PositionResponse*>* inlined) override
+    PositionResponse* positionOfAddress(unsigned long long address, int, QList<PositionResponse*>*) override
     {
         record(QStringLiteral("positionOfAddress:0x") + QString::number(address, 16));
-        for (const PositionResponse& caller : inlinedCallers.value(address))
-            inlined->append(new PositionResponse(caller));
         return new PositionResponse(positions.value(address));
     }
     PositionResponse* positionOfFunction(const QString& name) override

@@ -32,14 +32,6 @@
 
 namespace {
 
-bool processGone(int pid)
-{
-    if (pid <= 0 || ::kill(pid, 0) != 0)
-        return true;
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    return stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") Z ");
-}
-
 // One host and the front-end's end of its connection.
 class HostRun
 {

@@ -22,14 +22,6 @@
 
 namespace {
 
-bool processGone(int pid)
-{
-    if (::kill(pid, 0) != 0)
-        return true;
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    return stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") Z ");
-}
-
 Command debuggerCommand(const char* name)
 {
     return Command(QString::fromLatin1(name), QString::fromLatin1(XML_TARGET_DEBUGGER));

@@ -38,7 +38,6 @@ TEST(HostEnvironment, RankAndCountFromTheLaunchersVariables)
         const TharnIdentity identity = identityFromEnvironment(environment, QStringLiteral("/bin/app"));
         EXPECT_EQ(identity.rank, c.rank);
         EXPECT_EQ(identity.rankCount, c.count);
-        EXPECT_EQ(identity.programName, QStringLiteral("/bin/app"));
         // Common to the hosts that one launcher process started.
         EXPECT_EQ(identity.hostProcessId, int(getppid()));
         EXPECT_EQ(launcherName(environment), QLatin1String(c.launcher));
