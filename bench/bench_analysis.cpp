@@ -147,6 +147,25 @@ int main(int argc, char** argv)
     std::printf("analysis, CPU time:   %.1f ms in all, %.1f us per raw sample\n", cpu * 1000, cpu * 1e6 / numSamples);
     std::printf("wall clock beyond the decoding passes (the debugger's answers): %.1f us per raw sample\n",
                 (seconds * 1000 - decodeMs) * 1000 / numSamples);
+
+    // What the table's answers cost the analysis: the same questions asked
+    // again, in CPU time, so that a loaded machine counts as little here as
+    // in the figure above.
+    const QList<unsigned long long> asked = debugger.asked.keys();
+    const double answersStart = cpuSeconds();
+    for (unsigned long long address : asked) {
+        QList<PositionResponse*> inlined;
+        delete debugger.positionOfAddress(address, 0, &inlined);
+        qDeleteAll(inlined);
+    }
+    const double answers = cpuSeconds() - answersStart;
+    std::printf("the debugger's answers, asked again: %.1f ms CPU; analysis beyond them: %.1f us per raw sample\n",
+                answers * 1000, (cpu - answers) * 1e6 / numSamples);
+    // Nearly all of it grows with the frames of the run: this figure carries
+    // over to runs of other shapes (a real one of 2 threads and 10 frames
+    // costs about 20 us per raw sample).
+    std::printf("analysis beyond the debugger's answers: %.2f us per frame\n",
+                (cpu - answers) * 1e6 / (double(numSamples) * threads * frames));
     qDeleteAll(list);
     return 0;
 }

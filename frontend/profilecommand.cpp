@@ -340,6 +340,17 @@ bool ProfileRun::start(QString* error)
     const QString killDelay = QStringLiteral("OMPI_MCA_odls_base_sigkill_timeout");
     if (mOptions.processes > 0 && !environment.contains(killDelay))
         environment.insert(killDelay, QString::number(LauncherKillDelayS));
+    if (mOptions.shmem) {
+        environment.remove(QStringLiteral("KLB_SHMEM"));
+        environment.insert(QStringLiteral("ZOR_SHMEM"), QStringLiteral("1"));
+        // Open MPI 4.1's one-sided component of RDMA frees memory at the end
+        // of an OpenSHMEM program through a hook that UCX has unloaded by
+        // then, and the program dies of SIGSEGV in shmem_finalize: the
+        // program needs none of it.
+        const QString oneSided = QStringLiteral("OMPI_MCA_osc");
+        if (!environment.contains(oneSided))
+            environment.insert(oneSided, QStringLiteral("^rdma"));
+    }
     mLauncher.setProcessEnvironment(environment);
     mLauncher.setProcessChannelMode(QProcess::ForwardedChannels);
     mLauncher.setInputChannelMode(QProcess::ForwardedInputChannel);
@@ -363,6 +374,8 @@ bool ProfileRun::start(QString* error)
         // told; the token goes by name, never on a command line.
         arguments << QStringLiteral("-x") << QStringLiteral("ZOR_FRONTEND") << QStringLiteral("-x")
                   << QStringLiteral("ZOR_FRONTEND_TOKEN");
+        if (mOptions.shmem)
+            arguments << QStringLiteral("-x") << QStringLiteral("ZOR_SHMEM");
         if (geteuid() == 0)
             arguments << QStringLiteral("--allow-run-as-root");
         arguments << host;

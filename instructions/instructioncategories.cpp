@@ -1,6 +1,6 @@
 #include "instructioncategories.h"
 
-#include <QDebug>
+#include <QHash>
 #include <QStringList>
 #include <functional>
 
@@ -180,89 +180,6 @@ void insertAll(QSet<QString>* set, const char* const (&names)[N])
         set->insert(QString::fromLatin1(name));
 }
 
-// Every name also followed by every suffix; what was in the set stays.
-void cross(QSet<QString>* set, const QSet<QString>& suffixes)
-{
-    const QSet<QString> names = *set;
-    for (const QString& name : names) {
-        for (const QString& suffix : suffixes)
-            set->insert(name + suffix);
-    }
-}
-
-// The operand-size suffixes of the AT&T spelling, and their pairs for
-// sign and zero extension.
-const QSet<QString>& sizeSuffixes()
-{
-    static const QSet<QString> suffixes = [] {
-        QSet<QString> set{ QStringLiteral("s"), QStringLiteral("z") };
-        cross(&set, { QStringLiteral("bl"), QStringLiteral("bw"), QStringLiteral("wl"), QStringLiteral("bq"),
-                      QStringLiteral("wq"), QStringLiteral("lq") });
-        set.unite({ QStringLiteral("b"), QStringLiteral("w"), QStringLiteral("l"), QStringLiteral("q") });
-        return set;
-    }();
-    return suffixes;
-}
-
-QString joined(QSet<QString> set)
-{
-    QStringList list = set.values();
-    list.sort();
-    return list.join(QStringLiteral("\n\t"));
-}
-
-void checkContains(const QSet<QString>& first, const QString& firstName, const QSet<QString>& second,
-                   const QString& secondName)
-{
-    const QSet<QString> extra = QSet<QString>(first).subtract(second);
-    if (!extra.isEmpty())
-        qDebug() << Q_FUNC_INFO << firstName << "contains the following elements not within" << secondName
-                 << (QStringLiteral(":\n\t") + joined(extra));
-}
-
-void checkNoOverlap(const QSet<QString>& first, const QString& firstName, const QSet<QString>& second,
-                    const QString& secondName)
-{
-    const QSet<QString> common = QSet<QString>(first).intersect(second);
-    if (!common.isEmpty())
-        qDebug() << Q_FUNC_INFO << "Sets" << firstName << "and" << secondName
-                 << (QStringLiteral("have the following elements in common:\n\t") + joined(common));
-}
-
-// Base names, their VEX forms, the names that have none, then the suffixes.
-template <size_t N>
-QSet<QString> buildSet(const char* const (&base)[N], const std::function<void(QSet<QString>*)>& extras)
-{
-    QSet<QString> set;
-    insertAll(&set, base);
-    const QSet<QString> plain = set;
-    for (const QString& name : plain)
-        set.insert(QLatin1Char('v') + name);
-    extras(&set);
-    cross(&set, sizeSuffixes());
-    cross(&set, { QStringLiteral("t") });
-    return set;
-}
-
-quint32 count(const QSet<QString>& set, const QList<InstructionQuery>& list, bool withImplicit)
-{
-    quint32 n = 0;
-    for (const InstructionQuery& query : list) {
-        if (set.contains(query.instruction) || (withImplicit && query.implicitMemory))
-            ++n;
-    }
-    return n;
-}
-
-quint32 percentage(const QSet<QString>& set, const QList<InstructionQuery>& list, bool withImplicit)
-{
-    if (list.isEmpty())
-        return 0;
-    return count(set, list, withImplicit) * 100 / static_cast<quint32>(list.size());
-}
-
-} // namespace
-
 void addAVX512VectorFPInstructions(QSet<QString>* set)
 {
     insertAll(set, Avx512VectorFp);
@@ -278,106 +195,168 @@ void addAVX512VectorIntegerInstructions(QSet<QString>* set)
     insertAll(set, Avx512VectorInt);
 }
 
-const QSet<QString>& memInstructions()
+// The operand-size suffixes of the AT&T spelling, and their pairs for
+// sign and zero extension. Every name of a category also stands with any
+// one of them, and then with or without a "t".
+const QStringList& sizeSuffixes()
 {
-    static const QSet<QString> set = buildSet(MemBase, [](QSet<QString>* s) { insertAll(s, MemExtra); });
+    static const QStringList suffixes = [] {
+        QStringList list{ QStringLiteral("s"), QStringLiteral("z") };
+        for (const char* pair : { "bl", "bw", "wl", "bq", "wq", "lq" }) {
+            list.append(QStringLiteral("s") + QLatin1String(pair));
+            list.append(QStringLiteral("z") + QLatin1String(pair));
+        }
+        list << QStringLiteral("b") << QStringLiteral("w") << QStringLiteral("l") << QStringLiteral("q");
+        return list;
+    }();
+    return suffixes;
+}
+
+// Base names and their VEX forms, then the names that have none.
+template <size_t N>
+QSet<QString> stemsOf(const char* const (&base)[N], const std::function<void(QSet<QString>*)>& extras)
+{
+    QSet<QString> set;
+    insertAll(&set, base);
+    const QSet<QString> plain = set;
+    for (const QString& name : plain)
+        set.insert(QLatin1Char('v') + name);
+    extras(&set);
     return set;
 }
 
-const QSet<QString>& branchInstructions()
+// The categories of each name before suffixes: a few hundred names, where
+// the spelled-out sets would hold a hundred thousand.
+const QHash<QString, unsigned int>& stems()
 {
-    static const QSet<QString> set = [] {
-        QSet<QString> s = buildSet(BranchBase, [](QSet<QString>* s) { insertAll(s, BranchExtra); });
-        checkNoOverlap(s, QStringLiteral("instrBranch"), memInstructions(), QStringLiteral("instrMem"));
-        return s;
+    static const QHash<QString, unsigned int> table = [] {
+        const struct {
+            unsigned int category;
+            QSet<QString> names;
+        } categories[] = {
+            { MemCategory, stemsOf(MemBase, [](QSet<QString>* s) { insertAll(s, MemExtra); }) },
+            { BranchCategory, stemsOf(BranchBase, [](QSet<QString>* s) { insertAll(s, BranchExtra); }) },
+            { FloatCategory, stemsOf(FloatBase,
+                                     [](QSet<QString>* s) {
+                                         addAVX512VectorFPInstructions(s);
+                                         addAVX512ScalarInstructions(s);
+                                     }) },
+            { IntCategory, stemsOf(IntBase, &addAVX512VectorIntegerInstructions) },
+            { FloatVectorCategory, stemsOf(FloatVectorBase, &addAVX512VectorFPInstructions) },
+            { IntVectorCategory, stemsOf(IntVectorBase, &addAVX512VectorIntegerInstructions) },
+        };
+        QHash<QString, unsigned int> result;
+        for (const auto& category : categories) {
+            for (const QString& name : category.names)
+                result[name] |= category.category;
+        }
+        return result;
     }();
-    return set;
+    return table;
 }
 
-const QSet<QString>& floatInstructions()
+// The categories of a name with at most one size suffix.
+unsigned int categoriesBeforeT(const QString& mnemonic)
 {
-    static const QSet<QString> set = [] {
-        QSet<QString> s = buildSet(FloatBase, [](QSet<QString>* s) {
-            addAVX512VectorFPInstructions(s);
-            addAVX512ScalarInstructions(s);
-        });
-        checkNoOverlap(s, QStringLiteral("instrFloat"), branchInstructions(), QStringLiteral("instrBranch"));
-        checkNoOverlap(s, QStringLiteral("instrFloat"), memInstructions(), QStringLiteral("instrMem"));
-        return s;
-    }();
-    return set;
+    const QHash<QString, unsigned int>& table = stems();
+    unsigned int categories = table.value(mnemonic);
+    for (const QString& suffix : sizeSuffixes()) {
+        if (mnemonic.size() > suffix.size() && mnemonic.endsWith(suffix))
+            categories |= table.value(mnemonic.left(mnemonic.size() - suffix.size()));
+    }
+    return categories;
 }
 
-const QSet<QString>& intInstructions()
+bool inCategory(const InstructionQuery& query, unsigned int category, bool withImplicit)
 {
-    static const QSet<QString> set = [] {
-        QSet<QString> s = buildSet(IntBase, &addAVX512VectorIntegerInstructions);
-        checkNoOverlap(s, QStringLiteral("instrInt"), floatInstructions(), QStringLiteral("instrFloat"));
-        checkNoOverlap(s, QStringLiteral("instrInt"), branchInstructions(), QStringLiteral("instrBranch"));
-        checkNoOverlap(s, QStringLiteral("instrInt"), memInstructions(), QStringLiteral("instrMem"));
-        return s;
-    }();
-    return set;
+    return (instructionCategories(query.instruction) & category) || (withImplicit && query.implicitMemory);
 }
 
-const QSet<QString>& floatVectorInstructions()
+quint32 count(unsigned int category, const QList<InstructionQuery>& list, bool withImplicit)
 {
-    static const QSet<QString> set = [] {
-        QSet<QString> s = buildSet(FloatVectorBase, &addAVX512VectorFPInstructions);
-        checkContains(s, QStringLiteral("instrFloatVec"), floatInstructions(), QStringLiteral("instrFloat"));
-        checkNoOverlap(s, QStringLiteral("instrFloatVec"), branchInstructions(), QStringLiteral("instrBranch"));
-        checkNoOverlap(s, QStringLiteral("instrFloatVec"), memInstructions(), QStringLiteral("instrMem"));
-        return s;
-    }();
-    return set;
+    quint32 n = 0;
+    for (const InstructionQuery& query : list) {
+        if (inCategory(query, category, withImplicit))
+            ++n;
+    }
+    return n;
 }
 
-const QSet<QString>& intVectorInstructions()
+quint32 percentage(unsigned int category, const QList<InstructionQuery>& list, bool withImplicit)
 {
-    static const QSet<QString> set = [] {
-        QSet<QString> s = buildSet(IntVectorBase, &addAVX512VectorIntegerInstructions);
-        checkContains(s, QStringLiteral("instrIntVec"), intInstructions(), QStringLiteral("instrInt"));
-        checkNoOverlap(s, QStringLiteral("instrIntVec"), branchInstructions(), QStringLiteral("instrBranch"));
-        checkNoOverlap(s, QStringLiteral("instrIntVec"), memInstructions(), QStringLiteral("instrMem"));
-        checkNoOverlap(s, QStringLiteral("instrIntVec"), floatInstructions(), QStringLiteral("instrFloat"));
-        return s;
-    }();
-    return set;
+    if (list.isEmpty())
+        return 0;
+    return count(category, list, withImplicit) * 100 / static_cast<quint32>(list.size());
+}
+
+} // namespace
+
+unsigned int instructionCategories(const QString& mnemonic)
+{
+    // A run has a few hundred distinct mnemonics; each is worked out once
+    // per thread.
+    static thread_local QHash<QString, unsigned int> known;
+    const auto found = known.constFind(mnemonic);
+    if (found != known.constEnd())
+        return *found;
+    unsigned int categories = categoriesBeforeT(mnemonic);
+    if (mnemonic.endsWith(QLatin1Char('t')))
+        categories |= categoriesBeforeT(mnemonic.left(mnemonic.size() - 1));
+    known.insert(mnemonic, categories);
+    return categories;
+}
+
+QSet<QString> instructionsOfCategory(unsigned int category)
+{
+    QSet<QString> names;
+    for (auto stem = stems().constBegin(); stem != stems().constEnd(); ++stem) {
+        if (stem.value() & category)
+            names.insert(stem.key());
+    }
+    const QSet<QString> plain = names;
+    for (const QString& name : plain) {
+        for (const QString& suffix : sizeSuffixes())
+            names.insert(name + suffix);
+    }
+    const QSet<QString> suffixed = names;
+    for (const QString& name : suffixed)
+        names.insert(name + QLatin1Char('t'));
+    return names;
 }
 
 quint32 memInstructionCount(const QList<InstructionQuery>& list)
 {
-    return count(memInstructions(), list, true);
+    return count(MemCategory, list, true);
 }
 
 quint32 branchInstructionCount(const QList<InstructionQuery>& list)
 {
-    return count(branchInstructions(), list, false);
+    return count(BranchCategory, list, false);
 }
 
 quint32 floatInstructionCount(const QList<InstructionQuery>& list)
 {
-    return count(floatInstructions(), list, false);
+    return count(FloatCategory, list, false);
 }
 
 quint32 intInstructionCount(const QList<InstructionQuery>& list)
 {
-    return count(intInstructions(), list, false);
+    return count(IntCategory, list, false);
 }
 
 quint32 floatVectorInstructionCount(const QList<InstructionQuery>& list)
 {
-    return count(floatVectorInstructions(), list, false);
+    return count(FloatVectorCategory, list, false);
 }
 
 quint32 intVectorInstructionCount(const QList<InstructionQuery>& list)
 {
-    return count(intVectorInstructions(), list, false);
+    return count(IntVectorCategory, list, false);
 }
 
 quint32 implicitMemInstructionCount(const QList<InstructionQuery>& list)
 {
-    return count(memInstructions(), list, true) - count(memInstructions(), list, false);
+    return count(MemCategory, list, true) - count(MemCategory, list, false);
 }
 
 quint32 otherInstructionCount(const QList<InstructionQuery>& list)
@@ -392,37 +371,35 @@ quint32 otherInstructionCount(const QList<InstructionQuery>& list)
 
 quint32 memInstructionPercentage(const QList<InstructionQuery>& list)
 {
-    return percentage(memInstructions(), list, true);
+    return percentage(MemCategory, list, true);
 }
 
 quint32 branchInstructionPercentage(const QList<InstructionQuery>& list)
 {
-    return percentage(branchInstructions(), list, false);
+    return percentage(BranchCategory, list, false);
 }
 
 quint32 floatInstructionPercentage(const QList<InstructionQuery>& list)
 {
-    return percentage(floatInstructions(), list, false);
+    return percentage(FloatCategory, list, false);
 }
 
 quint32 intInstructionPercentage(const QList<InstructionQuery>& list)
 {
-    return percentage(intInstructions(), list, false);
+    return percentage(IntCategory, list, false);
 }
 
 quint32 floatVectorInstructionPercentage(const QList<InstructionQuery>& list)
 {
-    return percentage(floatVectorInstructions(), list, false);
+    return percentage(FloatVectorCategory, list, false);
 }
 
 quint32 intVectorInstructionPercentage(const QList<InstructionQuery>& list)
 {
-    return percentage(intVectorInstructions(), list, false);
+    return percentage(IntVectorCategory, list, false);
 }
 
 bool isCategorisedInstruction(const QString& mnemonic)
 {
-    return floatInstructions().contains(mnemonic) || intInstructions().contains(mnemonic)
-        || memInstructions().contains(mnemonic) || intVectorInstructions().contains(mnemonic)
-        || floatVectorInstructions().contains(mnemonic) || branchInstructions().contains(mnemonic);
+    return instructionCategories(mnemonic) != 0;
 }

@@ -9,17 +9,20 @@
 
 #include "instructionquery.h"
 
-// The sets, built at first use and kept for the life of the process.
-const QSet<QString>& memInstructions();
-const QSet<QString>& branchInstructions();
-const QSet<QString>& floatInstructions();
-const QSet<QString>& intInstructions();
-const QSet<QString>& floatVectorInstructions();
-const QSet<QString>& intVectorInstructions();
+enum InstructionCategory : unsigned int {
+    MemCategory = 1,
+    BranchCategory = 2,
+    FloatCategory = 4,
+    IntCategory = 8,
+    FloatVectorCategory = 16,
+    IntVectorCategory = 32
+};
 
-void addAVX512VectorFPInstructions(QSet<QString>* set);
-void addAVX512ScalarInstructions(QSet<QString>* set);
-void addAVX512VectorIntegerInstructions(QSet<QString>* set);
+// The categories of a mnemonic, or-ed together; 0 for none.
+unsigned int instructionCategories(const QString& mnemonic);
+// Every mnemonic of the given categories spelled out: about a hundred
+// thousand names, for checking the tables rather than for lookups.
+QSet<QString> instructionsOfCategory(unsigned int categories);
 
 // Counts of the queries in each category; memory counts include queries
 // that touch memory implicitly. A float vector instruction counts as float

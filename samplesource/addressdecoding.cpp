@@ -141,9 +141,8 @@ private:
 
 Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup lookup)
 {
-    const auto cached = mPositionCache.constFind(address);
-    if (cached != mPositionCache.constEnd())
-        return *cached;
+    if (const DecodedFrame* decoded = mDecodedFrames.find(address))
+        return decoded->position;
     // Every address of every trace was decoded in the first pass, together
     // with its neighbour one byte back: a miss here means a trace changed.
     ZOR_ASSERT(lookup != PositionLookupForbidden && "false");
@@ -156,7 +155,8 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
         for (PositionResponse* caller : qAsConst(inlined)) {
             // The debugger lists the innermost caller first; they are kept
             // outermost first, the order in which they are added to a tree.
-            callers.prepend(Position(caller->function, mInternedStrings.intern(caller->file), caller->line, -1));
+            callers.prepend(Position(InternStringCache::internForever(caller->function),
+                                     InternStringCache::internForever(caller->file), caller->line, -1));
             delete caller;
         }
         mInlineFrames.insert(address, callers);
@@ -164,7 +164,7 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
     } else {
         position.function = response->function;
     }
-    position.file = mInternedStrings.intern(response->file);
+    position.file = InternStringCache::internForever(response->file);
     position.line = response->line;
     position.column = -1;
 
@@ -182,9 +182,8 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
             break;
         }
     }
-    position.function = mInternedStrings.intern(position.function);
+    position.function = InternStringCache::internForever(position.function);
     delete response;
-    mPositionCache.insert(address, position);
     noteDecodedFrame(address, position);
     return position;
 }
@@ -207,9 +206,8 @@ DecodedFrame& PreloadSampleSource::decodedFrame(Address address)
 {
     if (DecodedFrame* frame = mDecodedFrames.find(address))
         return *frame;
-    // Positions that reached the cache some other way: asserts when there
-    // is none at all.
-    noteDecodedFrame(address, decodeAddress(address, PositionLookupForbidden));
+    // Asserts: every address was decoded in the first pass.
+    decodeAddress(address, PositionLookupForbidden);
     return *mDecodedFrames.find(address);
 }
 

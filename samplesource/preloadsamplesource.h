@@ -302,7 +302,6 @@ private:
     bool mDebugAddresses;
     bool mUseGpuLatencyStalls;
     bool mLineMetricsEnabled;
-    QHash<unsigned long long, Position> mPositionCache;
     QOrderedSet<unsigned long long> mLeafAddresses;
     // Leaves of trees built since the last disassembly, gathered apart:
     // sorted once, they go into the ordered set in a fraction of the time.

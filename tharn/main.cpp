@@ -148,8 +148,12 @@ int main(int argc, char** argv)
     const bool mpi = identity.rankCount > 1 || !launcher.isEmpty();
     GdbDebugger::Options options;
     options.preload << QuorvexGlobals::instance().installPath() + QStringLiteral("/libquorvex-sampler.so");
+    // An OpenSHMEM program (the front-end says so) gets the wrapper that
+    // counts its SHMEM calls as well as its MPI ones.
     if (mpi)
-        options.preload << QuorvexGlobals::instance().installPath() + QStringLiteral("/libquorvex-mpiwrapper.so");
+        options.preload << QuorvexGlobals::instance().installPath()
+                + (EnvSwitch("SHMEM").isOn() ? QStringLiteral("/libquorvex-shmemwrapper.so")
+                                             : QStringLiteral("/libquorvex-mpiwrapper.so"));
     GdbDebugger debugger(options);
     debugger.startupName = mpi ? launcher : NoMPIStartup::getName();
     if (!debugger.start(program, &error))

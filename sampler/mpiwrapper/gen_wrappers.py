@@ -1,16 +1,23 @@
 #!/usr/bin/env python3
-"""Writes the MPI wrappers: one C function per call of the MPI C interface.
+"""Writes the MPI wrappers: one C function per call of the MPI C interface,
+and with a second header, of the OpenSHMEM one, in one table.
 
-Usage: gen_wrappers.py PREPROCESSED_MPI_H CALLS_DEF OUTPUT_C
+Usage: gen_wrappers.py PREPROCESSED_MPI_H CALLS_DEF OUTPUT_C [PREPROCESSED_SHMEM_H]
 
 PREPROCESSED_MPI_H is mpi.h after the C preprocessor, so that every macro
-and every conditional of the installed MPI has been settled; CALLS_DEF says
+and every conditional of the installed MPI has been settled;
+PREPROCESSED_SHMEM_H is shmem.h and pshmem.h the same way. CALLS_DEF says
 what is skipped and how bytes are counted (its header explains the form).
 """
 import re
 import sys
 
 PROTOTYPE = re.compile(r'\bint\s+(P?MPI_\w+)\s*\(')
+# OpenSHMEM declares one function a line, of any return type; the older
+# names (shmalloc, start_pes, ...) have profiling twins too.
+SHMEM_PROTOTYPE = re.compile(
+    r'^[ \t]*(?:extern\s+)?([A-Za-z_][\w \t*]*?)[ \t]*'
+    r'\b(p?(?:shmem_\w+|shmalloc|shfree|shrealloc|shmemalign|start_pes|_my_pe|_num_pes))\s*\(', re.M)
 
 
 def parameters_end(text, start):
@@ -45,20 +52,22 @@ def parameter_name(parameter):
     return names[-1]
 
 
-def read_prototypes(path):
+def read_prototypes(path, pattern, twin):
+    """Name to (return type, parameters), for the functions that have a
+    profiling twin, `twin` + name."""
     text = open(path).read()
     found = {}
-    for match in PROTOTYPE.finditer(text):
-        name = match.group(1)
+    for match in pattern.finditer(text):
+        returns = ' '.join(match.group(1).split()) if pattern.groups > 1 else 'int'
+        name = match.group(pattern.groups)
         end = parameters_end(text, match.end())
         parameters = split_parameters(text[match.end():end])
         if parameters == ['void']:
             parameters = []
         if any(p == '...' for p in parameters):
             continue
-        found[name] = parameters
-    return {name: parameters for name, parameters in found.items()
-            if not name.startswith('P') and 'P' + name in found}
+        found[name] = (returns, parameters)
+    return {name: found[name] for name in found if not name.startswith(twin) and twin + name in found}
 
 
 def read_rules(path):
@@ -81,7 +90,7 @@ def byte_expression(expression, names, buffer, ignored):
     and the expression reads the arguments that MPI then ignores."""
     if expression == '-':
         return '0'
-    used = set(re.findall(r'[A-Za-z_]\w*', expression)) - {'B', 'V', 'N', 'ROOT'}
+    used = set(re.findall(r'[A-Za-z_]\w*', expression)) - {'B', 'V', 'N', 'ROOT', 'sizeof'}
     missing = used - set(names)
     if missing:
         return None
@@ -90,23 +99,34 @@ def byte_expression(expression, names, buffer, ignored):
     return '(%s)' % expression
 
 
-def main():
-    prototypes = read_prototypes(sys.argv[1])
-    skips, rules = read_rules(sys.argv[2])
-    wrapped = sorted(name for name in prototypes if not any(s.fullmatch(name) for s in skips))
-    if len(wrapped) < 100:
-        sys.exit('only %d MPI functions found in %s' % (len(wrapped), sys.argv[1]))
+def wrappable(path, pattern, twin, skips, what):
+    prototypes = read_prototypes(path, pattern, twin)
+    names = sorted(name for name in prototypes if not any(s.fullmatch(name) for s in skips))
+    if len(names) < 100:
+        sys.exit('only %d %s functions found in %s' % (len(names), what, path))
+    return [(name, twin) + prototypes[name] for name in names]
 
-    out = ['/* Written by gen_wrappers.py from mpi.h and calls.def; do not edit. */',
-           '#include "wrapper.h"', '']
+
+def main():
+    skips, rules = read_rules(sys.argv[2])
+    calls = wrappable(sys.argv[1], PROTOTYPE, 'P', skips, 'MPI')
+    shmem = len(sys.argv) > 4
+    if shmem:
+        calls += wrappable(sys.argv[4], SHMEM_PROTOTYPE, 'p', skips, 'OpenSHMEM')
+    wrapped = [call[0] for call in calls]
+
+    out = ['/* Written by gen_wrappers.py from mpi.h%s and calls.def; do not edit. */'
+           % (', shmem.h' if shmem else ''), '#include "wrapper.h"']
+    if shmem:
+        out += ['#include <shmem.h>', '#include <pshmem.h>']
+    out.append('')
     out.append('const char* const zw_call_names[] = {')
     out += ['    "%s",' % name for name in wrapped]
     out.append('};')
     out.append('const int zw_call_count = %d;' % len(wrapped))
     out.append('struct quorvex_mpi_figures zw_figures[%d];' % len(wrapped))
     out.append('')
-    for index, name in enumerate(wrapped):
-        parameters = prototypes[name]
+    for index, (name, twin, returns, parameters) in enumerate(calls):
         names = [parameter_name(p) for p in parameters]
         sent = received = '0'
         for pattern, send_rule, receive_rule in rules:
@@ -117,24 +137,30 @@ def main():
                     continue
                 sent, received = s, r
                 break
-        arguments = ', '.join(names)
-        out.append('int %s(%s)' % (name, ', '.join(parameters) or 'void'))
+        call = '%s%s(%s)' % (twin, name, ', '.join(names))
+        result = returns != 'void'
+        out.append('ZW_EXPORT %s %s(%s)' % (returns, name, ', '.join(parameters) or 'void'))
         out.append('{')
-        out.append('    if (zw_depth)')
-        out.append('        return P%s(%s);' % (name, arguments))
+        if result:
+            out += ['    if (zw_depth)', '        return %s;' % call]
+        else:
+            out += ['    if (zw_depth) {', '        %s;' % call, '        return;', '    }']
         if sent != '0' or received != '0':
             out.append('    const unsigned long long zw_sent = %s;' % sent)
             out.append('    const unsigned long long zw_received = %s;' % received)
         else:
             out.append('    const unsigned long long zw_sent = 0, zw_received = 0;')
         out.append('    const unsigned long long zw_start = zw_enter();')
-        out.append('    const int zw_result = P%s(%s);' % (name, arguments))
+        constant = returns + ' const' if returns.endswith('*') else 'const ' + returns
+        out.append('    %s%s;' % ('%s zw_result = ' % constant if result else '', call))
         hook = {'MPI_Init': 'zw_after_init(0, zw_result);',
-                'MPI_Init_thread': 'zw_after_init(*provided, zw_result);'}.get(name)
+                'MPI_Init_thread': 'zw_after_init(*provided, zw_result);',
+                'shmem_init_thread': 'zw_after_shmem_init(*provided, zw_result);'}.get(name)
         if hook:
             out.append('    ' + hook)
         out.append('    zw_leave(%d, zw_start, zw_sent, zw_received);' % index)
-        out.append('    return zw_result;')
+        if result:
+            out.append('    return zw_result;')
         out.append('}')
         out.append('')
     with open(sys.argv[3], 'w') as f:

@@ -1,7 +1,8 @@
 /* libquorvex-mpiwrapper.so: stands in front of the MPI C interface (through
- * its profiling twins, PMPI_*) and tells the sampler about every call. The
- * wrappers themselves are generated (gen_wrappers.py); this is what they
- * call. */
+ * its profiling twins, PMPI_*) and tells the sampler about every call;
+ * libquorvex-shmemwrapper.so does the same for OpenSHMEM (pshmem_*) as well.
+ * The wrappers themselves are generated (gen_wrappers.py); this is what
+ * they call. */
 #include "wrapper.h"
 
 __thread int zw_depth __attribute__((tls_model("initial-exec")));
@@ -27,6 +28,16 @@ void zw_after_init(int providedLevel, int result)
         quorvex_mpi_set_thread_multiple(1);
     }
 }
+
+#ifdef ZW_SHMEM
+#include <shmem.h>
+
+void zw_after_shmem_init(int providedLevel, int result)
+{
+    if (result == 0 && providedLevel == SHMEM_THREAD_MULTIPLE)
+        zw_after_init(MPI_THREAD_MULTIPLE, MPI_SUCCESS);
+}
+#endif
 
 unsigned long long zw_bytes(long long count, MPI_Datatype type)
 {

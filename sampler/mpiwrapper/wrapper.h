@@ -1,5 +1,5 @@
 /* What the generated wrappers (wrappers.c) and the wrapper's core
- * (wrapper.c) share. Nothing here is exported. */
+ * (wrapper.c) share. Nothing here is exported but the wrappers. */
 #ifndef ZOR_MPIWRAPPER_H
 #define ZOR_MPIWRAPPER_H
 
@@ -8,6 +8,8 @@
 #include <mpi.h>
 
 #define ZW_HIDDEN __attribute__((visibility("hidden")))
+/* The wrappers, whatever the headers declare: shmem.h exports nothing. */
+#define ZW_EXPORT __attribute__((visibility("default")))
 
 /* Set while this thread is inside a wrapped call: calls that MPI makes of
  * itself are passed straight on and not counted as the program's. */
@@ -51,6 +53,8 @@ static inline void zw_leave(int call, unsigned long long start, unsigned long lo
 
 /* After MPI_Init (level 0) and MPI_Init_thread. */
 void zw_after_init(int providedLevel, int result) ZW_HIDDEN;
+/* After shmem_init_thread. */
+void zw_after_shmem_init(int providedLevel, int result) ZW_HIDDEN;
 
 /* The byte helpers of calls.def. */
 unsigned long long zw_bytes(long long count, MPI_Datatype type) ZW_HIDDEN;

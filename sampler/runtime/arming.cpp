@@ -119,6 +119,12 @@ void takeMetricBaselines()
 {
     State& s = gState;
     s.lastProcessCpu = zs_now(CLOCK_PROCESS_CPUTIME_ID);
+    // The first sample reads /proc; the counts are shared out from here.
+    s.lastProcRead = timespec{0, 0};
+    s.haveRss = false;
+    const timespec now = zs_now(CLOCK_MONOTONIC);
+    s.charsReadShare = CountShare{false, 0, 0, now};
+    s.charsWrittenShare = CountShare{false, 0, 0, now};
     char text[1024];
     const long n = s.needIo ? s.io.read(text, sizeof text) : -1;
     if (n > 0 && parseIoCounters(text, s.lastCharsRead, s.lastCharsWritten))

@@ -11,7 +11,11 @@
 // LLVM's libomp: the sampler is a tool of the OpenMP tools interface. The
 // start of a parallel region records its call site on the thread that opens
 // it; the start of an implicit task marks the worker, and the unwinder
-// stops at the first frame of libomp above the region's code.
+// stops at the first frame of libomp above the region's code. The mark goes
+// when the worker reaches the barrier that ends the region: libomp tells
+// the implicit task's end only once the worker is released into the next
+// region, and a worker that waits in between, yielding in the C library,
+// would otherwise look like the opening function calling sched_yield.
 #include "regions.h"
 #include "runtime.h"
 #include "samplerstate.h"
@@ -218,6 +222,17 @@ void onParallelBegin(ompt_data_t*, const ompt_frame_t*, ompt_data_t* parallel, u
         parallel->value = static_cast<std::uint64_t>(recordCallSite(gOmpText));
 }
 
+// What an implicit task's data holds: whether it marked its thread.
+enum : std::uint64_t { TaskUnmarked = 0, TaskMarked = 1, TaskMarkGone = 2 };
+
+void unmarkWorker(ompt_data_t* task)
+{
+    if (task && task->value == TaskMarked && tlsNestedRegions > 0) {
+        setWorkerRegion(tlsOuterRegions[--tlsNestedRegions]);
+        task->value = TaskMarkGone;
+    }
+}
+
 void onImplicitTask(ompt_scope_endpoint_t endpoint, ompt_data_t* parallel, ompt_data_t* task, unsigned int,
                     unsigned int index, int flags)
 {
@@ -225,16 +240,27 @@ void onImplicitTask(ompt_scope_endpoint_t endpoint, ompt_data_t* parallel, ompt_
         return;
     if (endpoint == ompt_scope_begin) {
         // The thread that opened the region is its thread 0.
-        task->value = 0;
+        task->value = TaskUnmarked;
         if (index == 0 || !parallel || parallel->value == 0 || tlsNestedRegions == MAX_NESTED_REGIONS)
             return;
         tlsOuterRegions[tlsNestedRegions++] = zs_worker_region;
         setWorkerRegion(WorkerRegion{static_cast<quorvex_parallel_id_t>(parallel->value), gOmpText.low, gOmpText.high});
-        task->value = 1;
-    } else if (endpoint == ompt_scope_end && task->value == 1 && tlsNestedRegions > 0) {
-        setWorkerRegion(tlsOuterRegions[--tlsNestedRegions]);
-        task->value = 0;
+        task->value = TaskMarked;
+    } else if (endpoint == ompt_scope_end) {
+        unmarkWorker(task);
     }
+}
+
+void onSyncRegion(ompt_sync_region_t kind, ompt_scope_endpoint_t endpoint, ompt_data_t*, ompt_data_t* task,
+                  const void* codeptr)
+{
+    // Runtimes before OpenMP 5.1's kinds call every implicit barrier
+    // "implicit"; the one that ends the region is the one a worker reaches
+    // from no code of the program's.
+    const bool endOfRegion = kind == ompt_sync_region_barrier_implicit_parallel
+        || (kind == ompt_sync_region_barrier_implicit && !codeptr);
+    if (endOfRegion && endpoint == ompt_scope_begin)
+        unmarkWorker(task);
 }
 
 int omptInitialize(ompt_function_lookup_t lookup, int, ompt_data_t*)
@@ -245,6 +271,7 @@ int omptInitialize(ompt_function_lookup_t lookup, int, ompt_data_t*)
     gOmpText = textRangeOf(reinterpret_cast<const void*>(lookup));
     setCallback(ompt_callback_parallel_begin, reinterpret_cast<ompt_callback_t>(&onParallelBegin));
     setCallback(ompt_callback_implicit_task, reinterpret_cast<ompt_callback_t>(&onImplicitTask));
+    setCallback(ompt_callback_sync_region, reinterpret_cast<ompt_callback_t>(&onSyncRegion));
     return 1;
 }
 

@@ -115,8 +115,75 @@ void collectAnswers(const timespec& current, bool giveUpAll)
     }
 }
 
-// The values of this sample; `wall` is the time since the previous one.
-void readMetrics(const timespec& wall)
+namespace {
+
+// Reads /proc/self/statm and /proc/self/io when their values are due; true
+// when it did, with the resident pages and the counts since the previous
+// reading. The kernel makes their text anew on each read, which costs more
+// than the rest of a sample: a sample between two readings carries on the
+// values of the last one.
+bool readProcCounters(const timespec& now, bool& haveRss, std::uint64_t& residentPages, bool& haveIo,
+                      std::uint64_t& charsRead, std::uint64_t& charsWritten)
+{
+    State& s = gState;
+    const bool first = s.lastProcRead.tv_sec == 0 && s.lastProcRead.tv_nsec == 0;
+    if (!first && zs_nanoseconds(zs_difference(now, s.lastProcRead)) < PROC_READ_PERIOD_NS)
+        return false;
+    s.lastProcRead = now;
+    char text[1024];
+    if (s.statm.isOpen()) {
+        const long n = s.statm.read(text, sizeof text);
+        haveRss = n > 0 && parseResidentPages(text, residentPages);
+        s.ownBytesRead += n > 0 ? static_cast<std::uint64_t>(n) : 0;
+    }
+    const long n = s.needIo ? s.io.read(text, sizeof text) : -1;
+    if (n > 0 && parseIoCounters(text, charsRead, charsWritten)) {
+        // The counts only grow; a smaller one is a misreading. The text
+        // was made before this read was counted: it shows next time.
+        haveIo = charsRead >= s.lastCharsRead + s.ownBytesRead && charsWritten >= s.lastCharsWritten;
+        const std::uint64_t totalRead = charsRead;
+        const std::uint64_t totalWritten = charsWritten;
+        charsRead = totalRead - s.lastCharsRead - s.ownBytesRead;
+        charsWritten = totalWritten - s.lastCharsWritten;
+        s.lastCharsRead = totalRead;
+        s.lastCharsWritten = totalWritten;
+        s.ownBytesRead = static_cast<std::uint64_t>(n);
+    }
+    return true;
+}
+
+// A count that grows, shared out between samples that only some readings
+// refresh: between readings each sample gets the last rate for its time;
+// at a reading what was handed out is set against what was counted, so
+// that the samples add up to the count.
+void shareOut(CountShare& share, bool fresh, bool have, std::uint64_t counted, const timespec& wall,
+              SampleValue& value)
+{
+    if (fresh && have) {
+        share.owed += static_cast<double>(counted);
+        const long long spanNs = zs_nanoseconds(zs_difference(gState.lastProcRead, share.since));
+        share.perNs = spanNs > 0 ? static_cast<double>(counted) / static_cast<double>(spanNs) : 0;
+        share.since = gState.lastProcRead;
+        share.valid = true;
+    } else if (fresh) {
+        share.valid = false;
+    } else if (share.valid) {
+        share.owed += share.perNs * static_cast<double>(zs_nanoseconds(wall));
+    }
+    if (!share.valid)
+        return;
+    const double given = share.owed > 0 ? share.owed : 0;
+    // Whole bytes only; the fraction stays owed.
+    const std::uint64_t whole = static_cast<std::uint64_t>(given);
+    share.owed -= static_cast<double>(whole);
+    value = SampleValue(static_cast<unsigned long>(whole));
+}
+
+} // namespace
+
+// The values of this sample; `wall` is the time since the previous one,
+// `now` the time of this one.
+void readMetrics(const timespec& wall, const timespec& now)
 {
     State& s = gState;
     if (s.metricCount == 0)
@@ -133,29 +200,16 @@ void readMetrics(const timespec& wall)
         }
         s.lastProcessCpu = cpu;
     }
-    char text[1024];
-    std::uint64_t residentPages = 0;
-    bool haveRss = false;
-    if (s.statm.isOpen()) {
-        const long n = s.statm.read(text, sizeof text);
-        haveRss = n > 0 && parseResidentPages(text, residentPages);
-        s.ownBytesRead += n > 0 ? static_cast<std::uint64_t>(n) : 0;
+    bool haveRss = false, haveIo = false;
+    std::uint64_t residentPages = 0, charsRead = 0, charsWritten = 0;
+    const bool fresh = readProcCounters(now, haveRss, residentPages, haveIo, charsRead, charsWritten);
+    if (fresh) {
+        s.haveRss = haveRss;
+        s.rssBytes = residentPages * static_cast<std::uint64_t>(s.pageSize);
     }
-    std::uint64_t charsRead = 0, charsWritten = 0;
-    bool haveIo = false;
-    const long n = s.needIo ? s.io.read(text, sizeof text) : -1;
-    if (n > 0 && parseIoCounters(text, charsRead, charsWritten)) {
-        // The counts only grow; a smaller one is a misreading. The text
-        // was made before this read was counted: it shows next time.
-        haveIo = charsRead >= s.lastCharsRead + s.ownBytesRead && charsWritten >= s.lastCharsWritten;
-        const std::uint64_t totalRead = charsRead;
-        const std::uint64_t totalWritten = charsWritten;
-        charsRead = totalRead - s.lastCharsRead - s.ownBytesRead;
-        charsWritten = totalWritten - s.lastCharsWritten;
-        s.lastCharsRead = totalRead;
-        s.lastCharsWritten = totalWritten;
-        s.ownBytesRead = static_cast<std::uint64_t>(n);
-    }
+    SampleValue readValue, writtenValue;
+    shareOut(s.charsReadShare, fresh, haveIo, charsRead, wall, readValue);
+    shareOut(s.charsWrittenShare, fresh, haveIo, charsWritten, wall, writtenValue);
     // The MPI time since the previous sample.
     const std::uint64_t mpiNs = takeMpiTimeNs();
     for (unsigned int i = 0; i < s.metricCount; ++i) {
@@ -166,16 +220,14 @@ void readMetrics(const timespec& wall)
                 value = SampleValue(cpuPercent);
             break;
         case MetricRss:
-            if (haveRss)
-                value = SampleValue(static_cast<unsigned long>(residentPages * static_cast<std::uint64_t>(s.pageSize)));
+            if (s.haveRss)
+                value = SampleValue(static_cast<unsigned long>(s.rssBytes));
             break;
         case MetricCharsRead:
-            if (haveIo)
-                value = SampleValue(static_cast<unsigned long>(charsRead));
+            value = readValue;
             break;
         case MetricCharsWritten:
-            if (haveIo)
-                value = SampleValue(static_cast<unsigned long>(charsWritten));
+            value = writtenValue;
             break;
         case MetricMpiTime:
             value = SampleValue(static_cast<unsigned long>(mpiNs));
@@ -225,7 +277,7 @@ void takeSample(void* ucontext)
     collectAnswers(started, s.list->isFull());
     const std::uint64_t generation = ++s.generation;
     const int count = s.allThreads ? askOtherThreads(generation) : 0;
-    readMetrics(wall);
+    readMetrics(wall, started);
 
     s.threadIds[0] = s.mainTid;
     for (int k = 0; k < count; ++k)

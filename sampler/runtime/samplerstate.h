@@ -42,6 +42,8 @@ const int PENDING_PER_THREAD = 64;
 // A thread that used less CPU than this share of the wall time since its
 // previous sample counts as sleeping.
 const double SLEEPING_CPU_SHARE = 0.1;
+// How often the resident memory and the I/O counts are read from /proc.
+const long long PROC_READ_PERIOD_NS = 10 * 1000 * 1000;
 // The sample list and its backtraces must fit in this; the number of
 // samples kept is lowered to make them fit.
 const std::size_t LIST_MEMORY_BUDGET = std::size_t(512) << 20;
@@ -51,6 +53,18 @@ enum MetricKind { MetricNotTaken = 0, MetricCpuPercent, MetricRss, MetricCharsRe
 // What the sampling handler is doing to the list, for a stop that lands on
 // top of it.
 enum CommitStage { CommitNone = 0, CommitFilling, CommitThinning, CommitAdding };
+
+// A count that grows, as it is shared out between samples (readMetrics).
+struct CountShare
+{
+    bool valid;
+    // Counted and not yet given to a sample, in bytes; below 0 when the
+    // samples since the last reading got more than it counted.
+    double owed;
+    // The rate of the last reading, per nanosecond, and when it was read.
+    double perNs;
+    timespec since;
+};
 
 struct MetricPlan
 {
@@ -150,6 +164,12 @@ struct State
     timespec lastProcessCpu;
     std::uint64_t lastCharsRead;
     std::uint64_t lastCharsWritten;
+    // When /proc was last read, and the resident memory it showed.
+    timespec lastProcRead;
+    bool haveRss;
+    std::uint64_t rssBytes;
+    CountShare charsReadShare;
+    CountShare charsWrittenShare;
     // What the sampler read from /proc itself and the read count of the
     // process doesn't show yet: not the program's reading.
     std::uint64_t ownBytesRead;
@@ -184,8 +204,9 @@ bool isSleeping(const timespec& cpu, const timespec& wall);
 // or every one still out when `giveUpAll` is set, goes in as missing; a
 // thread that ended without answering is left out.
 void collectAnswers(const timespec& current, bool giveUpAll);
-// The values of this sample; `wall` is the time since the previous one.
-void readMetrics(const timespec& wall);
+// The values of this sample; `wall` is the time since the previous one,
+// `now` the time of this one.
+void readMetrics(const timespec& wall, const timespec& now);
 
 // ---- finishhandler.cpp ----
 

@@ -188,6 +188,16 @@ const PSVModelItem* findNode(const PSVModelItem* node, const QString& function)
     return nullptr;
 }
 
+// The ranks a node's samples come from, from "0=64,1=56,2-3=80": rank
+// ranges and their thread-sample counts.
+QString ranksOf(const PSVModelItem* node)
+{
+    CompactSet<int> ranks;
+    for (const QString& item : node->processToThreadCountMap().toString().split(QLatin1Char(',')))
+        ranks.insert(CompactSet<int>(item.section(QLatin1Char('='), 0, 0)), true);
+    return ranks.toString();
+}
+
 // Every rank in the result with its samples, each call counted as the
 // program made it, the uneven barrier visible as MPI time per rank, the hot
 // function shown as coming from every rank: four ranks whose hosts call zor
@@ -267,16 +277,71 @@ TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
     EXPECT_EQ(profile.rankCount(), n);
     const PSVModelItem* compute = findNode(profile.tree(), QStringLiteral("compute"));
     ASSERT_NE(compute, nullptr) << foldedStacks(profile).constData();
-    // "0=64,1=56,2-3=80": rank ranges and their thread-sample counts.
-    const QString byRank = compute->processToThreadCountMap().toString();
-    CompactSet<int> ranks;
-    for (const QString& item : byRank.split(QLatin1Char(',')))
-        ranks.insert(CompactSet<int>(item.section(QLatin1Char('='), 0, 0)), true);
-    EXPECT_EQ(ranks.toString(), QStringLiteral("0-%1").arg(n - 1)) << qPrintable(byRank);
+    EXPECT_EQ(ranksOf(compute), QStringLiteral("0-%1").arg(n - 1));
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, MpiRanks, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool>& info) { return info.param ? "TwoOverTcp" : "FourLocal"; });
+
+// An OpenSHMEM program through oshrun, two PEs: each PE's calls counted as
+// the program made them, with the bytes it put and the time it waited, the
+// hot function from both PEs.
+TEST_F(Parallel, ShmemTwoPesCountEveryCall)
+{
+    const QString program = QStringLiteral(ZOR_BIN_DIR "/zor-shmem-example");
+    if (!QFileInfo::exists(program))
+        GTEST_SKIP() << "no " << qPrintable(program) << " (Open MPI's oshmem builds it)";
+    QTemporaryDir dir;
+    QTemporaryDir temporary;
+    const QString result = dir.filePath(QStringLiteral("shmem.zor"));
+    const int rounds = 8;
+    const int count = 16;
+    const Outcome run = zor({ "profile", "-n", "2", "--shmem", "--interval", "5", "--quiet", "-o", result, "--",
+                              program, QString::number(rounds), "10000", QString::number(count) },
+                            environment(temporary.path()), 280000);
+    EXPECT_EQ(run.leftBehind, QStringList());
+    ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
+    ASSERT_EQ(run.status, 0) << qPrintable(run.err) << qPrintable(run.out);
+    EXPECT_EQ(leftoverFiles(temporary.path()), QStringList());
+
+    Result saved;
+    QString error;
+    ASSERT_TRUE(ResultFile::read(result, &saved, &error)) << qPrintable(error);
+    ASSERT_EQ(saved.ranks.size(), 2);
+    const QRegularExpression line(QStringLiteral("^pe (\\d+) calls shmem_long_put (\\d+) shmem_barrier_all (\\d+)$"),
+                                  QRegularExpression::MultilineOption);
+    QMap<int, QPair<quint64, quint64>> printed;
+    for (auto it = line.globalMatch(run.out); it.hasNext();) {
+        const QRegularExpressionMatch m = it.next();
+        printed[m.captured(1).toInt()] = { m.captured(2).toULongLong(), m.captured(3).toULongLong() };
+    }
+    ASSERT_EQ(printed.keys(), QList<int>({ 0, 1 })) << qPrintable(run.out);
+    QList<quint64> barrierNs;
+    for (int i = 0; i < 2; ++i) {
+        const RankResult& rank = saved.ranks.at(i);
+        SCOPED_TRACE(QStringLiteral("PE %1").arg(i).toStdString());
+        EXPECT_EQ(rank.rank(), i);
+        EXPECT_GT(rank.samples.size(), 0);
+        const QMap<QString, MpiCounts> calls = mpiCalls(rank);
+        EXPECT_EQ(calls.value("shmem_init").calls, 1u) << qPrintable(QStringList(calls.keys()).join(' '));
+        EXPECT_EQ(calls.value("shmem_long_put").calls, printed[i].first);
+        EXPECT_EQ(calls.value("shmem_long_put").sent, quint64(rounds) * count * sizeof(long));
+        EXPECT_EQ(calls.value("shmem_barrier_all").calls, printed[i].second);
+        EXPECT_EQ(printed[i].second, quint64(rounds));
+        // Calls that the SHMEM library makes of MPI are its own.
+        EXPECT_EQ(calls.value("MPI_Init").calls + calls.value("MPI_Init_thread").calls, 0u);
+        barrierNs << calls.value("shmem_barrier_all").ns;
+    }
+    // PE 0 waits a step of some 40 ms a round for PE 1. The barrier spins,
+    // so on a loaded machine PE 1's own wait can be longer still: only the
+    // wait of PE 0 is certain.
+    EXPECT_GT(barrierNs[0], quint64(rounds) * 20000000) << barrierNs[0] << " " << barrierNs[1];
+
+    const Profile profile(saved);
+    const PSVModelItem* compute = findNode(profile.tree(), QStringLiteral("compute"));
+    ASSERT_NE(compute, nullptr) << foldedStacks(profile).constData();
+    EXPECT_EQ(ranksOf(compute), QStringLiteral("0-1"));
+}
 
 // A rank that calls MPI_Abort, and one that dies of a signal: the run ends
 // with the other ranks' samples, a word on which rank ended how, the
@@ -340,7 +405,8 @@ TEST_F(Parallel, MpiAbortAndACrashingRankKeepTheOtherRanksSamples)
 
 // An OpenMP program of each runtime: the hot loop body that the workers run
 // sits under the function that opened the region, as it does on the thread
-// that opened it, and the workers are classified as region threads.
+// that opened it, their waits between regions don't, and the workers are
+// classified as region threads.
 class OpenMp : public Parallel, public ::testing::WithParamInterface<const char*>
 {
 };
@@ -368,13 +434,24 @@ TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
 
     // Per path, the time in hot_body: a worker's path has no call into the
     // runtime's fork on it.
-    double underOpener = 0, workers = 0, all = 0;
+    // A worker waiting in the runtime between regions is the runtime's: no
+    // path goes from the opening function straight into code that is
+    // neither the region's nor the runtime's (a yield in the C library).
+    double underOpener = 0, workers = 0, all = 0, stray = 0;
     for (const QByteArray& line : foldedStacks(profile).split('\n')) {
         const int space = line.lastIndexOf(' ');
         const QStringList frames = QString::fromUtf8(line.left(space)).split(QLatin1Char(';'));
+        const double us = line.mid(space + 1).toDouble();
+        const int below = frames.indexOf(QStringLiteral("open_region")) + 1;
+        if (below > 0 && below < frames.size()) {
+            const QString next = frames.at(below);
+            if (!next.startsWith(QLatin1String(".omp_outlined")) && !next.startsWith(QLatin1String("open_region._omp_fn"))
+                && !next.contains(QLatin1String("libgomp")) && !next.contains(QLatin1String("libomp"))
+                && next != QLatin1String("GOMP_parallel") && next != QLatin1String("__kmpc_fork_call"))
+                stray += us;
+        }
         if (space < 0 || frames.last() != QLatin1String("hot_body"))
             continue;
-        const double us = line.mid(space + 1).toDouble();
         all += us;
         const int opener = frames.indexOf(QStringLiteral("open_region"));
         if (opener < 0 || frames.indexOf(QStringLiteral("main")) > opener)
@@ -387,6 +464,7 @@ TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
     EXPECT_GT(underOpener / all, 0.97) << foldedStacks(profile).constData();
     // Two of the three threads are workers.
     EXPECT_GT(workers / all, 0.4) << foldedStacks(profile).constData();
+    EXPECT_LT(stray / all, 0.01) << foldedStacks(profile).constData();
 
     QMap<QString, int> threads;
     for (const ActivityRow& row : profile.activity(10, false))

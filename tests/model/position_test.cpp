@@ -32,4 +32,15 @@ TEST(InternStringCache, EqualStringsShareStorage)
     EXPECT_EQ(cache.size(), 1);
     EXPECT_NE(cache.intern(QStringLiteral("other")).constData(), first.constData());
     EXPECT_EQ(cache.size(), 2);
+
+    // Kept for the process's life: shared, and a changed copy leaves the
+    // kept one as it was.
+    const QString kept = InternStringCache::internForever(QStringLiteral("solve_") + QStringLiteral("step"));
+    QString copy = InternStringCache::internForever(first);
+    EXPECT_EQ(copy.constData(), kept.constData());
+    copy[0] = QLatin1Char('S');
+    copy += QLatin1String("s");
+    EXPECT_EQ(kept, QStringLiteral("solve_step"));
+    EXPECT_EQ(InternStringCache::internForever(QStringLiteral("solve_step")), QStringLiteral("solve_step"));
+    EXPECT_TRUE(InternStringCache::internForever(QString()).isNull());
 }

@@ -265,9 +265,15 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
         std::string shares;
         for (auto& h : thread.second)
             shares += h.first + " " + std::to_string(100 * h.second / thread.second[""]) + "% ";
-        ASSERT_GE(thread.second[""], 300) << "too few samples to judge: " << shares;
-        for (const auto& e : thread.first == run.pid ? mainShares : workerShares)
-            EXPECT_NEAR(100 * thread.second[e.first] / thread.second[""], e.second, 5.0) << e.first << "; " << shares;
+        // Shares among the thread's hot functions: on a busy machine one
+        // thread may end its work well before the other and wait for it.
+        const std::map<std::string, double>& expected = thread.first == run.pid ? mainShares : workerShares;
+        double inHot = 0;
+        for (const auto& e : expected)
+            inHot += thread.second[e.first];
+        ASSERT_GE(inHot, 300) << "too few samples to judge: " << shares;
+        for (const auto& e : expected)
+            EXPECT_NEAR(100 * thread.second[e.first] / inHot, e.second, 5.0) << e.first << "; " << shares;
     }
 }
 
