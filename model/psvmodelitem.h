@@ -137,7 +137,7 @@ protected:
 
 private:
     friend class PSVChildIndex;
-    friend class TreeMerger;
+    friend class MergeTable;
     void unlinkChild(PSVModelItem* child);
 
     // Changed only through addChild, detach, clear and the destructor,

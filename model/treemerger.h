@@ -2,17 +2,27 @@
 // that follows the distinct nodes rather than the number of trees.
 //
 // Trees are merged in the order they were added, in segments of SEGMENT
-// consecutive inputs: each input goes straight into the first tree of its
-// segment, and each finished segment into the result of the segments
-// before it. So every input node is visited once, plus once more per
-// segment for its merged tree, no partial trees pile up beside the result,
-// and the rank-to-count maps stay single ranges when the inputs come in
-// rank order. Segments are merged on all threads at
-// once. The result equals merging every tree into the first one with
+// consecutive inputs: each input goes straight into the merged table of its
+// segment, and each finished segment into the table of the segments before
+// it. A table is flat: one array of merged nodes in the order they were
+// first seen, each with its parent, the hash of its position, the counts
+// per rank as a list of rank ranges (one range while ranks come in order)
+// and one node of the inputs that stands for it; children are found through
+// one hash of (parent, position). Input nodes that match a merged node are
+// freed as they are visited; the tree is built from the table once, by
+// take().
+//
+// The result equals merging every tree into the first one with
 // mergePSVModelItem, in the order added (the same counts, flags and order of
 // children), except that every ancestor of a node with an unexpected stop
 // is marked, as in a tree read back from XML: merging in turn leaves
-// unmarked the ancestors of a subtree that moves over.
+// unmarked the ancestors of a subtree that moves over. Node types must keep
+// their own fields in extraMergePSVModelItem, which is called with the
+// merged node first; it is called in the order added within a segment, and
+// a segment's merged node is merged into those before it, so it must be
+// associative. Counts maps that are brief or elided, and CUDA counts, merge
+// through IntProcessMap::set, in turn within a segment and then segment by
+// segment.
 //
 //   TreeMerger merger;
 //   for (...) merger.add(treeOfRank);   // returns at once; merging goes on meanwhile
@@ -27,12 +37,13 @@
 #include <vector>
 
 class PSVModelItem;
+class MergeTable;
 
 class TreeMerger
 {
 public:
     // threads: how many threads merge; 0 for one per core. context goes to
-    // every mergePSVModelItem call.
+    // every extraMergePSVModelItem call.
     explicit TreeMerger(int threads = 0, void* context = nullptr);
     // Waits for the merging under way and deletes what was not taken.
     ~TreeMerger();
@@ -51,32 +62,28 @@ public:
 
     enum { SEGMENT = 8 };
 
-    // target->mergePSVModelItem(*source, context), then delete source, but
-    // each node of source is freed as soon as it has been merged, while it
-    // is still in the cache. Children are matched by findChild; node types
-    // whose addPSVModelItem matches otherwise aren't for this function.
-    static void absorb(PSVModelItem* target, PSVModelItem* source, void* context);
-
 private:
-    // The merged trees of inputs [first, first + count).
+    // The merged inputs [first, first + count): a lone input as it came,
+    // or a table.
     struct Run
     {
         long long first;
         long long count;
         PSVModelItem* tree;
+        MergeTable* table;
         bool busy;
     };
     struct Job
     {
-        PSVModelItem* target;
-        PSVModelItem* source;
-        long long sourceFirst;
+        Run target;
+        Run source;
     };
 
     void work();
     // Under mLock: queues the merges of neighbouring idle runs; of any two
     // once finishing.
     void schedule();
+    MergeTable* merge(const Job& job);
 
     void* mContext;
     std::mutex mLock;

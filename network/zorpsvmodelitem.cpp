@@ -181,11 +181,10 @@ void ZORPSVModelItem::mergeOwnFields(const ZORPSVModelItem& other)
     mMainThreadLineMetrics.merge(other.mMainThreadLineMetrics);
 }
 
-void ZORPSVModelItem::mergePSVModelItem(const PSVModelItem& other, void* context)
+void ZORPSVModelItem::extraMergePSVModelItem(const PSVModelItem& other, void*)
 {
     if (const ZORPSVModelItem* node = dynamic_cast<const ZORPSVModelItem*>(&other))
         mergeOwnFields(*node);
-    PSVModelItem::mergePSVModelItem(other, context);
 }
 
 void ZORPSVModelItem::addPSVModelItem(PSVModelItem* item, void* context)

@@ -50,7 +50,7 @@ public:
     // or "samples" attribute.
     bool readXml(QXmlStreamReader& reader, QString* error) override;
     void readXmlStreamAttributes(const QXmlStreamAttributes& attributes) override;
-    void mergePSVModelItem(const PSVModelItem& other, void* context) override;
+    void extraMergePSVModelItem(const PSVModelItem& other, void* context) override;
     ZORPSVModelItem* clone() const override;
     bool isSimplePSVModel() const override;
     void addPSVModelItem(PSVModelItem* item, void* context) override;

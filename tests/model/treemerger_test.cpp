@@ -5,8 +5,10 @@
 
 #include <QXmlStreamAttributes>
 
+#include <functional>
 #include <memory>
 #include <random>
+#include <vector>
 
 namespace {
 
@@ -45,13 +47,13 @@ PSVModelItem* child(PSVModelItem* parent, const QString& function, const QString
 
 // A rank's tree: wide near the top, so that lookups go through the index,
 // with frames from a small pool so that ranks share most of them, and the
-// same file under several spellings.
-PSVModelItem* rankTree(int rank)
+// same file under several spellings. Its frames and counts follow seed.
+PSVModelItem* rankTree(int seed, int rank)
 {
-    std::mt19937 rng(unsigned(rank) * 31u + 7u);
+    std::mt19937 rng(unsigned(seed) * 31u + 7u);
     static const char* const files[] = {"/src/a.c", "src/a.c", "/src/b.c", "b.c", ""};
     PSVModelItem* root = new PSVModelItem;
-    root->addThreads(rank, 1 + rank % 3, false, false);
+    root->addThreads(rank, 1 + seed % 3, false, false);
     std::function<void(PSVModelItem*, int)> grow = [&](PSVModelItem* parent, int depth) {
         const int width = depth == 0 ? 24 : depth == 1 ? int(rng() % 10) : int(rng() % 3);
         for (int i = 0; i < width && depth < 4; ++i) {
@@ -111,30 +113,36 @@ TEST(ChildIndex, WideNodesFindTheFirstMatchingChildAsTheyChange)
 
 TEST(TreeMerger, MergesLikeMergingEachTreeIntoTheFirstInTurn)
 {
-    for (int threads : {1, 3}) {
-        for (int ranks : {1, 2, 7, 70}) {
-            std::unique_ptr<PSVModelItem> expected(rankTree(0));
-            for (int rank = 1; rank < ranks; ++rank) {
-                std::unique_ptr<PSVModelItem> tree(rankTree(rank));
-                expected->mergePSVModelItem(*tree, nullptr);
+    // The ranks of the trees: in order, so that counts join into ranges;
+    // backwards; and repeating, so that later trees overwrite and split
+    // the ranges of earlier ones.
+    const std::vector<std::function<int(int)>> rankOrders{
+        [](int i) { return i; }, [](int i) { return 100 - i; }, [](int i) { return (i * 7) % 5; }};
+    for (const std::function<int(int)>& rankOf : rankOrders) {
+        for (int threads : {1, 3}) {
+            for (int ranks : {1, 2, 7, 70}) {
+                std::unique_ptr<PSVModelItem> expected(rankTree(0, rankOf(0)));
+                for (int i = 1; i < ranks; ++i) {
+                    std::unique_ptr<PSVModelItem> tree(rankTree(i, rankOf(i)));
+                    expected->mergePSVModelItem(*tree, nullptr);
+                }
+                TreeMerger merger(threads);
+                for (int i = 0; i < ranks; ++i) {
+                    merger.add(rankTree(i, rankOf(i)));
+                    if (i == ranks / 2)
+                        merger.wait();
+                }
+                std::unique_ptr<PSVModelItem> merged(merger.take());
+                ASSERT_TRUE(merged);
+                // Strings this long are compared without gtest's diff of them.
+                EXPECT_TRUE(describe(*merged) == describe(*expected)) << threads << " threads, " << ranks << " ranks";
+                EXPECT_TRUE(marksAncestorsOfStops(*merged));
+                EXPECT_EQ(merged->firstChild()->processToThreadCountMap().rangeCount(),
+                          expected->firstChild()->processToThreadCountMap().rangeCount());
             }
-            TreeMerger merger(threads);
-            for (int rank = 0; rank < ranks; ++rank) {
-                merger.add(rankTree(rank));
-                if (rank == ranks / 2)
-                    merger.wait();
-            }
-            std::unique_ptr<PSVModelItem> merged(merger.take());
-            ASSERT_TRUE(merged);
-            // Strings this long are compared without gtest's diff of them.
-            EXPECT_TRUE(describe(*merged) == describe(*expected)) << threads << " threads, " << ranks << " ranks";
-            EXPECT_TRUE(marksAncestorsOfStops(*merged));
-            // Ranks in order stay one range per run of equal counts.
-            EXPECT_EQ(merged->firstChild()->processToThreadCountMap().rangeCount(),
-                      expected->firstChild()->processToThreadCountMap().rangeCount());
         }
     }
     TreeMerger merger;
     EXPECT_EQ(merger.take(), nullptr);
-    merger.add(rankTree(1)); // what isn't taken goes with the merger
+    merger.add(rankTree(1, 1)); // what isn't taken goes with the merger
 }
