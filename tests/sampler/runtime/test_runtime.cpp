@@ -535,7 +535,8 @@ TEST(SamplerControl, ArmedAndStoppedAsTheBackEndDoesIt)
         EXPECT_EQ(file.takenInTotal, n);
         if (mode == "stop-offset") {
             const timespec last = file.list->at(n - 1).getTimestamp();
-            EXPECT_LT((last.tv_sec - file.start.tv_sec) * 1000 + (last.tv_nsec - file.start.tv_nsec) / 1000000, 300);
+            EXPECT_LT((last.tv_sec - file.start.tv_sec) * 1000000000LL + (last.tv_nsec - file.start.tv_nsec),
+                      300000000LL);
         }
 
         unsigned withCpu = 0, whole = 0, pastBoundary = 0;
