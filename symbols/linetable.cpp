@@ -158,11 +158,86 @@ bool readEntries(Reader& in, int offsetSize, const LineTable::Sections& sections
 
 } // namespace
 
+namespace {
+
+// Rows between two checkpoints: an answer runs the program over at most this
+// many rows, and the checkpoints take a small fraction of the rows' memory.
+constexpr unsigned checkpointEvery = 32;
+
+} // namespace
+
+template <class Emit>
+bool LineTable::run(const unsigned char* at, State state, Emit emit) const
+{
+    Reader code(at, mProgramEnd);
+    auto reset = [&] { state = State{0, 1, 1}; };
+    while (!code.atEnd() && !code.bad()) {
+        const unsigned opcode = unsigned(code.fixed(1));
+        if (opcode >= mOpcodeBase) {
+            const unsigned adjusted = opcode - mOpcodeBase;
+            state.address += std::uint64_t(mMinimumLength) * (adjusted / mLineRange);
+            state.line += std::uint32_t(mLineBase + int(adjusted % mLineRange));
+            if (!emit(state, false, code.at()))
+                return true;
+            continue;
+        }
+        switch (opcode) {
+        case 0: {
+            const std::uint64_t size = code.uleb();
+            if (size == 0 || size > code.left())
+                return false;
+            const unsigned char* next = code.at() + size;
+            const unsigned sub = unsigned(code.fixed(1));
+            if (sub == DW_LNE_end_sequence) {
+                code.skip(std::uint64_t(next - code.at()));
+                if (!emit(state, true, code.at()))
+                    return true;
+                reset();
+                break;
+            }
+            if (sub == DW_LNE_set_address) {
+                if (size - 1 != std::uint64_t(mAddressSize) && size - 1 != 8 && size - 1 != 4)
+                    return false;
+                state.address = code.fixed(int(size - 1));
+            }
+            // Others (discriminators, files defined in the program) give
+            // no row and change nothing kept here.
+            code.skip(std::uint64_t(next - code.at()));
+            break;
+        }
+        case DW_LNS_copy:
+            if (!emit(state, false, code.at()))
+                return true;
+            break;
+        case DW_LNS_advance_pc: state.address += std::uint64_t(mMinimumLength) * code.uleb(); break;
+        case DW_LNS_advance_line: state.line += std::uint32_t(code.sleb()); break;
+        case DW_LNS_set_file: state.file = std::uint32_t(code.uleb()); break;
+        case DW_LNS_const_add_pc:
+            state.address += std::uint64_t(mMinimumLength) * ((255 - mOpcodeBase) / mLineRange);
+            break;
+        case DW_LNS_fixed_advance_pc: state.address += code.fixed(2); break;
+        case DW_LNS_negate_stmt:
+        case DW_LNS_set_basic_block:
+        case DW_LNS_set_prologue_end:
+        case DW_LNS_set_epilogue_begin: break;
+        default:
+            // DW_LNS_set_column, set_isa and any opcode newer than this
+            // reader: skipped by their operand counts.
+            for (unsigned i = 0; i < mOperandCounts[opcode]; ++i)
+                code.uleb();
+            break;
+        }
+    }
+    return !code.bad();
+}
+
 bool LineTable::decode(const Sections& sections, std::uint64_t offset)
 {
-    mRows.clear();
+    mCheckpoints.clear();
+    mSequences.clear();
     mDirectories.clear();
     mFiles.clear();
+    mProgram = mProgramEnd = nullptr;
     if (!sections.line || offset >= sections.lineSize)
         return false;
     Reader unit(sections.line + offset, sections.line + sections.lineSize);
@@ -178,40 +253,39 @@ bool LineTable::decode(const Sections& sections, std::uint64_t offset)
     const unsigned version = unsigned(in.fixed(2));
     if (version < 2 || version > 5)
         return false;
-    int addressSize = 8;
+    mAddressSize = 8;
     if (version >= 5) {
-        addressSize = int(in.fixed(1));
+        mAddressSize = int(in.fixed(1));
         in.fixed(1); // segment selector size
     }
     const std::uint64_t headerLength = in.fixed(offsetSize);
     if (in.bad() || headerLength > in.left())
         return false;
     const unsigned char* program = in.at() + headerLength;
-    const unsigned minimumLength = unsigned(in.fixed(1));
+    mMinimumLength = unsigned(in.fixed(1));
     const unsigned maximumOperations = version >= 4 ? unsigned(in.fixed(1)) : 1;
-    const bool defaultIsStmt = in.fixed(1) != 0;
-    (void)defaultIsStmt;
-    const int lineBase = int(std::int8_t(in.fixed(1)));
-    const unsigned lineRange = unsigned(in.fixed(1));
-    const unsigned opcodeBase = unsigned(in.fixed(1));
+    in.fixed(1); // default_is_stmt
+    mLineBase = int(std::int8_t(in.fixed(1)));
+    mLineRange = unsigned(in.fixed(1));
+    mOpcodeBase = unsigned(in.fixed(1));
     // Several operations per instruction (VLIW) aren't for this reader.
-    if (in.bad() || lineRange == 0 || opcodeBase == 0 || maximumOperations != 1)
+    if (in.bad() || mLineRange == 0 || mOpcodeBase == 0 || maximumOperations != 1)
         return false;
-    std::vector<unsigned> operandCounts(opcodeBase, 0);
-    for (unsigned i = 1; i < opcodeBase; ++i)
-        operandCounts[i] = unsigned(in.fixed(1));
+    mOperandCounts.assign(mOpcodeBase, 0);
+    for (unsigned i = 1; i < mOpcodeBase; ++i)
+        mOperandCounts[i] = static_cast<unsigned char>(in.fixed(1));
 
     if (version >= 5) {
-        if (!readEntries(in, offsetSize, sections, [&](const char* path, std::uint64_t) { mDirectories.emplace_back(path); })
+        if (!readEntries(in, offsetSize, sections, [&](const char* path, std::uint64_t) { mDirectories.push_back(path); })
             || !readEntries(in, offsetSize, sections,
                             [&](const char* path, std::uint64_t directory) { mFiles.push_back({path, directory}); }))
             return false;
     } else {
         // Directory 0 is the unit's own, file 0 none: both counted from 1.
-        mDirectories.emplace_back();
+        mDirectories.push_back("");
         for (const char* directory; *(directory = in.string());)
-            mDirectories.emplace_back(directory);
-        mFiles.push_back({std::string(), 0});
+            mDirectories.push_back(directory);
+        mFiles.push_back({"", 0});
         for (const char* name; !in.bad() && *(name = in.string());) {
             const std::uint64_t directory = in.uleb();
             in.uleb(); // modification time
@@ -219,117 +293,90 @@ bool LineTable::decode(const Sections& sections, std::uint64_t offset)
             mFiles.push_back({name, directory});
         }
     }
-    if (in.bad() || program > sections.line + sections.lineSize)
+    if (in.bad() || program > sections.line + sections.lineSize || program > unit.at() + length)
         return false;
 
-    Reader code(program, unit.at() + length);
-    // Most rows take one byte of the program (a special opcode), and a
-    // unit's program gives some 0.4 rows a byte.
-    mRows.reserve(code.left() / 2);
-    // Where each sequence starts in the rows, to put them in address order.
-    std::vector<std::size_t> sequences{0};
-    std::uint64_t address = 0;
-    std::int64_t line = 1;
-    std::uint64_t file = 1;
-    auto reset = [&] {
-        address = 0;
-        line = 1;
-        file = 1;
-    };
-    auto emit = [&](bool end) {
-        mRows.push_back({address, std::uint32_t(line), std::uint32_t(file & 0x7fffffff), end ? 1u : 0u});
-    };
-    while (!code.atEnd() && !code.bad()) {
-        const unsigned opcode = unsigned(code.fixed(1));
-        if (opcode >= opcodeBase) {
-            const unsigned adjusted = opcode - opcodeBase;
-            address += std::uint64_t(minimumLength) * (adjusted / lineRange);
-            line += lineBase + int(adjusted % lineRange);
-            emit(false);
-            continue;
+    mProgram = program;
+    mProgramEnd = unit.at() + length;
+    bool open = false, backwards = false;
+    unsigned sinceCheckpoint = 0;
+    std::uint64_t last = 0;
+    const bool read = run(mProgram, State{0, 1, 1}, [&](const State& state, bool end, const unsigned char* after) {
+        if (end) {
+            // A sequence without rows holds nothing.
+            if (open)
+                mSequences.back().end = state.address;
+            open = false;
+            return true;
         }
-        switch (opcode) {
-        case 0: {
-            const std::uint64_t size = code.uleb();
-            if (size == 0 || size > code.left())
-                return false;
-            const unsigned char* next = code.at() + size;
-            const unsigned sub = unsigned(code.fixed(1));
-            if (sub == DW_LNE_end_sequence) {
-                emit(true);
-                sequences.push_back(mRows.size());
-                reset();
-            } else if (sub == DW_LNE_set_address) {
-                if (size - 1 != std::uint64_t(addressSize) && size - 1 != 8 && size - 1 != 4)
-                    return false;
-                address = code.fixed(int(size - 1));
-            }
-            // Others (discriminators, files defined in the program) give
-            // no row and change nothing kept here.
-            code.skip(std::uint64_t(next - code.at()));
-            break;
+        if (!open) {
+            mSequences.push_back({state.address, state.address, 0, std::uint32_t(mCheckpoints.size()), 0});
+            open = true;
+            sinceCheckpoint = checkpointEvery;
+        } else if (state.address < last) {
+            backwards = true;
+            return false;
         }
-        case DW_LNS_copy: emit(false); break;
-        case DW_LNS_advance_pc: address += std::uint64_t(minimumLength) * code.uleb(); break;
-        case DW_LNS_advance_line: line += code.sleb(); break;
-        case DW_LNS_set_file: file = code.uleb(); break;
-        case DW_LNS_const_add_pc: address += std::uint64_t(minimumLength) * ((255 - opcodeBase) / lineRange); break;
-        case DW_LNS_fixed_advance_pc: address += code.fixed(2); break;
-        case DW_LNS_negate_stmt:
-        case DW_LNS_set_basic_block:
-        case DW_LNS_set_prologue_end:
-        case DW_LNS_set_epilogue_begin: break;
-        default:
-            // DW_LNS_set_column, set_isa and any opcode newer than this
-            // reader: skipped by their operand counts.
-            for (unsigned i = 0; i < operandCounts[opcode]; ++i)
-                code.uleb();
-            break;
+        last = state.address;
+        if (sinceCheckpoint++ >= checkpointEvery) {
+            mCheckpoints.push_back({state, std::uint32_t(after - mProgram)});
+            ++mSequences.back().checkpointCount;
+            sinceCheckpoint = 1;
         }
-    }
-    if (code.bad()) {
-        mRows.clear();
-        return false;
-    }
+        return true;
+    });
     // A sequence left open at the end has no end: dropped.
-    mRows.resize(sequences.back());
-    sequences.pop_back();
-
-    // Sequences in the order of their first addresses; within one the
-    // addresses only grow.
-    std::vector<std::size_t> order(sequences.size());
-    for (std::size_t i = 0; i < order.size(); ++i)
-        order[i] = i;
-    auto start = [&](std::size_t s) { return mRows[sequences[s]].address; };
-    if (!std::is_sorted(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return start(a) < start(b); })) {
-        std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return start(a) < start(b); });
-        std::vector<Row> sorted;
-        sorted.reserve(mRows.size());
-        for (std::size_t s : order) {
-            const std::size_t end = s + 1 < sequences.size() ? sequences[s + 1] : mRows.size();
-            sorted.insert(sorted.end(), mRows.begin() + std::ptrdiff_t(sequences[s]), mRows.begin() + std::ptrdiff_t(end));
-        }
-        mRows.swap(sorted);
+    if (open)
+        mSequences.pop_back();
+    if (!read || backwards || std::uint64_t(mProgramEnd - mProgram) > 0xffffffffu) {
+        mCheckpoints.clear();
+        mSequences.clear();
+        return false;
     }
-    // Overlapping sequences would defeat the search: by address then,
-    // the end of one before the start of the next at the same address.
-    auto before = [](const Row& a, const Row& b) {
-        return a.address != b.address ? a.address < b.address : a.endSequence > b.endSequence;
-    };
-    if (!std::is_sorted(mRows.begin(), mRows.end(), [](const Row& a, const Row& b) { return a.address < b.address; }))
-        std::stable_sort(mRows.begin(), mRows.end(), before);
+    std::stable_sort(mSequences.begin(), mSequences.end(),
+                     [](const Sequence& a, const Sequence& b) { return a.start < b.start; });
+    std::uint64_t reach = 0;
+    for (Sequence& sequence : mSequences) {
+        reach = std::max(reach, sequence.end);
+        sequence.reach = reach;
+    }
     return true;
 }
 
-const LineTable::Row* LineTable::find(std::uint64_t address) const
+bool LineTable::find(std::uint64_t address, Row* row) const
 {
-    // The last row at or below the address.
-    auto after = std::upper_bound(mRows.begin(), mRows.end(), address,
-                                  [](std::uint64_t a, const Row& row) { return a < row.address; });
-    if (after == mRows.begin())
-        return nullptr;
-    const Row& row = *(after - 1);
-    return row.endSequence ? nullptr : &row;
+    // Of the sequences that hold the address (discarded functions' ones may
+    // overlap real code), the one that starts last.
+    auto after = std::upper_bound(mSequences.begin(), mSequences.end(), address,
+                                  [](std::uint64_t a, const Sequence& s) { return a < s.start; });
+    const Sequence* sequence = nullptr;
+    while (after != mSequences.begin()) {
+        --after;
+        if (after->reach <= address)
+            break;
+        if (address < after->end) {
+            sequence = &*after;
+            break;
+        }
+    }
+    if (!sequence)
+        return false;
+    const auto first = mCheckpoints.begin() + std::ptrdiff_t(sequence->firstCheckpoint);
+    const auto checkpoint = std::upper_bound(first, first + std::ptrdiff_t(sequence->checkpointCount), address,
+                                             [](std::uint64_t a, const Checkpoint& c) { return a < c.state.address; })
+        - 1;
+    // The last row at or below the address; the sequence's end lies above it.
+    State found = checkpoint->state;
+    run(mProgram + checkpoint->offset, found, [&](const State& state, bool end, const unsigned char*) {
+        if (end || state.address > address)
+            return false;
+        found = state;
+        return true;
+    });
+    row->address = found.address;
+    row->line = found.line;
+    row->file = found.file;
+    return true;
 }
 
 std::string LineTable::fileName(std::uint32_t index) const
@@ -337,8 +384,7 @@ std::string LineTable::fileName(std::uint32_t index) const
     if (index >= mFiles.size())
         return std::string();
     const File& file = mFiles[index];
-    if (file.name.empty() || file.name[0] == '/' || file.directory >= mDirectories.size()
-        || mDirectories[file.directory].empty())
+    if (!*file.name || file.name[0] == '/' || file.directory >= mDirectories.size() || !*mDirectories[file.directory])
         return file.name;
-    return mDirectories[file.directory] + '/' + file.name;
+    return std::string(mDirectories[file.directory]) + '/' + file.name;
 }

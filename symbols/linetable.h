@@ -1,8 +1,10 @@
 // The line table of one compilation unit, decoded from its DWARF line
-// program (versions 2 to 5) into a compact array that a binary search
-// answers. libdw builds a node per row and sorts them all; this keeps rows of
-// 16 bytes in the order the program gives them, which is already by address
-// within each sequence, and is several times faster on large units.
+// program (versions 2 to 5). A unit's program is run once to note where each
+// sequence lies and, every few rows, the machine's state and place in the
+// program; an address is then answered by running the program on from the
+// nearest such checkpoint below it. Holding every row (or libdw's node per
+// row) cost megabytes of fresh memory for a large program, and faulting that
+// memory in cost more than decoding.
 #ifndef ZOR_LINETABLE_H
 #define ZOR_LINETABLE_H
 
@@ -16,15 +18,13 @@ class LineTable
 public:
     struct Row
     {
-        std::uint64_t address;
-        std::uint32_t line;
-        std::uint32_t file : 31;
-        // The first address past a sequence; no position of its own.
-        std::uint32_t endSequence : 1;
+        std::uint64_t address = 0;
+        std::uint32_t line = 0;
+        std::uint32_t file = 0;
     };
 
     // The sections a line program refers to; `lineStrings` and `strings`
-    // may be empty.
+    // may be empty. They must outlive the table.
     struct Sections
     {
         const unsigned char* line = nullptr;
@@ -37,27 +37,63 @@ public:
 
     // Decodes the program at `offset` of the line section. False for a
     // program it can't read (a form or layout it doesn't know, a truncated
-    // one); the table is then empty.
+    // one, addresses that go back within a sequence); the table is then
+    // empty.
     bool decode(const Sections& sections, std::uint64_t offset);
 
     // The row whose position holds `address`: the last one at or below it
-    // within a sequence; null outside every sequence.
-    const Row* find(std::uint64_t address) const;
+    // within the sequence that holds it; false outside every sequence.
+    bool find(std::uint64_t address, Row* row) const;
 
     // The name of file `index` as the table gives it, joined to its
     // directory; empty for an index the table lacks.
     std::string fileName(std::uint32_t index) const;
     std::size_t fileCount() const { return mFiles.size(); }
-    const std::vector<Row>& rows() const { return mRows; }
 
 private:
+    struct State
+    {
+        std::uint64_t address;
+        std::uint32_t line;
+        std::uint32_t file;
+    };
+    struct Checkpoint
+    {
+        State state;
+        // Where the program goes on after the row of `state`.
+        std::uint32_t offset;
+    };
+    struct Sequence
+    {
+        std::uint64_t start, end;
+        // The greatest end of this sequence and those that start before it:
+        // where a search for an overlapping one may stop.
+        std::uint64_t reach;
+        std::uint32_t firstCheckpoint, checkpointCount;
+    };
+    // Runs the program from `at` with `state`, giving `emit` each row (and
+    // the end of each sequence) until it returns false or the program ends.
+    // False for a program that can't be read.
+    template <class Emit>
+    bool run(const unsigned char* at, State state, Emit emit) const;
+
+    const unsigned char* mProgram = nullptr;
+    const unsigned char* mProgramEnd = nullptr;
+    unsigned mMinimumLength = 1;
+    int mLineBase = 0;
+    unsigned mLineRange = 1;
+    unsigned mOpcodeBase = 1;
+    int mAddressSize = 8;
+    std::vector<unsigned char> mOperandCounts;
+    std::vector<Checkpoint> mCheckpoints;
+    std::vector<Sequence> mSequences;
+    // Names in place in the sections.
     struct File
     {
-        std::string name;
+        const char* name;
         std::uint64_t directory;
     };
-    std::vector<Row> mRows;
-    std::vector<std::string> mDirectories;
+    std::vector<const char*> mDirectories;
     std::vector<File> mFiles;
 };
 

@@ -563,9 +563,10 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     if (Dwarf_Die* cu = dwfl_module_addrdie(module, address, &bias)) {
         UnitIndex& index = unitIndex(cu, dwfl_module_getdwarf(module, &bias));
         if (index.ownLines) {
-            if (const LineTable::Row* row = index.lines.find(address - bias)) {
-                result.line = int(row->line);
-                result.file = unitFile(index, row->file);
+            LineTable::Row row;
+            if (index.lines.find(address - bias, &row)) {
+                result.line = int(row.line);
+                result.file = unitFile(index, row.file);
             }
         } else if (Dwfl_Line* line = dwfl_module_getsrc(module, address)) {
             int lineNumber = 0;
