@@ -6,7 +6,10 @@
 // script under the sampler. Prints addresses per second for both.
 //
 // Both sides get the same addresses; how far their answers agree is printed
-// too, so that the speeds compare like with like.
+// too, so that the speeds compare like with like. Both start from nothing but
+// the page cache: each fresh table is built in a process of its own, as each
+// addr2line is, so that neither memory nor code pages warmed by an earlier
+// pass make it look faster.
 //
 //   bench-position-decode [BINARY [SECONDS]]
 #include <QByteArray>
@@ -123,10 +126,44 @@ std::vector<Decoded> parseAddr2line(const QByteArray& output, size_t count)
     return result;
 }
 
+// One fresh table in this fresh process: the layout and the addresses from
+// files, then the time of building the table, decoding every address with its
+// inlined callers and dropping the table, on the clock and on the processor.
+int freshPass(const char* mapsPath, const char* addressesPath)
+{
+    QFile mapsFile(QFile::decodeName(mapsPath));
+    QFile addressFile(QFile::decodeName(addressesPath));
+    if (!mapsFile.open(QIODevice::ReadOnly) || !addressFile.open(QIODevice::ReadOnly))
+        return 1;
+    const QList<SharedLibrary> libraries = SymbolTable::parseMaps(mapsFile.readAll());
+    std::vector<unsigned long long> addresses;
+    for (const QByteArray& line : addressFile.readAll().split('\n')) {
+        if (!line.isEmpty())
+            addresses.push_back(line.toULongLong(nullptr, 16));
+    }
+    QElapsedTimer clock;
+    clock.start();
+    const double cpuBefore = processCpuSeconds();
+    size_t frames = 0;
+    {
+        SymbolTable table;
+        table.setLibraries(libraries);
+        for (unsigned long long address : addresses) {
+            QList<SymbolPosition> callers;
+            frames += table.position(address, &callers).line > 0 ? 1 + size_t(callers.size()) : 0;
+        }
+    }
+    const double cpu = processCpuSeconds() - cpuBefore;
+    printf("%.6f %.6f %zu\n", clock.nsecsElapsed() / 1e9, cpu, frames);
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    if (argc == 4 && qstrcmp(argv[1], "--fresh-pass") == 0)
+        return freshPass(argv[2], argv[3]);
     const QString binary = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("/usr/bin/python3.11d");
     const QString seconds = argc > 2 ? QString::fromLocal8Bit(argv[2]) : QStringLiteral("3");
     if (!QFileInfo(binary).isExecutable()) {
@@ -203,35 +240,42 @@ int main(int argc, char** argv)
     }
 
     // Each side from nothing but the page cache, best of a few: a fresh
-    // table, a fresh addr2line process. The first table also reads the
-    // files from disk where they weren't cached, so it isn't counted alone.
+    // process for each table, a fresh addr2line process. The first of each
+    // also reads the files from disk where they weren't cached.
     const int fresh = 5;
+    QFile addressFile(dir.filePath(QStringLiteral("addresses")));
+    if (!addressFile.open(QIODevice::WriteOnly))
+        return 1;
+    for (unsigned long long address : addresses)
+        addressFile.write(QByteArray::number(address, 16) + '\n');
+    addressFile.close();
     QElapsedTimer clock;
     double cold = 1e9, coldCpu = 1e9;
-    std::vector<Decoded> ours;
-    size_t frames = 0;
     for (int i = 0; i < fresh; ++i) {
-        std::vector<Decoded> decoded;
-        decoded.reserve(addresses.size());
-        clock.start();
-        const double cpuBefore = processCpuSeconds();
-        SymbolTable table;
-        table.setLibraries(libraries);
-        frames = 0;
-        for (unsigned long long address : addresses) {
-            QList<SymbolPosition> callers;
-            const SymbolPosition where = table.position(address, &callers);
-            frames += 1 + size_t(callers.size());
-            decoded.push_back({where.function, where.file, where.line, callers.size()});
+        QProcess pass;
+        pass.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        pass.start(QStringLiteral("/proc/self/exe"), {QStringLiteral("--fresh-pass"), maps, addressFile.fileName()});
+        const QList<QByteArray> figures =
+            pass.waitForFinished(600000) ? pass.readAllStandardOutput().trimmed().split(' ') : QList<QByteArray>();
+        if (pass.exitCode() != 0 || figures.size() != 3) {
+            fprintf(stderr, "bench-position-decode: a fresh pass failed\n");
+            return 1;
         }
-        cold = std::min(cold, clock.nsecsElapsed() / 1e9);
-        coldCpu = std::min(coldCpu, processCpuSeconds() - cpuBefore);
-        ours.swap(decoded);
+        cold = std::min(cold, figures[0].toDouble());
+        coldCpu = std::min(coldCpu, figures[1].toDouble());
     }
+    // The answers, for the agreement below, from a table of this process.
+    std::vector<Decoded> ours;
+    ours.reserve(addresses.size());
+    size_t frames = 0;
     SymbolTable table;
     table.setLibraries(libraries);
-    for (unsigned long long address : addresses)
-        table.position(address);
+    for (unsigned long long address : addresses) {
+        QList<SymbolPosition> callers;
+        const SymbolPosition where = table.position(address, &callers);
+        frames += 1 + size_t(callers.size());
+        ours.push_back({where.function, where.file, where.line, int(callers.size())});
+    }
     const int repeats = 20;
     clock.restart();
     for (int r = 0; r < repeats; ++r) {
@@ -267,6 +311,19 @@ int main(int argc, char** argv)
         external = std::min(external, clock.nsecsElapsed() / 1e9);
         externalCpu = std::min(externalCpu, childrenCpuSeconds() - childrenBefore);
     }
+    // What of addr2line's time is its start, which a fresh table in a
+    // running process doesn't pay: the same with no address.
+    double started = 1e9;
+    for (int i = 0; i < fresh; ++i) {
+        QProcess addr2line;
+        clock.restart();
+        addr2line.start(QStringLiteral("addr2line"),
+                        {QStringLiteral("-a"), QStringLiteral("-i"), QStringLiteral("-f"), QStringLiteral("-e"), binary});
+        addr2line.waitForStarted();
+        addr2line.closeWriteChannel();
+        addr2line.waitForFinished();
+        started = std::min(started, clock.nsecsElapsed() / 1e9);
+    }
 
     // Agreement on the innermost function, file and line, and on the number
     // of inlined callers.
@@ -293,10 +350,11 @@ int main(int argc, char** argv)
     const double n = double(addresses.size());
     printf("%zu distinct addresses of %s from %u samples (%zu frames with inlined callers)\n", addresses.size(),
            qPrintable(binary), unsigned(list->size()), frames);
-    printf("symbols, fresh table (reads the files): %10.0f addresses/s (%.4f s, best of %d)\n", n / cold, cold, fresh);
+    printf("symbols, fresh process and table:       %10.0f addresses/s (%.4f s, best of %d)\n", n / cold, cold, fresh);
     printf("symbols, files read:                    %10.0f addresses/s (%.4f s a pass)\n", n / warm, warm);
     printf("addr2line -a -i -f, one process:        %10.0f addresses/s (%.4f s, best of %d)\n", n / external, external,
            fresh);
+    printf("addr2line with no address (its start):  %.4f s\n", started);
     printf("symbols / addr2line: %.1fx fresh, %.1fx files read\n", external / cold, external / warm);
     // On a busy machine the processor time of each side says more than the
     // time on the clock.
