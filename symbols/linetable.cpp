@@ -1,94 +1,11 @@
 #include "linetable.h"
+#include "dwarfreader.h"
 
 #include <algorithm>
 #include <cstring>
 #include <dwarf.h>
 
 namespace {
-
-// A bounded little-endian reader: any read past the end marks it bad and
-// gives 0.
-class Reader
-{
-public:
-    Reader(const unsigned char* begin, const unsigned char* end) : mAt(begin), mEnd(end) {}
-
-    bool bad() const { return mBad; }
-    bool atEnd() const { return mAt >= mEnd; }
-    const unsigned char* at() const { return mAt; }
-    std::size_t left() const { return mBad ? 0 : std::size_t(mEnd - mAt); }
-
-    std::uint64_t fixed(int size)
-    {
-        if (left() < std::size_t(size)) {
-            mBad = true;
-            return 0;
-        }
-        std::uint64_t value = 0;
-        for (int i = 0; i < size; ++i)
-            value |= std::uint64_t(mAt[i]) << (8 * i);
-        mAt += size;
-        return value;
-    }
-    std::uint64_t uleb()
-    {
-        std::uint64_t value = 0;
-        for (int shift = 0;; shift += 7) {
-            if (mAt >= mEnd) {
-                mBad = true;
-                return 0;
-            }
-            const unsigned char byte = *mAt++;
-            if (shift < 64)
-                value |= std::uint64_t(byte & 0x7f) << shift;
-            if (!(byte & 0x80))
-                return value;
-        }
-    }
-    std::int64_t sleb()
-    {
-        std::uint64_t value = 0;
-        int shift = 0;
-        unsigned char byte = 0;
-        do {
-            if (mAt >= mEnd) {
-                mBad = true;
-                return 0;
-            }
-            byte = *mAt++;
-            if (shift < 64)
-                value |= std::uint64_t(byte & 0x7f) << shift;
-            shift += 7;
-        } while (byte & 0x80);
-        if (shift < 64 && (byte & 0x40))
-            value |= ~std::uint64_t(0) << shift;
-        return std::int64_t(value);
-    }
-    // A NUL-terminated string in place.
-    const char* string()
-    {
-        const void* nul = mBad ? nullptr : std::memchr(mAt, 0, std::size_t(mEnd - mAt));
-        if (!nul) {
-            mBad = true;
-            return "";
-        }
-        const char* text = reinterpret_cast<const char*>(mAt);
-        mAt = static_cast<const unsigned char*>(nul) + 1;
-        return text;
-    }
-    void skip(std::uint64_t size)
-    {
-        if (left() < size)
-            mBad = true;
-        else
-            mAt += size;
-    }
-
-private:
-    const unsigned char* mAt;
-    const unsigned char* mEnd;
-    bool mBad = false;
-};
 
 const char* stringAt(const unsigned char* section, std::size_t size, std::uint64_t offset)
 {
@@ -99,7 +16,7 @@ const char* stringAt(const unsigned char* section, std::size_t size, std::uint64
 
 // One field of a version 5 entry: its text for the string forms, its number
 // for the others. False for a form a line table has no business with.
-bool readField(Reader& in, std::uint64_t form, int offsetSize, const LineTable::Sections& sections, const char** text,
+bool readField(DwarfReader& in, std::uint64_t form, int offsetSize, const LineTable::Sections& sections, const char** text,
                std::uint64_t* number)
 {
     *text = nullptr;
@@ -126,7 +43,7 @@ bool readField(Reader& in, std::uint64_t form, int offsetSize, const LineTable::
 // A version 5 table of directories or files: its entry format, then its
 // entries, each given to `add` with its path and directory index.
 template <class Add>
-bool readEntries(Reader& in, int offsetSize, const LineTable::Sections& sections, Add add)
+bool readEntries(DwarfReader& in, int offsetSize, const LineTable::Sections& sections, Add add)
 {
     const unsigned formatCount = unsigned(in.fixed(1));
     std::vector<std::pair<std::uint64_t, std::uint64_t>> format;
@@ -169,7 +86,7 @@ constexpr unsigned checkpointEvery = 32;
 template <class Emit>
 bool LineTable::run(const unsigned char* at, State state, Emit emit) const
 {
-    Reader code(at, mProgramEnd);
+    DwarfReader code(at, mProgramEnd);
     auto reset = [&] { state = State{0, 1, 1}; };
     while (!code.atEnd() && !code.bad()) {
         const unsigned opcode = unsigned(code.fixed(1));
@@ -240,7 +157,7 @@ bool LineTable::decode(const Sections& sections, std::uint64_t offset)
     mProgram = mProgramEnd = nullptr;
     if (!sections.line || offset >= sections.lineSize)
         return false;
-    Reader unit(sections.line + offset, sections.line + sections.lineSize);
+    DwarfReader unit(sections.line + offset, sections.line + sections.lineSize);
     std::uint64_t length = unit.fixed(4);
     int offsetSize = 4;
     if (length == 0xffffffff) {
@@ -249,7 +166,7 @@ bool LineTable::decode(const Sections& sections, std::uint64_t offset)
     }
     if (unit.bad() || length > unit.left())
         return false;
-    Reader in(unit.at(), unit.at() + length);
+    DwarfReader in(unit.at(), unit.at() + length);
     const unsigned version = unsigned(in.fixed(2));
     if (version < 2 || version > 5)
         return false;

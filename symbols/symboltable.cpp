@@ -324,20 +324,23 @@ void addTopLevel(Index& index, std::vector<Range>& ranges)
 
 } // namespace
 
-const LineTable::Sections* SymbolTable::lineSections(Dwarf* dwarf)
+const SymbolTable::DwarfSections& SymbolTable::sections(Dwarf* dwarf)
 {
-    auto it = mLineSections.find(dwarf);
-    if (it != mLineSections.end())
-        return it->second.line ? &it->second : nullptr;
-    LineTable::Sections& sections = mLineSections[dwarf];
+    auto it = mSections.find(dwarf);
+    if (it != mSections.end())
+        return it->second;
+    DwarfSections& sections = mSections[dwarf];
     Elf* elf = dwarf_getelf(dwarf);
     size_t names = 0;
     if (elf && elf_getshdrstrndx(elf, &names) == 0) {
-        sections.line = sectionData(elf, names, ".debug_line", &sections.lineSize);
-        sections.lineStrings = sectionData(elf, names, ".debug_line_str", &sections.lineStringsSize);
-        sections.strings = sectionData(elf, names, ".debug_str", &sections.stringsSize);
+        LineTable::Sections& line = sections.line;
+        line.line = sectionData(elf, names, ".debug_line", &line.lineSize);
+        line.lineStrings = sectionData(elf, names, ".debug_line_str", &line.lineStringsSize);
+        line.strings = sectionData(elf, names, ".debug_str", &line.stringsSize);
+        sections.unit.info = sectionData(elf, names, ".debug_info", &sections.unit.infoSize);
+        sections.unit.abbrev = sectionData(elf, names, ".debug_abbrev", &sections.unit.abbrevSize);
     }
-    return sections.line ? &sections : nullptr;
+    return sections;
 }
 
 QString SymbolTable::unitFile(UnitIndex& index, unsigned long long file)
@@ -373,12 +376,29 @@ SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit, Dwarf* dwarf)
     slot->dwarf = dwarf;
     Dwarf_Attribute attribute;
     Dwarf_Word offset = 0;
-    const LineTable::Sections* sections = lineSections(dwarf);
-    slot->ownLines = sections && dwarf_attr(cu, DW_AT_stmt_list, &attribute)
-        && dwarf_formudata(&attribute, &offset) == 0 && slot->lines.decode(*sections, offset);
+    const DwarfSections& own = sections(dwarf);
+    slot->ownLines = own.line.line && dwarf_attr(cu, DW_AT_stmt_list, &attribute)
+        && dwarf_formudata(&attribute, &offset) == 0 && slot->lines.decode(own.line, offset);
     slot->files.resize(slot->ownLines ? slot->lines.fileCount() : 0);
     std::vector<Range> ranges;
-    indexTopLevel(cu, slot.get(), &ranges);
+    std::vector<UnitFunction> found;
+    if (unitFunctions(own.unit, dwarf_dieoffset(cu) - dwarf_cuoffset(cu), &found)) {
+        for (const UnitFunction& function : found) {
+            UnitIndex::Function entry;
+            const int here = int(slot->functions.size());
+            if (!dwarf_offdie(dwarf, function.offset, &entry.die))
+                continue;
+            if (function.elsewhere) {
+                if (!addRanges(&entry.die, 0, here, &ranges))
+                    continue;
+            } else {
+                ranges.push_back({function.low, function.high, 0, here});
+            }
+            slot->functions.push_back(entry);
+        }
+    } else {
+        indexTopLevel(cu, slot.get(), &ranges);
+    }
     addTopLevel(*slot, ranges);
     return *slot;
 }
@@ -530,7 +550,7 @@ void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringLis
     mLibraries = libraries;
     mUnits.clear();
     mFileNames.clear();
-    mLineSections.clear();
+    mSections.clear();
     mCodeSymbols.clear();
     // A session of its own each time: modules reported again in another
     // order clash with their earlier selves ("address range overlaps an

@@ -11,6 +11,7 @@
 
 #include "debuggertypes.h"
 #include "linetable.h"
+#include "unitwalk.h"
 
 #include <memory>
 #include <unordered_map>
@@ -76,8 +77,14 @@ private:
     struct UnitIndex;
     // `cu` is the unit's Dwarf_Die.
     UnitIndex& unitIndex(void* cu, Dwarf* dwarf);
-    // The sections that line programs of `dwarf` read; null without them.
-    const LineTable::Sections* lineSections(Dwarf* dwarf);
+    // The sections of `dwarf` read here rather than through libdw; null
+    // where one is missing or compressed.
+    struct DwarfSections
+    {
+        LineTable::Sections line;
+        UnitSections unit;
+    };
+    const DwarfSections& sections(Dwarf* dwarf);
     struct CodeSymbol
     {
         unsigned long long start;
@@ -98,7 +105,7 @@ private:
     // The functions of each compilation unit by address, built as addresses
     // fall into them: a lookup is then a binary search, not a walk.
     std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;
-    std::unordered_map<const Dwarf*, LineTable::Sections> mLineSections;
+    std::unordered_map<const Dwarf*, DwarfSections> mSections;
     std::unordered_map<const Dwfl_Module*, std::vector<CodeSymbol>> mCodeSymbols;
     // Each file name of a unit made absolute once, where libdw reads its lines.
     std::unordered_map<const char*, QString> mFileNames;
