@@ -88,16 +88,38 @@ bool LineTable::run(const unsigned char* at, State state, Emit emit) const
 {
     DwarfReader code(at, mProgramEnd);
     auto reset = [&] { state = State{0, 1, 1}; };
-    while (!code.atEnd() && !code.bad()) {
-        const unsigned opcode = unsigned(code.fixed(1));
-        if (opcode >= mOpcodeBase) {
-            const unsigned adjusted = opcode - mOpcodeBase;
-            state.address += std::uint64_t(mMinimumLength) * (adjusted / mLineRange);
-            state.line += std::uint32_t(mLineBase + int(adjusted % mLineRange));
-            if (!emit(state, false, code.at()))
-                return true;
-            continue;
+    for (;;) {
+        // Most of a program: special opcodes, by table, and the columns and
+        // statement flags around them, which change nothing kept here;
+        // without the reader's checks.
+        const unsigned char* next = code.at();
+        while (next < mProgramEnd) {
+            const unsigned opcode = *next;
+            if (opcode >= mOpcodeBase) {
+                const Special& special = mSpecials[opcode];
+                ++next;
+                state.address += special.address;
+                state.line += std::uint32_t(special.line);
+                if (!emit(state, false, next))
+                    return true;
+            } else if (opcode == DW_LNS_negate_stmt) {
+                ++next;
+            } else if (opcode == DW_LNS_set_column) {
+                const unsigned char* operand = next + 1;
+                while (operand < mProgramEnd && (*operand & 0x80))
+                    ++operand;
+                // A truncated operand is the reader's to find.
+                if (operand >= mProgramEnd)
+                    break;
+                next = operand + 1;
+            } else {
+                break;
+            }
         }
+        code = DwarfReader(next, mProgramEnd);
+        if (code.atEnd())
+            return true;
+        const unsigned opcode = unsigned(code.fixed(1));
         switch (opcode) {
         case 0: {
             const std::uint64_t size = code.uleb();
@@ -144,8 +166,9 @@ bool LineTable::run(const unsigned char* at, State state, Emit emit) const
                 code.uleb();
             break;
         }
+        if (code.bad())
+            return false;
     }
-    return !code.bad();
 }
 
 bool LineTable::decode(const Sections& sections, std::uint64_t offset)
@@ -188,6 +211,11 @@ bool LineTable::decode(const Sections& sections, std::uint64_t offset)
     // Several operations per instruction (VLIW) aren't for this reader.
     if (in.bad() || mLineRange == 0 || mOpcodeBase == 0 || maximumOperations != 1)
         return false;
+    mSpecials.assign(256, Special{0, 0});
+    for (unsigned opcode = mOpcodeBase; opcode < 256; ++opcode) {
+        const unsigned adjusted = opcode - mOpcodeBase;
+        mSpecials[opcode] = {mMinimumLength * (adjusted / mLineRange), mLineBase + int(adjusted % mLineRange)};
+    }
     mOperandCounts.assign(mOpcodeBase, 0);
     for (unsigned i = 1; i < mOpcodeBase; ++i)
         mOperandCounts[i] = static_cast<unsigned char>(in.fixed(1));

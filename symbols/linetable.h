@@ -85,6 +85,13 @@ private:
     unsigned mOpcodeBase = 1;
     int mAddressSize = 8;
     std::vector<unsigned char> mOperandCounts;
+    // What each special opcode adds to the address and the line.
+    struct Special
+    {
+        std::uint32_t address;
+        std::int32_t line;
+    };
+    std::vector<Special> mSpecials;
     std::vector<Checkpoint> mCheckpoints;
     std::vector<Sequence> mSequences;
     // Names in place in the sections.

@@ -119,7 +119,11 @@ struct SymbolTable::UnitIndex
 {
     struct Function
     {
+        // Made from `offset` when first needed where the unit's walk found
+        // the function: most are never looked at again.
         Dwarf_Die die;
+        Dwarf_Off offset = 0;
+        bool hasDie = true;
         // The function-like scope around this one; -1 at the top.
         int parent = -1;
         bool inlined = false;
@@ -253,14 +257,14 @@ void indexInlined(Dwarf_Die* scope, int enclosing, int depth, Index* index, std:
 // Functions with code anywhere in the unit that the top level doesn't hold,
 // as a lambda's body or a method of a local class inside a function.
 template <class Index>
-void indexNested(Dwarf_Die* scope, const std::unordered_set<const void*>& known, Index* index,
+void indexNested(Dwarf_Die* scope, const std::unordered_set<Dwarf_Off>& known, Index* index,
                  std::vector<Range>* ranges)
 {
     Dwarf_Die child;
     if (dwarf_child(scope, &child) != 0)
         return;
     do {
-        if (dwarf_tag(&child) == DW_TAG_subprogram && !known.count(child.addr)) {
+        if (dwarf_tag(&child) == DW_TAG_subprogram && !known.count(dwarf_dieoffset(&child))) {
             const int here = int(index->functions.size());
             if (addRanges(&child, 0, here, ranges)) {
                 typename Index::Function function;
@@ -270,6 +274,19 @@ void indexNested(Dwarf_Die* scope, const std::unordered_set<const void*>& known,
         }
         indexNested(&child, known, index, ranges);
     } while (dwarf_siblingof(&child, &child) == 0);
+}
+
+// The DIE of a function of the unit, made from its offset on first use.
+template <class Index>
+Dwarf_Die* functionDie(Index& index, int function)
+{
+    auto& entry = index.functions[std::size_t(function)];
+    if (!entry.hasDie) {
+        entry.hasDie = true;
+        if (!dwarf_offdie(index.dwarf, entry.offset, &entry.die))
+            entry.die = Dwarf_Die();
+    }
+    return &entry.die;
 }
 
 // Nested ranges flattened into disjoint segments, each with its innermost
@@ -383,15 +400,16 @@ SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit, Dwarf* dwarf)
     std::vector<Range> ranges;
     std::vector<UnitFunction> found;
     if (unitFunctions(own.unit, dwarf_dieoffset(cu) - dwarf_cuoffset(cu), &found)) {
+        slot->functions.reserve(found.size());
         for (const UnitFunction& function : found) {
             UnitIndex::Function entry;
             const int here = int(slot->functions.size());
-            if (!dwarf_offdie(dwarf, function.offset, &entry.die))
-                continue;
             if (function.elsewhere) {
-                if (!addRanges(&entry.die, 0, here, &ranges))
+                if (!dwarf_offdie(dwarf, function.offset, &entry.die) || !addRanges(&entry.die, 0, here, &ranges))
                     continue;
             } else {
+                entry.offset = function.offset;
+                entry.hasDie = false;
                 ranges.push_back({function.low, function.high, 0, here});
             }
             slot->functions.push_back(entry);
@@ -412,10 +430,10 @@ int SymbolTable::functionAt(UnitIndex& index, unsigned long long pc)
         // Not at the top: a function defined inside another, found by a
         // walk of the whole unit, once.
         index.complete = true;
-        std::unordered_set<const void*> known;
-        for (const UnitIndex::Function& function : index.functions) {
+        std::unordered_set<Dwarf_Off> known;
+        for (UnitIndex::Function& function : index.functions) {
             if (!function.inlined)
-                known.insert(function.die.addr);
+                known.insert(function.hasDie ? dwarf_dieoffset(&function.die) : function.offset);
         }
         std::vector<Range> ranges;
         indexNested(&index.cu, known, &index, &ranges);
@@ -435,7 +453,7 @@ int SymbolTable::functionAt(UnitIndex& index, unsigned long long pc)
             if (other.function == function)
                 ranges.push_back({other.low, other.high, 0, function});
         }
-        indexInlined(&index.functions[function].die, function, 1, &index, &ranges);
+        indexInlined(functionDie(index, function), function, 1, &index, &ranges);
         // Apart from the segments of other functions, but its ranges may lie
         // on both sides of theirs.
         const size_t before = index.segments.size();
@@ -459,7 +477,7 @@ void SymbolTable::resolve(UnitIndex& index, int function)
     for (int f = function; f >= 0 && !index.functions[f].resolved; f = index.functions[f].parent) {
         UnitIndex::Function& entry = index.functions[f];
         entry.resolved = true;
-        entry.name = functionName(&entry.die);
+        entry.name = functionName(functionDie(index, f));
         Dwarf_Word file = 0;
         if (entry.inlined && callSite(&entry.die, &entry.callLine, &file))
             entry.callFile = unitFile(index, file);
@@ -636,6 +654,10 @@ const SymbolTable::CodeSymbol* SymbolTable::symbolAt(Dwfl_Module* module, unsign
     if (found == mCodeSymbols.end()) {
         std::vector<CodeSymbol>& symbols = mCodeSymbols[module];
         const int count = dwfl_module_getsymtab(module);
+        symbols.reserve(size_t(std::max(count, 0)));
+        // Whether each section of the file holds code, looked up once.
+        Elf* sectionsOf = nullptr;
+        std::vector<signed char> code;
         for (int i = 1; i < count; ++i) {
             GElf_Sym symbol;
             GElf_Addr value = 0;
@@ -643,12 +665,21 @@ const SymbolTable::CodeSymbol* SymbolTable::symbolAt(Dwfl_Module* module, unsign
             Elf* elf = nullptr;
             const char* name = dwfl_module_getsym_info(module, i, &symbol, &value, &section, &elf, nullptr);
             const int type = GELF_ST_TYPE(symbol.st_info);
-            if (!name || !*name || section == SHN_UNDEF || section >= SHN_LORESERVE || value == 0
+            if (!name || !*name || !elf || section == SHN_UNDEF || section >= SHN_LORESERVE || value == 0
                 || (type != STT_FUNC && type != STT_GNU_IFUNC && type != STT_NOTYPE))
                 continue;
-            GElf_Shdr header;
-            Elf_Scn* scn = elf ? elf_getscn(elf, section) : nullptr;
-            if (!scn || !gelf_getshdr(scn, &header) || !(header.sh_flags & SHF_EXECINSTR))
+            if (elf != sectionsOf) {
+                sectionsOf = elf;
+                code.clear();
+            }
+            if (section >= code.size())
+                code.resize(section + 1, -1);
+            if (code[section] < 0) {
+                GElf_Shdr header;
+                Elf_Scn* scn = elf_getscn(elf, section);
+                code[section] = scn && gelf_getshdr(scn, &header) && (header.sh_flags & SHF_EXECINSTR) ? 1 : 0;
+            }
+            if (!code[section])
                 continue;
             const int binding = GELF_ST_BIND(symbol.st_info);
             // Of several names for one address, a global one with a size.

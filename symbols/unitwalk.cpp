@@ -346,7 +346,11 @@ bool unitFunctions(const UnitSections& sections, std::uint64_t unitOffset, std::
     functions->clear();
     if (!sections.info || !sections.abbrev || unitOffset >= sections.infoSize)
         return false;
-    Unit unit;
+    // The abbreviations' tables kept from unit to unit: fresh ones for
+    // each cost more in faulted-in memory than reading them.
+    static thread_local Unit unit;
+    unit.abbreviations.clear();
+    unit.attributes.clear();
     unit.section = sections.info;
     unit.begin = sections.info + unitOffset;
     DwarfReader header(unit.begin, sections.info + sections.infoSize);
