@@ -32,7 +32,6 @@ struct Outcome
 {
     int status = -1;
     bool timedOut = false;
-    qint64 ms = 0;
     QString out;
     QString err;
     // Processes still running after zor ended, and files it left in TMPDIR
@@ -98,8 +97,6 @@ Outcome zor(const QStringList& args, const QProcessEnvironment& env, int timeout
 {
     QProcess process;
     process.setProcessEnvironment(env);
-    QElapsedTimer clock;
-    clock.start();
     process.start(QStringLiteral(ZOR_PROGRAM), args);
     Outcome run;
     if (!process.waitForFinished(timeoutMs)) {
@@ -112,7 +109,6 @@ Outcome zor(const QStringList& args, const QProcessEnvironment& env, int timeout
             process.waitForFinished();
         }
     }
-    run.ms = clock.elapsed();
     run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     run.out = QString::fromLocal8Bit(process.readAllStandardOutput());
     run.err = QString::fromLocal8Bit(process.readAllStandardError());
