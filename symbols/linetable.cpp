@@ -249,13 +249,15 @@ bool LineTable::decode(const Sections& sections, std::uint64_t offset)
     const bool read = run(mProgram, State{0, 1, 1}, [&](const State& state, bool end, const unsigned char* after) {
         if (end) {
             // A sequence without rows holds nothing.
-            if (open)
+            if (open) {
                 mSequences.back().end = state.address;
+                mSequences.back().rowAtEnd = last == state.address;
+            }
             open = false;
             return true;
         }
         if (!open) {
-            mSequences.push_back({state.address, state.address, 0, std::uint32_t(mCheckpoints.size()), 0});
+            mSequences.push_back({state.address, state.address, 0, std::uint32_t(mCheckpoints.size()), 0, false});
             open = true;
             sinceCheckpoint = checkpointEvery;
         } else if (state.address < last) {
@@ -297,9 +299,9 @@ bool LineTable::find(std::uint64_t address, Row* row) const
     const Sequence* sequence = nullptr;
     while (after != mSequences.begin()) {
         --after;
-        if (after->reach <= address)
+        if (after->reach < address)
             break;
-        if (address < after->end) {
+        if (address < after->end || (address == after->end && after->rowAtEnd)) {
             sequence = &*after;
             break;
         }

@@ -70,6 +70,9 @@ private:
         // where a search for an overlapping one may stop.
         std::uint64_t reach;
         std::uint32_t firstCheckpoint, checkpointCount;
+        // Its last row lies at its end, a position without code that an
+        // address just past the sequence's last instruction still gets.
+        bool rowAtEnd;
     };
     // Runs the program from `at` with `state`, giving `emit` each row (and
     // the end of each sequence) until it returns false or the program ends.
