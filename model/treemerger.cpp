@@ -69,16 +69,16 @@ private:
     };
 
     // Merges the nodes of a tree or table, parents first, children of a
-    // node in their order, with names from names.
+    // node in their order, with names numbered in names.
     template <typename Source, typename Merge, typename Adopt>
-    void absorbNodes(const std::vector<Source>& nodes, const QVector<QString>& names, Merge merge, Adopt adopt);
-    quint32 nameOf(const QVector<QString>& names, quint32 name);
+    void absorbNodes(const std::vector<Source>& nodes, const FlatNames& names, Merge merge, Adopt adopt);
+    // The number in mNames of name, numbered in names.
+    quint32 nameOf(const FlatNames& names, quint32 name);
     // The first child of parent at the position of like, or NONE. guess,
     // the node after the last one matched, is tried first: trees of one
     // program mostly have the same shape, so going through one of them in
     // order mostly meets the table's nodes in their order.
-    quint32 find(quint32 parent, const Node& like, const QVector<QString>& names, quint32 likeFunction,
-                 quint32 likeFile, quint32 guess) const;
+    quint32 find(quint32 parent, const Node& like, quint32 guess) const;
     Slot& slotFor(quint32 parent, quint32 key);
     void link(quint32 id);
     void grow();
@@ -89,18 +89,22 @@ private:
     std::vector<Node> mNodes;
     std::vector<Slot> mSlots;
     size_t mUsed = 0;
-    QVector<QString> mNames;
-    QHash<const void*, quint32> mNameIds; // by the storage of the name
+    // Those of the first tree; trees with names of their own are mapped.
+    std::shared_ptr<FlatNames> mNames;
     // Per absorb: the source's names and nodes to this table's.
     std::vector<quint32> mNameMap;
     std::vector<quint32> mTo;
     std::vector<char> mIsNew;
 };
 
-MergeTable::MergeTable(FlatTree* tree)
+MergeTable::MergeTable(FlatTree* tree) : mNames(tree->mNames)
 {
-    mSlots.assign(1024, Slot{0, 0, NONE, NONE});
-    mNodes.reserve(tree->mNodes.size());
+    // Room for the first tree's nodes without growing.
+    size_t slotCount = 1024;
+    while (slotCount < 2 * tree->mNodes.size())
+        slotCount *= 2;
+    mSlots.assign(slotCount, Slot{0, 0, NONE, NONE});
+    mNodes.reserve(tree->mNodes.size() + tree->mNodes.size() / 4);
     absorb(tree);
 }
 
@@ -149,24 +153,17 @@ void MergeTable::link(quint32 id)
     }
 }
 
-quint32 MergeTable::nameOf(const QVector<QString>& names, quint32 name)
+quint32 MergeTable::nameOf(const FlatNames& names, quint32 name)
 {
+    if (&names == mNames.get())
+        return name;
     quint32& mapped = mNameMap[name];
-    if (mapped == NONE) {
-        const QString& text = names[int(name)];
-        const void* storage = const_cast<QString&>(text).data_ptr();
-        auto it = mNameIds.constFind(storage);
-        if (it == mNameIds.constEnd()) {
-            it = mNameIds.insert(storage, quint32(mNames.size()));
-            mNames.append(text);
-        }
-        mapped = *it;
-    }
+    if (mapped == NONE)
+        mapped = mNames->id(names.name(name));
     return mapped;
 }
 
-quint32 MergeTable::find(quint32 parent, const Node& like, const QVector<QString>& names, quint32 likeFunction,
-                         quint32 likeFile, quint32 guess) const
+quint32 MergeTable::find(quint32 parent, const Node& like, quint32 guess) const
 {
     if (guess < mNodes.size()) {
         const Node& node = mNodes[guess];
@@ -182,8 +179,8 @@ quint32 MergeTable::find(quint32 parent, const Node& like, const QVector<QString
         if (node.function == like.function && node.file == like.file)
             return id;
         // Names of other storage, or another spelling of the file.
-        const Position mine(mNames[int(node.function)], mNames[int(node.file)], node.line, node.column);
-        const Position theirs(names[int(likeFunction)], names[int(likeFile)], like.line, like.column);
+        const Position mine(mNames->name(node.function), mNames->name(node.file), node.line, node.column);
+        const Position theirs(mNames->name(like.function), mNames->name(like.file), like.line, like.column);
         if (FlatTree::samePosition(mine, theirs))
             return id;
     }
@@ -226,9 +223,10 @@ void MergeTable::mergeFlags(Node& node, const Node& other)
 }
 
 template <typename Source, typename Merge, typename Adopt>
-void MergeTable::absorbNodes(const std::vector<Source>& nodes, const QVector<QString>& names, Merge merge, Adopt adopt)
+void MergeTable::absorbNodes(const std::vector<Source>& nodes, const FlatNames& names, Merge merge, Adopt adopt)
 {
-    mNameMap.assign(size_t(names.size()), NONE);
+    if (&names != mNames.get())
+        mNameMap.assign(names.size(), NONE);
     mTo.resize(nodes.size());
     mIsNew.resize(nodes.size());
     quint32 previous = 0;
@@ -247,7 +245,7 @@ void MergeTable::absorbNodes(const std::vector<Source>& nodes, const QVector<QSt
         // Below a node new to the table, everything is new: the subtree
         // moves over as it is.
         else if (i > 0 && !mIsNew[in.parent])
-            id = find(like.parent, like, names, in.function, in.file, previous + 1);
+            id = find(like.parent, like, previous + 1);
         if (id == NONE) {
             id = quint32(mNodes.size());
             adopt(like, i);
@@ -267,31 +265,27 @@ void MergeTable::absorb(FlatTree* tree)
 {
     const int rank = tree->mRank;
     const std::vector<FlatTree::Node>& nodes = tree->mNodes;
-    auto countsOf = [rank](const FlatTree::Node& in) { return Counts{rank, rank + 1, in.threads}; };
-    auto flagsOf = [&](size_t i) {
-        const FlatTree::Node& in = nodes[i];
-        Node other;
-        other.current = in.current;
-        other.stop = in.stop;
-        other.tag = in.tag;
-        std::copy(in.sums, in.sums + FlatTree::SUMS, other.sums);
-        return other;
-    };
     absorbNodes(
-        nodes, tree->mNames,
+        nodes, *tree->mNames,
         [&](Node& target, size_t i) {
-            mergeFlags(target, flagsOf(i));
-            if (nodes[i].threads != 0)
-                appendCounts(target, countsOf(nodes[i]));
+            const FlatTree::Node& in = nodes[i];
+            target.current = target.current || in.current;
+            target.stop = target.stop || in.stop;
+            if (target.tag == 0)
+                target.tag = in.tag;
+            for (int k = 0; k < FlatTree::SUMS; ++k)
+                target.sums[k] += in.sums[k];
+            if (in.threads != 0)
+                appendCounts(target, Counts{rank, rank + 1, in.threads});
         },
         [&](Node& like, size_t i) {
-            const Node other = flagsOf(i);
-            like.current = other.current;
-            like.stop = other.stop;
-            like.tag = other.tag;
-            std::copy(other.sums, other.sums + FlatTree::SUMS, like.sums);
+            const FlatTree::Node& in = nodes[i];
+            like.current = in.current;
+            like.stop = in.stop;
+            like.tag = in.tag;
+            std::copy(in.sums, in.sums + FlatTree::SUMS, like.sums);
             like.earlier = nullptr;
-            like.last = nodes[i].threads != 0 ? countsOf(nodes[i]) : Counts{0, 0, 0};
+            like.last = in.threads != 0 ? Counts{rank, rank + 1, in.threads} : Counts{0, 0, 0};
         });
     delete tree;
 }
@@ -300,7 +294,7 @@ void MergeTable::absorb(MergeTable& other)
 {
     std::vector<Node>& nodes = other.mNodes;
     absorbNodes(
-        nodes, other.mNames,
+        nodes, *other.mNames,
         [&](Node& target, size_t i) {
             mergeFlags(target, nodes[i]);
             appendCounts(target, nodes[i]);
@@ -330,9 +324,12 @@ PSVModelItem* MergeTable::build(TreeMerger::NodeFactory make)
             aboveStop[node.parent] = 1;
     }
     std::vector<PSVModelItem*> items(mNodes.size());
+    std::vector<QString> names(mNames->size());
+    for (quint32 i = 0; i < names.size(); ++i)
+        names[i] = mNames->name(i);
     for (size_t i = 0; i < mNodes.size(); ++i) {
         Node& node = mNodes[i];
-        const Position position(mNames[int(node.function)], mNames[int(node.file)], node.line, node.column);
+        const Position position(names[node.function], names[node.file], node.line, node.column);
         PSVModelItem* item = make ? make(position, node.sums, node.tag) : new PSVModelItem(position);
         items[i] = item;
         // Ranks set in the order merged, as merging each map in turn sets them.

@@ -50,12 +50,12 @@ PSVModelItem* child(PSVModelItem* parent, const QString& function, const QString
 // that lookups go through the index, with frames from a small pool so that
 // ranks share most of them, and the same file under several spellings. Its
 // frames and counts follow seed.
-PSVModelItem* rankTree(int seed, int rank, FlatTree** flat = nullptr)
+PSVModelItem* rankTree(int seed, int rank, FlatTree** flat = nullptr, std::shared_ptr<FlatNames> names = nullptr)
 {
     std::mt19937 rng(unsigned(seed) * 31u + 7u);
     static const char* const files[] = {"/src/a.c", "src/a.c", "/src/b.c", "b.c", ""};
     PSVModelItem* root = new PSVModelItem;
-    FlatTree* tree = new FlatTree(rank);
+    FlatTree* tree = new FlatTree(rank, names);
     root->addThreads(rank, 1 + seed % 3, false, false);
     tree->addThreads(FlatTree::ROOT, 1 + seed % 3);
     std::function<void(PSVModelItem*, quint32, int)> grow = [&](PSVModelItem* parent, quint32 flatParent, int depth) {
@@ -85,10 +85,10 @@ PSVModelItem* rankTree(int seed, int rank, FlatTree** flat = nullptr)
     return root;
 }
 
-FlatTree* flatRankTree(int seed, int rank)
+FlatTree* flatRankTree(int seed, int rank, std::shared_ptr<FlatNames> names = nullptr)
 {
     FlatTree* flat = nullptr;
-    delete rankTree(seed, rank, &flat);
+    delete rankTree(seed, rank, &flat, names);
     return flat;
 }
 
@@ -149,8 +149,10 @@ TEST(TreeMerger, MergesLikeMergingEachTreeIntoTheFirstInTurn)
                     expected->mergePSVModelItem(*tree, nullptr);
                 }
                 TreeMerger merger(threads);
+                // Names shared by all trees, or each tree's own.
+                const std::shared_ptr<FlatNames> names = threads == 1 ? nullptr : std::make_shared<FlatNames>();
                 for (int i = 0; i < ranks; ++i) {
-                    merger.add(flatRankTree(i, rankOf(i)));
+                    merger.add(flatRankTree(i, rankOf(i), names));
                     if (i == ranks / 2)
                         merger.wait();
                 }
