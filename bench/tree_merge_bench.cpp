@@ -22,7 +22,7 @@
 // seconds of the process.
 //
 //   bench-tree-merge [-j threads] [-b batch] [nodes-per-tree] [ranks ...]
-//   defaults: one thread per core, batches of 16 trees, 10000 nodes,
+//   defaults: one thread per core, batches of 32 trees, 10000 nodes,
 //   256 512 1024 2048 4096 ranks
 #include "flattree.h"
 #include "internstringcache.h"
@@ -371,7 +371,7 @@ bool runInChild(const std::function<int()>& work)
 int main(int argc, char** argv)
 {
     int threads = 0;
-    int batch = 16;
+    int batch = 32;
     int nodeCount = 10000;
     std::vector<int> rankCounts{256, 512, 1024, 2048, 4096};
     int arg = 1;
