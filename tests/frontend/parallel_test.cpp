@@ -283,9 +283,9 @@ TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
 INSTANTIATE_TEST_SUITE_P(Transports, MpiRanks, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool>& info) { return info.param ? "TwoOverTcp" : "FourLocal"; });
 
-// An OpenSHMEM program through oshrun, two PEs: each PE's calls counted as
-// the program made them, with the bytes it put and the time it waited, the
-// hot function from both PEs.
+// An OpenSHMEM program through oshrun, two PEs, found to be one without
+// --shmem: each PE's calls counted as the program made them, with the bytes
+// it put and the time it waited, the hot function from both PEs.
 TEST_F(Parallel, ShmemTwoPesCountEveryCall)
 {
     const QString program = QStringLiteral(ZOR_BIN_DIR "/zor-shmem-example");
@@ -296,7 +296,7 @@ TEST_F(Parallel, ShmemTwoPesCountEveryCall)
     const QString result = dir.filePath(QStringLiteral("shmem.zor"));
     const int rounds = 8;
     const int count = 16;
-    const Outcome run = zor({ "profile", "-n", "2", "--shmem", "--interval", "5", "--quiet", "-o", result, "--",
+    const Outcome run = zor({ "profile", "-n", "2", "--interval", "5", "--quiet", "-o", result, "--",
                               program, QString::number(rounds), "10000", QString::number(count) },
                             environment(temporary.path()), 280000);
     EXPECT_EQ(run.leftBehind, QStringList());
