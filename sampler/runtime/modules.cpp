@@ -10,7 +10,8 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <link.h>
-#include <pthread.h>
+#include <atomic>
+#include <sched.h>
 #include <unistd.h>
 
 namespace zorsampler {
@@ -51,7 +52,8 @@ Snapshot gAtStart;
 Snapshot gAtEnd;
 Snapshot gBetween;
 Snapshot gScratch;
-pthread_mutex_t gBetweenLock = PTHREAD_MUTEX_INITIALIZER;
+// Not a mutex: this file's writing half runs in signal handlers, where none may be.
+std::atomic_flag gBetweenLock = ATOMIC_FLAG_INIT;
 bool gStarted = false;
 bool gScannedBetween = false;
 unsigned long long gAddsAtScan = 0;
@@ -253,7 +255,8 @@ extern "C" void zs_before_unload(void)
     // Nothing was loaded since the last look: what could go now is known.
     unsigned long long adds = 0;
     dl_iterate_phdr(countAdds, &adds);
-    pthread_mutex_lock(&gBetweenLock);
+    while (gBetweenLock.test_and_set(std::memory_order_acquire))
+        sched_yield();
     if (!gScannedBetween || adds != gAddsAtScan) {
         gScannedBetween = true;
         gAddsAtScan = adds;
@@ -263,5 +266,5 @@ extern "C" void zs_before_unload(void)
                 gBetween.modules[gBetween.count++] = gScratch.modules[i];
         }
     }
-    pthread_mutex_unlock(&gBetweenLock);
+    gBetweenLock.clear(std::memory_order_release);
 }
