@@ -10,7 +10,11 @@
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include <QVarLengthArray>
+
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <vector>
 
 const QLatin1String PSVModelItem::XML_NODE("node");
@@ -78,7 +82,7 @@ quint32 positionKey(const Position& position)
 class PSVChildIndex
 {
 public:
-    explicit PSVChildIndex(const QList<PSVModelItem*>& children)
+    explicit PSVChildIndex(const PSVChildRange& children)
     {
         int capacity = 16;
         while (capacity < 2 * children.size())
@@ -182,14 +186,14 @@ private:
 };
 
 PSVModelItem::PSVModelItem()
-    : mParent(nullptr), mPositionKey(positionKey(Position())), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false),
-      mChildIndex(nullptr)
+    : mOnlyChild(nullptr), mParent(nullptr), mPositionKey(positionKey(Position())), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false),
+      mUnexpectedStopAncestor(false), mChildCount(0), mChildIndex(nullptr)
 {
 }
 
 PSVModelItem::PSVModelItem(const Position& position)
-    : mParent(nullptr), mPosition(position), mPositionKey(positionKey(position)), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false),
-      mUnexpectedStopAncestor(false), mChildIndex(nullptr)
+    : mOnlyChild(nullptr), mParent(nullptr), mPosition(position), mPositionKey(positionKey(position)), mLastCudaGroup(-1), mCurrentGroup(false),
+      mUnexpectedStop(false), mUnexpectedStopAncestor(false), mChildCount(0), mChildIndex(nullptr)
 {
 }
 
@@ -206,13 +210,12 @@ PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position) : PSV
 }
 
 PSVModelItem::PSVModelItem(const PSVModelItem& other)
-    : SaxHandler(other), mProcessThreads(other.mProcessThreads), mCudaThreads(other.mCudaThreads), mParent(nullptr),
+    : SaxHandler(other), mProcessThreads(other.mProcessThreads), mCudaThreads(other.mCudaThreads), mOnlyChild(nullptr), mParent(nullptr),
       mPosition(other.mPosition), mPositionKey(other.mPositionKey), mLastCudaGroup(other.mLastCudaGroup), mCurrentGroup(other.mCurrentGroup),
-      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor),
+      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor), mChildCount(0),
       mChildIndex(nullptr)
 {
-    mChildren.reserve(other.mChildren.size());
-    for (const PSVModelItem* child : other.mChildren)
+    for (const PSVModelItem* child : other.childNodes())
         addChild(child->clone());
 }
 
@@ -221,10 +224,11 @@ PSVModelItem::~PSVModelItem()
     if (mParent)
         mParent->unlinkChild(this);
     delete mChildIndex;
-    for (PSVModelItem* child : qAsConst(mChildren)) {
+    for (PSVModelItem* child : childNodes()) {
         child->mParent = nullptr;
         delete child;
     }
+    releaseChildPointers();
 }
 
 int PSVModelItem::rank() const
@@ -278,9 +282,62 @@ bool PSVModelItem::readExtraXml(QXmlStreamReader& reader, QString*)
 
 void PSVModelItem::extraMergePSVModelItem(const PSVModelItem&, void*) {}
 
+QList<PSVModelItem*> PSVModelItem::children() const
+{
+    QList<PSVModelItem*> list;
+    list.reserve(mChildCount);
+    for (PSVModelItem* child : childNodes())
+        list.append(child);
+    return list;
+}
+
+int PSVModelItem::indexOfChild(PSVModelItem* child) const
+{
+    PSVModelItem* const* pointers = childPointers();
+    for (int i = 0; i < mChildCount; ++i) {
+        if (pointers[i] == child)
+            return i;
+    }
+    return -1;
+}
+
+void PSVModelItem::appendChildPointer(PSVModelItem* child)
+{
+    const int count = mChildCount;
+    if (count == 0) {
+        mOnlyChild = child;
+    } else if (count == 1) {
+        auto** array = static_cast<PSVModelItem**>(std::malloc(4 * sizeof(PSVModelItem*)));
+        if (!array)
+            throw std::bad_alloc();
+        array[0] = mOnlyChild;
+        array[1] = child;
+        mChildArray = array;
+    } else {
+        // Full when the count reaches its capacity; removals never shrink
+        // the array, so there is room whenever the count is no power of two.
+        if (count >= 4 && (count & (count - 1)) == 0) {
+            auto** array = static_cast<PSVModelItem**>(std::realloc(mChildArray, 2 * size_t(count) * sizeof(PSVModelItem*)));
+            if (!array)
+                throw std::bad_alloc();
+            mChildArray = array;
+        }
+        mChildArray[count] = child;
+    }
+    mChildCount = count + 1;
+}
+
+void PSVModelItem::releaseChildPointers()
+{
+    if (mChildCount > 1)
+        std::free(mChildArray);
+    mOnlyChild = nullptr;
+    mChildCount = 0;
+}
+
 void PSVModelItem::addChild(PSVModelItem* child)
 {
-    mChildren.append(child);
+    appendChildPointer(child);
     child->mParent = this;
     if (mChildIndex)
         mChildIndex->append(child);
@@ -288,9 +345,21 @@ void PSVModelItem::addChild(PSVModelItem* child)
 
 void PSVModelItem::unlinkChild(PSVModelItem* child)
 {
+    const int index = indexOfChild(child);
+    if (index < 0)
+        return;
     if (mChildIndex)
         mChildIndex->remove(child, child->mPositionKey);
-    mChildren.removeOne(child);
+    if (mChildCount == 1) {
+        releaseChildPointers();
+        return;
+    }
+    std::memmove(mChildArray + index, mChildArray + index + 1, size_t(mChildCount - index - 1) * sizeof(PSVModelItem*));
+    if (--mChildCount == 1) {
+        PSVModelItem* only = mChildArray[0];
+        std::free(mChildArray);
+        mOnlyChild = only;
+    }
 }
 
 void PSVModelItem::detach()
@@ -312,10 +381,7 @@ void PSVModelItem::setPosition(const Position& position)
 
 void PSVModelItem::clear()
 {
-    delete mChildIndex;
-    mChildIndex = nullptr;
-    const QList<PSVModelItem*> children = mChildren;
-    mChildren.clear();
+    const QList<PSVModelItem*> children = takeChildren();
     for (PSVModelItem* child : children) {
         child->clear();
         child->mParent = nullptr;
@@ -327,11 +393,11 @@ QList<PSVModelItem*> PSVModelItem::takeChildren()
 {
     delete mChildIndex;
     mChildIndex = nullptr;
-    QList<PSVModelItem*> children;
-    children.swap(mChildren);
-    for (PSVModelItem* child : qAsConst(children))
+    const QList<PSVModelItem*> taken = children();
+    releaseChildPointers();
+    for (PSVModelItem* child : taken)
         child->mParent = nullptr;
-    return children;
+    return taken;
 }
 
 void PSVModelItem::addThreads(int process, int count, bool current, bool unexpected)
@@ -403,7 +469,7 @@ CompactSet<int> PSVModelItem::processes() const
 
 PSVModelItem* PSVModelItem::childWithRank(int rank) const
 {
-    for (PSVModelItem* child : mChildren) {
+    for (PSVModelItem* child : childNodes()) {
         if (child->mProcessThreads.contains(range<int>(rank, rank + 1)))
             return child;
     }
@@ -431,13 +497,13 @@ bool PSVModelItem::samePosition(const Position& a, const Position& b)
 
 PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)(const PSVModelItem*)) const
 {
-    if (mChildren.size() >= CHILD_INDEX_THRESHOLD) {
+    if (mChildCount >= CHILD_INDEX_THRESHOLD) {
         PSVModelItem* self = const_cast<PSVModelItem*>(this);
         if (!mChildIndex)
-            self->mChildIndex = new PSVChildIndex(mChildren);
+            self->mChildIndex = new PSVChildIndex(childNodes());
         return mChildIndex->find(position, positionKey(position), accept);
     }
-    for (PSVModelItem* child : mChildren) {
+    for (PSVModelItem* child : childNodes()) {
         if (samePosition(child->mPosition, position) && (!accept || accept(child)))
             return child;
     }
@@ -446,13 +512,13 @@ PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)
 
 PSVModelItem* PSVModelItem::findChildLike(const PSVModelItem* node) const
 {
-    if (mChildren.size() >= CHILD_INDEX_THRESHOLD) {
+    if (mChildCount >= CHILD_INDEX_THRESHOLD) {
         PSVModelItem* self = const_cast<PSVModelItem*>(this);
         if (!mChildIndex)
-            self->mChildIndex = new PSVChildIndex(mChildren);
+            self->mChildIndex = new PSVChildIndex(childNodes());
         return mChildIndex->find(node->mPosition, node->mPositionKey, nullptr);
     }
-    for (PSVModelItem* child : mChildren) {
+    for (PSVModelItem* child : childNodes()) {
         // Different keys settle most comparisons without the names.
         if (child->mPositionKey == node->mPositionKey && samePosition(child->mPosition, node->mPosition))
             return child;
@@ -474,7 +540,7 @@ void PSVModelItem::setBrief(bool brief)
 {
     mProcessThreads.setBrief(brief);
     mCudaThreads.setBrief(brief);
-    for (PSVModelItem* child : qAsConst(mChildren))
+    for (PSVModelItem* child : childNodes())
         child->setBrief(brief);
 }
 
@@ -482,7 +548,7 @@ void PSVModelItem::mapRanks(const QMap<int, int>& ranks)
 {
     mProcessThreads.remap(ranks);
     mCudaThreads.remap(ranks);
-    for (PSVModelItem* child : qAsConst(mChildren))
+    for (PSVModelItem* child : childNodes())
         child->mapRanks(ranks);
 }
 
@@ -503,7 +569,9 @@ void PSVModelItem::mergePSVModelItem(const PSVModelItem& other, void* context)
     // each of its ranks adds the two trees' counts.
     mProcessThreads.set(other.mProcessThreads, true);
     mCudaThreads.set(other.mCudaThreads, true);
-    const QList<PSVModelItem*> otherChildren = other.mChildren;
+    // A copy: the children that move over leave other's list meanwhile.
+    const PSVChildRange range = other.childNodes();
+    const QVarLengthArray<PSVModelItem*, 16> otherChildren(range.begin(), range.end());
     for (PSVModelItem* child : otherChildren)
         addPSVModelItem(child, context);
     mCurrentGroup = mCurrentGroup || other.mCurrentGroup;
@@ -532,7 +600,7 @@ void PSVModelItem::writeXml(QXmlStreamWriter& writer) const
     if (mUnexpectedStop)
         writer.writeAttribute(ATTR_UNEXPECTED_STOP, YES);
     writeExtraXml(writer);
-    for (const PSVModelItem* child : mChildren) {
+    for (const PSVModelItem* child : childNodes()) {
         writer.writeStartElement(XML_NODE);
         child->writeXml(writer);
         writer.writeEndElement();

@@ -310,8 +310,7 @@ const void* firstPointer(const T& object)
 
 void MergeTable::prefetch(const PSVModelItem* item)
 {
-    static_assert(sizeof(QList<PSVModelItem*>) == sizeof(void*), "a QList is one pointer");
-    __builtin_prefetch(firstPointer(item->mChildren));
+    __builtin_prefetch(item->childPointers());
     __builtin_prefetch(firstPointer(item->mProcessThreads));
 }
 

@@ -162,7 +162,7 @@ Category::OmpCompiler::Enum ZORPSVModelItem::detectOmpRuntime() const
     const Category::OmpCompiler::Enum own = Category::ompRuntimeOfFunction(position().function);
     if (own != Category::OmpCompiler::Unknown)
         return own;
-    for (const PSVModelItem* child : childList()) {
+    for (const PSVModelItem* child : childNodes()) {
         if (const ZORPSVModelItem* node = dynamic_cast<const ZORPSVModelItem*>(child)) {
             const Category::OmpCompiler::Enum found = node->detectOmpRuntime();
             if (found != Category::OmpCompiler::Unknown)
