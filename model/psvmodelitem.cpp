@@ -185,15 +185,23 @@ private:
     quint32 mNextOrder = 0;
 };
 
+struct PSVModelItemExtra
+{
+    IntProcessMap cudaThreads;
+    int lastCudaGroup = -1;
+    // Built once the node has many children, then kept in step.
+    PSVChildIndex* childIndex = nullptr;
+};
+
 PSVModelItem::PSVModelItem()
-    : mOnlyChild(nullptr), mParent(nullptr), mPositionKey(positionKey(Position())), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false),
-      mUnexpectedStopAncestor(false), mChildCount(0), mChildIndex(nullptr)
+    : mOnlyChild(nullptr), mParent(nullptr), mExtra(nullptr), mPositionKey(positionKey(Position())), mChildCount(0), mCurrentGroup(false),
+      mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false)
 {
 }
 
 PSVModelItem::PSVModelItem(const Position& position)
-    : mOnlyChild(nullptr), mParent(nullptr), mPosition(position), mPositionKey(positionKey(position)), mLastCudaGroup(-1), mCurrentGroup(false),
-      mUnexpectedStop(false), mUnexpectedStopAncestor(false), mChildCount(0), mChildIndex(nullptr)
+    : mOnlyChild(nullptr), mParent(nullptr), mPosition(position), mExtra(nullptr), mPositionKey(positionKey(position)), mChildCount(0),
+      mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false)
 {
 }
 
@@ -210,11 +218,14 @@ PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position) : PSV
 }
 
 PSVModelItem::PSVModelItem(const PSVModelItem& other)
-    : SaxHandler(other), mProcessThreads(other.mProcessThreads), mCudaThreads(other.mCudaThreads), mOnlyChild(nullptr), mParent(nullptr),
-      mPosition(other.mPosition), mPositionKey(other.mPositionKey), mLastCudaGroup(other.mLastCudaGroup), mCurrentGroup(other.mCurrentGroup),
-      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor), mChildCount(0),
-      mChildIndex(nullptr)
+    : SaxHandler(other), mProcessThreads(other.mProcessThreads), mOnlyChild(nullptr), mParent(nullptr), mPosition(other.mPosition),
+      mExtra(nullptr), mPositionKey(other.mPositionKey), mChildCount(0), mCurrentGroup(other.mCurrentGroup),
+      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor), mCudaBrief(other.mCudaBrief)
 {
+    if (other.mExtra) {
+        extra().cudaThreads = other.mExtra->cudaThreads;
+        mExtra->lastCudaGroup = other.mExtra->lastCudaGroup;
+    }
     for (const PSVModelItem* child : other.childNodes())
         addChild(child->clone());
 }
@@ -223,12 +234,40 @@ PSVModelItem::~PSVModelItem()
 {
     if (mParent)
         mParent->unlinkChild(this);
-    delete mChildIndex;
     for (PSVModelItem* child : childNodes()) {
         child->mParent = nullptr;
         delete child;
     }
     releaseChildPointers();
+    if (mExtra) {
+        delete mExtra->childIndex;
+        delete mExtra;
+    }
+}
+
+PSVModelItemExtra& PSVModelItem::extra()
+{
+    if (!mExtra)
+        mExtra = new PSVModelItemExtra;
+    return *mExtra;
+}
+
+IntProcessMap& PSVModelItem::cudaThreadsForChange()
+{
+    if (!mExtra && mCudaBrief)
+        extra().cudaThreads.setBrief(true);
+    return extra().cudaThreads;
+}
+
+const IntProcessMap& PSVModelItem::processToCudaThreadCountMap() const
+{
+    static const IntProcessMap none;
+    return mExtra ? mExtra->cudaThreads : none;
+}
+
+int PSVModelItem::totalCudaThreads() const
+{
+    return mExtra ? mExtra->cudaThreads.total() : 0;
 }
 
 int PSVModelItem::rank() const
@@ -339,8 +378,8 @@ void PSVModelItem::addChild(PSVModelItem* child)
 {
     appendChildPointer(child);
     child->mParent = this;
-    if (mChildIndex)
-        mChildIndex->append(child);
+    if (mExtra && mExtra->childIndex)
+        mExtra->childIndex->append(child);
 }
 
 void PSVModelItem::unlinkChild(PSVModelItem* child)
@@ -348,8 +387,8 @@ void PSVModelItem::unlinkChild(PSVModelItem* child)
     const int index = indexOfChild(child);
     if (index < 0)
         return;
-    if (mChildIndex)
-        mChildIndex->remove(child, child->mPositionKey);
+    if (mExtra && mExtra->childIndex)
+        mExtra->childIndex->remove(child, child->mPositionKey);
     if (mChildCount == 1) {
         releaseChildPointers();
         return;
@@ -375,8 +414,8 @@ void PSVModelItem::setPosition(const Position& position)
     const quint32 oldKey = mPositionKey;
     mPosition = position;
     mPositionKey = positionKey(position);
-    if (mParent && mParent->mChildIndex)
-        mParent->mChildIndex->rekey(this, oldKey);
+    if (mParent && mParent->mExtra && mParent->mExtra->childIndex)
+        mParent->mExtra->childIndex->rekey(this, oldKey);
 }
 
 void PSVModelItem::clear()
@@ -391,8 +430,10 @@ void PSVModelItem::clear()
 
 QList<PSVModelItem*> PSVModelItem::takeChildren()
 {
-    delete mChildIndex;
-    mChildIndex = nullptr;
+    if (mExtra) {
+        delete mExtra->childIndex;
+        mExtra->childIndex = nullptr;
+    }
     const QList<PSVModelItem*> taken = children();
     releaseChildPointers();
     for (PSVModelItem* child : taken)
@@ -410,11 +451,12 @@ void PSVModelItem::addThreads(int process, int count, bool current, bool unexpec
 
 void PSVModelItem::addCudaThreads(int process, int group, int count, bool current, bool unexpected)
 {
-    if (group != mLastCudaGroup) {
-        mLastCudaGroup = group;
+    IntProcessMap& cudaThreads = cudaThreadsForChange();
+    if (group != mExtra->lastCudaGroup) {
+        mExtra->lastCudaGroup = group;
         addThread(process, false, false);
     }
-    mCudaThreads.add(process, count);
+    cudaThreads.add(process, count);
     mCurrentGroup = mCurrentGroup || current;
     if (!mUnexpectedStop)
         setUnexpectedStop(unexpected);
@@ -498,10 +540,10 @@ bool PSVModelItem::samePosition(const Position& a, const Position& b)
 PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)(const PSVModelItem*)) const
 {
     if (mChildCount >= CHILD_INDEX_THRESHOLD) {
-        PSVModelItem* self = const_cast<PSVModelItem*>(this);
-        if (!mChildIndex)
-            self->mChildIndex = new PSVChildIndex(childNodes());
-        return mChildIndex->find(position, positionKey(position), accept);
+        PSVModelItemExtra& extra = const_cast<PSVModelItem*>(this)->extra();
+        if (!extra.childIndex)
+            extra.childIndex = new PSVChildIndex(childNodes());
+        return extra.childIndex->find(position, positionKey(position), accept);
     }
     for (PSVModelItem* child : childNodes()) {
         if (samePosition(child->mPosition, position) && (!accept || accept(child)))
@@ -513,10 +555,10 @@ PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)
 PSVModelItem* PSVModelItem::findChildLike(const PSVModelItem* node) const
 {
     if (mChildCount >= CHILD_INDEX_THRESHOLD) {
-        PSVModelItem* self = const_cast<PSVModelItem*>(this);
-        if (!mChildIndex)
-            self->mChildIndex = new PSVChildIndex(childNodes());
-        return mChildIndex->find(node->mPosition, node->mPositionKey, nullptr);
+        PSVModelItemExtra& extra = const_cast<PSVModelItem*>(this)->extra();
+        if (!extra.childIndex)
+            extra.childIndex = new PSVChildIndex(childNodes());
+        return extra.childIndex->find(node->mPosition, node->mPositionKey, nullptr);
     }
     for (PSVModelItem* child : childNodes()) {
         // Different keys settle most comparisons without the names.
@@ -539,7 +581,9 @@ const PSVModelItem* PSVModelItem::findChild(const Position& position) const
 void PSVModelItem::setBrief(bool brief)
 {
     mProcessThreads.setBrief(brief);
-    mCudaThreads.setBrief(brief);
+    if (mExtra)
+        mExtra->cudaThreads.setBrief(brief);
+    mCudaBrief = brief;
     for (PSVModelItem* child : childNodes())
         child->setBrief(brief);
 }
@@ -547,7 +591,10 @@ void PSVModelItem::setBrief(bool brief)
 void PSVModelItem::mapRanks(const QMap<int, int>& ranks)
 {
     mProcessThreads.remap(ranks);
-    mCudaThreads.remap(ranks);
+    if (mExtra)
+        mExtra->cudaThreads.remap(ranks);
+    // Remapping rebuilds a map in its plain mode.
+    mCudaBrief = false;
     for (PSVModelItem* child : childNodes())
         child->mapRanks(ranks);
 }
@@ -568,7 +615,12 @@ void PSVModelItem::mergePSVModelItem(const PSVModelItem& other, void* context)
     // Ranks of different trees are disjoint, so taking other's count for
     // each of its ranks adds the two trees' counts.
     mProcessThreads.set(other.mProcessThreads, true);
-    mCudaThreads.set(other.mCudaThreads, true);
+    if (other.mExtra)
+        cudaThreadsForChange().set(other.mExtra->cudaThreads, true);
+    else if (other.mCudaBrief && !mExtra)
+        mCudaBrief = true;
+    else if (other.mCudaBrief && !mExtra->cudaThreads.isBrief())
+        mExtra->cudaThreads.setBrief(true);
     // A copy: the children that move over leave other's list meanwhile.
     const PSVChildRange range = other.childNodes();
     const QVarLengthArray<PSVModelItem*, 16> otherChildren(range.begin(), range.end());
@@ -593,8 +645,8 @@ void PSVModelItem::writeXml(QXmlStreamWriter& writer) const
     const QString processes = mProcessThreads.toString();
     if (!processes.isEmpty())
         writer.writeAttribute(ATTR_PROCESSES, processes);
-    if (!mCudaThreads.isEmpty())
-        writer.writeAttribute(ATTR_CUDA_THREADS, mCudaThreads.toString());
+    if (mExtra && !mExtra->cudaThreads.isEmpty())
+        writer.writeAttribute(ATTR_CUDA_THREADS, mExtra->cudaThreads.toString());
     if (mCurrentGroup)
         writer.writeAttribute(ATTR_CURRENT_GROUP, YES);
     if (mUnexpectedStop)
@@ -653,7 +705,7 @@ void PSVModelItem::readXmlStreamAttributes(const QXmlStreamAttributes& attribute
     if (attributes.hasAttribute(ATTR_PROCESSES))
         mProcessThreads = IntProcessMap(attributes.value(ATTR_PROCESSES).toString());
     if (attributes.hasAttribute(ATTR_CUDA_THREADS))
-        mCudaThreads = IntProcessMap(attributes.value(ATTR_CUDA_THREADS).toString());
+        extra().cudaThreads = IntProcessMap(attributes.value(ATTR_CUDA_THREADS).toString());
     mCurrentGroup = attributes.value(ATTR_CURRENT_GROUP) == YES;
     setUnexpectedStop(attributes.value(ATTR_UNEXPECTED_STOP) == YES);
 }

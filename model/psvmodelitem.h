@@ -17,6 +17,7 @@ class QXmlStreamReader;
 class QXmlStreamWriter;
 class PSVChildIndex;
 class PSVModelItem;
+struct PSVModelItemExtra;
 
 // The children of a node in their order, read in place: valid until the
 // children change, so not for loops that move or delete them.
@@ -93,10 +94,10 @@ public:
     PSVModelItem* const* childPointers() const { return mChildCount <= 1 ? &mOnlyChild : mChildArray; }
 
     int totalThreads() const { return mProcessThreads.total(); }
-    int totalCudaThreads() const { return mCudaThreads.total(); }
+    int totalCudaThreads() const;
     int totalProcesses() const { return mProcessThreads.sizeLowerBound(); }
     const IntProcessMap& processToThreadCountMap() const { return mProcessThreads; }
-    const IntProcessMap& processToCudaThreadCountMap() const { return mCudaThreads; }
+    const IntProcessMap& processToCudaThreadCountMap() const;
     bool isCurrentGroup() const { return mCurrentGroup; }
     bool isUnexpectedStop() const { return mUnexpectedStop; }
     bool isUnexpectedStopAncestor() const { return mUnexpectedStopAncestor; }
@@ -155,7 +156,6 @@ protected:
     void setPosition(const Position& position);
 
     IntProcessMap mProcessThreads;
-    IntProcessMap mCudaThreads;
 
 private:
     friend class PSVChildIndex;
@@ -164,6 +164,9 @@ private:
     void appendChildPointer(PSVModelItem* child);
     // Forgets the children without touching them.
     void releaseChildPointers();
+    // The fields that few nodes set, made on first use.
+    PSVModelItemExtra& extra();
+    IntProcessMap& cudaThreadsForChange();
 
     // Changed only through addChild, detach, clear, takeChildren and the
     // destructor, which keep the index in step. Most nodes have at most
@@ -176,20 +179,22 @@ private:
     };
     PSVModelItem* mParent;
     Position mPosition;
+    // Null until a field of it is set: the thread counts on the device,
+    // the last device thread group and the index of a wide node's children.
+    PSVModelItemExtra* mExtra;
     // The hash of mPosition, kept so that lookups and merges don't read
     // the names again.
     quint32 mPositionKey;
+    int mChildCount;
 
 protected:
-    int mLastCudaGroup;
     bool mCurrentGroup;
     bool mUnexpectedStop;
     bool mUnexpectedStopAncestor;
 
 private:
-    int mChildCount;
-    // Built once the node has many children, then kept in step.
-    PSVChildIndex* mChildIndex;
+    // The brief mode of the device thread counts while they live nowhere.
+    bool mCudaBrief;
 };
 
 template <typename Frame>
