@@ -5,7 +5,10 @@
 // system), peak resident memory and minor page faults, as wait4 reports
 // them for the child.
 //
-//   bench-process-start [RUNS]      default: 200
+//   bench-process-start [RUNS [LIBRARY...]]      default: 200, the built sampler
+//
+// Given libraries (an older build, say) are each taken in turn within every
+// round, so that a change is compared under the same load.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -42,15 +45,16 @@ double ms(const timeval& t)
     return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_usec) / 1e3;
 }
 
-void runOnce(bool sampled, const std::string& dir, Totals& totals)
+void runOnce(const char* library, const std::string& dir, Totals& totals)
 {
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e) {
         if (std::strncmp(*e, "LD_PRELOAD=", 11) != 0 && std::strncmp(*e, "ZOR_SAMPLER_", 12) != 0)
             env.push_back(*e);
     }
+    const bool sampled = library != nullptr;
     if (sampled) {
-        env.push_back(std::string("LD_PRELOAD=") + ZOR_SAMPLER_LIBRARY);
+        env.push_back(std::string("LD_PRELOAD=") + library);
         env.push_back("ZOR_SAMPLER_OUTPUT=" + dir + "/samples.%p");
     }
     std::vector<char*> envp;
@@ -77,7 +81,7 @@ void runOnce(bool sampled, const std::string& dir, Totals& totals)
     if (sampled) {
         // The files of this run, so that the directory stays small.
         const std::string base = dir + "/samples." + std::to_string(pid);
-        for (const char* suffix : {"", ".errorMessages", ".mpi", ".modules"})
+        for (const char* suffix : {"", ".errorMessages", ".mpi", ".modules", ".running"})
             unlink((base + suffix).c_str());
     }
 }
@@ -88,7 +92,7 @@ int main(int argc, char** argv)
 {
     const int runs = argc > 1 ? std::atoi(argv[1]) : 200;
     if (runs <= 0) {
-        std::fprintf(stderr, "usage: bench-process-start [RUNS]\n");
+        std::fprintf(stderr, "usage: bench-process-start [RUNS [LIBRARY...]]\n");
         return 2;
     }
     char dirTemplate[] = "/tmp/zor-process-start-XXXXXX";
@@ -97,14 +101,24 @@ int main(int argc, char** argv)
         return 1;
     }
     const std::string dir = dirTemplate;
-    Totals plain, sampled;
+    std::vector<const char*> libraries;
+    for (int i = 2; i < argc; ++i)
+        libraries.push_back(argv[i]);
+    if (libraries.empty())
+        libraries.push_back(ZOR_SAMPLER_LIBRARY);
+    Totals plain;
+    std::vector<Totals> sampled(libraries.size());
     for (int i = 0; i < runs; ++i) {
-        runOnce(false, dir, plain);
-        runOnce(true, dir, sampled);
+        runOnce(nullptr, dir, plain);
+        for (std::size_t k = 0; k < libraries.size(); ++k)
+            runOnce(libraries[k], dir, sampled[k]);
     }
     rmdir(dir.c_str());
-    if (plain.failed || sampled.failed) {
-        std::fprintf(stderr, "%d plain and %d sampled runs failed\n", plain.failed, sampled.failed);
+    int failed = plain.failed;
+    for (const Totals& t : sampled)
+        failed += t.failed;
+    if (failed) {
+        std::fprintf(stderr, "%d runs failed\n", failed);
         return 1;
     }
     const double n = runs;
@@ -115,9 +129,13 @@ int main(int argc, char** argv)
                     t.faults / n);
     };
     row("plain", plain);
-    row("sampled", sampled);
-    std::printf("%-10s %10.3f %10.3f %12.2f %10.0f\n", "added", (sampled.wallMs - plain.wallMs) / n,
-                (sampled.cpuMs - plain.cpuMs) / n, (sampled.rssKb - plain.rssKb) / n / 1024,
-                (sampled.faults - plain.faults) / n);
+    for (std::size_t k = 0; k < libraries.size(); ++k) {
+        const Totals& t = sampled[k];
+        if (libraries.size() > 1)
+            std::printf("with %s\n", libraries[k]);
+        row("sampled", t);
+        std::printf("%-10s %10.3f %10.3f %12.2f %10.0f\n", "added", (t.wallMs - plain.wallMs) / n,
+                    (t.cpuMs - plain.cpuMs) / n, (t.rssKb - plain.rssKb) / n / 1024, (t.faults - plain.faults) / n);
+    }
     return 0;
 }

@@ -1,5 +1,6 @@
 // Merges the call trees of many ranks into one, as the front-end does with
-// the trees that the back-ends send, then writes the result as XML and reads
+// the trees it adds up from each rank's samples (one FlatTree per rank),
+// then writes the result as XML and reads
 // it back. Prints time and peak memory for each number of ranks. The merge
 // and the reading each run in a process of their own, so that each peak is
 // that phase's alone.
@@ -23,6 +24,7 @@
 //   bench-tree-merge [-j threads] [-b batch] [nodes-per-tree] [ranks ...]
 //   defaults: one thread per core, batches of 16 trees, 10000 nodes,
 //   256 512 1024 2048 4096 ranks
+#include "flattree.h"
 #include "internstringcache.h"
 #include "psvmodelitem.h"
 #include "treemerger.h"
@@ -48,6 +50,8 @@
 #include <vector>
 
 namespace {
+
+const quint32 NONE = 0xffffffffu;
 
 // The template program: one call tree that every rank's tree is a variation of.
 struct TemplateNode
@@ -142,34 +146,31 @@ Shape shapeOf(const std::vector<TemplateNode>& nodes)
 
 // One rank's tree: the template, with a few leaves not sampled on this rank
 // and a few frames of its own (one of eight variants per caller).
-PSVModelItem* makeRankTree(const std::vector<TemplateNode>& nodes, int rank, int* nodesMade)
+FlatTree* makeRankTree(const std::vector<TemplateNode>& nodes, int rank, int* nodesMade)
 {
     std::mt19937 rng(unsigned(rank) * 7919u + 1u);
-    std::vector<PSVModelItem*> made(nodes.size(), nullptr);
-    PSVModelItem* root = new PSVModelItem;
-    root->addThreads(rank, nodes[0].threads, false, false);
-    made[0] = root;
-    int count = 1;
+    std::vector<quint32> made(nodes.size(), NONE);
+    FlatTree* tree = new FlatTree(rank);
+    tree->addThreads(FlatTree::ROOT, nodes[0].threads);
+    made[0] = FlatTree::ROOT;
     for (size_t i = 1; i < nodes.size(); ++i) {
         const TemplateNode& node = nodes[i];
-        PSVModelItem* parent = made[node.parent];
-        if (!parent || (node.children.empty() && rng() % 20 == 0))
+        const quint32 parent = made[size_t(node.parent)];
+        if (parent == NONE || (node.children.empty() && rng() % 20 == 0))
             continue;
-        PSVModelItem* item = new PSVModelItem(parent, node.position);
+        const quint32 item = tree->addChild(parent, node.position);
         const int threads = node.imbalanced ? node.threads + (rank / 64) % 2 : node.threads;
-        item->addThreads(rank, threads, false, false);
+        tree->addThreads(item, threads);
         made[i] = item;
-        ++count;
         if (rng() % 33 == 0) {
             const int variant = int(rng() % 8);
-            PSVModelItem* own = new PSVModelItem(item, Position(node.position.function, node.position.file,
-                                                                node.position.line + 10000 + variant, -1));
-            own->addThreads(rank, 1, false, false);
-            ++count;
+            const quint32 own = tree->addChild(
+                item, Position(node.position.function, node.position.file, node.position.line + 10000 + variant, -1));
+            tree->addThreads(own, 1);
         }
     }
-    *nodesMade = count;
-    return root;
+    *nodesMade = tree->size();
+    return tree;
 }
 
 struct TreeStats
@@ -238,7 +239,7 @@ double wallSeconds()
 }
 
 // Builds the trees of ranks [first, first + trees.size()) on threads threads.
-void buildBatch(const std::vector<TemplateNode>& shape, int first, std::vector<PSVModelItem*>& trees,
+void buildBatch(const std::vector<TemplateNode>& shape, int first, std::vector<FlatTree*>& trees,
                 std::vector<int>& made, int threads)
 {
     std::vector<std::thread> builders;
@@ -263,7 +264,7 @@ int runMerge(const std::vector<TemplateNode>& shape, int ranks, int threads, int
     long long expectedRootThreads = 0;
 
     TreeMerger merger(threads);
-    std::vector<PSVModelItem*> trees;
+    std::vector<FlatTree*> trees;
     std::vector<int> made;
     PSVModelItem* root = nullptr;
     for (int first = 0; first < ranks; first += batch) {
@@ -275,12 +276,12 @@ int runMerge(const std::vector<TemplateNode>& shape, int ranks, int threads, int
         buildWall += wallSeconds() - start;
         for (int i = 0; i < count; ++i) {
             inputNodes += made[size_t(i)];
-            expectedRootThreads += trees[size_t(i)]->totalThreads();
+            expectedRootThreads += trees[size_t(i)]->threads(FlatTree::ROOT);
         }
 
         start = wallSeconds();
         timer.start();
-        for (PSVModelItem* tree : trees)
+        for (FlatTree* tree : trees)
             merger.add(tree);
         if (first + count < ranks)
             merger.wait();

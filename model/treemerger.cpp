@@ -1,10 +1,9 @@
 #include "treemerger.h"
 
+#include "flattree.h"
 #include "psvmodelitem.h"
 
 #include <algorithm>
-#include <cstring>
-#include <typeinfo>
 
 namespace {
 
@@ -24,57 +23,42 @@ quint64 mixSlot(quint32 parent, quint32 key)
     return h ^ (h >> 29);
 }
 
-// The storage of a string, which names shared from one table or read
-// through the intern cache have in common.
-const void* storageOf(const QString& text)
-{
-    return const_cast<QString&>(text).data_ptr();
-}
-
-bool isPlain(const IntProcessMap& processes, const IntProcessMap& cuda)
-{
-    return !processes.isBrief() && !processes.isElided() && cuda.isEmpty() && !cuda.isBrief();
-}
-
 } // namespace
 
 class MergeTable
 {
 public:
-    // A table of one tree, whose nodes it takes over.
-    MergeTable(PSVModelItem* root, void* context);
+    // A table of one tree, which it deletes.
+    explicit MergeTable(FlatTree* tree);
     ~MergeTable();
     MergeTable(const MergeTable&) = delete;
     MergeTable& operator=(const MergeTable&) = delete;
 
-    void absorb(PSVModelItem* root);
+    // Merges tree, the input right after these, and deletes it.
+    void absorb(FlatTree* tree);
     // Merges other, the table of the inputs right after these, and empties it.
     void absorb(MergeTable& other);
     // The merged tree; the table is empty afterwards.
-    PSVModelItem* build();
+    PSVModelItem* build(TreeMerger::NodeFactory make);
 
 private:
     struct Node
     {
-        PSVModelItem* rep;
         quint32 parent;
         quint32 nextSame; // the next child of parent with the same key
         quint32 key;
-        int line;
-        int column;
-        const void* function;
-        const void* file;
+        qint32 line;
+        qint32 column;
+        quint32 function; // into mNames
+        quint32 file;
+        qint32 tag;
+        qint32 sums[FlatTree::SUMS];
         Counts last; // the counts merged last; begin == end when none
         std::vector<Counts>* earlier;
         bool current;
         bool stop;
-        bool stopAncestor;
-        // Counts kept in rep's own maps, merged by IntProcessMap::set.
-        bool ownMaps;
         // The first child of parent with key, so that a match is the first.
         bool firstOfKey;
-        // rep has no fields beyond PSVModelItem's to merge.
-        bool plainType;
     };
     struct Slot
     {
@@ -83,60 +67,47 @@ private:
         quint32 head;
         quint32 tail;
     };
-    struct Pending
-    {
-        PSVModelItem* item;
-        quint32 parent;
-        bool parentIsNew;
-    };
 
-    // The first child of parent that item's position matches, or NONE.
-    // guess, the node after the last one matched, is tried first: trees of
-    // one program mostly have the same shape, so breadth first through one
-    // of them mostly meets the table's nodes in their order.
-    quint32 find(quint32 parent, const PSVModelItem* item, quint32 key, const void* function, const void* file,
-                 quint32 guess) const;
+    // Merges the nodes of a tree or table, parents first, children of a
+    // node in their order, with names from names.
+    template <typename Source, typename Merge, typename Adopt>
+    void absorbNodes(const std::vector<Source>& nodes, const QVector<QString>& names, Merge merge, Adopt adopt);
+    quint32 nameOf(const QVector<QString>& names, quint32 name);
+    // The first child of parent at the position of like, or NONE. guess,
+    // the node after the last one matched, is tried first: trees of one
+    // program mostly have the same shape, so going through one of them in
+    // order mostly meets the table's nodes in their order.
+    quint32 find(quint32 parent, const Node& like, const QVector<QString>& names, quint32 likeFunction,
+                 quint32 likeFile, quint32 guess) const;
     Slot& slotFor(quint32 parent, quint32 key);
     void link(quint32 id);
     void grow();
-    quint32 adopt(PSVModelItem* item, quint32 parent);
-    void mergeItem(Node& node, PSVModelItem* item);
-    void appendCounts(Node& node, const Counts& counts);
-    void appendCounts(Node& node, Node& other);
-    void toOwnMaps(Node& node);
-    // Takes item's children away onto mPending.
-    void takeChildren(PSVModelItem* item, quint32 id, bool isNew);
-    void release(Node& node);
-    static void prefetch(const PSVModelItem* item);
+    static void appendCounts(Node& node, const Counts& counts);
+    static void appendCounts(Node& node, Node& other);
+    static void mergeFlags(Node& node, const Node& other);
 
-    void* mContext;
     std::vector<Node> mNodes;
     std::vector<Slot> mSlots;
     size_t mUsed = 0;
-    std::vector<Pending> mPending;
+    QVector<QString> mNames;
+    QHash<const void*, quint32> mNameIds; // by the storage of the name
+    // Per absorb: the source's names and nodes to this table's.
+    std::vector<quint32> mNameMap;
+    std::vector<quint32> mTo;
+    std::vector<char> mIsNew;
 };
 
-MergeTable::MergeTable(PSVModelItem* root, void* context) : mContext(context)
+MergeTable::MergeTable(FlatTree* tree)
 {
     mSlots.assign(1024, Slot{0, 0, NONE, NONE});
-    mNodes.reserve(1024);
-    adopt(root, NONE);
-    takeChildren(root, 0, true);
-    absorb(nullptr);
+    mNodes.reserve(tree->mNodes.size());
+    absorb(tree);
 }
 
 MergeTable::~MergeTable()
 {
     for (Node& node : mNodes)
-        release(node);
-}
-
-void MergeTable::release(Node& node)
-{
-    delete node.earlier;
-    node.earlier = nullptr;
-    delete node.rep;
-    node.rep = nullptr;
+        delete node.earlier;
 }
 
 MergeTable::Slot& MergeTable::slotFor(quint32 parent, quint32 key)
@@ -161,6 +132,8 @@ void MergeTable::grow()
 void MergeTable::link(quint32 id)
 {
     Node& node = mNodes[id];
+    node.nextSame = NONE;
+    node.firstOfKey = false;
     if (node.parent == NONE)
         return;
     if (2 * (mUsed + 1) > mSlots.size())
@@ -176,55 +149,45 @@ void MergeTable::link(quint32 id)
     }
 }
 
-quint32 MergeTable::find(quint32 parent, const PSVModelItem* item, quint32 key, const void* function, const void* file,
-                         quint32 guess) const
+quint32 MergeTable::nameOf(const QVector<QString>& names, quint32 name)
 {
-    const Position& position = item->mPosition;
+    quint32& mapped = mNameMap[name];
+    if (mapped == NONE) {
+        const QString& text = names[int(name)];
+        const void* storage = const_cast<QString&>(text).data_ptr();
+        auto it = mNameIds.constFind(storage);
+        if (it == mNameIds.constEnd()) {
+            it = mNameIds.insert(storage, quint32(mNames.size()));
+            mNames.append(text);
+        }
+        mapped = *it;
+    }
+    return mapped;
+}
+
+quint32 MergeTable::find(quint32 parent, const Node& like, const QVector<QString>& names, quint32 likeFunction,
+                         quint32 likeFile, quint32 guess) const
+{
     if (guess < mNodes.size()) {
         const Node& node = mNodes[guess];
-        if (node.parent == parent && node.key == key && node.firstOfKey && node.function == function
-            && node.file == file && node.line == position.line && node.column == position.column)
+        if (node.parent == parent && node.key == like.key && node.firstOfKey && node.function == like.function
+            && node.file == like.file && node.line == like.line && node.column == like.column)
             return guess;
     }
-    const Slot& slot = const_cast<MergeTable*>(this)->slotFor(parent, key);
+    const Slot& slot = const_cast<MergeTable*>(this)->slotFor(parent, like.key);
     for (quint32 id = slot.head; id != NONE; id = mNodes[id].nextSame) {
         const Node& node = mNodes[id];
-        if (node.line != position.line || node.column != position.column)
+        if (node.line != like.line || node.column != like.column)
             continue;
-        if ((node.function == function && node.file == file)
-            || PSVModelItem::samePosition(node.rep->mPosition, position))
+        if (node.function == like.function && node.file == like.file)
+            return id;
+        // Names of other storage, or another spelling of the file.
+        const Position mine(mNames[int(node.function)], mNames[int(node.file)], node.line, node.column);
+        const Position theirs(names[int(likeFunction)], names[int(likeFile)], like.line, like.column);
+        if (FlatTree::samePosition(mine, theirs))
             return id;
     }
     return NONE;
-}
-
-quint32 MergeTable::adopt(PSVModelItem* item, quint32 parent)
-{
-    const quint32 id = quint32(mNodes.size());
-    Node node;
-    node.rep = item;
-    node.parent = parent;
-    node.nextSame = NONE;
-    node.key = item->mPositionKey;
-    node.line = item->mPosition.line;
-    node.column = item->mPosition.column;
-    node.function = storageOf(item->mPosition.function);
-    node.file = storageOf(item->mPosition.file);
-    node.last = Counts{0, 0, 0};
-    node.earlier = nullptr;
-    node.current = item->mCurrentGroup;
-    node.stop = item->mUnexpectedStop;
-    node.stopAncestor = item->mUnexpectedStopAncestor;
-    node.ownMaps = !isPlain(item->mProcessThreads, item->mCudaThreads);
-    node.firstOfKey = false;
-    node.plainType = typeid(*item) == typeid(PSVModelItem);
-    if (!node.ownMaps) {
-        for (const auto& entry : item->mProcessThreads.ranges())
-            appendCounts(node, Counts{entry.first.begin, entry.first.end, entry.second});
-    }
-    mNodes.push_back(node);
-    link(id);
-    return id;
 }
 
 void MergeTable::appendCounts(Node& node, const Counts& counts)
@@ -252,155 +215,112 @@ void MergeTable::appendCounts(Node& node, Node& other)
         appendCounts(node, other.last);
 }
 
-void MergeTable::toOwnMaps(Node& node)
+void MergeTable::mergeFlags(Node& node, const Node& other)
 {
-    if (node.ownMaps)
-        return;
-    // Ranks set in the order merged, as merging each map in turn sets them.
-    IntProcessMap processes;
-    if (node.earlier) {
-        for (const Counts& counts : *node.earlier)
-            processes.set(counts.begin, counts.end, counts.value, true);
-    }
-    if (node.last.begin != node.last.end)
-        processes.set(node.last.begin, node.last.end, node.last.value, true);
-    node.rep->mProcessThreads = processes;
-    delete node.earlier;
-    node.earlier = nullptr;
-    node.last = Counts{0, 0, 0};
-    node.ownMaps = true;
+    node.current = node.current || other.current;
+    node.stop = node.stop || other.stop;
+    if (node.tag == 0)
+        node.tag = other.tag;
+    for (int i = 0; i < FlatTree::SUMS; ++i)
+        node.sums[i] += other.sums[i];
 }
 
-void MergeTable::mergeItem(Node& node, PSVModelItem* item)
+template <typename Source, typename Merge, typename Adopt>
+void MergeTable::absorbNodes(const std::vector<Source>& nodes, const QVector<QString>& names, Merge merge, Adopt adopt)
 {
-    if (!node.plainType)
-        node.rep->extraMergePSVModelItem(*item, mContext);
-    node.current = node.current || item->mCurrentGroup;
-    node.stop = node.stop || item->mUnexpectedStop;
-    node.stopAncestor = node.stopAncestor || item->mUnexpectedStopAncestor;
-    if (!node.ownMaps && isPlain(item->mProcessThreads, item->mCudaThreads)) {
-        for (const auto& entry : item->mProcessThreads.ranges())
-            appendCounts(node, Counts{entry.first.begin, entry.first.end, entry.second});
-        return;
-    }
-    toOwnMaps(node);
-    node.rep->mProcessThreads.set(item->mProcessThreads, true);
-    node.rep->mCudaThreads.set(item->mCudaThreads, true);
-}
-
-void MergeTable::takeChildren(PSVModelItem* item, quint32 id, bool isNew)
-{
-    const QList<PSVModelItem*> children = item->takeChildren();
-    for (PSVModelItem* child : children)
-        mPending.push_back(Pending{child, id, isNew});
-}
-
-namespace {
-
-// The storage behind a QList or a map, whose first member points to it.
-template <typename T>
-const void* firstPointer(const T& object)
-{
-    const void* pointer;
-    std::memcpy(&pointer, &object, sizeof pointer);
-    return pointer;
-}
-
-} // namespace
-
-void MergeTable::prefetch(const PSVModelItem* item)
-{
-    static_assert(sizeof(QList<PSVModelItem*>) == sizeof(void*), "a QList is one pointer");
-    __builtin_prefetch(firstPointer(item->mChildren));
-    __builtin_prefetch(firstPointer(item->mProcessThreads));
-}
-
-void MergeTable::absorb(PSVModelItem* root)
-{
-    if (root) {
-        mergeItem(mNodes[0], root);
-        takeChildren(root, 0, false);
-        delete root;
-    }
-    // Breadth first, children in their order, so that the children new to
-    // a node come in the order that merging in turn appends them; the nodes
-    // to visit are known well ahead, so their memory is fetched ahead.
+    mNameMap.assign(size_t(names.size()), NONE);
+    mTo.resize(nodes.size());
+    mIsNew.resize(nodes.size());
     quint32 previous = 0;
-    const size_t ahead = 8;
-    for (size_t next = 0; next < mPending.size();) {
-        if (next + ahead < mPending.size())
-            prefetch(mPending[next + ahead].item);
-        const Pending pending = mPending[next++];
-        PSVModelItem* item = pending.item;
+    for (size_t i = 0; i < nodes.size(); ++i) {
+        const Source& in = nodes[i];
+        Node like;
+        like.parent = i == 0 ? NONE : mTo[in.parent];
+        like.key = in.key;
+        like.line = in.line;
+        like.column = in.column;
+        like.function = nameOf(names, in.function);
+        like.file = nameOf(names, in.file);
         quint32 id = NONE;
+        if (i == 0 && !mNodes.empty())
+            id = 0;
         // Below a node new to the table, everything is new: the subtree
         // moves over as it is.
-        if (!pending.parentIsNew)
-            id = find(pending.parent, item, item->mPositionKey, storageOf(item->mPosition.function),
-                      storageOf(item->mPosition.file), previous + 1);
+        else if (i > 0 && !mIsNew[in.parent])
+            id = find(like.parent, like, names, in.function, in.file, previous + 1);
         if (id == NONE) {
-            id = adopt(item, pending.parent);
-            takeChildren(item, id, true);
+            id = quint32(mNodes.size());
+            adopt(like, i);
+            mNodes.push_back(like);
+            link(id);
+            mIsNew[i] = 1;
         } else {
-            mergeItem(mNodes[id], item);
-            takeChildren(item, id, false);
-            delete item;
+            merge(mNodes[id], i);
+            mIsNew[i] = 0;
             previous = id;
         }
+        mTo[i] = id;
     }
-    mPending.clear();
+}
+
+void MergeTable::absorb(FlatTree* tree)
+{
+    const int rank = tree->mRank;
+    const std::vector<FlatTree::Node>& nodes = tree->mNodes;
+    auto countsOf = [rank](const FlatTree::Node& in) { return Counts{rank, rank + 1, in.threads}; };
+    auto flagsOf = [&](size_t i) {
+        const FlatTree::Node& in = nodes[i];
+        Node other;
+        other.current = in.current;
+        other.stop = in.stop;
+        other.tag = in.tag;
+        std::copy(in.sums, in.sums + FlatTree::SUMS, other.sums);
+        return other;
+    };
+    absorbNodes(
+        nodes, tree->mNames,
+        [&](Node& target, size_t i) {
+            mergeFlags(target, flagsOf(i));
+            if (nodes[i].threads != 0)
+                appendCounts(target, countsOf(nodes[i]));
+        },
+        [&](Node& like, size_t i) {
+            const Node other = flagsOf(i);
+            like.current = other.current;
+            like.stop = other.stop;
+            like.tag = other.tag;
+            std::copy(other.sums, other.sums + FlatTree::SUMS, like.sums);
+            like.earlier = nullptr;
+            like.last = nodes[i].threads != 0 ? countsOf(nodes[i]) : Counts{0, 0, 0};
+        });
+    delete tree;
 }
 
 void MergeTable::absorb(MergeTable& other)
 {
-    // Nodes in the order other first saw them, so parents before children
-    // and the children new to a node in the order they came.
-    std::vector<quint32> to(other.mNodes.size());
-    std::vector<char> isNew(other.mNodes.size());
-    quint32 previous = 0;
-    for (size_t i = 0; i < other.mNodes.size(); ++i) {
-        Node& node = other.mNodes[i];
-        quint32 id = 0;
-        if (i > 0) {
-            const quint32 parent = to[node.parent];
-            id = isNew[node.parent] ? NONE : find(parent, node.rep, node.key, node.function, node.file, previous + 1);
-            if (id == NONE) {
-                id = quint32(mNodes.size());
-                Node moved = node;
-                moved.parent = parent;
-                moved.nextSame = NONE;
-                moved.firstOfKey = false;
-                mNodes.push_back(moved);
-                link(id);
-                node.rep = nullptr;
-                node.earlier = nullptr;
-                to[i] = id;
-                isNew[i] = 1;
-                continue;
-            }
-        }
-        to[i] = id;
-        previous = id;
-        Node& target = mNodes[id];
-        if (!target.plainType)
-            target.rep->extraMergePSVModelItem(*node.rep, mContext);
-        target.current = target.current || node.current;
-        target.stop = target.stop || node.stop;
-        target.stopAncestor = target.stopAncestor || node.stopAncestor;
-        if (!target.ownMaps && !node.ownMaps) {
-            appendCounts(target, node);
-        } else {
-            toOwnMaps(target);
-            toOwnMaps(node);
-            target.rep->mProcessThreads.set(node.rep->mProcessThreads, true);
-            target.rep->mCudaThreads.set(node.rep->mCudaThreads, true);
-        }
-        release(node);
-    }
-    other.mNodes.clear();
+    std::vector<Node>& nodes = other.mNodes;
+    absorbNodes(
+        nodes, other.mNames,
+        [&](Node& target, size_t i) {
+            mergeFlags(target, nodes[i]);
+            appendCounts(target, nodes[i]);
+        },
+        [&](Node& like, size_t i) {
+            Node& in = nodes[i];
+            like.current = in.current;
+            like.stop = in.stop;
+            like.tag = in.tag;
+            std::copy(in.sums, in.sums + FlatTree::SUMS, like.sums);
+            like.last = in.last;
+            like.earlier = in.earlier;
+            in.earlier = nullptr;
+        });
+    for (Node& node : nodes)
+        delete node.earlier;
+    nodes.clear();
 }
 
-PSVModelItem* MergeTable::build()
+PSVModelItem* MergeTable::build(TreeMerger::NodeFactory make)
 {
     // Whether a node lies above a stop, from the leaves up.
     std::vector<char> aboveStop(mNodes.size());
@@ -409,22 +329,32 @@ PSVModelItem* MergeTable::build()
         if (node.stop || aboveStop[i])
             aboveStop[node.parent] = 1;
     }
+    std::vector<PSVModelItem*> items(mNodes.size());
     for (size_t i = 0; i < mNodes.size(); ++i) {
         Node& node = mNodes[i];
-        PSVModelItem* rep = node.rep;
-        toOwnMaps(node);
-        rep->mCurrentGroup = node.current;
-        rep->mUnexpectedStop = node.stop;
-        rep->mUnexpectedStopAncestor = node.stopAncestor || aboveStop[i];
+        const Position position(mNames[int(node.function)], mNames[int(node.file)], node.line, node.column);
+        PSVModelItem* item = make ? make(position, node.sums, node.tag) : new PSVModelItem(position);
+        items[i] = item;
+        // Ranks set in the order merged, as merging each map in turn sets them.
+        if (node.earlier) {
+            for (const Counts& counts : *node.earlier)
+                item->mProcessThreads.set(counts.begin, counts.end, counts.value, true);
+        }
+        if (node.last.begin != node.last.end)
+            item->mProcessThreads.set(node.last.begin, node.last.end, node.last.value, true);
+        delete node.earlier;
+        node.earlier = nullptr;
+        item->mCurrentGroup = node.current;
+        item->mUnexpectedStop = node.stop;
+        item->mUnexpectedStopAncestor = aboveStop[i];
         if (i > 0)
-            mNodes[node.parent].rep->addChild(rep);
+            items[node.parent]->addChild(item);
     }
-    PSVModelItem* root = mNodes.empty() ? nullptr : mNodes[0].rep;
     mNodes.clear();
-    return root;
+    return items.empty() ? nullptr : items[0];
 }
 
-TreeMerger::TreeMerger(int threads, void* context) : mContext(context)
+TreeMerger::TreeMerger(int threads, NodeFactory make) : mMake(make)
 {
     if (threads <= 0)
         threads = int(std::max(1u, std::thread::hardware_concurrency()));
@@ -448,7 +378,7 @@ TreeMerger::~TreeMerger()
     }
 }
 
-void TreeMerger::add(PSVModelItem* tree)
+void TreeMerger::add(FlatTree* tree)
 {
     std::unique_lock<std::mutex> lock(mLock);
     mRuns.push_back(Run{mAdded++, 1, tree, nullptr, false});
@@ -473,10 +403,9 @@ PSVModelItem* TreeMerger::take()
     const Run run = mRuns.front();
     mRuns.clear();
     lock.unlock();
-    if (run.tree)
-        return run.tree;
-    PSVModelItem* root = run.table->build();
-    delete run.table;
+    MergeTable* table = run.table ? run.table : new MergeTable(run.tree);
+    PSVModelItem* root = table->build(mMake);
+    delete table;
     return root;
 }
 
@@ -505,7 +434,7 @@ MergeTable* TreeMerger::merge(const Job& job)
 {
     MergeTable* table = job.target.table;
     if (!table)
-        table = new MergeTable(job.target.tree, mContext);
+        table = new MergeTable(job.target.tree);
     if (job.source.tree) {
         table->absorb(job.source.tree);
     } else {

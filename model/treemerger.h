@@ -1,28 +1,23 @@
 // Merges the call trees of many ranks into one, on all cores, with memory
 // that follows the distinct nodes rather than the number of trees.
 //
-// Trees are merged in the order they were added, in segments of SEGMENT
-// consecutive inputs: each input goes straight into the merged table of its
-// segment, and each finished segment into the table of the segments before
-// it. A table is flat: one array of merged nodes in the order they were
-// first seen, each with its parent, the hash of its position, the counts
-// per rank as a list of rank ranges (one range while ranks come in order)
-// and one node of the inputs that stands for it; children are found through
-// one hash of (parent, position). Input nodes that match a merged node are
-// freed as they are visited; the tree is built from the table once, by
-// take().
+// Each rank comes as a FlatTree, one array of nodes. Trees are merged in the
+// order they were added, in segments of SEGMENT consecutive inputs: each
+// input goes straight into the merged table of its segment, and each
+// finished segment into the table of the segments before it. A table is
+// flat too: one array of merged nodes in the order they were first seen,
+// each with its parent, the hash of its position and the counts per rank as
+// a list of rank ranges (one range while ranks come in order); children are
+// found through one hash of (parent, position), after a guess from the order
+// of the last tree. The tree is built from the table once, by take().
 //
-// The result equals merging every tree into the first one with
-// mergePSVModelItem, in the order added (the same counts, flags and order of
-// children), except that every ancestor of a node with an unexpected stop
-// is marked, as in a tree read back from XML: merging in turn leaves
-// unmarked the ancestors of a subtree that moves over. Node types must keep
-// their own fields in extraMergePSVModelItem, which is called with the
-// merged node first; it is called in the order added within a segment, and
-// a segment's merged node is merged into those before it, so it must be
-// associative. Counts maps that are brief or elided, and CUDA counts, merge
-// through IntProcessMap::set, in turn within a segment and then segment by
-// segment.
+// The result equals building each rank's tree as PSVModelItems and merging
+// every tree into the first one with mergePSVModelItem, in the order added
+// (the same counts, flags and order of children), except that every
+// ancestor of a node with an unexpected stop is marked, as in a tree read
+// back from XML. A rank added twice takes the later tree's counts, as
+// IntProcessMap::set does. The sums of merged nodes add up, and a tag is
+// the first one other than 0.
 //
 //   TreeMerger merger;
 //   for (...) merger.add(treeOfRank);   // returns at once; merging goes on meanwhile
@@ -36,22 +31,28 @@
 #include <thread>
 #include <vector>
 
-class PSVModelItem;
+class FlatTree;
 class MergeTable;
+class PSVModelItem;
+class Position;
 
 class TreeMerger
 {
 public:
-    // threads: how many threads merge; 0 for one per core. context goes to
-    // every extraMergePSVModelItem call.
-    explicit TreeMerger(int threads = 0, void* context = nullptr);
+    // Makes a node of the merged tree from its position and what its sums
+    // and tag add up to; take() sets its counts, flags and children.
+    typedef PSVModelItem* (*NodeFactory)(const Position& position, const int* sums, int tag);
+
+    // threads: how many threads merge; 0 for one per core. make: null for
+    // plain PSVModelItems.
+    explicit TreeMerger(int threads = 0, NodeFactory make = nullptr);
     // Waits for the merging under way and deletes what was not taken.
     ~TreeMerger();
     TreeMerger(const TreeMerger&) = delete;
     TreeMerger& operator=(const TreeMerger&) = delete;
 
-    // Takes ownership of tree, a root, and merges it in the background.
-    void add(PSVModelItem* tree);
+    // Takes ownership of tree and merges it in the background.
+    void add(FlatTree* tree);
     // Returns once every pair that can be merged so far has been.
     void wait();
     // Merges what is left and hands the root over; null when nothing was
@@ -69,7 +70,7 @@ private:
     {
         long long first;
         long long count;
-        PSVModelItem* tree;
+        FlatTree* tree;
         MergeTable* table;
         bool busy;
     };
@@ -85,7 +86,7 @@ private:
     void schedule();
     MergeTable* merge(const Job& job);
 
-    void* mContext;
+    NodeFactory mMake;
     std::mutex mLock;
     std::condition_variable mJobReady;
     std::condition_variable mJobDone;

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "constants.h"
+#include "flattree.h"
 #include "treemerger.h"
 
 namespace {
@@ -34,6 +35,15 @@ ZORPSVModelItem::Special specialOf(const PSVModelItem* node)
 {
     const ZORPSVModelItem* item = dynamic_cast<const ZORPSVModelItem*>(node);
     return item ? item->specialType() : ZORPSVModelItem::specialNone;
+}
+
+// A node of the merged tree, with the sample counts that the ranks' trees
+// add up to.
+PSVModelItem* makeNode(const Position& position, const int* sums, int tag)
+{
+    ZORPSVModelItem* node = new ZORPSVModelItem(position, sums[0], sums[1], sums[2], sums[3]);
+    node->setSpecial(ZORPSVModelItem::Special(tag));
+    return node;
 }
 
 // The class of a thread as its sample shows it: the frame below the
@@ -79,9 +89,10 @@ Profile::~Profile() = default;
 void Profile::build()
 {
     // Each rank's threads and samples are added up into a tree of the rank;
-    // the ranks' trees, whose ranks are disjoint, then merge by position.
+    // the ranks' trees, whose ranks are disjoint, then merge by position on
+    // every core, each as soon as it is made.
     QVector<ThreadSample> threadSamples;
-    QList<ZORPSVModelItem*> rankTrees;
+    TreeMerger merger(0, makeNode);
     QSet<QPair<int, int>> threads;
     for (const RankResult& rank : mResult.ranks) {
         mDurationMs = std::max(mDurationMs, rank.play.duration());
@@ -98,8 +109,7 @@ void Profile::build()
         const double rankMs = rank.play.duration() > 0 ? rank.play.duration() : mDurationMs;
         const double stretchMs = rank.samples.isEmpty() ? 0 : rankMs / rank.samples.size();
         int index = 0;
-        ZORPSVModelItem* rankTree = new ZORPSVModelItem;
-        rankTrees.append(rankTree);
+        FlatTree* rankTree = new FlatTree(rank.rank());
         for (const Sample& sample : rank.samples) {
             ++mSampleCount;
             const double beginMs = stretchMs * index++;
@@ -116,17 +126,16 @@ void Profile::build()
                     collectPaths(tree, path, &paths);
                 const bool sleeping = sample.backendOnly_isSleeping(tid);
                 const bool inMpi = sample.backendOnly_instruction(tid).instruction == QLatin1String("mpi");
-                rankTree->addThreads(rank.rank(), 1, false, false);
+                rankTree->addThreads(FlatTree::ROOT, 1);
                 for (const QVector<const PSVModelItem*>& p : paths) {
-                    ZORPSVModelItem* node = rankTree;
+                    quint32 node = FlatTree::ROOT;
                     for (int i = 0; i < p.size(); ++i) {
-                        ZORPSVModelItem* child = node->findChild(p.at(i)->position());
-                        if (!child) {
-                            child = new ZORPSVModelItem(node, p.at(i)->position());
-                            child->setSpecial(specialOf(p.at(i)));
-                        }
-                        child->addThreads(rank.rank(), 1, false, false);
-                        child->addSampleCounts(1, i + 1 == p.size(), inMpi, sleeping);
+                        bool made = false;
+                        const quint32 child = rankTree->child(node, p.at(i)->position(), &made);
+                        if (made)
+                            rankTree->setTag(child, specialOf(p.at(i)));
+                        rankTree->addThreads(child, 1);
+                        rankTree->addSums(child, {1, i + 1 == p.size(), inMpi, sleeping});
                         node = child;
                     }
                 }
@@ -134,15 +143,11 @@ void Profile::build()
                                        classLabel(sample, tid, paths.value(0)) });
             }
         }
+        merger.add(rankTree);
     }
     mThreadCount = threads.size();
-    if (!rankTrees.isEmpty()) {
-        // Many ranks merge on every core, in segments of neighbouring ranks.
-        TreeMerger merger;
-        for (ZORPSVModelItem* rankTree : qAsConst(rankTrees))
-            merger.add(rankTree);
-        mTree.reset(static_cast<ZORPSVModelItem*>(merger.take()));
-    }
+    if (PSVModelItem* merged = merger.take())
+        mTree.reset(static_cast<ZORPSVModelItem*>(merged));
 
     // CPU time goes to the merged nodes of each sample's path.
     QHash<QString, int> functionIndex;

@@ -733,6 +733,12 @@ void PreloadSampleSource::readMpiCallMetrics(MpiCallMetrics& metrics)
 {
     errno = 0;
     const int fd = ::open(QFile::encodeName(mMpiFile).constData(), O_RDONLY | O_CLOEXEC);
+    // The sampler writes the file only for a process that loaded the MPI
+    // wrapper: none means no calls.
+    if (fd < 0 && errno == ENOENT) {
+        metrics.clear();
+        return;
+    }
     if (fd < 0)
         fail(20018, QStringLiteral("Unable to open %1").arg(mMpiFile));
     // Closes the file on every way out, exceptions included.
@@ -772,6 +778,12 @@ void PreloadSampleSource::readMpiCallMetrics(MpiCallMetrics& metrics)
 void PreloadSampleSource::readMetricErrors(MetricErrorMap& errors)
 {
     QFile file(mErrorMessagesFile);
+    // The sampler writes the file only when it has something to say.
+    struct stat status;
+    if (::lstat(QFile::encodeName(mErrorMessagesFile).constData(), &status) != 0 && errno == ENOENT) {
+        errors.clear();
+        return;
+    }
     if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
         fail(20014, translated("Unable to open %1").arg(mErrorMessagesFile));
     QTextStream in(&file);

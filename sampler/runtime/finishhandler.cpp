@@ -70,8 +70,9 @@ void reportFileError(const char* what, const char* path)
     writeLog(message);
 }
 
-// Writes the data file, ".errorMessages" and ".mpi" (with no records when
-// no MPI wrapper is loaded); then deletes ".running". Allocates nothing and
+// Writes the data file, ".errorMessages" when some metric can't be taken,
+// ".mpi" when an MPI wrapper is loaded, and ".modules" when there are
+// addresses; then deletes ".running". Allocates nothing and
 // takes no lock, since it may run on top of an interrupted handler.
 void writeResults(int stopReason, int stage)
 {
@@ -126,25 +127,34 @@ void writeResults(int stopReason, int stage)
         close(fd);
     }
 
-    // Arming took the file away: what it holds now are the notes of
-    // processes that may not sample, which stay.
-    fd = open(s.errorsPath, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        reportFileError("the metric errors", s.errorsPath);
-    } else {
-        quorvex::safe_write_all(fd, s.errorRecords, s.errorRecordsSize);
-        close(fd);
+    // Side files only with something in them: every file made costs a
+    // process that runs a millisecond a good part of its start. Arming took
+    // ".errorMessages" away: what it holds now are the notes of processes
+    // that may not sample, which stay.
+    if (s.errorRecordsSize > 0) {
+        fd = open(s.errorsPath, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (fd < 0) {
+            reportFileError("the metric errors", s.errorsPath);
+        } else {
+            quorvex::safe_write_all(fd, s.errorRecords, s.errorRecordsSize);
+            close(fd);
+        }
     }
 
-    fd = open(s.mpiPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd >= 0) {
-        writeMpiFile(fd);
-        close(fd);
-    } else {
-        reportFileError("the MPI figures", s.mpiPath);
+    if (mpiWrapperLoaded()) {
+        fd = open(s.mpiPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd >= 0) {
+            writeMpiFile(fd);
+            close(fd);
+        } else {
+            reportFileError("the MPI figures", s.mpiPath);
+        }
     }
 
-    if (!writeModulesFile(s.modulesPath))
+    // The module list turns addresses into functions: a run that has none
+    // (one shorter than a sampling interval, most often) needs none.
+    if ((s.list->size() > 0 || gCallSiteCount.load(std::memory_order_acquire) > 0)
+        && !writeModulesFile(s.modulesPath))
         reportFileError("the module list", s.modulesPath);
 
     unlink(s.runningPath);

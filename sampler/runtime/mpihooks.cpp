@@ -100,6 +100,11 @@ bool mpiThreadMultiple()
     return gThreadMultiple.load(std::memory_order_relaxed);
 }
 
+bool mpiWrapperLoaded()
+{
+    return gCallNames.load(std::memory_order_acquire) != nullptr;
+}
+
 void writeMpiFile(int fd)
 {
     const char* const* names = gCallNames.load(std::memory_order_acquire);

@@ -23,8 +23,12 @@ std::uint64_t takeMpiTimeNs();
 // Whether MPI granted several threads the right to call it at once.
 bool mpiThreadMultiple();
 
-// Writes ".mpi": the figures of every call that the wrapper saw made, or
-// no records when no wrapper is loaded. Async-signal-safe.
+// Whether an MPI wrapper has registered its calls: only then is there an
+// ".mpi" to write.
+bool mpiWrapperLoaded();
+
+// Writes ".mpi": the figures of every call that the wrapper saw made.
+// Async-signal-safe.
 void writeMpiFile(int fd);
 
 } // namespace zorsampler

@@ -6,8 +6,9 @@
  * quorvex_set_GPUProfiler_configuration while the target stands stopped,
  * then quorvex_init_sampler_now arms sampling. Sampling ends when
  * quorvex_ui_stop_sampling is called or when the program exits; either way
- * the data file is written over the configuration at `path`, "PATH.mpi" and
- * "PATH.errorMessages" are written beside it, and "PATH.running", created at
+ * the data file is written over the configuration at `path`, "PATH.mpi" (MPI
+ * wrapper loaded) and "PATH.errorMessages" (something to report) are written
+ * beside it, and "PATH.running", created at
  * arming, is deleted last, as the sign that the results are complete. */
 #ifndef QUORVEX_SAMPLER_H
 #define QUORVEX_SAMPLER_H

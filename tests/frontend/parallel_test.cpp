@@ -32,10 +32,11 @@ struct Outcome
 {
     int status = -1;
     bool timedOut = false;
-    qint64 ms = 0;
     QString out;
     QString err;
-    QStringList leftBehind; // processes still running after zor ended
+    // Processes still running after zor ended, and files it left in TMPDIR
+    // apart from the plug-in's directory for the user.
+    QStringList leftBehind;
 };
 
 // Children of this process that still run; zombies are reaped.
@@ -96,8 +97,6 @@ Outcome zor(const QStringList& args, const QProcessEnvironment& env, int timeout
 {
     QProcess process;
     process.setProcessEnvironment(env);
-    QElapsedTimer clock;
-    clock.start();
     process.start(QStringLiteral(ZOR_PROGRAM), args);
     Outcome run;
     if (!process.waitForFinished(timeoutMs)) {
@@ -110,12 +109,23 @@ Outcome zor(const QStringList& args, const QProcessEnvironment& env, int timeout
             process.waitForFinished();
         }
     }
-    run.ms = clock.elapsed();
     run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     run.out = QString::fromLocal8Bit(process.readAllStandardOutput());
     run.err = QString::fromLocal8Bit(process.readAllStandardError());
     run.leftBehind = killLeftovers();
+    QStringList files = QDir(env.value(QStringLiteral("TMPDIR"))).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    files.removeAll(QStringLiteral("zor-%1").arg(getuid()));
+    run.leftBehind += files;
     return run;
+}
+
+// The result a run saved at `path`.
+Result savedResult(const QString& path)
+{
+    Result result;
+    QString error;
+    EXPECT_TRUE(ResultFile::read(path, &result, &error)) << qPrintable(error);
+    return result;
 }
 
 QProcessEnvironment environment(const QString& temporary)
@@ -123,13 +133,6 @@ QProcessEnvironment environment(const QString& temporary)
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("TMPDIR"), temporary);
     return env;
-}
-
-QStringList leftoverFiles(const QString& directory)
-{
-    QStringList entries = QDir(directory).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
-    entries.removeAll(QStringLiteral("zor-%1").arg(getuid()));
-    return entries;
 }
 
 // Adopts the orphans of every process this test starts, so that none escapes
@@ -223,13 +226,10 @@ TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
     EXPECT_EQ(run.leftBehind, QStringList());
     ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
     ASSERT_EQ(run.status, 0) << qPrintable(run.err);
-    EXPECT_EQ(leftoverFiles(temporary.path()), QStringList());
     EXPECT_EQ(run.err.contains(QLatin1String("zor: the hosts call tcp:")), tcp) << qPrintable(run.err);
     EXPECT_FALSE(run.err.contains(QLatin1String("refused"))) << qPrintable(run.err);
 
-    Result saved;
-    QString error;
-    ASSERT_TRUE(ResultFile::read(result, &saved, &error)) << qPrintable(error);
+    const Result saved = savedResult(result);
     ASSERT_EQ(saved.ranks.size(), n);
     const QMap<int, QMap<QString, quint64>> printed = callsPrinted(run.out);
     QList<int> all;
@@ -302,11 +302,8 @@ TEST_F(Parallel, ShmemTwoPesCountEveryCall)
     EXPECT_EQ(run.leftBehind, QStringList());
     ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
     ASSERT_EQ(run.status, 0) << qPrintable(run.err) << qPrintable(run.out);
-    EXPECT_EQ(leftoverFiles(temporary.path()), QStringList());
 
-    Result saved;
-    QString error;
-    ASSERT_TRUE(ResultFile::read(result, &saved, &error)) << qPrintable(error);
+    const Result saved = savedResult(result);
     ASSERT_EQ(saved.ranks.size(), 2);
     const QRegularExpression line(QStringLiteral("^pe (\\d+) calls shmem_long_put (\\d+) shmem_barrier_all (\\d+)$"),
                                   QRegularExpression::MultilineOption);
@@ -378,11 +375,8 @@ TEST_F(Parallel, MpiAbortAndACrashingRankKeepTheOtherRanksSamples)
             EXPECT_EQ(run.status, c.status) << qPrintable(run.err);
         else
             EXPECT_NE(run.status, 0) << qPrintable(run.err);
-        EXPECT_EQ(leftoverFiles(temporary.path()), QStringList());
 
-        Result saved;
-        QString error;
-        ASSERT_TRUE(ResultFile::read(result, &saved, &error)) << qPrintable(error) << "\n" << qPrintable(run.err);
+        const Result saved = savedResult(result);
         EXPECT_EQ(saved.run.exitStatus, run.status);
         QList<int> ranks;
         for (const RankResult& rank : saved.ranks) {
@@ -427,9 +421,7 @@ TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
     ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
     ASSERT_EQ(run.status, 0) << qPrintable(run.err);
     EXPECT_TRUE(run.out.endsWith(QLatin1String("ok\n"))) << qPrintable(run.out);
-    Result saved;
-    QString error;
-    ASSERT_TRUE(ResultFile::read(result, &saved, &error)) << qPrintable(error);
+    const Result saved = savedResult(result);
     const Profile profile(saved);
 
     // Per path, the time in hot_body: a worker's path has no call into the

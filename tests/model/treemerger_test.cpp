@@ -1,3 +1,4 @@
+#include "flattree.h"
 #include "psvmodelitem.h"
 #include "treemerger.h"
 
@@ -45,29 +46,50 @@ PSVModelItem* child(PSVModelItem* parent, const QString& function, const QString
     return new PSVModelItem(parent, Position(function, file, line, -1));
 }
 
-// A rank's tree: wide near the top, so that lookups go through the index,
-// with frames from a small pool so that ranks share most of them, and the
-// same file under several spellings. Its frames and counts follow seed.
-PSVModelItem* rankTree(int seed, int rank)
+// A rank's tree, as PSVModelItems and as a FlatTree: wide near the top, so
+// that lookups go through the index, with frames from a small pool so that
+// ranks share most of them, and the same file under several spellings. Its
+// frames and counts follow seed.
+PSVModelItem* rankTree(int seed, int rank, FlatTree** flat = nullptr)
 {
     std::mt19937 rng(unsigned(seed) * 31u + 7u);
     static const char* const files[] = {"/src/a.c", "src/a.c", "/src/b.c", "b.c", ""};
     PSVModelItem* root = new PSVModelItem;
+    FlatTree* tree = new FlatTree(rank);
     root->addThreads(rank, 1 + seed % 3, false, false);
-    std::function<void(PSVModelItem*, int)> grow = [&](PSVModelItem* parent, int depth) {
+    tree->addThreads(FlatTree::ROOT, 1 + seed % 3);
+    std::function<void(PSVModelItem*, quint32, int)> grow = [&](PSVModelItem* parent, quint32 flatParent, int depth) {
         const int width = depth == 0 ? 24 : depth == 1 ? int(rng() % 10) : int(rng() % 3);
         for (int i = 0; i < width && depth < 4; ++i) {
             const int frame = int(rng() % 40);
             const Position position(QStringLiteral("f%1").arg(frame), QString::fromLatin1(files[rng() % 5]), frame % 7, -1);
-            if (parent->findChild(position))
+            bool made = false;
+            const quint32 flatNode = tree->child(flatParent, position, &made);
+            EXPECT_EQ(made, parent->findChild(position) == nullptr);
+            if (!made)
                 continue;
             PSVModelItem* node = new PSVModelItem(parent, position);
-            node->addThreads(rank, 1 + int(rng() % 2), rng() % 50 == 0, rng() % 200 == 0);
-            grow(node, depth + 1);
+            const int threads = 1 + int(rng() % 2);
+            const bool current = rng() % 50 == 0;
+            const bool stop = rng() % 200 == 0;
+            node->addThreads(rank, threads, current, stop);
+            tree->addThreads(flatNode, threads, current, stop);
+            grow(node, flatNode, depth + 1);
         }
     };
-    grow(root, 0);
+    grow(root, FlatTree::ROOT, 0);
+    if (flat)
+        *flat = tree;
+    else
+        delete tree;
     return root;
+}
+
+FlatTree* flatRankTree(int seed, int rank)
+{
+    FlatTree* flat = nullptr;
+    delete rankTree(seed, rank, &flat);
+    return flat;
 }
 
 } // namespace
@@ -128,7 +150,7 @@ TEST(TreeMerger, MergesLikeMergingEachTreeIntoTheFirstInTurn)
                 }
                 TreeMerger merger(threads);
                 for (int i = 0; i < ranks; ++i) {
-                    merger.add(rankTree(i, rankOf(i)));
+                    merger.add(flatRankTree(i, rankOf(i)));
                     if (i == ranks / 2)
                         merger.wait();
                 }
@@ -144,5 +166,5 @@ TEST(TreeMerger, MergesLikeMergingEachTreeIntoTheFirstInTurn)
     }
     TreeMerger merger;
     EXPECT_EQ(merger.take(), nullptr);
-    merger.add(rankTree(1, 1)); // what isn't taken goes with the merger
+    merger.add(flatRankTree(1, 1)); // what isn't taken goes with the merger
 }

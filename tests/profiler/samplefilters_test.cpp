@@ -40,34 +40,28 @@ TEST(SampleFilters, NeighboursCompareWholeUnitsOnly)
 
 TEST(SampleFilters, OutliersAreRepairedAndStepsKept)
 {
-    Curve none{};
-    removeOutliers(none.list, Metric);
-    Curve one{ 5 };
-    removeOutliers(one.list, Metric);
-    EXPECT_EQ(one.values(), QVector<double>({ 5 }));
-
-    Curve farPair{ 0, 11 };
-    removeOutliers(farPair.list, Metric);
-    EXPECT_EQ(farPair.values(), QVector<double>({ 0, 0 }));
-    Curve nearPair{ 0, 10 };
-    removeOutliers(nearPair.list, Metric);
-    EXPECT_EQ(nearPair.values(), QVector<double>({ 0, 10 }));
-
-    // A lone spike takes the mean of its neighbours; a lone first value
-    // takes that of the two after it.
-    Curve spike{ 100, 10, 12, 90, 14, 16 };
-    removeOutliers(spike.list, Metric);
-    EXPECT_EQ(spike.values(), QVector<double>({ 11, 10, 12, 13, 14, 16 }));
-
-    // A new level that lasts three samples stays.
-    Curve step{ 10, 10, 50, 51, 52, 52 };
-    removeOutliers(step.list, Metric);
-    EXPECT_EQ(step.values(), QVector<double>({ 10, 10, 50, 51, 52, 52 }));
-
-    // Two odd samples between agreeing ones both take the mean.
-    Curve dip{ 40, 40, 0, 1, 42, 42 };
-    removeOutliers(dip.list, Metric);
-    EXPECT_EQ(dip.values(), QVector<double>({ 40, 40, 41, 41, 42, 42 }));
+    const struct
+    {
+        std::initializer_list<double> in;
+        QVector<double> out;
+    } cases[] = {
+        { {}, {} },
+        { { 5 }, { 5 } },
+        { { 0, 11 }, { 0, 0 } },
+        { { 0, 10 }, { 0, 10 } },
+        // A lone spike takes the mean of its neighbours; a lone first value
+        // takes that of the two after it.
+        { { 100, 10, 12, 90, 14, 16 }, { 11, 10, 12, 13, 14, 16 } },
+        // A new level that lasts three samples stays.
+        { { 10, 10, 50, 51, 52, 52 }, { 10, 10, 50, 51, 52, 52 } },
+        // Two odd samples between agreeing ones both take the mean.
+        { { 40, 40, 0, 1, 42, 42 }, { 40, 40, 41, 41, 42, 42 } },
+    };
+    for (const auto& c : cases) {
+        Curve curve(c.in);
+        removeOutliers(curve.list, Metric);
+        EXPECT_EQ(curve.values(), c.out) << c.in.size();
+    }
 
     // An empty value among the first three leaves everything alone.
     Curve gap{ 100, 0, 0 };

@@ -893,12 +893,19 @@ TEST(PreloadSampleSourceSideFiles, MpiCallFiguresAreReadAndDamageIsRefused)
         }
     }
 
+    // No file: a process without the MPI wrapper, no calls. One that can't
+    // be opened is refused.
     Rig rig;
     auto source = rig.start();
     MpiCallMetrics metrics(3);
-    const auto missing = failure([&] { source->readMpiCallMetrics(metrics); });
-    EXPECT_EQ(missing.first, 20018);
-    EXPECT_EQ(missing.second, QStringLiteral("Unable to open %1").arg(source->mpiFile()));
+    metrics.addCall(MpiCallMetric(3, QStringLiteral("stale"), 0, 0, 0, 0));
+    EXPECT_EQ(failure([&] { source->readMpiCallMetrics(metrics); }).first, 0);
+    EXPECT_TRUE(metrics.calls().isEmpty());
+    ASSERT_EQ(::symlink(QFile::encodeName(source->mpiFile()).constData(),
+                        QFile::encodeName(source->mpiFile()).constData()), 0);
+    const auto unreadable = failure([&] { source->readMpiCallMetrics(metrics); });
+    EXPECT_EQ(unreadable.first, 20018);
+    EXPECT_EQ(unreadable.second, QStringLiteral("Unable to open %1").arg(source->mpiFile()));
 }
 
 TEST(PreloadSampleSourceSideFiles, MetricErrorsAreReadRecordByRecordAndAnIncompleteFileIsRefused)
@@ -948,12 +955,18 @@ TEST(PreloadSampleSourceSideFiles, MetricErrorsAreReadRecordByRecordAndAnIncompl
         }
     }
 
+    // No file: nothing to say. One that can't be opened is refused.
     Rig rig;
-    auto source = rig.start();
+    auto source = rig.start(false, metrics);
     MetricErrorMap errors;
-    const auto missing = failure([&] { source->readMetricErrors(errors); });
-    EXPECT_EQ(missing.first, 20014);
-    EXPECT_EQ(missing.second, QStringLiteral("Unable to open %1").arg(source->errorMessagesFile()));
+    errors[QStringLiteral("cpu")][1] = MetricError(QStringLiteral("cpu"), 1, QStringLiteral("stale"), 0);
+    EXPECT_EQ(failure([&] { source->readMetricErrors(errors); }).first, 0);
+    EXPECT_TRUE(errors.isEmpty());
+    ASSERT_EQ(::symlink(QFile::encodeName(source->errorMessagesFile()).constData(),
+                        QFile::encodeName(source->errorMessagesFile()).constData()), 0);
+    const auto unreadable = failure([&] { source->readMetricErrors(errors); });
+    EXPECT_EQ(unreadable.first, 20014);
+    EXPECT_EQ(unreadable.second, QStringLiteral("Unable to open %1").arg(source->errorMessagesFile()));
 }
 
 // ---------------------------------------------------------------------------

@@ -47,7 +47,6 @@ FakeHost::Record FakeHost::recordResponse(Kind kind, Response* response)
     Record record;
     record.kind = kind;
     record.elementName = response->elementName();
-    record.xml = response->toString();
     record.response.reset(response->clone());
     return record;
 }

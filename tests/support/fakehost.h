@@ -28,7 +28,6 @@ public:
         int commandUid = -1;      // for replies
         QString commandName;      // for replies
         QString elementName;      // for responses
-        QString xml;              // wire form of a response
         std::shared_ptr<Response> response;
         std::shared_ptr<Exception> exception;
     };

@@ -1,7 +1,7 @@
 // The real debugger on zor-example with the sampler preloaded: stopped at
 // main, calls into the program, variables and strings, threads, positions
-// and disassembly without gdb, detach and reattach, a program that dies
-// while detached, and clear errors for what can't start.
+// and disassembly without gdb, detach and reattach, a restart of gdb, a
+// program that dies while detached, and clear errors for what can't start.
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
@@ -193,6 +193,14 @@ TEST(GdbDebugger, DrivesARealProgram)
     EXPECT_EQ(threads->getActiveThread().uniqueId(), threads->getThread(1).uniqueId());
     EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
 
+    // A fresh gdb takes the program over as it stands.
+    const int firstGdb = debugger.gdbPid();
+    debugger.restart();
+    EXPECT_NE(debugger.gdbPid(), firstGdb);
+    EXPECT_TRUE(processGone(firstGdb));
+    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
+    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
+
     // A program that dies while detached is noticed without asking.
     delete debugger.handleCommand(detach);
     QString exitStatus;
@@ -216,31 +224,6 @@ TEST(GdbDebugger, DrivesARealProgram)
     position.reset(debugger.positionOfAddress(alpha, 0, &inlined));
     EXPECT_EQ(position->function, QStringLiteral("spin_alpha"));
 
-    const int gdb = debugger.gdbPid();
-    debugger.terminate();
-    EXPECT_TRUE(processGone(gdb));
-    EXPECT_TRUE(processGone(pid));
-}
-
-TEST(GdbDebugger, RestartKeepsTheProgramAndEndsItOnTerminate)
-{
-    const QString problem = gdbCallProblem(QStringLiteral(ZOR_EXAMPLE));
-    if (!problem.isEmpty())
-        GTEST_SKIP() << problem.toStdString();
-    GdbDebugger::Options options;
-    options.preload << QStringLiteral(ZOR_SAMPLER_LIBRARY);
-    options.echoFds[0] = options.echoFds[1] = -1;
-    GdbDebugger debugger(options);
-    QString error;
-    ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
-        << error.toStdString();
-    const int pid = debugger.targetPid();
-    const int firstGdb = debugger.gdbPid();
-    debugger.restart();
-    EXPECT_NE(debugger.gdbPid(), firstGdb);
-    EXPECT_TRUE(processGone(firstGdb));
-    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
-    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
     const int gdb = debugger.gdbPid();
     debugger.terminate();
     EXPECT_TRUE(processGone(gdb));
