@@ -106,7 +106,9 @@ private:
     void grow();
     void appendCounts(Node& node, const Counts& counts);
     void appendCounts(Node& node, const Node& other, const std::vector<Block>& blocks);
-    static void mergeFlags(Node& node, const Node& other);
+    // From a merged node or a rank's own: both carry the same flags and sums.
+    template <class From>
+    static void mergeFlags(Node& node, const From& other);
 
     std::vector<Node> mNodes;
     std::vector<Slot> mSlots;
@@ -238,7 +240,8 @@ void MergeTable::appendCounts(Node& node, const Node& other, const std::vector<B
         appendCounts(node, other.last);
 }
 
-void MergeTable::mergeFlags(Node& node, const Node& other)
+template <class From>
+void MergeTable::mergeFlags(Node& node, const From& other)
 {
     node.current = node.current || other.current;
     node.stop = node.stop || other.stop;
@@ -323,12 +326,7 @@ void MergeTable::absorb(FlatTree* tree)
         nodes, *tree->mNames,
         [&](Node& target, size_t i) {
             const FlatTree::Node& in = nodes[i];
-            target.current = target.current || in.current;
-            target.stop = target.stop || in.stop;
-            if (target.tag == 0)
-                target.tag = in.tag;
-            for (int k = 0; k < FlatTree::SUMS; ++k)
-                target.sums[k] += in.sums[k];
+            mergeFlags(target, in);
             // Ranks mostly come in order with the counts of the rank before.
             if (target.last.end == rank && target.last.value == in.threads && target.last.begin != rank)
                 target.last.end = rank + 1;
