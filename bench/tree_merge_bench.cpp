@@ -22,7 +22,7 @@
 // seconds of the process.
 //
 //   bench-tree-merge [-j threads] [-b batch] [nodes-per-tree] [ranks ...]
-//   defaults: one thread per core, batches of 16 trees, 10000 nodes,
+//   defaults: one thread per core, batches of 32 trees, 10000 nodes,
 //   256 512 1024 2048 4096 ranks
 #include "flattree.h"
 #include "internstringcache.h"
@@ -146,11 +146,12 @@ Shape shapeOf(const std::vector<TemplateNode>& nodes)
 
 // One rank's tree: the template, with a few leaves not sampled on this rank
 // and a few frames of its own (one of eight variants per caller).
-FlatTree* makeRankTree(const std::vector<TemplateNode>& nodes, int rank, int* nodesMade)
+FlatTree* makeRankTree(const std::vector<TemplateNode>& nodes, int rank, const std::shared_ptr<FlatNames>& names,
+                       int* nodesMade)
 {
     std::mt19937 rng(unsigned(rank) * 7919u + 1u);
     std::vector<quint32> made(nodes.size(), NONE);
-    FlatTree* tree = new FlatTree(rank);
+    FlatTree* tree = new FlatTree(rank, names);
     tree->addThreads(FlatTree::ROOT, nodes[0].threads);
     made[0] = FlatTree::ROOT;
     for (size_t i = 1; i < nodes.size(); ++i) {
@@ -239,14 +240,14 @@ double wallSeconds()
 }
 
 // Builds the trees of ranks [first, first + trees.size()) on threads threads.
-void buildBatch(const std::vector<TemplateNode>& shape, int first, std::vector<FlatTree*>& trees,
-                std::vector<int>& made, int threads)
+void buildBatch(const std::vector<TemplateNode>& shape, const std::shared_ptr<FlatNames>& names, int first,
+                std::vector<FlatTree*>& trees, std::vector<int>& made, int threads)
 {
     std::vector<std::thread> builders;
     for (int t = 0; t < threads; ++t) {
         builders.emplace_back([&, t] {
             for (size_t i = size_t(t); i < trees.size(); i += size_t(threads))
-                trees[i] = makeRankTree(shape, first + int(i), &made[i]);
+                trees[i] = makeRankTree(shape, first + int(i), names, &made[i]);
         });
     }
     for (std::thread& builder : builders)
@@ -264,6 +265,7 @@ int runMerge(const std::vector<TemplateNode>& shape, int ranks, int threads, int
     long long expectedRootThreads = 0;
 
     TreeMerger merger(threads);
+    const std::shared_ptr<FlatNames> names = std::make_shared<FlatNames>();
     std::vector<FlatTree*> trees;
     std::vector<int> made;
     PSVModelItem* root = nullptr;
@@ -272,7 +274,7 @@ int runMerge(const std::vector<TemplateNode>& shape, int ranks, int threads, int
         trees.assign(size_t(count), nullptr);
         made.assign(size_t(count), 0);
         double start = wallSeconds();
-        buildBatch(shape, first, trees, made, merger.threadCount());
+        buildBatch(shape, names, first, trees, made, merger.threadCount());
         buildWall += wallSeconds() - start;
         for (int i = 0; i < count; ++i) {
             inputNodes += made[size_t(i)];
@@ -369,7 +371,7 @@ bool runInChild(const std::function<int()>& work)
 int main(int argc, char** argv)
 {
     int threads = 0;
-    int batch = 16;
+    int batch = 32;
     int nodeCount = 10000;
     std::vector<int> rankCounts{256, 512, 1024, 2048, 4096};
     int arg = 1;

@@ -41,9 +41,71 @@ bool sameStorage(const QString& a, const QString& b)
     return a.constData() == b.constData() && a.size() == b.size();
 }
 
+const void* storageOf(const QString& name)
+{
+    return const_cast<QString&>(name).data_ptr();
+}
+
+size_t pointerSlot(const void* pointer)
+{
+    const quint64 h = quint64(quintptr(pointer)) * 0x9e3779b97f4a7c15ULL;
+    return size_t(h >> 40);
+}
+
+const size_t CACHE_SIZE = 1024;
+
 } // namespace
 
-FlatTree::FlatTree(int rank) : mRank(rank)
+quint32 FlatNames::id(const QString& name)
+{
+    const void* storage = storageOf(name);
+    std::lock_guard<std::mutex> lock(mLock);
+    if (2 * (size_t(mNames.size()) + 1) > mSlots.size()) {
+        std::vector<Slot> old(std::max<size_t>(1024, 2 * mSlots.size()), Slot{nullptr, 0});
+        old.swap(mSlots);
+        const size_t mask = mSlots.size() - 1;
+        for (const Slot& slot : old) {
+            if (!slot.storage)
+                continue;
+            size_t i = pointerSlot(slot.storage) & mask;
+            while (mSlots[i].storage)
+                i = (i + 1) & mask;
+            mSlots[i] = slot;
+        }
+    }
+    const size_t mask = mSlots.size() - 1;
+    size_t i = pointerSlot(storage) & mask;
+    for (; mSlots[i].storage; i = (i + 1) & mask) {
+        if (mSlots[i].storage == storage)
+            return mSlots[i].id;
+    }
+    const quint32 id = quint32(mNames.size());
+    mNames.append(name); // keeps the storage, so that its address stays this name's
+    mHashes.push_back(nameHash(name));
+    mSlots[i] = Slot{storage, id};
+    return id;
+}
+
+QString FlatNames::name(quint32 id) const
+{
+    std::lock_guard<std::mutex> lock(mLock);
+    return mNames[int(id)];
+}
+
+quint64 FlatNames::hash(quint32 id) const
+{
+    std::lock_guard<std::mutex> lock(mLock);
+    return mHashes[id];
+}
+
+quint32 FlatNames::size() const
+{
+    std::lock_guard<std::mutex> lock(mLock);
+    return quint32(mNames.size());
+}
+
+FlatTree::FlatTree(int rank, std::shared_ptr<FlatNames> names)
+    : mRank(rank), mNames(names ? std::move(names) : std::make_shared<FlatNames>())
 {
     mNodes.reserve(256);
     append(NONE, Position());
@@ -63,31 +125,33 @@ bool FlatTree::samePosition(const Position& a, const Position& b)
 Position FlatTree::position(quint32 node) const
 {
     const Node& n = mNodes[node];
-    return Position(mNames[int(n.function)], mNames[int(n.file)], n.line, n.column);
+    return Position(mNames->name(n.function), mNames->name(n.file), n.line, n.column);
 }
 
-quint32 FlatTree::nameOf(const QString& name)
+const FlatTree::Cached& FlatTree::nameOf(const QString& name)
 {
-    const void* storage = const_cast<QString&>(name).data_ptr();
-    auto it = mNameIds.constFind(storage);
-    if (it != mNameIds.constEnd())
-        return *it;
-    const quint32 id = quint32(mNames.size());
-    mNames.append(name);
-    mNameHashes.push_back(nameHash(name));
-    mNameIds.insert(storage, id);
-    return id;
+    if (mCache.empty())
+        mCache.assign(CACHE_SIZE, Cached{nullptr, 0, 0});
+    const void* storage = storageOf(name);
+    Cached& cached = mCache[pointerSlot(storage) & (CACHE_SIZE - 1)];
+    if (cached.storage != storage) {
+        // The names hold the storage, so an address seen stays that name.
+        const quint32 id = mNames->id(name);
+        cached = Cached{storage, id, mNames->hash(id)};
+    }
+    return cached;
 }
 
 quint32 FlatTree::append(quint32 parent, const Position& position)
 {
     Node node;
     node.parent = parent;
-    node.function = nameOf(position.function);
-    node.file = nameOf(position.file);
+    const Cached& function = nameOf(position.function);
+    node.function = function.id;
+    node.key = keyFromHash(function.hash, position.line, position.column);
+    node.file = nameOf(position.file).id;
     node.line = position.line;
     node.column = position.column;
-    node.key = keyFromHash(mNameHashes[node.function], position.line, position.column);
     node.threads = 0;
     node.tag = 0;
     std::memset(node.sums, 0, sizeof node.sums);
@@ -130,16 +194,17 @@ quint32 FlatTree::child(quint32 parent, const Position& position, bool* made)
 {
     while (mIndexed < mNodes.size())
         index(quint32(mIndexed));
-    const quint32 function = nameOf(position.function);
-    const quint32 file = nameOf(position.file);
-    const quint32 key = keyFromHash(mNameHashes[function], position.line, position.column);
+    const Cached& name = nameOf(position.function);
+    const quint32 function = name.id;
+    const quint32 key = keyFromHash(name.hash, position.line, position.column);
+    const quint32 file = nameOf(position.file).id;
     const size_t mask = mSlots.size() - 1;
     for (size_t i = slotOf(parent, key) & mask; mSlots[i] != NONE; i = (i + 1) & mask) {
         const Node& n = mNodes[mSlots[i]];
         if (n.parent != parent || n.key != key || n.line != position.line || n.column != position.column)
             continue;
-        if ((n.function == function || mNames[int(n.function)] == position.function)
-            && (n.file == file || PathString::fileNamesEqual(mNames[int(n.file)], position.file))) {
+        if ((n.function == function || mNames->name(n.function) == position.function)
+            && (n.file == file || PathString::fileNamesEqual(mNames->name(n.file), position.file))) {
             if (made)
                 *made = false;
             return mSlots[i];

@@ -1,10 +1,12 @@
 // One rank's call tree in one array, the form in which the front-end adds up
 // a rank's samples and hands the rank to TreeMerger: nodes in the order made,
 // each with the index of its parent, so that a merge reads the tree front to
-// back instead of chasing one allocation per node. Names are kept once per
-// tree and nodes refer to them by index.
+// back instead of chasing one allocation per node. Nodes name their function
+// and file by number in a FlatNames that the trees of one program share, so
+// that merging them compares numbers and copies no names.
 //
-//   FlatTree tree(rank);
+//   auto names = std::make_shared<FlatNames>();
+//   FlatTree tree(rank, names);
 //   quint32 node = tree.child(FlatTree::ROOT, position);
 //   tree.addThreads(node, 1);
 #ifndef ZOR_FLATTREE_H
@@ -12,10 +14,35 @@
 
 #include "position.h"
 
-#include <QHash>
 #include <QVector>
 
+#include <memory>
+#include <mutex>
 #include <vector>
+
+// Names by number, each kept once; one name is one string storage, so that
+// equal names of different storage get two numbers. Safe from any thread.
+class FlatNames
+{
+public:
+    quint32 id(const QString& name);
+    QString name(quint32 id) const;
+    // A hash of the characters, the same for equal names of any storage.
+    quint64 hash(quint32 id) const;
+    quint32 size() const;
+
+private:
+    struct Slot
+    {
+        const void* storage;
+        quint32 id;
+    };
+
+    mutable std::mutex mLock;
+    QVector<QString> mNames;
+    std::vector<quint64> mHashes;
+    std::vector<Slot> mSlots; // by storage, open addressing
+};
 
 class FlatTree
 {
@@ -24,7 +51,8 @@ public:
     // Counters per node that add up when nodes merge (sample counts).
     enum { SUMS = 4 };
 
-    explicit FlatTree(int rank);
+    // names: shared with the other trees to merge; null for names of its own.
+    explicit FlatTree(int rank, std::shared_ptr<FlatNames> names = nullptr);
 
     int rank() const { return mRank; }
     int size() const { return int(mNodes.size()); }
@@ -61,7 +89,7 @@ private:
         quint32 key;
         qint32 line;
         qint32 column;
-        quint32 function; // into mNames
+        quint32 function; // in mNames
         quint32 file;
         qint32 threads;
         qint32 tag;
@@ -70,17 +98,24 @@ private:
         bool stop;
     };
 
-    quint32 nameOf(const QString& name);
+    struct Cached
+    {
+        const void* storage;
+        quint32 id;
+        quint64 hash;
+    };
+
+    // The number of name and its hash, mostly without taking the lock of
+    // mNames.
+    const Cached& nameOf(const QString& name);
     quint32 append(quint32 parent, const Position& position);
     void index(quint32 node);
     void place(quint32 node);
 
     int mRank;
     std::vector<Node> mNodes;
-    QVector<QString> mNames;
-    // Content hashes of mNames, so that keys don't read the names again.
-    std::vector<quint64> mNameHashes;
-    QHash<const void*, quint32> mNameIds; // by the storage of the name
+    std::shared_ptr<FlatNames> mNames;
+    std::vector<Cached> mCache; // by storage, direct mapped
     // Children by (parent, key), open addressing; built on the first child().
     std::vector<quint32> mSlots;
     size_t mIndexed = 0;

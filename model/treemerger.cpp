@@ -28,9 +28,10 @@ quint64 mixSlot(quint32 parent, quint32 key)
 class MergeTable
 {
 public:
-    // A table of one tree, which it deletes.
-    explicit MergeTable(FlatTree* tree);
-    ~MergeTable();
+    MergeTable() = default;
+    // Starts over with one tree, which it deletes; the memory of what the
+    // table held before is kept for it.
+    void start(FlatTree* tree);
     MergeTable(const MergeTable&) = delete;
     MergeTable& operator=(const MergeTable&) = delete;
 
@@ -39,7 +40,7 @@ public:
     // Merges other, the table of the inputs right after these, and empties it.
     void absorb(MergeTable& other);
     // The merged tree; the table is empty afterwards.
-    PSVModelItem* build(TreeMerger::NodeFactory make);
+    PSVModelItem* build(TreeMerger::NodeFactory make, int threads);
 
 private:
     struct Node
@@ -54,7 +55,11 @@ private:
         qint32 tag;
         qint32 sums[FlatTree::SUMS];
         Counts last; // the counts merged last; begin == end when none
-        std::vector<Counts>* earlier;
+        // Those before, in mBlocks; NONE when none.
+        quint32 head;
+        quint32 tail;
+        // The node that came after this one in the last tree merged.
+        quint32 hint;
         bool current;
         bool stop;
         // The first child of parent with key, so that a match is the first.
@@ -67,47 +72,66 @@ private:
         quint32 head;
         quint32 tail;
     };
+    // Counts of a node, a list of blocks in one array for all nodes, so
+    // that a node's many ranges cost no allocation of their own.
+    struct Block
+    {
+        enum { SIZE = 5 };
+        Counts counts[SIZE];
+        quint32 used;
+        quint32 next;
+    };
 
     // Merges the nodes of a tree or table, parents first, children of a
-    // node in their order, with names from names.
+    // node in their order, with names numbered in names.
     template <typename Source, typename Merge, typename Adopt>
-    void absorbNodes(const std::vector<Source>& nodes, const QVector<QString>& names, Merge merge, Adopt adopt);
-    quint32 nameOf(const QVector<QString>& names, quint32 name);
-    // The first child of parent at the position of like, or NONE. guess,
-    // the node after the last one matched, is tried first: trees of one
-    // program mostly have the same shape, so going through one of them in
-    // order mostly meets the table's nodes in their order.
-    quint32 find(quint32 parent, const Node& like, const QVector<QString>& names, quint32 likeFunction,
-                 quint32 likeFile, quint32 guess) const;
+    void absorbNodes(const std::vector<Source>& nodes, const FlatNames& names, Merge merge, Adopt adopt);
+    // The number in mNames of name, numbered in names.
+    quint32 nameOf(const FlatNames& names, quint32 name);
+    // The first child of parent at the position of like, or NONE. The
+    // guesses are tried first, the node that followed the last one seen in
+    // the tree merged before and the node after the last one matched:
+    // trees of one program mostly have the same shape.
+    quint32 find(quint32 parent, const Node& like, quint32 guess) const;
+    bool isAt(quint32 id, quint32 parent, const Node& like) const
+    {
+        if (id >= mNodes.size())
+            return false;
+        const Node& node = mNodes[id];
+        return node.parent == parent && node.key == like.key && node.firstOfKey && node.function == like.function
+            && node.file == like.file && node.line == like.line && node.column == like.column;
+    }
     Slot& slotFor(quint32 parent, quint32 key);
     void link(quint32 id);
     void grow();
-    static void appendCounts(Node& node, const Counts& counts);
-    static void appendCounts(Node& node, Node& other);
+    void appendCounts(Node& node, const Counts& counts);
+    void appendCounts(Node& node, const Node& other, const std::vector<Block>& blocks);
     static void mergeFlags(Node& node, const Node& other);
 
     std::vector<Node> mNodes;
     std::vector<Slot> mSlots;
     size_t mUsed = 0;
-    QVector<QString> mNames;
-    QHash<const void*, quint32> mNameIds; // by the storage of the name
+    std::vector<Block> mBlocks;
+    // Those of the first tree; trees with names of their own are mapped.
+    std::shared_ptr<FlatNames> mNames;
     // Per absorb: the source's names and nodes to this table's.
     std::vector<quint32> mNameMap;
     std::vector<quint32> mTo;
-    std::vector<char> mIsNew;
 };
 
-MergeTable::MergeTable(FlatTree* tree)
+void MergeTable::start(FlatTree* tree)
 {
-    mSlots.assign(1024, Slot{0, 0, NONE, NONE});
-    mNodes.reserve(tree->mNodes.size());
+    mNames = tree->mNames;
+    mNodes.clear();
+    mBlocks.clear();
+    mUsed = 0;
+    // Room for the first tree's nodes without growing.
+    size_t slotCount = 1024;
+    while (slotCount < 2 * tree->mNodes.size())
+        slotCount *= 2;
+    mSlots.assign(std::max(slotCount, mSlots.size()), Slot{0, 0, NONE, NONE});
+    mNodes.reserve(tree->mNodes.size() + tree->mNodes.size() / 4);
     absorb(tree);
-}
-
-MergeTable::~MergeTable()
-{
-    for (Node& node : mNodes)
-        delete node.earlier;
 }
 
 MergeTable::Slot& MergeTable::slotFor(quint32 parent, quint32 key)
@@ -149,31 +173,20 @@ void MergeTable::link(quint32 id)
     }
 }
 
-quint32 MergeTable::nameOf(const QVector<QString>& names, quint32 name)
+quint32 MergeTable::nameOf(const FlatNames& names, quint32 name)
 {
+    if (&names == mNames.get())
+        return name;
     quint32& mapped = mNameMap[name];
-    if (mapped == NONE) {
-        const QString& text = names[int(name)];
-        const void* storage = const_cast<QString&>(text).data_ptr();
-        auto it = mNameIds.constFind(storage);
-        if (it == mNameIds.constEnd()) {
-            it = mNameIds.insert(storage, quint32(mNames.size()));
-            mNames.append(text);
-        }
-        mapped = *it;
-    }
+    if (mapped == NONE)
+        mapped = mNames->id(names.name(name));
     return mapped;
 }
 
-quint32 MergeTable::find(quint32 parent, const Node& like, const QVector<QString>& names, quint32 likeFunction,
-                         quint32 likeFile, quint32 guess) const
+quint32 MergeTable::find(quint32 parent, const Node& like, quint32 guess) const
 {
-    if (guess < mNodes.size()) {
-        const Node& node = mNodes[guess];
-        if (node.parent == parent && node.key == like.key && node.firstOfKey && node.function == like.function
-            && node.file == like.file && node.line == like.line && node.column == like.column)
-            return guess;
-    }
+    if (isAt(guess, parent, like))
+        return guess;
     const Slot& slot = const_cast<MergeTable*>(this)->slotFor(parent, like.key);
     for (quint32 id = slot.head; id != NONE; id = mNodes[id].nextSame) {
         const Node& node = mNodes[id];
@@ -182,8 +195,8 @@ quint32 MergeTable::find(quint32 parent, const Node& like, const QVector<QString
         if (node.function == like.function && node.file == like.file)
             return id;
         // Names of other storage, or another spelling of the file.
-        const Position mine(mNames[int(node.function)], mNames[int(node.file)], node.line, node.column);
-        const Position theirs(names[int(likeFunction)], names[int(likeFile)], like.line, like.column);
+        const Position mine(mNames->name(node.function), mNames->name(node.file), node.line, node.column);
+        const Position theirs(mNames->name(like.function), mNames->name(like.file), like.line, like.column);
         if (FlatTree::samePosition(mine, theirs))
             return id;
     }
@@ -195,21 +208,31 @@ void MergeTable::appendCounts(Node& node, const Counts& counts)
     Counts& last = node.last;
     if (last.begin == last.end) {
         last = counts;
-    } else if (last.end == counts.begin && last.value == counts.value) {
-        last.end = counts.end;
-    } else {
-        if (!node.earlier)
-            node.earlier = new std::vector<Counts>;
-        node.earlier->push_back(last);
-        last = counts;
+        return;
     }
+    if (last.end == counts.begin && last.value == counts.value) {
+        last.end = counts.end;
+        return;
+    }
+    if (node.tail == NONE || mBlocks[node.tail].used == Block::SIZE) {
+        const quint32 block = quint32(mBlocks.size());
+        mBlocks.push_back(Block{{}, 0, NONE});
+        if (node.tail == NONE)
+            node.head = block;
+        else
+            mBlocks[node.tail].next = block;
+        node.tail = block;
+    }
+    Block& block = mBlocks[node.tail];
+    block.counts[block.used++] = last;
+    last = counts;
 }
 
-void MergeTable::appendCounts(Node& node, Node& other)
+void MergeTable::appendCounts(Node& node, const Node& other, const std::vector<Block>& blocks)
 {
-    if (other.earlier) {
-        for (const Counts& counts : *other.earlier)
-            appendCounts(node, counts);
+    for (quint32 b = other.head; b != NONE; b = blocks[b].next) {
+        for (quint32 k = 0; k < blocks[b].used; ++k)
+            appendCounts(node, blocks[b].counts[k]);
     }
     if (other.last.begin != other.last.end)
         appendCounts(node, other.last);
@@ -226,40 +249,69 @@ void MergeTable::mergeFlags(Node& node, const Node& other)
 }
 
 template <typename Source, typename Merge, typename Adopt>
-void MergeTable::absorbNodes(const std::vector<Source>& nodes, const QVector<QString>& names, Merge merge, Adopt adopt)
+void MergeTable::absorbNodes(const std::vector<Source>& nodes, const FlatNames& names, Merge merge, Adopt adopt)
 {
-    mNameMap.assign(size_t(names.size()), NONE);
+    if (nodes.empty())
+        return;
+    const bool sameNames = &names == mNames.get();
+    if (!sameNames)
+        mNameMap.assign(names.size(), NONE);
+    // Per node of the source, its node here, with NEW set where that was
+    // made by this merge.
+    const quint32 NEW = 0x80000000u;
     mTo.resize(nodes.size());
-    mIsNew.resize(nodes.size());
-    quint32 previous = 0;
-    for (size_t i = 0; i < nodes.size(); ++i) {
-        const Source& in = nodes[i];
+    if (mNodes.empty()) {
         Node like;
-        like.parent = i == 0 ? NONE : mTo[in.parent];
+        like.parent = NONE;
+        like.key = nodes[0].key;
+        like.line = nodes[0].line;
+        like.column = nodes[0].column;
+        like.function = sameNames ? nodes[0].function : nameOf(names, nodes[0].function);
+        like.file = sameNames ? nodes[0].file : nameOf(names, nodes[0].file);
+        like.head = NONE;
+        like.tail = NONE;
+        like.hint = NONE;
+        adopt(like, 0);
+        mNodes.push_back(like);
+        mTo[0] = NEW;
+    } else {
+        merge(mNodes[0], 0);
+        mTo[0] = 0;
+    }
+    quint32 previous = 0;
+    quint32 hint = mNodes[0].hint;
+    for (size_t i = 1; i < nodes.size(); ++i) {
+        const Source& in = nodes[i];
+        const quint32 parentTo = mTo[in.parent];
+        Node like;
+        like.parent = parentTo & ~NEW;
         like.key = in.key;
         like.line = in.line;
         like.column = in.column;
-        like.function = nameOf(names, in.function);
-        like.file = nameOf(names, in.file);
-        quint32 id = NONE;
-        if (i == 0 && !mNodes.empty())
-            id = 0;
+        like.function = sameNames ? in.function : nameOf(names, in.function);
+        like.file = sameNames ? in.file : nameOf(names, in.file);
         // Below a node new to the table, everything is new: the subtree
         // moves over as it is.
-        else if (i > 0 && !mIsNew[in.parent])
-            id = find(like.parent, like, names, in.function, in.file, previous + 1);
+        quint32 id = NONE;
+        if (!(parentTo & NEW))
+            id = isAt(hint, like.parent, like) ? hint : find(like.parent, like, previous + 1);
+        quint32 to = id;
         if (id == NONE) {
             id = quint32(mNodes.size());
+            like.head = NONE;
+            like.tail = NONE;
+            like.hint = NONE;
             adopt(like, i);
             mNodes.push_back(like);
             link(id);
-            mIsNew[i] = 1;
+            to = id | NEW;
         } else {
             merge(mNodes[id], i);
-            mIsNew[i] = 0;
             previous = id;
         }
-        mTo[i] = id;
+        mNodes[mTo[i - 1] & ~NEW].hint = id;
+        hint = mNodes[id].hint;
+        mTo[i] = to;
     }
 }
 
@@ -267,31 +319,29 @@ void MergeTable::absorb(FlatTree* tree)
 {
     const int rank = tree->mRank;
     const std::vector<FlatTree::Node>& nodes = tree->mNodes;
-    auto countsOf = [rank](const FlatTree::Node& in) { return Counts{rank, rank + 1, in.threads}; };
-    auto flagsOf = [&](size_t i) {
-        const FlatTree::Node& in = nodes[i];
-        Node other;
-        other.current = in.current;
-        other.stop = in.stop;
-        other.tag = in.tag;
-        std::copy(in.sums, in.sums + FlatTree::SUMS, other.sums);
-        return other;
-    };
     absorbNodes(
-        nodes, tree->mNames,
+        nodes, *tree->mNames,
         [&](Node& target, size_t i) {
-            mergeFlags(target, flagsOf(i));
-            if (nodes[i].threads != 0)
-                appendCounts(target, countsOf(nodes[i]));
+            const FlatTree::Node& in = nodes[i];
+            target.current = target.current || in.current;
+            target.stop = target.stop || in.stop;
+            if (target.tag == 0)
+                target.tag = in.tag;
+            for (int k = 0; k < FlatTree::SUMS; ++k)
+                target.sums[k] += in.sums[k];
+            // Ranks mostly come in order with the counts of the rank before.
+            if (target.last.end == rank && target.last.value == in.threads && target.last.begin != rank)
+                target.last.end = rank + 1;
+            else if (in.threads != 0)
+                appendCounts(target, Counts{rank, rank + 1, in.threads});
         },
         [&](Node& like, size_t i) {
-            const Node other = flagsOf(i);
-            like.current = other.current;
-            like.stop = other.stop;
-            like.tag = other.tag;
-            std::copy(other.sums, other.sums + FlatTree::SUMS, like.sums);
-            like.earlier = nullptr;
-            like.last = nodes[i].threads != 0 ? countsOf(nodes[i]) : Counts{0, 0, 0};
+            const FlatTree::Node& in = nodes[i];
+            like.current = in.current;
+            like.stop = in.stop;
+            like.tag = in.tag;
+            std::copy(in.sums, in.sums + FlatTree::SUMS, like.sums);
+            like.last = in.threads != 0 ? Counts{rank, rank + 1, in.threads} : Counts{0, 0, 0};
         });
     delete tree;
 }
@@ -300,10 +350,10 @@ void MergeTable::absorb(MergeTable& other)
 {
     std::vector<Node>& nodes = other.mNodes;
     absorbNodes(
-        nodes, other.mNames,
+        nodes, *other.mNames,
         [&](Node& target, size_t i) {
             mergeFlags(target, nodes[i]);
-            appendCounts(target, nodes[i]);
+            appendCounts(target, nodes[i], other.mBlocks);
         },
         [&](Node& like, size_t i) {
             Node& in = nodes[i];
@@ -311,16 +361,14 @@ void MergeTable::absorb(MergeTable& other)
             like.stop = in.stop;
             like.tag = in.tag;
             std::copy(in.sums, in.sums + FlatTree::SUMS, like.sums);
-            like.last = in.last;
-            like.earlier = in.earlier;
-            in.earlier = nullptr;
+            like.last = Counts{0, 0, 0};
+            appendCounts(like, in, other.mBlocks);
         });
-    for (Node& node : nodes)
-        delete node.earlier;
     nodes.clear();
+    other.mBlocks.clear();
 }
 
-PSVModelItem* MergeTable::build(TreeMerger::NodeFactory make)
+PSVModelItem* MergeTable::build(TreeMerger::NodeFactory make, int threads)
 {
     // Whether a node lies above a stop, from the leaves up.
     std::vector<char> aboveStop(mNodes.size());
@@ -330,27 +378,42 @@ PSVModelItem* MergeTable::build(TreeMerger::NodeFactory make)
             aboveStop[node.parent] = 1;
     }
     std::vector<PSVModelItem*> items(mNodes.size());
-    for (size_t i = 0; i < mNodes.size(); ++i) {
-        Node& node = mNodes[i];
-        const Position position(mNames[int(node.function)], mNames[int(node.file)], node.line, node.column);
-        PSVModelItem* item = make ? make(position, node.sums, node.tag) : new PSVModelItem(position);
-        items[i] = item;
-        // Ranks set in the order merged, as merging each map in turn sets them.
-        if (node.earlier) {
-            for (const Counts& counts : *node.earlier)
-                item->mProcessThreads.set(counts.begin, counts.end, counts.value, true);
+    std::vector<QString> names(mNames->size());
+    for (quint32 i = 0; i < names.size(); ++i)
+        names[i] = mNames->name(i);
+    // The nodes and their maps of counts, which are most of the work, are
+    // made on every thread; the tree is linked up after.
+    auto makeNodes = [&](size_t begin, size_t end) {
+        for (size_t i = begin; i < end; ++i) {
+            const Node& node = mNodes[i];
+            const Position position(names[node.function], names[node.file], node.line, node.column);
+            PSVModelItem* item = make ? make(position, node.sums, node.tag) : new PSVModelItem(position);
+            items[i] = item;
+            // Ranks set in the order merged, as merging each map in turn sets them.
+            for (quint32 b = node.head; b != NONE; b = mBlocks[b].next) {
+                for (quint32 k = 0; k < mBlocks[b].used; ++k) {
+                    const Counts& counts = mBlocks[b].counts[k];
+                    item->mProcessThreads.set(counts.begin, counts.end, counts.value, true);
+                }
+            }
+            if (node.last.begin != node.last.end)
+                item->mProcessThreads.set(node.last.begin, node.last.end, node.last.value, true);
+            item->mCurrentGroup = node.current;
+            item->mUnexpectedStop = node.stop;
+            item->mUnexpectedStopAncestor = aboveStop[i];
         }
-        if (node.last.begin != node.last.end)
-            item->mProcessThreads.set(node.last.begin, node.last.end, node.last.value, true);
-        delete node.earlier;
-        node.earlier = nullptr;
-        item->mCurrentGroup = node.current;
-        item->mUnexpectedStop = node.stop;
-        item->mUnexpectedStopAncestor = aboveStop[i];
-        if (i > 0)
-            items[node.parent]->addChild(item);
-    }
+    };
+    std::vector<std::thread> helpers;
+    const size_t parts = size_t(std::max(1, threads));
+    for (size_t part = 1; part < parts; ++part)
+        helpers.emplace_back(makeNodes, mNodes.size() * part / parts, mNodes.size() * (part + 1) / parts);
+    makeNodes(0, mNodes.size() / parts);
+    for (std::thread& helper : helpers)
+        helper.join();
+    for (size_t i = 1; i < mNodes.size(); ++i)
+        items[mNodes[i].parent]->addChild(items[i]);
     mNodes.clear();
+    mBlocks.clear();
     return items.empty() ? nullptr : items[0];
 }
 
@@ -376,6 +439,8 @@ TreeMerger::~TreeMerger()
         delete run.tree;
         delete run.table;
     }
+    for (MergeTable* table : mSpare)
+        delete table;
 }
 
 void TreeMerger::add(FlatTree* tree)
@@ -402,9 +467,17 @@ PSVModelItem* TreeMerger::take()
         return nullptr;
     const Run run = mRuns.front();
     mRuns.clear();
+    std::vector<MergeTable*> spare;
+    spare.swap(mSpare);
     lock.unlock();
-    MergeTable* table = run.table ? run.table : new MergeTable(run.tree);
-    PSVModelItem* root = table->build(mMake);
+    for (MergeTable* table : spare)
+        delete table;
+    MergeTable* table = run.table;
+    if (!table) {
+        table = new MergeTable;
+        table->start(run.tree);
+    }
+    PSVModelItem* root = table->build(mMake, threadCount());
     delete table;
     return root;
 }
@@ -433,13 +506,25 @@ void TreeMerger::schedule()
 MergeTable* TreeMerger::merge(const Job& job)
 {
     MergeTable* table = job.target.table;
-    if (!table)
-        table = new MergeTable(job.target.tree);
+    if (!table) {
+        // The memory of a table merged before, whose pages are in place.
+        {
+            std::unique_lock<std::mutex> lock(mLock);
+            if (!mSpare.empty()) {
+                table = mSpare.back();
+                mSpare.pop_back();
+            }
+        }
+        if (!table)
+            table = new MergeTable;
+        table->start(job.target.tree);
+    }
     if (job.source.tree) {
         table->absorb(job.source.tree);
     } else {
         table->absorb(*job.source.table);
-        delete job.source.table;
+        std::unique_lock<std::mutex> lock(mLock);
+        mSpare.push_back(job.source.table);
     }
     return table;
 }

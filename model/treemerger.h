@@ -61,7 +61,7 @@ public:
 
     int threadCount() const { return int(mThreads.size()); }
 
-    enum { SEGMENT = 8 };
+    enum { SEGMENT = 16 };
 
 private:
     // The merged inputs [first, first + count): a lone input as it came,
@@ -92,6 +92,7 @@ private:
     std::condition_variable mJobDone;
     std::deque<Run> mRuns; // by first input
     std::deque<Job> mJobs;
+    std::vector<MergeTable*> mSpare; // emptied tables, kept for their memory
     long long mAdded = 0;
     int mRunning = 0;
     bool mFinishing = false;

@@ -93,6 +93,7 @@ void Profile::build()
     // every core, each as soon as it is made.
     QVector<ThreadSample> threadSamples;
     TreeMerger merger(0, makeNode);
+    const std::shared_ptr<FlatNames> names = std::make_shared<FlatNames>();
     QSet<QPair<int, int>> threads;
     for (const RankResult& rank : mResult.ranks) {
         mDurationMs = std::max(mDurationMs, rank.play.duration());
@@ -109,7 +110,7 @@ void Profile::build()
         const double rankMs = rank.play.duration() > 0 ? rank.play.duration() : mDurationMs;
         const double stretchMs = rank.samples.isEmpty() ? 0 : rankMs / rank.samples.size();
         int index = 0;
-        FlatTree* rankTree = new FlatTree(rank.rank());
+        FlatTree* rankTree = new FlatTree(rank.rank(), names);
         for (const Sample& sample : rank.samples) {
             ++mSampleCount;
             const double beginMs = stretchMs * index++;

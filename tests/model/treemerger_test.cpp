@@ -6,6 +6,7 @@
 
 #include <QXmlStreamAttributes>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <random>
@@ -13,14 +14,42 @@
 
 namespace {
 
+// A node with sample counts and a type, merged as the front-end's nodes
+// merge theirs.
+class CountedItem : public PSVModelItem
+{
+public:
+    CountedItem(PSVModelItem* parent, const Position& position) : PSVModelItem(parent, position) {}
+    void extraMergePSVModelItem(const PSVModelItem& other, void*) override
+    {
+        const CountedItem* item = dynamic_cast<const CountedItem*>(&other);
+        for (int i = 0; item && i < FlatTree::SUMS; ++i)
+            sums[i] += item->sums[i];
+        if (item && tag == 0)
+            tag = item->tag;
+    }
+    static PSVModelItem* make(const Position& position, const int* sums, int tag)
+    {
+        CountedItem* item = new CountedItem(nullptr, position);
+        std::copy(sums, sums + FlatTree::SUMS, item->sums);
+        item->tag = tag;
+        return item;
+    }
+    int sums[FlatTree::SUMS] = {};
+    int tag = 0;
+};
+
 // One line per node, indented by depth, in the order of the children.
 QString describe(const PSVModelItem& node, int depth = 0)
 {
-    QString text = QStringLiteral("%1%2 %3:%4 [%5]%6%7")
+    const CountedItem* counted = dynamic_cast<const CountedItem*>(&node);
+    QString text = QStringLiteral("%1%2 %3:%4 [%5]%6%7 %8")
                        .arg(QString(depth * 2, QLatin1Char(' ')), node.position().function, node.position().file)
                        .arg(node.position().line)
                        .arg(node.processToThreadCountMap().toString(), QLatin1String(node.isCurrentGroup() ? " current" : ""),
-                            QLatin1String(node.isUnexpectedStop() ? " stop" : ""));
+                            QLatin1String(node.isUnexpectedStop() ? " stop" : ""),
+                            counted ? QStringLiteral("%1,%2/%3").arg(counted->sums[0]).arg(counted->sums[3]).arg(counted->tag)
+                                    : QString());
     for (const PSVModelItem* child : node.children())
         text += QLatin1Char('\n') + describe(*child, depth + 1);
     return text;
@@ -50,12 +79,12 @@ PSVModelItem* child(PSVModelItem* parent, const QString& function, const QString
 // that lookups go through the index, with frames from a small pool so that
 // ranks share most of them, and the same file under several spellings. Its
 // frames and counts follow seed.
-PSVModelItem* rankTree(int seed, int rank, FlatTree** flat = nullptr)
+PSVModelItem* rankTree(int seed, int rank, FlatTree** flat = nullptr, std::shared_ptr<FlatNames> names = nullptr)
 {
     std::mt19937 rng(unsigned(seed) * 31u + 7u);
     static const char* const files[] = {"/src/a.c", "src/a.c", "/src/b.c", "b.c", ""};
-    PSVModelItem* root = new PSVModelItem;
-    FlatTree* tree = new FlatTree(rank);
+    PSVModelItem* root = new CountedItem(nullptr, Position());
+    FlatTree* tree = new FlatTree(rank, names);
     root->addThreads(rank, 1 + seed % 3, false, false);
     tree->addThreads(FlatTree::ROOT, 1 + seed % 3);
     std::function<void(PSVModelItem*, quint32, int)> grow = [&](PSVModelItem* parent, quint32 flatParent, int depth) {
@@ -68,12 +97,18 @@ PSVModelItem* rankTree(int seed, int rank, FlatTree** flat = nullptr)
             EXPECT_EQ(made, parent->findChild(position) == nullptr);
             if (!made)
                 continue;
-            PSVModelItem* node = new PSVModelItem(parent, position);
+            CountedItem* node = new CountedItem(parent, position);
             const int threads = 1 + int(rng() % 2);
             const bool current = rng() % 50 == 0;
             const bool stop = rng() % 200 == 0;
             node->addThreads(rank, threads, current, stop);
             tree->addThreads(flatNode, threads, current, stop);
+            // Types on some ranks only, so that the first one set wins.
+            node->sums[0] = threads;
+            node->sums[3] = seed;
+            node->tag = (seed + frame) % 3 == 0 ? 0 : seed;
+            tree->addSums(flatNode, {threads, 0, 0, seed});
+            tree->setTag(flatNode, node->tag);
             grow(node, flatNode, depth + 1);
         }
     };
@@ -85,10 +120,10 @@ PSVModelItem* rankTree(int seed, int rank, FlatTree** flat = nullptr)
     return root;
 }
 
-FlatTree* flatRankTree(int seed, int rank)
+FlatTree* flatRankTree(int seed, int rank, std::shared_ptr<FlatNames> names = nullptr)
 {
     FlatTree* flat = nullptr;
-    delete rankTree(seed, rank, &flat);
+    delete rankTree(seed, rank, &flat, names);
     return flat;
 }
 
@@ -148,9 +183,11 @@ TEST(TreeMerger, MergesLikeMergingEachTreeIntoTheFirstInTurn)
                     std::unique_ptr<PSVModelItem> tree(rankTree(i, rankOf(i)));
                     expected->mergePSVModelItem(*tree, nullptr);
                 }
-                TreeMerger merger(threads);
+                TreeMerger merger(threads, CountedItem::make);
+                // Names shared by all trees, or each tree's own.
+                const std::shared_ptr<FlatNames> names = threads == 1 ? nullptr : std::make_shared<FlatNames>();
                 for (int i = 0; i < ranks; ++i) {
-                    merger.add(flatRankTree(i, rankOf(i)));
+                    merger.add(flatRankTree(i, rankOf(i), names));
                     if (i == ranks / 2)
                         merger.wait();
                 }
