@@ -116,6 +116,14 @@ void SBacktraceList::addBacktrace(const ExtendedBacktraceData& data, bool inMpi,
     ZOR_ASSERT(bt->isValid());
 }
 
+void SBacktraceList::addBacktrace(const SBacktrace& source)
+{
+    ZOR_ASSERT(source.isValid());
+    SBacktrace* bt = mNumTraces == mTraces.size() ? createNewSBacktrace() : mTraces[mNumTraces];
+    ++mNumTraces;
+    *bt = source;
+}
+
 void SBacktraceList::clear()
 {
     ZOR_ASSERT(mNumTraces <= mTraces.size());

@@ -22,6 +22,10 @@ public:
     ~SBacktraceList();
 
     void addBacktrace(const ExtendedBacktraceData& bt, bool inMpi, int tid, const timespec& cpuTime, bool sleeping);
+    // A copy of `bt`, into a pooled object if there is one free.
+    void addBacktrace(const SBacktrace& bt);
+    // Whether a backtrace can be added without allocating.
+    bool hasRoom() const { return mNumTraces < mTraces.size(); }
     void clear();
 
     std::size_t size() const { return static_cast<std::size_t>(mNumTraces); }

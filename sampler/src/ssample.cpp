@@ -24,8 +24,9 @@ SSample::SSample(int preallocatedThreads)
     : mTimestamp{0, 0}, mCumulativeMetricInterval{0, 0}, mWindowSize{0, 0}, mOtherThreads(preallocatedThreads),
       mDownsampled(false)
 {
-    // Room for the main thread and every preallocated one.
-    mThreadList.reserve(static_cast<std::size_t>(std::max(preallocatedThreads, 0)) + 1);
+    // Room for the main thread and every preallocated one, and as many
+    // again for the threads that fusing with a neighbour brings in.
+    mThreadList.reserve(2 * static_cast<std::size_t>(std::max(preallocatedThreads, 0)) + 1);
     invalidate();
 }
 
@@ -130,28 +131,62 @@ void SSample::combineMetrics(const SSample& other)
     timespec_add(mWindowSize, other.mWindowSize);
 }
 
-void SSample::combineThreadCpuTime(const SSample& other)
+void SSample::combineThreads(const SSample& other, drand48_data& random)
 {
     const int mainTid = mMainThreadTrace.tid();
     const int otherMainTid = other.mMainThreadTrace.tid();
 
     if (mainTid == otherMainTid)
         timespec_add(mMainThreadTrace.cpuTime(), other.mMainThreadTrace.cpuTime());
-    for (std::size_t j = 0; j < other.mOtherThreads.count(); ++j) {
-        const SBacktrace& theirs = other.mOtherThreads[j];
-        if (theirs.tid() == mainTid)
-            timespec_add(mMainThreadTrace.cpuTime(), theirs.cpuTime());
-    }
-
     for (std::size_t i = 0; i < mOtherThreads.count(); ++i) {
         SBacktrace& mine = mOtherThreads[i];
         if (mine.tid() == otherMainTid)
             timespec_add(mine.cpuTime(), other.mMainThreadTrace.cpuTime());
-        for (std::size_t j = 0; j < other.mOtherThreads.count(); ++j) {
-            const SBacktrace& theirs = other.mOtherThreads[j];
-            if (theirs.tid() == mine.tid())
-                timespec_add(mine.cpuTime(), theirs.cpuTime());
+    }
+
+    for (std::size_t j = 0; j < other.mOtherThreads.count(); ++j) {
+        const SBacktrace& theirs = other.mOtherThreads[j];
+        if (theirs.tid() == mainTid) {
+            timespec_add(mMainThreadTrace.cpuTime(), theirs.cpuTime());
+            continue;
         }
+        SBacktrace* mine = nullptr;
+        for (std::size_t i = 0; i < mOtherThreads.count() && !mine; ++i) {
+            if (mOtherThreads[i].tid() == theirs.tid())
+                mine = &mOtherThreads[i];
+        }
+        if (!mine) {
+            // A thread that answered only in the dropped sample, as one
+            // that answers at its own pace often does: its backtrace and
+            // time move here. Without room for them, which only a list
+            // grown beyond its reservation lacks, they are lost.
+            const bool listed = std::find(mThreadList.begin(), mThreadList.end(), theirs.tid()) != mThreadList.end();
+            if (!mOtherThreads.hasRoom() || (!listed && mThreadList.size() == mThreadList.capacity()))
+                continue;
+            mOtherThreads.addBacktrace(theirs);
+            if (!listed)
+                mThreadList.push_back(theirs.tid());
+            continue;
+        }
+        // In both: the backtrace that stands for the pair is drawn in
+        // proportion to the CPU time each stands for, which is what the
+        // thread spent where each was taken; one that wasn't answered
+        // gives way to one that was.
+        const double ours = timespec_toDouble(mine->cpuTime());
+        const double theirTime = timespec_toDouble(theirs.cpuTime());
+        timespec total = mine->cpuTime();
+        timespec_add(total, theirs.cpuTime());
+        bool takeTheirs;
+        if (ours + theirTime > 0) {
+            double r = 0;
+            drand48_r(&random, &r);
+            takeTheirs = theirTime / (ours + theirTime) > r;
+        } else {
+            takeTheirs = mine->unwindStatus() != 0 && theirs.unwindStatus() == 0;
+        }
+        if (takeTheirs)
+            *mine = theirs;
+        mine->cpuTime() = total;
     }
 }
 

@@ -10,6 +10,7 @@
 #include "smetrics.h"
 #include "zor_shared_ptr.h"
 
+#include <cstdlib>
 #include <ctime>
 #include <vector>
 
@@ -63,7 +64,9 @@ public:
 
     // Folds a dropped neighbour into this sample, the one kept.
     void combineMetrics(const SSample& other);
-    void combineThreadCpuTime(const SSample& other);
+    // The threads of both: CPU times add up by thread id, and a thread
+    // sampled on both sides keeps one backtrace, drawn by CPU time.
+    void combineThreads(const SSample& other, drand48_data& random);
 
     void writeToFile(int fd) const;
     bool readFromFile(int fd);

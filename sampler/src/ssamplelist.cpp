@@ -159,7 +159,7 @@ std::size_t SSampleList::chooseBetween(std::size_t a, std::size_t b)
     SSample& loser = mSamples[dropped];
 
     survivor.combineMetrics(loser);
-    survivor.combineThreadCpuTime(loser);
+    survivor.combineThreads(loser, mRandomState);
     if (mMergeGpuKernelLists) {
         for (const zor_shared_ptr<SGpuKernelHit>& shared : loser.kernelHits()) {
             zor_shared_ptr<SGpuKernelHit> hit(shared);

@@ -8,8 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fcntl.h>
+#include <map>
 #include <tuple>
 #include <unistd.h>
 
@@ -254,19 +256,35 @@ TEST(SSample, CombineMetricsAccumulatesSpansEvenFromAnInvalidNeighbour)
     EXPECT_EQ(fresh.metrics().getMetricValue(0), SampleValue(2L));
 }
 
-TEST(SSample, CombineThreadCpuTimeAddsByThreadId)
+TEST(SSample, CombineThreadsAddsTimeByThreadAndKeepsThreadsOfEitherSide)
 {
-    SSample kept(2), dropped(2), a(0), b(0);
-    makeSample(kept, 1, 100, ZERO, {{2, 0}, {3, 0}});
-    makeSample(dropped, 2, 20, ZERO, {{1, 10}, {3, 30}, {9, 90}});
-    kept.combineThreadCpuTime(dropped);
+    drand48_data random;
+    srand48_r(3, &random);
+    SSample kept(4), dropped(4), full(1), a(0), b(0);
+    // Frames tell the sides apart: 1 for the kept one, 2 for the dropped one.
+    makeSample(kept, 1, 100, ZERO, {{2, 0}, {3, 0}, {4, 50}});
+    dropped.makeValid(makeBacktraceData({2}), ZERO, ZERO, ZERO, false, false, 2, {2, 1, 3, 4, 9}, timespec{0, 20}, false);
+    for (const auto& t : std::vector<std::pair<int, long>>{{1, 10}, {3, 30}, {4, 0}, {9, 90}})
+        dropped.addThreadBacktrace(makeBacktraceData({2}), false, t.first, timespec{0, t.second}, false);
+    kept.combineThreads(dropped, random);
     EXPECT_EQ(kept.mainThreadTrace().cpuTime().tv_nsec, 110);
-    EXPECT_EQ(kept.otherThreads()[0].cpuTime().tv_nsec, 20);
-    EXPECT_EQ(kept.otherThreads()[1].cpuTime().tv_nsec, 30);
+    // tid: CPU ns and the side whose frames it keeps. 3 spent its time only
+    // on the dropped side, 4 only on the kept one; 9 answered only there.
+    const std::map<int, std::pair<long, unsigned long>> expected = {{2, {20, 1}}, {3, {30, 2}}, {4, {50, 1}}, {9, {90, 2}}};
+    ASSERT_EQ(kept.otherThreads().count(), expected.size());
+    for (std::size_t i = 0; i < kept.otherThreads().count(); ++i) {
+        const SBacktrace& bt = kept.otherThreads()[i];
+        EXPECT_EQ(std::make_pair(bt.cpuTime().tv_nsec, bt.trace().at(0)), expected.at(bt.tid())) << bt.tid();
+    }
+    EXPECT_EQ(std::count(kept.threadList().begin(), kept.threadList().end(), 9), 1);
+    // No room without allocating: the thread is left out.
+    makeSample(full, 1, 0, ZERO, {{2, 0}});
+    full.combineThreads(dropped, random);
+    EXPECT_EQ(full.otherThreads().count(), 1u);
     // The same main thread on both sides adds once.
     makeSample(a, 5, 1);
     makeSample(b, 5, 2);
-    a.combineThreadCpuTime(b);
+    a.combineThreads(b, random);
     EXPECT_EQ(a.mainThreadTrace().cpuTime().tv_nsec, 3);
 }
 

@@ -275,6 +275,29 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
         for (const auto& e : expected)
             EXPECT_NEAR(100 * thread.second[e.first] / inHot, e.second, 5.0) << e.first << "; " << shares;
     }
+
+    // The two threads do equal work: at a short interval, with a list short
+    // enough to be thinned several times, each still holds half the CPU
+    // time, though the worker answers at its own pace and so only in some
+    // samples.
+    const ProgramRun split = runSampled({ZOR_EXAMPLE, "--work", "1000"},
+                                        {"ZOR_SAMPLER_OUTPUT=" + output + ".split",
+                                         "ZOR_SAMPLER_OPTIONS=interval=1,samples=100"});
+    ASSERT_EQ(split.exitCode, 0) << split.describe();
+    const SampleFile thinned = readSampleFile(output + ".split");
+    ASSERT_TRUE(thinned.list);
+    EXPECT_GE(thinned.downsamples, 2u);
+    std::map<int, double> cpu;
+    for (unsigned i = 0; i < thinned.list->size(); ++i) {
+        quorvex::SSampleBacktraceIterator threads(thinned.list->at(i));
+        while (threads.hasNext()) {
+            const SBacktrace& bt = threads.next();
+            cpu[bt.tid()] += bt.cpuTime().tv_sec + 1e-9 * bt.cpuTime().tv_nsec;
+        }
+    }
+    ASSERT_EQ(cpu.size(), 2u);
+    EXPECT_NEAR(100 * cpu[split.pid] / (cpu.begin()->second + cpu.rbegin()->second), 50, 3.0)
+        << "main " << cpu[split.pid] << " s of " << cpu.begin()->second + cpu.rbegin()->second << " s";
 }
 
 // With the allocation counter preloaded behind the sampler, and a list short
