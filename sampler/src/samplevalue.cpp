@@ -213,10 +213,14 @@ bool writeAll(int fd, const void* data, size_t size)
     return quorvex::fileio::writeSome(fd, data, size) == static_cast<ssize_t>(size);
 }
 
-bool readAll(int fd, void* data, size_t size)
+bool readAll(quorvex::fileio::RecordInput& in, void* data, size_t size)
 {
+    if (const char* at = in.take(size)) {
+        std::memcpy(data, at, size);
+        return true;
+    }
     errno = 0;
-    return quorvex::fileio::readSome(fd, data, size) == static_cast<ssize_t>(size);
+    return quorvex::fileio::readSome(in.fd(), data, size) == static_cast<ssize_t>(size);
 }
 
 } // namespace
@@ -235,15 +239,21 @@ int SampleValue::writeToFile(int fd) const
 
 int SampleValue::readFromFile(int fd)
 {
+    quorvex::fileio::RecordInput in(fd);
+    return readFrom(in);
+}
+
+int SampleValue::readFrom(quorvex::fileio::RecordInput& in)
+{
     std::uint8_t type = 0;
-    if (!readAll(fd, &type, 1) || type > Double)
+    if (!readAll(in, &type, 1) || type > Double)
         return -1;
     if (type == Empty) {
         *this = SampleValue();
         return 1;
     }
     std::uint64_t bits = 0;
-    if (!readAll(fd, &bits, sizeof bits))
+    if (!readAll(in, &bits, sizeof bits))
         return -1;
     *this = fromRawBits(static_cast<Type>(type), bits);
     return 1 + static_cast<int>(sizeof bits);

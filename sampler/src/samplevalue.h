@@ -6,6 +6,12 @@
 
 #include <cstdint>
 
+namespace quorvex {
+namespace fileio {
+class RecordInput;
+}
+}
+
 class SampleValue
 {
 public:
@@ -56,6 +62,7 @@ public:
     // bytes read, or -1 on an error, a short read or an unknown type byte.
     int writeToFile(int fd) const;
     int readFromFile(int fd);
+    int readFrom(quorvex::fileio::RecordInput& in);
 
     // The raw payload, for serialisers that keep the exact bits.
     std::uint64_t rawBits() const { return mValue.u; }

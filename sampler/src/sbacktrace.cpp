@@ -59,11 +59,18 @@ void SBacktrace::writeToFile(int fd) const
 
 bool SBacktrace::readFromFile(int fd)
 {
-    // The base record's outcome shows in isValid(); the callers look there.
-    SSimpleBacktrace::readFromFile(fd);
+    fileio::RecordInput in(fd);
+    return readFrom(in);
+}
 
-    char block[2 + 5 * 8 + 3];
-    if (!QUORVEX_READ(fd, block, sizeof block))
+bool SBacktrace::readFrom(fileio::RecordInput& in)
+{
+    // The base record's outcome shows in isValid(); the callers look there.
+    SSimpleBacktrace::readFrom(in);
+
+    char scratch[2 + 5 * 8 + 3];
+    const char* block = QUORVEX_VIEW_FROM(in, scratch, sizeof scratch);
+    if (!block)
         return false;
     fileio::FieldCursor cursor(block);
     char obuff[2];

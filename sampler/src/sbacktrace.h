@@ -25,6 +25,7 @@ public:
 
     void writeToFile(int fd) const;
     bool readFromFile(int fd);
+    bool readFrom(fileio::RecordInput& in);
 
 private:
     quorvex_parallel_id_t mParallelId;

@@ -39,7 +39,8 @@ void SBacktraceList::buildPool(int count)
     ZOR_ASSERT(mTraces.empty());
 
     // Through operator new, which the sampler serves from its reservation.
-    mPool = static_cast<SBacktrace*>(::operator new(mPoolBytes, std::nothrow));
+    // An empty pool is none, so that a read can still make one.
+    mPool = count > 0 ? static_cast<SBacktrace*>(::operator new(mPoolBytes, std::nothrow)) : nullptr;
     if (mPoolBytes > 0 && !mPool)
         throw std::bad_alloc();
 
@@ -170,9 +171,15 @@ void SBacktraceList::writeToFile(int fd) const
 
 bool SBacktraceList::readFromFile(int fd)
 {
+    fileio::RecordInput in(fd);
+    return readFrom(in);
+}
+
+bool SBacktraceList::readFrom(fileio::RecordInput& in)
+{
     clear();
     std::uint64_t numTraces = 0;
-    if (!QUORVEX_READ(fd, &numTraces, sizeof numTraces))
+    if (!QUORVEX_READ_FROM(in, &numTraces, sizeof numTraces))
         return false;
     ZOR_ASSERT(numTraces <= std::numeric_limits<unsigned int>::max());
 
@@ -187,7 +194,7 @@ bool SBacktraceList::readFromFile(int fd)
     bool ok = true;
     for (std::uint64_t i = 0; i < numTraces; ++i) {
         SBacktrace* bt = i < mTraces.size() ? mTraces[i] : createNewSBacktrace();
-        ok = bt->readFromFile(fd) && ok;
+        ok = bt->readFrom(in) && ok;
         ZOR_ASSERT(bt->isValid());
     }
     mNumTraces = numTraces;

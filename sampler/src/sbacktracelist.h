@@ -40,6 +40,7 @@ public:
 
     void writeToFile(int fd) const;
     bool readFromFile(int fd);
+    bool readFrom(fileio::RecordInput& in);
 
 private:
     void buildPool(int count);

@@ -48,6 +48,16 @@ public:
     // The same as readSome on its descriptor.
     ssize_t read(void* data, std::size_t size);
     int fd() const { return mFd; }
+    // The next `size` bytes where they lie, if they are at hand; else null,
+    // and nothing is taken.
+    const char* take(std::size_t size)
+    {
+        if (mEnd - mBegin < size)
+            return nullptr;
+        const char* at = mBuffer + mBegin;
+        mBegin += size;
+        return at;
+    }
 
     // The read-ahead of `fd` on this thread, or null.
     static ReadAhead* of(int fd);
@@ -67,6 +77,49 @@ private:
     std::size_t mBegin;
     std::size_t mEnd;
     ReadAhead* mOuter;
+};
+
+// The reads of one record reader: the descriptor's read-ahead is looked up
+// once, and fields at hand in it are taken without a call. The outcome is
+// that of readBytes on the descriptor.
+class RecordInput
+{
+public:
+    explicit RecordInput(int fd) : mFd(fd), mAhead(ReadAhead::of(fd)) {}
+
+    int fd() const { return mFd; }
+    // The next `size` bytes where they lie, if the read-ahead has them at
+    // hand; else null, and nothing is taken.
+    const char* take(std::size_t size) { return mAhead ? mAhead->take(size) : nullptr; }
+    bool read(void* data, std::size_t size, const char* file, int line)
+    {
+        if (const char* at = take(size)) {
+            std::memcpy(data, at, size);
+            return true;
+        }
+        return readBytes(mFd, data, size, file, line);
+    }
+    // The next `size` bytes: in place when they are at hand, else read into
+    // `scratch`, which has room for them; null where read would be false.
+    const char* view(void* scratch, std::size_t size, const char* file, int line)
+    {
+        if (const char* at = take(size))
+            return at;
+        return readBytes(mFd, scratch, size, file, line) ? static_cast<const char*>(scratch) : nullptr;
+    }
+    // The same as readSome.
+    ssize_t readSome(void* data, std::size_t size)
+    {
+        if (const char* at = take(size)) {
+            std::memcpy(data, at, size);
+            return static_cast<ssize_t>(size);
+        }
+        return fileio::readSome(mFd, data, size);
+    }
+
+private:
+    int mFd;
+    ReadAhead* mAhead;
 };
 
 // Gathers the writes of one descriptor on this thread in a buffer that the
@@ -131,6 +184,8 @@ private:
 
 #define QUORVEX_WRITE(fd, data, size) ::quorvex::fileio::writeBytes((fd), (data), (size), __FILE__, __LINE__)
 #define QUORVEX_READ(fd, data, size) ::quorvex::fileio::readBytes((fd), (data), (size), __FILE__, __LINE__)
+#define QUORVEX_READ_FROM(in, data, size) (in).read((data), (size), __FILE__, __LINE__)
+#define QUORVEX_VIEW_FROM(in, scratch, size) (in).view((scratch), (size), __FILE__, __LINE__)
 
 // Wide integers: signed fields are sign-extended to 64 bits on writing.
 #define QUORVEX_WRITE_WIDE(fd, value) \

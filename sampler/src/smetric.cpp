@@ -56,15 +56,21 @@ void SMetric::writeToFile(int fd) const
 
 bool SMetric::readFromFile(int fd)
 {
+    fileio::RecordInput in(fd);
+    return readFrom(in);
+}
+
+bool SMetric::readFrom(fileio::RecordInput& in)
+{
     static_assert(sizeof(timespec) == 16, "a timespec is two 64-bit words in the file");
-    if (mValue.readFromFile(fd) == -1)
+    if (mValue.readFrom(in) == -1)
         return false;
     // Interval and flag in one read. Whatever a short read leaves out keeps
     // its old value, and the flag byte is preset so that it then reads false.
     unsigned char tail[sizeof mInterval + 1];
     std::memcpy(tail, &mInterval, sizeof mInterval);
     tail[sizeof mInterval] = 0xFF;
-    if (fileio::readSome(fd, tail, sizeof tail) == -1)
+    if (in.readSome(tail, sizeof tail) == -1)
         return false;
     std::memcpy(&mInterval, tail, sizeof mInterval);
     mShouldDivideBySampleInterval = tail[sizeof mInterval] == 1;

@@ -4,6 +4,7 @@
 #define ZOR_SMETRIC_H
 
 #include "samplevalue.h"
+#include "sfileio.h"
 
 #include <ctime>
 
@@ -34,6 +35,7 @@ public:
 
     void writeToFile(int fd) const;
     bool readFromFile(int fd);
+    bool readFrom(fileio::RecordInput& in);
 
 private:
     SampleValue mValue;

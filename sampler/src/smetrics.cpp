@@ -75,8 +75,15 @@ void SMetrics::writeToFile(int fd) const
 
 bool SMetrics::readFromFile(int fd)
 {
-    char head[8 + 4];
-    if (!QUORVEX_READ(fd, head, sizeof head))
+    fileio::RecordInput in(fd);
+    return readFrom(in);
+}
+
+bool SMetrics::readFrom(fileio::RecordInput& in)
+{
+    char scratch[8 + 4];
+    const char* head = QUORVEX_VIEW_FROM(in, scratch, sizeof scratch);
+    if (!head)
         return false;
     fileio::FieldCursor cursor(head);
     mValid = cursor.take<std::int64_t>() == 1;
@@ -85,7 +92,7 @@ bool SMetrics::readFromFile(int fd)
     // A metric's outcome doesn't change ours. Once one fails the file is
     // spent, so the rest are not asked: a corrupt count costs no more reads.
     for (SMetric& m : metrics) {
-        if (!m.readFromFile(fd))
+        if (!m.readFrom(in))
             break;
     }
     return true;

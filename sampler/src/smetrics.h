@@ -33,6 +33,7 @@ public:
 
     void writeToFile(int fd) const;
     bool readFromFile(int fd);
+    bool readFrom(fileio::RecordInput& in);
 
 private:
     bool mValid;

@@ -11,7 +11,7 @@ namespace quorvex {
 namespace {
 // Thread ids are read in slices so that a corrupt count claims no more
 // memory than the file backs.
-const std::size_t READ_SLICE_IDS = 4096;
+const std::size_t READ_SLICE_IDS = 256;
 
 void writeTimespec(int fd, const timespec& ts)
 {
@@ -228,14 +228,21 @@ void SSample::writeToFile(int fd) const
 
 bool SSample::readFromFile(int fd)
 {
+    fileio::RecordInput in(fd);
+    return readFrom(in);
+}
+
+bool SSample::readFrom(fileio::RecordInput& in)
+{
     char obuff[1];
-    if (!QUORVEX_READ(fd, obuff, sizeof obuff))
+    if (!QUORVEX_READ_FROM(in, obuff, sizeof obuff))
         return false;
     ZOR_ASSERT(obuff[0] == 's');
 
     // The three time spans and the flag.
-    char head[6 * 8 + 8];
-    if (!QUORVEX_READ(fd, head, sizeof head))
+    char scratch[6 * 8 + 8];
+    const char* head = QUORVEX_VIEW_FROM(in, scratch, sizeof scratch);
+    if (!head)
         return false;
     fileio::FieldCursor cursor(head);
     const std::int64_t tv_secs = cursor.take<std::int64_t>();
@@ -260,32 +267,32 @@ bool SSample::readFromFile(int fd)
 
     // These three go on whatever the one before said; the main trace's
     // outcome also shows in isValid().
-    bool ok = mMainThreadTrace.readFromFile(fd);
-    ok = mOtherThreads.readFromFile(fd) && ok;
-    ok = mMetrics.readFromFile(fd) && ok;
+    bool ok = mMainThreadTrace.readFrom(in);
+    ok = mOtherThreads.readFrom(in) && ok;
+    ok = mMetrics.readFrom(in) && ok;
 
     mThreadList.clear();
     std::uint64_t numThreads = 0;
-    if (!QUORVEX_READ(fd, &numThreads, sizeof numThreads))
+    if (!QUORVEX_READ_FROM(in, &numThreads, sizeof numThreads))
         return false;
-    std::vector<std::int64_t> ids;
+    mThreadList.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(numThreads, READ_SLICE_IDS)));
+    std::int64_t ids[READ_SLICE_IDS];
     std::uint64_t done = 0;
     while (done < numThreads) {
         const std::size_t slice = static_cast<std::size_t>(std::min<std::uint64_t>(numThreads - done, READ_SLICE_IDS));
-        ids.resize(slice);
-        if (!QUORVEX_READ(fd, ids.data(), slice * sizeof(std::int64_t)))
+        if (!QUORVEX_READ_FROM(in, ids, slice * sizeof(std::int64_t)))
             return false;
-        for (std::int64_t id : ids)
-            mThreadList.push_back(static_cast<int>(id));
+        for (std::size_t i = 0; i < slice; ++i)
+            mThreadList.push_back(static_cast<int>(ids[i]));
         done += slice;
     }
 
     std::uint64_t numHits = 0;
-    if (!QUORVEX_READ(fd, &numHits, sizeof numHits))
+    if (!QUORVEX_READ_FROM(in, &numHits, sizeof numHits))
         return false;
     for (std::uint64_t i = 0; i < numHits; ++i) {
         SGpuKernelHit* hit = new SGpuKernelHit();
-        const bool hitOk = hit->readFromFile(fd);
+        const bool hitOk = hit->readFromFile(in.fd());
         mKernelHits.push_back(zor_shared_ptr<SGpuKernelHit>(hit));
         ok = hitOk && ok;
         // A hit fails only when the file is spent, and so would every later
@@ -295,7 +302,7 @@ bool SSample::readFromFile(int fd)
     }
 
     char cbuff[2];
-    if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
+    if (!QUORVEX_READ_FROM(in, cbuff, sizeof cbuff))
         return false;
     ZOR_ASSERT(cbuff[0] == '/');
     ZOR_ASSERT(cbuff[1] == 's');

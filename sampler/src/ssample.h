@@ -70,6 +70,7 @@ public:
 
     void writeToFile(int fd) const;
     bool readFromFile(int fd);
+    bool readFrom(fileio::RecordInput& in);
 
     static bool read_timespec(int fd, timespec* out);
 

@@ -222,16 +222,17 @@ void SSampleList::writeToFile(int fd) const
 
 bool SSampleList::readFromFile(int fd)
 {
+    fileio::RecordInput in(fd);
     // The tags are checked byte by byte, so that a damaged file names the
     // byte in the assertion; they are those of writeOpening and writeClosing.
     char obuff[sizeof LIST_OPENING];
-    if (!QUORVEX_READ(fd, obuff, sizeof obuff))
+    if (!QUORVEX_READ_FROM(in, obuff, sizeof obuff))
         return false;
     ZOR_ASSERT(obuff[0] == 's');
     ZOR_ASSERT(obuff[1] == 'l');
 
     std::uint64_t numSamples = 0;
-    if (!QUORVEX_READ(fd, &numSamples, sizeof numSamples))
+    if (!QUORVEX_READ_FROM(in, &numSamples, sizeof numSamples))
         return false;
     ZOR_ASSERT(numSamples <= std::numeric_limits<unsigned int>::max());
     mSize = static_cast<std::uint32_t>(numSamples);
@@ -240,12 +241,12 @@ bool SSampleList::readFromFile(int fd)
     mLimit = mSize;
 
     for (std::uint32_t i = 0; i < mSize; ++i) {
-        if (!mSamples[i].readFromFile(fd))
+        if (!mSamples[i].readFrom(in))
             return false;
     }
 
     char cbuff[sizeof LIST_CLOSING];
-    if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
+    if (!QUORVEX_READ_FROM(in, cbuff, sizeof cbuff))
         return false;
     ZOR_ASSERT(cbuff[0] == '/');
     ZOR_ASSERT(cbuff[1] == 's');

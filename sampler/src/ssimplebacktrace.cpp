@@ -23,14 +23,14 @@ const std::size_t READ_SLICE_FRAMES = 8192;
 }
 
 SSimpleBacktrace::SSimpleBacktrace()
-    : mUnwindStatus(UNW_ZOR_NOT_SET), mTid(0), mValid(false), mStopsAtCallingFrame(false)
+    : mArena(nullptr), mUnwindStatus(UNW_ZOR_NOT_SET), mTid(0), mValid(false), mStopsAtCallingFrame(false)
 {
     mStoragePolicyLocked = true;
     reserveForPolicy();
 }
 
 SSimpleBacktrace::SSimpleBacktrace(const SSimpleBacktrace& other)
-    : mUnwindStatus(other.mUnwindStatus), mTid(other.mTid), mValid(other.mValid),
+    : mArena(nullptr), mUnwindStatus(other.mUnwindStatus), mTid(other.mTid), mValid(other.mValid),
       mStopsAtCallingFrame(other.mStopsAtCallingFrame)
 {
     mStoragePolicyLocked = true;
@@ -38,8 +38,25 @@ SSimpleBacktrace::SSimpleBacktrace(const SSimpleBacktrace& other)
     mTrace = other.mTrace;
 }
 
+SSimpleBacktrace& SSimpleBacktrace::operator=(const SSimpleBacktrace& other)
+{
+    mTrace = other.mTrace;
+    mUnwindStatus = other.mUnwindStatus;
+    mTid = other.mTid;
+    mValid = other.mValid;
+    mStopsAtCallingFrame = other.mStopsAtCallingFrame;
+    return *this;
+}
+
 void SSimpleBacktrace::reserveForPolicy()
 {
+    // A trace made while a file is read takes its frames from the reader's
+    // arena, and needs no reservation.
+    if (const TraceArena::Scope* scope = TraceArena::Scope::current()) {
+        backtrace_t(scope->allocator()).swap(mTrace);
+        mArena = scope->arena();
+        return;
+    }
     switch (mStoragePolicy) {
     case StoragePolicyGrowing: mTrace.reserve(GROWING_RESERVATION); break;
     case StoragePolicyPreallocated: mTrace.reserve(MAX_BACKTRACE_DEPTH); break;
@@ -69,10 +86,12 @@ void SSimpleBacktrace::set(const BacktraceData& bt, int tid)
     mStopsAtCallingFrame = bt.stopsAtCallingFrame;
 
     if (bt.size == 0) {
-        if (mStoragePolicy == StoragePolicyExact)
+        if (mStoragePolicy == StoragePolicyExact) {
             backtrace_t().swap(mTrace);
-        else
+            mArena = nullptr;
+        } else {
             mTrace.clear();
+        }
         return;
     }
 
@@ -82,6 +101,7 @@ void SSimpleBacktrace::set(const BacktraceData& bt, int tid)
             backtrace_t fresh;
             fresh.reserve(bt.size + 1);
             mTrace.swap(fresh);
+            mArena = nullptr;
         }
         break;
     case StoragePolicyGrowing:
@@ -164,12 +184,19 @@ void SSimpleBacktrace::writeToFile(int fd) const
 
 bool SSimpleBacktrace::readFromFile(int fd)
 {
+    fileio::RecordInput in(fd);
+    return readFrom(in);
+}
+
+bool SSimpleBacktrace::readFrom(fileio::RecordInput& in)
+{
     static_assert(sizeof(unsigned long) == sizeof(std::uint64_t), "frame addresses are 64-bit words");
     mValid = false;
 
     // Tag, status, tid, flag and frame count.
-    char head[3 + 4 * 8];
-    if (!QUORVEX_READ(fd, head, sizeof head))
+    char scratch[3 + 4 * 8];
+    const char* head = QUORVEX_VIEW_FROM(in, scratch, sizeof scratch);
+    if (!head)
         return false;
     fileio::FieldCursor cursor(head);
     char obuff[3];
@@ -193,19 +220,27 @@ bool SSimpleBacktrace::readFromFile(int fd)
     char cbuff[4];
     mTrace.clear();
     // A reader of a whole file gives its traces their frames from one arena.
-    TraceArena* arena = TraceArena::current();
-    if (numFrames > READ_SLICE_FRAMES)
-        arena = nullptr;
-    if (mTrace.get_allocator().arena() != arena)
-        backtrace_t(TraceAllocator<unsigned long>(arena)).swap(mTrace);
+    const TraceArena::Scope* scope = numFrames <= READ_SLICE_FRAMES ? TraceArena::Scope::current() : nullptr;
+    TraceArena* arena = scope ? scope->arena() : nullptr;
+    if (mArena != arena) {
+        if (scope)
+            backtrace_t(scope->allocator()).swap(mTrace);
+        else
+            backtrace_t().swap(mTrace);
+        mArena = arena;
+    }
     if (numFrames <= READ_SLICE_FRAMES) {
         // A real stack and the closing tag in one read, the tag landing in
-        // one spare word at the end.
+        // one spare word at the end when the bytes are not at hand.
         const std::size_t n = static_cast<std::size_t>(numFrames);
+        const std::size_t bytes = n * sizeof(unsigned long);
         mTrace.resize(n + 1);
-        if (!QUORVEX_READ(fd, mTrace.data(), n * sizeof(unsigned long) + sizeof cbuff))
+        const char* frames = QUORVEX_VIEW_FROM(in, mTrace.data(), bytes + sizeof cbuff);
+        if (!frames)
             return false;
-        std::memcpy(cbuff, &mTrace[n], sizeof cbuff);
+        if (frames != reinterpret_cast<const char*>(mTrace.data()))
+            std::memcpy(mTrace.data(), frames, bytes);
+        std::memcpy(cbuff, frames + bytes, sizeof cbuff);
         mTrace.resize(n);
     } else {
         // A count this large is corrupt unless the file really goes on: grow
@@ -215,11 +250,11 @@ bool SSimpleBacktrace::readFromFile(int fd)
             const std::size_t slice =
                 static_cast<std::size_t>(std::min<std::uint64_t>(numFrames - done, READ_SLICE_FRAMES));
             mTrace.resize(static_cast<std::size_t>(done) + slice);
-            if (!QUORVEX_READ(fd, mTrace.data() + done, slice * sizeof(unsigned long)))
+            if (!QUORVEX_READ_FROM(in, mTrace.data() + done, slice * sizeof(unsigned long)))
                 return false;
             done += slice;
         }
-        if (!QUORVEX_READ(fd, cbuff, sizeof cbuff))
+        if (!QUORVEX_READ_FROM(in, cbuff, sizeof cbuff))
             return false;
     }
     ZOR_ASSERT(cbuff[0] == '/');

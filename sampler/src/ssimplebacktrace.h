@@ -3,6 +3,7 @@
 #define ZOR_SSIMPLEBACKTRACE_H
 
 #include "backtracedata.h"
+#include "sfileio.h"
 #include "tracearena.h"
 
 #include <vector>
@@ -26,7 +27,8 @@ public:
     // Copies keep the reservation of the current policy, so that a copy made
     // before sampling can be filled in a signal handler.
     SSimpleBacktrace(const SSimpleBacktrace& other);
-    SSimpleBacktrace& operator=(const SSimpleBacktrace& other) = default;
+    // Copies the frames into this trace's own memory.
+    SSimpleBacktrace& operator=(const SSimpleBacktrace& other);
 
     static StoragePolicy storagePolicy();
     static void setStoragePolicy(StoragePolicy policy);
@@ -45,9 +47,12 @@ public:
 
     void writeToFile(int fd) const;
     bool readFromFile(int fd);
+    bool readFrom(fileio::RecordInput& in);
 
 protected:
     backtrace_t mTrace;
+    // The arena that mTrace's memory comes from, or null for the heap.
+    TraceArena* mArena;
     int mUnwindStatus;
     int mTid;
     bool mValid;

@@ -11,7 +11,7 @@ namespace {
 // own.
 const std::size_t BLOCK_BYTES = 256 * 1024;
 
-thread_local TraceArena* tCurrent = nullptr;
+thread_local const TraceArena::Scope* tCurrent = nullptr;
 
 } // namespace
 
@@ -20,20 +20,28 @@ struct TraceArena::Block
     Block* next;
 };
 
-TraceArena::Scope::Scope() : mArena(new TraceArena), mOuter(tCurrent)
+// The allocator holds the arena's first count, given back when the scope
+// ends; the traces that use the arena hold the others.
+TraceArena::Scope::Scope() : mArena(new TraceArena), mAllocator(mArena), mOuter(tCurrent)
 {
-    tCurrent = mArena;
+    mArena->release();
+    tCurrent = this;
 }
 
 TraceArena::Scope::~Scope()
 {
     tCurrent = mOuter;
-    mArena->release();
+}
+
+const TraceArena::Scope* TraceArena::Scope::current()
+{
+    return tCurrent;
 }
 
 TraceArena* TraceArena::current()
 {
-    return tCurrent;
+    const Scope* scope = tCurrent;
+    return scope ? scope->arena() : nullptr;
 }
 
 TraceArena::TraceArena() : mBlocks(nullptr), mNext(nullptr), mLeft(0), mReferences(1) {}

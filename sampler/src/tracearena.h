@@ -15,26 +15,19 @@
 #include <cstddef>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 namespace quorvex {
+
+template <typename T>
+class TraceAllocator;
 
 class TraceArena
 {
 public:
     // Installs a fresh arena for the traces read on this thread while it
     // lives; the arena itself lives on in the traces that use it.
-    class Scope
-    {
-    public:
-        Scope();
-        ~Scope();
-        Scope(const Scope&) = delete;
-        Scope& operator=(const Scope&) = delete;
-
-    private:
-        TraceArena* mArena;
-        TraceArena* mOuter;
-    };
+    class Scope;
 
     // The arena of this thread's innermost scope, or null.
     static TraceArena* current();
@@ -102,8 +95,27 @@ public:
         if (!mArena)
             std::allocator<T>().deallocate(p, n);
     }
+    // Frames are always written right after a resize, by a copy or a read:
+    // zeroing them first would cost a pass over every trace.
+    template <typename U>
+    void construct(U* p) noexcept(std::is_nothrow_default_constructible<U>::value)
+    {
+        ::new (static_cast<void*>(p)) U;
+    }
+    template <typename U, typename... Args>
+    void construct(U* p, Args&&... args)
+    {
+        ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+    }
 
     TraceArena* arena() const noexcept { return mArena; }
+    // Exchanging owners takes no count.
+    friend void swap(TraceAllocator& a, TraceAllocator& b) noexcept
+    {
+        TraceArena* arena = a.mArena;
+        a.mArena = b.mArena;
+        b.mArena = arena;
+    }
     friend bool operator==(const TraceAllocator& a, const TraceAllocator& b) noexcept { return a.mArena == b.mArena; }
     friend bool operator!=(const TraceAllocator& a, const TraceAllocator& b) noexcept { return a.mArena != b.mArena; }
 
@@ -120,6 +132,26 @@ private:
     }
 
     TraceArena* mArena;
+};
+
+class TraceArena::Scope
+{
+public:
+    Scope();
+    ~Scope();
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+    // This thread's innermost scope, or null.
+    static const Scope* current();
+    TraceArena* arena() const { return mArena; }
+    // Copied into every trace made under the scope: one count each.
+    const TraceAllocator<unsigned long>& allocator() const { return mAllocator; }
+
+private:
+    TraceArena* mArena;
+    TraceAllocator<unsigned long> mAllocator;
+    const Scope* mOuter;
 };
 
 } // namespace quorvex

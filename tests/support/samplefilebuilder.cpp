@@ -1,4 +1,5 @@
 #include "samplefilebuilder.h"
+#include "sfileio.h"
 #include "timespec_utils.h"
 
 #include <cerrno>
@@ -193,7 +194,12 @@ void SampleFileBuilder::write(int fd) const
 void SampleFileBuilder::writeTo(const TempFile& file) const
 {
     const int fd = file.openForWriting();
-    write(fd);
+    {
+        // Written as the sampler writes its file, in a few large writes.
+        std::vector<char> buffer(256 * 1024);
+        quorvex::fileio::WriteBehind behind(fd, buffer.data(), buffer.size());
+        write(fd);
+    }
     close(fd);
 }
 
