@@ -2,7 +2,32 @@
 
 #include <QDeadlineTimer>
 #include <QIODevice>
+#include <QRunnable>
+#include <QThreadPool>
 #include <QtEndian>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+
+namespace {
+
+// Below this a message is read at once: a thread's hand-over costs more.
+const int ReadElsewhereBytes = 64 * 1024;
+
+} // namespace
+
+struct MessageStream::Reading
+{
+    Message message;
+    QString error;
+    bool ok = false;
+    // Set once the message is read; `finished` once its thread is done
+    // with the stream too.
+    std::atomic<bool> read{ false };
+    std::promise<void> promise;
+    std::future<void> finished = promise.get_future();
+};
 
 MessageStream::MessageStream(QIODevice* device, const ResponseFactoryPlugin* factory, QObject* parent)
     : QObject(parent)
@@ -10,6 +35,13 @@ MessageStream::MessageStream(QIODevice* device, const ResponseFactoryPlugin* fac
     , mFactory(factory)
 {
     connect(mDevice, &QIODevice::readyRead, this, &MessageStream::readAvailable);
+}
+
+MessageStream::~MessageStream()
+{
+    // A reading's thread posts to this stream before it finishes.
+    for (const std::shared_ptr<Reading>& reading : mReading + mFinishing)
+        reading->finished.wait();
 }
 
 QByteArray MessageStream::frame(const QByteArray& payload)
@@ -41,6 +73,12 @@ bool MessageStream::waitForMessage(int msecs)
     QDeadlineTimer deadline(msecs);
     readAvailable();
     while (!hasMessage() && !hasFailed()) {
+        if (!mReading.isEmpty()) {
+            // Reading a message in takes as long as it takes.
+            mReading.first()->finished.wait();
+            collect();
+            continue;
+        }
         if (!mDevice->waitForReadyRead(int(deadline.remainingTime())))
             break;
         readAvailable();
@@ -50,31 +88,73 @@ bool MessageStream::waitForMessage(int msecs)
 
 void MessageStream::readAvailable()
 {
-    if (hasFailed())
+    if (hasFailed() || !mLateFailure.isEmpty())
         return;
     mBuffer.append(mDevice->readAll());
-    bool added = false;
-    while (mBuffer.size() >= 4) {
-        const quint32 length = qFromBigEndian<quint32>(mBuffer.constData());
+    // The frames taken are cut off once, at the end: a buffer of many
+    // large frames would otherwise move its rest once per frame.
+    int at = 0;
+    while (mBuffer.size() - at >= 4) {
+        const quint32 length = qFromBigEndian<quint32>(mBuffer.constData() + at);
         if (length > MaximumMessageBytes) {
-            fail(QStringLiteral("a message of %1 bytes is over the limit; the stream is not of this protocol").arg(length));
+            // The messages before it still come out first.
+            mBuffer.clear();
+            mLateFailure = QStringLiteral("a message of %1 bytes is over the limit; the stream is not of this protocol")
+                               .arg(length);
+            collect();
             return;
         }
-        if (quint32(mBuffer.size()) - 4 < length)
+        if (quint32(mBuffer.size() - at) - 4 < length)
             break;
-        const QByteArray payload = mBuffer.mid(4, int(length));
-        mBuffer.remove(0, int(length) + 4);
-        Message message;
-        QString error;
-        if (!Message::fromXml(payload, mFactory, &message, &error)) {
-            fail(QStringLiteral("malformed message: %1").arg(error));
-            return;
+        const QByteArray payload = mBuffer.mid(at + 4, int(length));
+        at += int(length) + 4;
+        std::shared_ptr<Reading> reading = std::make_shared<Reading>();
+        mReading.append(reading);
+        const ResponseFactoryPlugin* factory = mFactory;
+        const auto read = [reading, payload, factory]() {
+            reading->ok = Message::fromXml(payload, factory, &reading->message, &reading->error);
+        };
+        if (payload.size() < ReadElsewhereBytes) {
+            read();
+            reading->read.store(true, std::memory_order_release);
+            reading->promise.set_value();
+            continue;
         }
-        mIncoming.append(message);
+        QThreadPool::globalInstance()->start(QRunnable::create([this, reading, read]() {
+            read();
+            reading->read.store(true, std::memory_order_release);
+            QMetaObject::invokeMethod(this, &MessageStream::collect, Qt::QueuedConnection);
+            reading->promise.set_value();
+        }));
+    }
+    mBuffer.remove(0, at);
+    collect();
+}
+
+void MessageStream::collect()
+{
+    mFinishing.erase(std::remove_if(mFinishing.begin(), mFinishing.end(),
+                                    [](const std::shared_ptr<Reading>& reading) {
+                                        return reading->finished.wait_for(std::chrono::seconds(0))
+                                            == std::future_status::ready;
+                                    }),
+                     mFinishing.end());
+    bool added = false;
+    while (!mReading.isEmpty() && !hasFailed() && mReading.first()->read.load(std::memory_order_acquire)) {
+        const std::shared_ptr<Reading> reading = mReading.takeFirst();
+        if (reading->finished.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+            mFinishing.append(reading);
+        if (!reading->ok) {
+            fail(QStringLiteral("malformed message: %1").arg(reading->error));
+            break;
+        }
+        mIncoming.append(reading->message);
         added = true;
     }
     if (added)
         emit messageReady();
+    if (mReading.isEmpty() && !mLateFailure.isEmpty() && !hasFailed())
+        fail(mLateFailure);
 }
 
 void MessageStream::fail(const QString& reason)

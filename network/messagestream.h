@@ -9,6 +9,8 @@
 #include <QList>
 #include <QObject>
 
+#include <memory>
+
 #include "message.h"
 
 class QIODevice;
@@ -25,6 +27,8 @@ public:
     // Reads and writes `device`, which stays the caller's. `factory` rebuilds
     // responses; it may be null on a side that receives none.
     MessageStream(QIODevice* device, const ResponseFactoryPlugin* factory, QObject* parent = nullptr);
+    // Waits for the messages still being read on other threads.
+    ~MessageStream() override;
 
     // Writes one message; false if the device refused it.
     bool send(const Message& message);
@@ -53,13 +57,24 @@ private slots:
     void readAvailable();
 
 private:
+    struct Reading;
+
     void fail(const QString& reason);
+    // Moves the messages read, in the order they came, to mIncoming.
+    void collect();
 
     QIODevice* mDevice;
     const ResponseFactoryPlugin* mFactory;
     QByteArray mBuffer;
+    // Large messages (blocks of samples) are read on the thread pool, so
+    // that several are read at once while more arrive.
+    QList<std::shared_ptr<Reading>> mReading;
+    // Taken from mReading while their threads still post to this stream.
+    QList<std::shared_ptr<Reading>> mFinishing;
     QList<Message> mIncoming;
     QString mError;
+    // A failure found behind messages still being read.
+    QString mLateFailure;
 };
 
 #endif
