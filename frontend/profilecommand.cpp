@@ -13,6 +13,8 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstring>
+#include <elf.h>
 #include <functional>
 #include <unistd.h>
 
@@ -181,6 +183,53 @@ bool resolveProgram(const QString& program, QString* path, QString* error)
         return false;
     }
     return true;
+}
+
+// The libraries a 64-bit ELF program names as needed; empty for anything else
+// (a script, a damaged file), which then starts as it would without a look.
+QStringList neededLibraries(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.size() < qint64(sizeof(Elf64_Ehdr)))
+        return {};
+    const uchar* data = file.map(0, file.size());
+    if (!data)
+        return {};
+    const quint64 size = quint64(file.size());
+    const auto* header = reinterpret_cast<const Elf64_Ehdr*>(data);
+    if (std::memcmp(header->e_ident, ELFMAG, SELFMAG) != 0 || header->e_ident[EI_CLASS] != ELFCLASS64
+        || header->e_shentsize != sizeof(Elf64_Shdr) || header->e_shoff > size
+        || (size - header->e_shoff) / sizeof(Elf64_Shdr) < header->e_shnum)
+        return {};
+    const auto* sections = reinterpret_cast<const Elf64_Shdr*>(data + header->e_shoff);
+    QStringList needed;
+    for (int i = 0; i < header->e_shnum; ++i) {
+        const Elf64_Shdr& dynamic = sections[i];
+        if (dynamic.sh_type != SHT_DYNAMIC || dynamic.sh_link >= header->e_shnum)
+            continue;
+        const Elf64_Shdr& strings = sections[dynamic.sh_link];
+        if (dynamic.sh_offset > size || dynamic.sh_size > size - dynamic.sh_offset || strings.sh_offset > size
+            || strings.sh_size > size - strings.sh_offset)
+            return {};
+        const auto* entries = reinterpret_cast<const Elf64_Dyn*>(data + dynamic.sh_offset);
+        const char* names = reinterpret_cast<const char*>(data + strings.sh_offset);
+        for (quint64 e = 0; e < dynamic.sh_size / sizeof(Elf64_Dyn) && entries[e].d_tag != DT_NULL; ++e) {
+            const quint64 at = entries[e].d_un.d_val;
+            if (entries[e].d_tag == DT_NEEDED && at < strings.sh_size)
+                needed << QString::fromLatin1(names + at, int(qstrnlen(names + at, uint(strings.sh_size - at))));
+        }
+    }
+    return needed;
+}
+
+// An OpenSHMEM program started by mpirun runs, but its calls go uncounted:
+// such a program goes through oshrun as if --shmem had been given.
+bool usesOpenShmem(const QString& program)
+{
+    const QStringList needed = neededLibraries(program);
+    return std::any_of(needed.begin(), needed.end(), [](const QString& library) {
+        return library.startsWith(QLatin1String("liboshmem.")) || library.startsWith(QLatin1String("libsma."));
+    });
 }
 
 QString defaultOutput(const QString& program, const QDateTime& started)
@@ -842,6 +891,8 @@ int runProfileCommand(const QStringList& args)
         complain(error);
         return 127;
     }
+    if (options.processes > 0 && !options.shmem && usesOpenShmem(program))
+        options.shmem = true;
     ProfileRun run(options, program);
     return run.run();
 }

@@ -569,15 +569,26 @@ bool PreloadSampleSource::readSamples(SampleList& list)
         mSelfProfilePoints.addPoint(phase.finish(0));
     }
 
-    if (mDebugger->currentStatus(0).getState() == StatusResponse::TargetGone) {
-        ProfilerProgressResponse gone(ProfilerProgressResponse::RunOverTargetGone, 0, 0);
-        mTharn.sendResponse(&gone);
+    // The objects loaded after the start, those unloaded again before the
+    // end (an MPI library's components) among them, are known from the
+    // sampler's list; those there now, from the program itself.
+    const bool gone = mDebugger->currentStatus(0).getState() == StatusResponse::TargetGone;
+    if (gone) {
+        ProfilerProgressResponse over(ProfilerProgressResponse::RunOverTargetGone, 0, 0);
+        mTharn.sendResponse(&over);
         mTharn.flushResponses();
-        mDebugger->keepSharedLibraries(mSharedLibraries);
     } else {
         ProfilerProgressResponse over(ProfilerProgressResponse::RunOverTargetAlive, 0, 0);
         mTharn.sendResponse(&over);
         mTharn.flushResponses();
+        mSharedLibraries = mDebugger->sharedLibraries();
+    }
+    const QList<SharedLibrary> libraries = PreloadSampleSourceUtils::withModules(
+        mSharedLibraries, PreloadSampleSourceUtils::readModulesList(mSampleFile + QStringLiteral(".modules")));
+    if (gone || libraries != mSharedLibraries) {
+        mSharedLibraries = libraries;
+        constructSystemSharedLibrariesList(mSharedLibraries);
+        mDebugger->keepSharedLibraries(mSharedLibraries);
     }
     mMainFunctionName = mDebugger->mainFunctionName();
 

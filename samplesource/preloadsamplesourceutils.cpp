@@ -4,7 +4,11 @@
 #include "timespec_utils.h"
 #include "zor_assert.h"
 
+#include <QFile>
+#include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <elf.h>
 
 using quorvex::ONE_SECOND_NS;
 
@@ -86,4 +90,69 @@ void PreloadSampleSourceUtils::correctSparseMetrics(quorvex::SSampleList* sample
             }
         }
     }
+}
+
+namespace {
+
+// From the lowest loadable page to the end of the highest loadable segment.
+unsigned long long loadSpan(const QString& path)
+{
+    QFile file(path);
+    Elf64_Ehdr header;
+    if (!file.open(QIODevice::ReadOnly) || file.read(reinterpret_cast<char*>(&header), sizeof header) != sizeof header
+        || memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64
+        || header.e_phentsize != sizeof(Elf64_Phdr) || !file.seek(qint64(header.e_phoff)))
+        return 0;
+    unsigned long long low = ~0ULL, high = 0;
+    for (int i = 0; i < header.e_phnum; ++i) {
+        Elf64_Phdr segment;
+        if (file.read(reinterpret_cast<char*>(&segment), sizeof segment) != sizeof segment)
+            return 0;
+        if (segment.p_type != PT_LOAD)
+            continue;
+        low = std::min<unsigned long long>(low, segment.p_vaddr & ~0xfffULL);
+        high = std::max<unsigned long long>(high, segment.p_vaddr + segment.p_memsz);
+    }
+    return high > low ? high - low : 0;
+}
+
+} // namespace
+
+QList<SharedLibrary> PreloadSampleSourceUtils::readModulesList(const QString& path)
+{
+    QList<SharedLibrary> modules;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || !file.readLine().startsWith("# zor modules 1:"))
+        return modules;
+    // "LOAD_ADDRESS BUILD_ID STATE PATH"; the path may hold spaces.
+    while (!file.atEnd()) {
+        const QByteArray line = file.readLine();
+        if (!line.endsWith('\n'))
+            return {};
+        const QList<QByteArray> fields = line.left(line.size() - 1).split(' ');
+        bool ok = false;
+        const unsigned long long start = fields.value(0).startsWith("0x") ? fields[0].mid(2).toULongLong(&ok, 16) : 0;
+        if (!ok || fields.size() < 4)
+            return {};
+        const QString module = QFile::decodeName(fields.mid(3).join(' '));
+        if (const unsigned long long span = loadSpan(module))
+            modules.append(SharedLibrary(module, start, start + span));
+    }
+    return modules;
+}
+
+QList<SharedLibrary> PreloadSampleSourceUtils::withModules(QList<SharedLibrary> libraries,
+                                                           const QList<SharedLibrary>& more)
+{
+    // Where two objects held one place in turn, the one there now wins.
+    for (const SharedLibrary& module : more) {
+        bool overlaps = false;
+        for (int i = 0; i < libraries.size() && !overlaps; ++i) {
+            const SharedLibrary& library = libraries.at(i);
+            overlaps = library.isRangeKnown() && library.start() < module.end() && module.start() < library.end();
+        }
+        if (!overlaps)
+            libraries.append(module);
+    }
+    return libraries;
 }

@@ -5,6 +5,8 @@
 #include <QStringList>
 #include <ctime>
 
+#include "debuggertypes.h"
+
 class MetricDefinitions;
 namespace quorvex {
 class SSampleList;
@@ -39,6 +41,14 @@ public:
     // The percentage of memory in use, buffers and cache counted as free;
     // 0 when the lines don't tell.
     static short calcSysMemUsage(const QStringList& lines);
+
+    // The objects of the sampler's "PATH.modules" list, each over the span
+    // its file's loadable segments cover from its load address. Objects
+    // whose file can't be read now are left out; a missing or damaged list
+    // gives none.
+    static QList<SharedLibrary> readModulesList(const QString& path);
+    // `libraries` with those of `more` that overlap none of them added.
+    static QList<SharedLibrary> withModules(QList<SharedLibrary> libraries, const QList<SharedLibrary>& more);
 };
 
 #endif

@@ -165,7 +165,7 @@ bool readModules(const std::string& path, std::vector<Module>* modules, bool* pr
         good = length > 0 && line[length - 1] == '\n'
             && sscanf(line, "0x%llx %159s %15s %n", &address, buildId, state, &pathAt) == 3 && pathAt > 0
             && (std::strcmp(state, "loaded") == 0 || std::strcmp(state, "added") == 0
-                || std::strcmp(state, "removed") == 0);
+                || std::strcmp(state, "removed") == 0 || std::strcmp(state, "transient") == 0);
         if (good) {
             line[length - 1] = '\0';
             modules->push_back({address, buildId, state, line + pathAt});

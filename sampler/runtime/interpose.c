@@ -11,7 +11,9 @@
  *   usual;
  * - sigwait and friends, which hand out no instance of the sampler's
  *   signal;
- * - _exit and _Exit, which write the results first, as exit does.
+ * - _exit and _Exit, which write the results first, as exit does;
+ * - dlclose, so that an object loaded and unloaded during the run (an MPI
+ *   library's components) is still in the module list at the end.
  * Calls made inside the C library itself don't pass through here. */
 #define _GNU_SOURCE
 #include "clock.h"
@@ -41,7 +43,7 @@
     X(pthread_create) X(sigaction) X(pthread_sigmask) X(sigprocmask) X(_exit) X(_Exit) X(nanosleep) \
     X(clock_nanosleep) X(pause) X(sigsuspend) X(sigtimedwait) X(poll) X(ppoll) X(select) X(pselect) \
     X(epoll_wait) X(epoll_pwait) X(msgsnd) X(msgrcv) X(semop) X(semtimedop) X(signalfd) X(pthread_exit) \
-    X(execve) X(execvpe) X(fexecve) X(posix_spawn) X(posix_spawnp)
+    X(execve) X(execvpe) X(fexecve) X(posix_spawn) X(posix_spawnp) X(dlclose)
 
 /* The next definition of each after this library. */
 #define ZS_DECLARE_REAL(name) static __typeof__(&name) real_##name;
@@ -245,6 +247,13 @@ ZS_EXPORT void pthread_exit(void* value)
     zs_before_thread_exit();
     real_pthread_exit(value);
     __builtin_unreachable();
+}
+
+ZS_EXPORT int dlclose(void* handle)
+{
+    ZS_REAL(dlclose);
+    zs_before_unload();
+    return real_dlclose(handle);
 }
 
 /* ---- exec and spawn ----

@@ -1,12 +1,17 @@
 #include "modules.h"
 #include "procparse.h"
+#include "runtime.h"
 #include "zor_print.h"
 
 #include <cerrno>
 #include <cstdint>
+#include <cstddef>
 #include <cstring>
 #include <elf.h>
 #include <fcntl.h>
+#include <link.h>
+#include <atomic>
+#include <sched.h>
 #include <unistd.h>
 
 namespace zorsampler {
@@ -41,9 +46,24 @@ struct Snapshot
     int rangeCount;
 };
 
-// In zero pages until used: the start's snapshot and the end's.
+// In zero pages until used: the start's snapshot and the end's, and the
+// objects seen in between that neither holds.
 Snapshot gAtStart;
 Snapshot gAtEnd;
+Snapshot gBetween;
+Snapshot gScratch;
+// Not a mutex: this file's writing half runs in signal handlers, where none may be.
+std::atomic_flag gBetweenLock = ATOMIC_FLAG_INIT;
+bool gStarted = false;
+bool gScannedBetween = false;
+unsigned long long gAddsAtScan = 0;
+
+int countAdds(dl_phdr_info* info, std::size_t size, void* adds)
+{
+    if (size >= offsetof(dl_phdr_info, dlpi_adds) + sizeof info->dlpi_adds)
+        *static_cast<unsigned long long*>(adds) = info->dlpi_adds;
+    return 1;
+}
 
 bool isReadable(const Snapshot& s, std::uint64_t at, std::uint64_t size)
 {
@@ -199,6 +219,7 @@ void writeModule(int fd, const Module& m, const char* state)
 void recordModulesAtStart()
 {
     scan(gAtStart);
+    gStarted = true;
 }
 
 bool writeModulesFile(const char* path)
@@ -216,8 +237,34 @@ bool writeModulesFile(const char* path)
         if (!find(gAtEnd, gAtStart.modules[i]))
             writeModule(fd, gAtStart.modules[i], "removed");
     }
+    for (int i = 0; i < gBetween.count; ++i) {
+        if (!find(gAtEnd, gBetween.modules[i]))
+            writeModule(fd, gBetween.modules[i], "transient");
+    }
     close(fd);
     return true;
 }
 
 } // namespace zorsampler
+
+extern "C" void zs_before_unload(void)
+{
+    using namespace zorsampler;
+    if (!gStarted)
+        return;
+    // Nothing was loaded since the last look: what could go now is known.
+    unsigned long long adds = 0;
+    dl_iterate_phdr(countAdds, &adds);
+    while (gBetweenLock.test_and_set(std::memory_order_acquire))
+        sched_yield();
+    if (!gScannedBetween || adds != gAddsAtScan) {
+        gScannedBetween = true;
+        gAddsAtScan = adds;
+        scan(gScratch);
+        for (int i = 0; i < gScratch.count && gBetween.count < MAX_MODULES; ++i) {
+            if (!find(gAtStart, gScratch.modules[i]) && !find(gBetween, gScratch.modules[i]))
+                gBetween.modules[gBetween.count++] = gScratch.modules[i];
+        }
+    }
+    gBetweenLock.clear(std::memory_order_release);
+}

@@ -1,14 +1,15 @@
 // The program's loaded objects, for turning the addresses of a finished
 // run into functions: read from /proc/self/maps and the ELF headers in
-// memory when sampling is armed and again when the results are written,
-// which tells those loaded and unloaded in between. Everything here is
-// async-signal-safe: the end may come in a fatal signal's handler.
+// memory when sampling is armed, before a dlclose that follows a load, and
+// again when the results are written. Writing the list is async-signal-safe:
+// the end may come in a fatal signal's handler.
 //
 // "PATH.modules", one object a line after a heading line:
 //   LOAD_ADDRESS BUILD_ID STATE PATH
 // LOAD_ADDRESS in hex (where offset 0 of the file is mapped), BUILD_ID in
 // hex or "-", STATE "loaded" (there at both times), "added" (loaded during
-// the run) or "removed" (unloaded during the run).
+// the run), "removed" (unloaded during the run) or "transient" (loaded and
+// unloaded again during the run, seen at a dlclose).
 #ifndef ZOR_SAMPLER_MODULES_H
 #define ZOR_SAMPLER_MODULES_H
 

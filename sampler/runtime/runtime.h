@@ -60,6 +60,8 @@ char** zs_prepare_exec(const char* file, int searchPath, char* const envp[], int
 
 /* _exit and _Exit: the results are written first, as at a normal exit. */
 void zs_before_immediate_exit(void) ZS_HIDDEN;
+/* Notes the objects loaded now, before dlclose may unload one of them. */
+void zs_before_unload(void) ZS_HIDDEN;
 
 #ifdef __cplusplus
 }

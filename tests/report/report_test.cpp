@@ -180,8 +180,8 @@ TEST(Reports, FoldedStacksSumTheCpuTimeOfEachPath)
               QByteArray("zor-example;main;run_plan;spin_alpha 2000000\n"
                          "zor-example;main;run_plan;spin_beta 1200000\n"
                          "zor-example;main;run_plan;spin_gamma 800000\n"
-                         "zor-example;start_thread;start_thread;worker;spin_delta 2400000\n"
-                         "zor-example;start_thread;start_thread;worker;spin_epsilon 800000\n"));
+                         "zor-example;start_thread;worker;spin_delta 2400000\n"
+                         "zor-example;start_thread;worker;spin_epsilon 800000\n"));
 
     // Frames at two lines of one function are one path; ";" can't stand in a name.
     Result odd = exampleResult(0);

@@ -21,7 +21,7 @@
  *   main-exit      the main thread leaves with pthread_exit; two busy
  *                  workers go on, the last one prints the result
  *   exec           busy, then execs itself in mode exec-done, which loads
- *                  libz and is busy again
+ *                  libz, loads and unloads libBrokenLocale, and is busy again
  *   fork-children  two children of fork alone, busy
  *   children       as a shell: children that fork and exec, a program
  *                  spawned, and one that starts its program after the
@@ -561,7 +561,12 @@ int main(int argc, char** argv)
     else if (argc == 2 && strcmp(mode, "exec-done") == 0) {
         /* An object loaded during the run, for the module list. */
         CHECK(dlopen("libz.so.1", RTLD_NOW) != NULL, "can't load libz: %s", dlerror());
-        burn_ms(200);
+        burn_ms(100);
+        /* And one gone again before the end, as an MPI library's components go. */
+        void* passing = dlopen("libBrokenLocale.so.1", RTLD_NOW);
+        CHECK(passing != NULL, "can't load libBrokenLocale: %s", dlerror());
+        CHECK(dlclose(passing) == 0, "can't unload libBrokenLocale: %s", dlerror());
+        burn_ms(100);
     }
     else if (argc == 2 && strcmp(mode, "fork-children") == 0)
         run_fork_children();

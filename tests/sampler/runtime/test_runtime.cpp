@@ -519,6 +519,10 @@ TEST(SamplerRun, ExecAndChildrenWriteFilesOfTheirOwnOrNone)
             EXPECT_EQ(std::regex_search(modules, std::regex("\n0x[0-9a-f]+ [0-9a-f]+ added /\\S*/libz\\.so[.0-9]*\n")),
                       loadsLibz)
                 << modules;
+            EXPECT_EQ(std::regex_search(modules,
+                                        std::regex("\n0x[0-9a-f]+ [0-9a-f]+ transient /\\S*/libBrokenLocale\\.so\\.1\n")),
+                      loadsLibz)
+                << modules;
         }
     }
 }
