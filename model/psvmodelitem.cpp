@@ -10,7 +10,11 @@
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include <QVarLengthArray>
+
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <vector>
 
 const QLatin1String PSVModelItem::XML_NODE("node");
@@ -78,7 +82,7 @@ quint32 positionKey(const Position& position)
 class PSVChildIndex
 {
 public:
-    explicit PSVChildIndex(const QList<PSVModelItem*>& children)
+    explicit PSVChildIndex(const PSVChildRange& children)
     {
         int capacity = 16;
         while (capacity < 2 * children.size())
@@ -181,15 +185,23 @@ private:
     quint32 mNextOrder = 0;
 };
 
+struct PSVModelItemExtra
+{
+    IntProcessMap cudaThreads;
+    int lastCudaGroup = -1;
+    // Built once the node has many children, then kept in step.
+    PSVChildIndex* childIndex = nullptr;
+};
+
 PSVModelItem::PSVModelItem()
-    : mParent(nullptr), mPositionKey(positionKey(Position())), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false),
-      mChildIndex(nullptr)
+    : mOnlyChild(nullptr), mParent(nullptr), mExtra(nullptr), mPositionKey(positionKey(Position())), mChildCount(0), mCurrentGroup(false),
+      mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false)
 {
 }
 
 PSVModelItem::PSVModelItem(const Position& position)
-    : mParent(nullptr), mPosition(position), mPositionKey(positionKey(position)), mLastCudaGroup(-1), mCurrentGroup(false), mUnexpectedStop(false),
-      mUnexpectedStopAncestor(false), mChildIndex(nullptr)
+    : mOnlyChild(nullptr), mParent(nullptr), mPosition(position), mExtra(nullptr), mPositionKey(positionKey(position)), mChildCount(0),
+      mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false)
 {
 }
 
@@ -206,13 +218,15 @@ PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position) : PSV
 }
 
 PSVModelItem::PSVModelItem(const PSVModelItem& other)
-    : SaxHandler(other), mProcessThreads(other.mProcessThreads), mCudaThreads(other.mCudaThreads), mParent(nullptr),
-      mPosition(other.mPosition), mPositionKey(other.mPositionKey), mLastCudaGroup(other.mLastCudaGroup), mCurrentGroup(other.mCurrentGroup),
-      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor),
-      mChildIndex(nullptr)
+    : SaxHandler(other), mProcessThreads(other.mProcessThreads), mOnlyChild(nullptr), mParent(nullptr), mPosition(other.mPosition),
+      mExtra(nullptr), mPositionKey(other.mPositionKey), mChildCount(0), mCurrentGroup(other.mCurrentGroup),
+      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor), mCudaBrief(other.mCudaBrief)
 {
-    mChildren.reserve(other.mChildren.size());
-    for (const PSVModelItem* child : other.mChildren)
+    if (other.mExtra) {
+        extra().cudaThreads = other.mExtra->cudaThreads;
+        mExtra->lastCudaGroup = other.mExtra->lastCudaGroup;
+    }
+    for (const PSVModelItem* child : other.childNodes())
         addChild(child->clone());
 }
 
@@ -220,11 +234,40 @@ PSVModelItem::~PSVModelItem()
 {
     if (mParent)
         mParent->unlinkChild(this);
-    delete mChildIndex;
-    for (PSVModelItem* child : qAsConst(mChildren)) {
+    for (PSVModelItem* child : childNodes()) {
         child->mParent = nullptr;
         delete child;
     }
+    releaseChildPointers();
+    if (mExtra) {
+        delete mExtra->childIndex;
+        delete mExtra;
+    }
+}
+
+PSVModelItemExtra& PSVModelItem::extra()
+{
+    if (!mExtra)
+        mExtra = new PSVModelItemExtra;
+    return *mExtra;
+}
+
+IntProcessMap& PSVModelItem::cudaThreadsForChange()
+{
+    if (!mExtra && mCudaBrief)
+        extra().cudaThreads.setBrief(true);
+    return extra().cudaThreads;
+}
+
+const IntProcessMap& PSVModelItem::processToCudaThreadCountMap() const
+{
+    static const IntProcessMap none;
+    return mExtra ? mExtra->cudaThreads : none;
+}
+
+int PSVModelItem::totalCudaThreads() const
+{
+    return mExtra ? mExtra->cudaThreads.total() : 0;
 }
 
 int PSVModelItem::rank() const
@@ -278,19 +321,84 @@ bool PSVModelItem::readExtraXml(QXmlStreamReader& reader, QString*)
 
 void PSVModelItem::extraMergePSVModelItem(const PSVModelItem&, void*) {}
 
+QList<PSVModelItem*> PSVModelItem::children() const
+{
+    QList<PSVModelItem*> list;
+    list.reserve(mChildCount);
+    for (PSVModelItem* child : childNodes())
+        list.append(child);
+    return list;
+}
+
+int PSVModelItem::indexOfChild(PSVModelItem* child) const
+{
+    PSVModelItem* const* pointers = childPointers();
+    for (int i = 0; i < mChildCount; ++i) {
+        if (pointers[i] == child)
+            return i;
+    }
+    return -1;
+}
+
+void PSVModelItem::appendChildPointer(PSVModelItem* child)
+{
+    const int count = mChildCount;
+    if (count == 0) {
+        mOnlyChild = child;
+    } else if (count == 1) {
+        auto** array = static_cast<PSVModelItem**>(std::malloc(4 * sizeof(PSVModelItem*)));
+        if (!array)
+            throw std::bad_alloc();
+        array[0] = mOnlyChild;
+        array[1] = child;
+        mChildArray = array;
+    } else {
+        // Full when the count reaches its capacity; removals never shrink
+        // the array, so there is room whenever the count is no power of two.
+        if (count >= 4 && (count & (count - 1)) == 0) {
+            auto** array = static_cast<PSVModelItem**>(std::realloc(mChildArray, 2 * size_t(count) * sizeof(PSVModelItem*)));
+            if (!array)
+                throw std::bad_alloc();
+            mChildArray = array;
+        }
+        mChildArray[count] = child;
+    }
+    mChildCount = count + 1;
+}
+
+void PSVModelItem::releaseChildPointers()
+{
+    if (mChildCount > 1)
+        std::free(mChildArray);
+    mOnlyChild = nullptr;
+    mChildCount = 0;
+}
+
 void PSVModelItem::addChild(PSVModelItem* child)
 {
-    mChildren.append(child);
+    appendChildPointer(child);
     child->mParent = this;
-    if (mChildIndex)
-        mChildIndex->append(child);
+    if (mExtra && mExtra->childIndex)
+        mExtra->childIndex->append(child);
 }
 
 void PSVModelItem::unlinkChild(PSVModelItem* child)
 {
-    if (mChildIndex)
-        mChildIndex->remove(child, child->mPositionKey);
-    mChildren.removeOne(child);
+    const int index = indexOfChild(child);
+    if (index < 0)
+        return;
+    if (mExtra && mExtra->childIndex)
+        mExtra->childIndex->remove(child, child->mPositionKey);
+    if (mChildCount == 1) {
+        releaseChildPointers();
+        return;
+    }
+    std::memmove(mChildArray + index, mChildArray + index + 1, size_t(mChildCount - index - 1) * sizeof(PSVModelItem*));
+    if (--mChildCount == 1) {
+        PSVModelItem* only = mChildArray[0];
+        std::free(mChildArray);
+        mOnlyChild = only;
+    }
 }
 
 void PSVModelItem::detach()
@@ -306,16 +414,13 @@ void PSVModelItem::setPosition(const Position& position)
     const quint32 oldKey = mPositionKey;
     mPosition = position;
     mPositionKey = positionKey(position);
-    if (mParent && mParent->mChildIndex)
-        mParent->mChildIndex->rekey(this, oldKey);
+    if (mParent && mParent->mExtra && mParent->mExtra->childIndex)
+        mParent->mExtra->childIndex->rekey(this, oldKey);
 }
 
 void PSVModelItem::clear()
 {
-    delete mChildIndex;
-    mChildIndex = nullptr;
-    const QList<PSVModelItem*> children = mChildren;
-    mChildren.clear();
+    const QList<PSVModelItem*> children = takeChildren();
     for (PSVModelItem* child : children) {
         child->clear();
         child->mParent = nullptr;
@@ -325,13 +430,15 @@ void PSVModelItem::clear()
 
 QList<PSVModelItem*> PSVModelItem::takeChildren()
 {
-    delete mChildIndex;
-    mChildIndex = nullptr;
-    QList<PSVModelItem*> children;
-    children.swap(mChildren);
-    for (PSVModelItem* child : qAsConst(children))
+    if (mExtra) {
+        delete mExtra->childIndex;
+        mExtra->childIndex = nullptr;
+    }
+    const QList<PSVModelItem*> taken = children();
+    releaseChildPointers();
+    for (PSVModelItem* child : taken)
         child->mParent = nullptr;
-    return children;
+    return taken;
 }
 
 void PSVModelItem::addThreads(int process, int count, bool current, bool unexpected)
@@ -344,11 +451,12 @@ void PSVModelItem::addThreads(int process, int count, bool current, bool unexpec
 
 void PSVModelItem::addCudaThreads(int process, int group, int count, bool current, bool unexpected)
 {
-    if (group != mLastCudaGroup) {
-        mLastCudaGroup = group;
+    IntProcessMap& cudaThreads = cudaThreadsForChange();
+    if (group != mExtra->lastCudaGroup) {
+        mExtra->lastCudaGroup = group;
         addThread(process, false, false);
     }
-    mCudaThreads.add(process, count);
+    cudaThreads.add(process, count);
     mCurrentGroup = mCurrentGroup || current;
     if (!mUnexpectedStop)
         setUnexpectedStop(unexpected);
@@ -403,7 +511,7 @@ CompactSet<int> PSVModelItem::processes() const
 
 PSVModelItem* PSVModelItem::childWithRank(int rank) const
 {
-    for (PSVModelItem* child : mChildren) {
+    for (PSVModelItem* child : childNodes()) {
         if (child->mProcessThreads.contains(range<int>(rank, rank + 1)))
             return child;
     }
@@ -431,13 +539,13 @@ bool PSVModelItem::samePosition(const Position& a, const Position& b)
 
 PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)(const PSVModelItem*)) const
 {
-    if (mChildren.size() >= CHILD_INDEX_THRESHOLD) {
-        PSVModelItem* self = const_cast<PSVModelItem*>(this);
-        if (!mChildIndex)
-            self->mChildIndex = new PSVChildIndex(mChildren);
-        return mChildIndex->find(position, positionKey(position), accept);
+    if (mChildCount >= CHILD_INDEX_THRESHOLD) {
+        PSVModelItemExtra& extra = const_cast<PSVModelItem*>(this)->extra();
+        if (!extra.childIndex)
+            extra.childIndex = new PSVChildIndex(childNodes());
+        return extra.childIndex->find(position, positionKey(position), accept);
     }
-    for (PSVModelItem* child : mChildren) {
+    for (PSVModelItem* child : childNodes()) {
         if (samePosition(child->mPosition, position) && (!accept || accept(child)))
             return child;
     }
@@ -446,13 +554,13 @@ PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)
 
 PSVModelItem* PSVModelItem::findChildLike(const PSVModelItem* node) const
 {
-    if (mChildren.size() >= CHILD_INDEX_THRESHOLD) {
-        PSVModelItem* self = const_cast<PSVModelItem*>(this);
-        if (!mChildIndex)
-            self->mChildIndex = new PSVChildIndex(mChildren);
-        return mChildIndex->find(node->mPosition, node->mPositionKey, nullptr);
+    if (mChildCount >= CHILD_INDEX_THRESHOLD) {
+        PSVModelItemExtra& extra = const_cast<PSVModelItem*>(this)->extra();
+        if (!extra.childIndex)
+            extra.childIndex = new PSVChildIndex(childNodes());
+        return extra.childIndex->find(node->mPosition, node->mPositionKey, nullptr);
     }
-    for (PSVModelItem* child : mChildren) {
+    for (PSVModelItem* child : childNodes()) {
         // Different keys settle most comparisons without the names.
         if (child->mPositionKey == node->mPositionKey && samePosition(child->mPosition, node->mPosition))
             return child;
@@ -473,16 +581,21 @@ const PSVModelItem* PSVModelItem::findChild(const Position& position) const
 void PSVModelItem::setBrief(bool brief)
 {
     mProcessThreads.setBrief(brief);
-    mCudaThreads.setBrief(brief);
-    for (PSVModelItem* child : qAsConst(mChildren))
+    if (mExtra)
+        mExtra->cudaThreads.setBrief(brief);
+    mCudaBrief = brief;
+    for (PSVModelItem* child : childNodes())
         child->setBrief(brief);
 }
 
 void PSVModelItem::mapRanks(const QMap<int, int>& ranks)
 {
     mProcessThreads.remap(ranks);
-    mCudaThreads.remap(ranks);
-    for (PSVModelItem* child : qAsConst(mChildren))
+    if (mExtra)
+        mExtra->cudaThreads.remap(ranks);
+    // Remapping rebuilds a map in its plain mode.
+    mCudaBrief = false;
+    for (PSVModelItem* child : childNodes())
         child->mapRanks(ranks);
 }
 
@@ -502,8 +615,15 @@ void PSVModelItem::mergePSVModelItem(const PSVModelItem& other, void* context)
     // Ranks of different trees are disjoint, so taking other's count for
     // each of its ranks adds the two trees' counts.
     mProcessThreads.set(other.mProcessThreads, true);
-    mCudaThreads.set(other.mCudaThreads, true);
-    const QList<PSVModelItem*> otherChildren = other.mChildren;
+    if (other.mExtra)
+        cudaThreadsForChange().set(other.mExtra->cudaThreads, true);
+    else if (other.mCudaBrief && !mExtra)
+        mCudaBrief = true;
+    else if (other.mCudaBrief && !mExtra->cudaThreads.isBrief())
+        mExtra->cudaThreads.setBrief(true);
+    // A copy: the children that move over leave other's list meanwhile.
+    const PSVChildRange range = other.childNodes();
+    const QVarLengthArray<PSVModelItem*, 16> otherChildren(range.begin(), range.end());
     for (PSVModelItem* child : otherChildren)
         addPSVModelItem(child, context);
     mCurrentGroup = mCurrentGroup || other.mCurrentGroup;
@@ -525,14 +645,14 @@ void PSVModelItem::writeXml(QXmlStreamWriter& writer) const
     const QString processes = mProcessThreads.toString();
     if (!processes.isEmpty())
         writer.writeAttribute(ATTR_PROCESSES, processes);
-    if (!mCudaThreads.isEmpty())
-        writer.writeAttribute(ATTR_CUDA_THREADS, mCudaThreads.toString());
+    if (mExtra && !mExtra->cudaThreads.isEmpty())
+        writer.writeAttribute(ATTR_CUDA_THREADS, mExtra->cudaThreads.toString());
     if (mCurrentGroup)
         writer.writeAttribute(ATTR_CURRENT_GROUP, YES);
     if (mUnexpectedStop)
         writer.writeAttribute(ATTR_UNEXPECTED_STOP, YES);
     writeExtraXml(writer);
-    for (const PSVModelItem* child : mChildren) {
+    for (const PSVModelItem* child : childNodes()) {
         writer.writeStartElement(XML_NODE);
         child->writeXml(writer);
         writer.writeEndElement();
@@ -585,7 +705,7 @@ void PSVModelItem::readXmlStreamAttributes(const QXmlStreamAttributes& attribute
     if (attributes.hasAttribute(ATTR_PROCESSES))
         mProcessThreads = IntProcessMap(attributes.value(ATTR_PROCESSES).toString());
     if (attributes.hasAttribute(ATTR_CUDA_THREADS))
-        mCudaThreads = IntProcessMap(attributes.value(ATTR_CUDA_THREADS).toString());
+        extra().cudaThreads = IntProcessMap(attributes.value(ATTR_CUDA_THREADS).toString());
     mCurrentGroup = attributes.value(ATTR_CURRENT_GROUP) == YES;
     setUnexpectedStop(attributes.value(ATTR_UNEXPECTED_STOP) == YES);
 }

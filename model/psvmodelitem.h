@@ -16,6 +16,26 @@ class QXmlStreamAttributes;
 class QXmlStreamReader;
 class QXmlStreamWriter;
 class PSVChildIndex;
+class PSVModelItem;
+struct PSVModelItemExtra;
+
+// The children of a node in their order, read in place: valid until the
+// children change, so not for loops that move or delete them.
+class PSVChildRange
+{
+public:
+    PSVChildRange(PSVModelItem* const* begin, int size) : mBegin(begin), mSize(size) {}
+    PSVModelItem* const* begin() const { return mBegin; }
+    PSVModelItem* const* end() const { return mBegin + mSize; }
+    int size() const { return mSize; }
+    bool isEmpty() const { return mSize == 0; }
+    PSVModelItem* at(int index) const { return mBegin[index]; }
+    PSVModelItem* first() const { return mBegin[0]; }
+
+private:
+    PSVModelItem* const* mBegin;
+    int mSize;
+};
 
 class PSVModelItem : public SaxHandler
 {
@@ -63,17 +83,21 @@ public:
 
     PSVModelItem* parent() const { return mParent; }
     const Position& position() const { return mPosition; }
-    int childCount() const { return mChildren.size(); }
-    QList<PSVModelItem*> children() const { return mChildren; }
-    PSVModelItem* firstChild() { return mChildren.isEmpty() ? nullptr : mChildren.first(); }
-    const PSVModelItem* firstChild() const { return mChildren.isEmpty() ? nullptr : mChildren.first(); }
-    int indexOfChild(PSVModelItem* child) const { return mChildren.indexOf(child); }
+    int childCount() const { return mChildCount; }
+    // A copy of the list, safe to hold while children move or go.
+    QList<PSVModelItem*> children() const;
+    PSVChildRange childNodes() const { return PSVChildRange(childPointers(), mChildCount); }
+    PSVModelItem* firstChild() { return mChildCount == 0 ? nullptr : *childPointers(); }
+    const PSVModelItem* firstChild() const { return mChildCount == 0 ? nullptr : *childPointers(); }
+    int indexOfChild(PSVModelItem* child) const;
+    // Where the pointers to the children lie, to fetch them ahead.
+    PSVModelItem* const* childPointers() const { return mChildCount <= 1 ? &mOnlyChild : mChildArray; }
 
     int totalThreads() const { return mProcessThreads.total(); }
-    int totalCudaThreads() const { return mCudaThreads.total(); }
+    int totalCudaThreads() const;
     int totalProcesses() const { return mProcessThreads.sizeLowerBound(); }
     const IntProcessMap& processToThreadCountMap() const { return mProcessThreads; }
-    const IntProcessMap& processToCudaThreadCountMap() const { return mCudaThreads; }
+    const IntProcessMap& processToCudaThreadCountMap() const;
     bool isCurrentGroup() const { return mCurrentGroup; }
     bool isUnexpectedStop() const { return mUnexpectedStop; }
     bool isUnexpectedStopAncestor() const { return mUnexpectedStopAncestor; }
@@ -127,37 +151,50 @@ protected:
     PSVModelItem* findChildIf(const Position& position, bool (*accept)(const PSVModelItem*)) const;
     // findChild for the position of node, with the key that node keeps.
     PSVModelItem* findChildLike(const PSVModelItem* node) const;
-    const QList<PSVModelItem*>& childList() const { return mChildren; }
     // The position of a node changes only here, so that the index of its
     // parent follows.
     void setPosition(const Position& position);
 
     IntProcessMap mProcessThreads;
-    IntProcessMap mCudaThreads;
 
 private:
     friend class PSVChildIndex;
     friend class MergeTable;
     void unlinkChild(PSVModelItem* child);
+    void appendChildPointer(PSVModelItem* child);
+    // Forgets the children without touching them.
+    void releaseChildPointers();
+    // The fields that few nodes set, made on first use.
+    PSVModelItemExtra& extra();
+    IntProcessMap& cudaThreadsForChange();
 
-    // Changed only through addChild, detach, clear and the destructor,
-    // which keep the index in step.
-    QList<PSVModelItem*> mChildren;
+    // Changed only through addChild, detach, clear, takeChildren and the
+    // destructor, which keep the index in step. Most nodes have at most
+    // one child, which is kept in the node; from the second on, the
+    // children lie in an array of malloc'd memory whose capacity follows
+    // from the count: 4, then the next power of two.
+    union {
+        PSVModelItem* mOnlyChild;
+        PSVModelItem** mChildArray;
+    };
     PSVModelItem* mParent;
     Position mPosition;
+    // Null until a field of it is set: the thread counts on the device,
+    // the last device thread group and the index of a wide node's children.
+    PSVModelItemExtra* mExtra;
     // The hash of mPosition, kept so that lookups and merges don't read
     // the names again.
     quint32 mPositionKey;
+    int mChildCount;
 
 protected:
-    int mLastCudaGroup;
     bool mCurrentGroup;
     bool mUnexpectedStop;
     bool mUnexpectedStopAncestor;
 
 private:
-    // Built once the node has many children, then kept in step.
-    PSVChildIndex* mChildIndex;
+    // The brief mode of the device thread counts while they live nowhere.
+    bool mCudaBrief;
 };
 
 template <typename Frame>

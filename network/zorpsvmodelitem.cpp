@@ -74,37 +74,65 @@ bool readLineMetrics(QXmlStreamReader& reader, LineMetrics* metrics, QString* er
 
 } // namespace
 
-ZORPSVModelItem::ZORPSVModelItem()
-    : mSpecial(specialNone), mSamples(0), mSelfSamples(0), mMpiSamples(0), mSleepingSamples(0)
-{
-}
+ZORPSVModelItem::ZORPSVModelItem() : mSpecial(specialNone), mCounts(nullptr) {}
 
 ZORPSVModelItem::ZORPSVModelItem(ZORPSVModelItem* parent)
-    : PSVModelItem(parent), mSpecial(specialNone), mSamples(0), mSelfSamples(0), mMpiSamples(0), mSleepingSamples(0)
+    : PSVModelItem(parent), mSpecial(specialNone), mCounts(nullptr)
 {
 }
 
 ZORPSVModelItem::ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position)
-    : PSVModelItem(parent, position), mSpecial(specialNone), mSamples(0), mSelfSamples(0), mMpiSamples(0),
-      mSleepingSamples(0)
+    : PSVModelItem(parent, position), mSpecial(specialNone), mCounts(nullptr)
 {
 }
 
 ZORPSVModelItem::ZORPSVModelItem(const Position& position, int samples, int selfSamples, int mpiSamples,
                                  int sleepingSamples)
-    : PSVModelItem(position), mSpecial(specialNone), mSamples(samples), mSelfSamples(selfSamples),
-      mMpiSamples(mpiSamples), mSleepingSamples(sleepingSamples)
+    : PSVModelItem(position), mSpecial(specialNone), mCounts(nullptr)
 {
+    addSampleCounts(samples, selfSamples, mpiSamples, sleepingSamples);
 }
 
 ZORPSVModelItem::ZORPSVModelItem(const ZORPSVModelItem& other)
-    : PSVModelItem(other), mSpecial(other.mSpecial), mSamples(other.mSamples), mSelfSamples(other.mSelfSamples),
-      mMpiSamples(other.mMpiSamples), mSleepingSamples(other.mSleepingSamples),
-      mActiveCoreLineMetrics(other.mActiveCoreLineMetrics), mMainThreadLineMetrics(other.mMainThreadLineMetrics)
+    : PSVModelItem(other), mSpecial(other.mSpecial), mCounts(other.mCounts ? new Counts(*other.mCounts) : nullptr)
 {
 }
 
-ZORPSVModelItem::~ZORPSVModelItem() {}
+ZORPSVModelItem::~ZORPSVModelItem()
+{
+    delete mCounts;
+}
+
+ZORPSVModelItem::Counts& ZORPSVModelItem::counts()
+{
+    if (!mCounts)
+        mCounts = new Counts;
+    return *mCounts;
+}
+
+void ZORPSVModelItem::mergeActiveCoreLineMetrics(const LineMetrics& metrics)
+{
+    if (!metrics.isEmpty())
+        counts().activeCore.merge(metrics);
+}
+
+void ZORPSVModelItem::mergeMainThreadLineMetrics(const LineMetrics& metrics)
+{
+    if (!metrics.isEmpty())
+        counts().mainThread.merge(metrics);
+}
+
+const LineMetrics& ZORPSVModelItem::activeCoreLineMetrics() const
+{
+    static const LineMetrics none;
+    return mCounts ? mCounts->activeCore : none;
+}
+
+const LineMetrics& ZORPSVModelItem::mainThreadLineMetrics() const
+{
+    static const LineMetrics none;
+    return mCounts ? mCounts->mainThread : none;
+}
 
 ZORPSVModelItem* ZORPSVModelItem::clone() const
 {
@@ -123,7 +151,7 @@ bool ZORPSVModelItem::isPlaceholder() const
 
 bool ZORPSVModelItem::isMultiSamplePSVModel() const
 {
-    return mSamples > 1;
+    return sampleCount() > 1;
 }
 
 PSVModelItem* ZORPSVModelItem::createChild(const Position& position)
@@ -151,10 +179,13 @@ ZORPSVModelItem* ZORPSVModelItem::findChild(const Position& position)
 
 void ZORPSVModelItem::addSampleCounts(int samples, int selfSamples, int mpiSamples, int sleepingSamples)
 {
-    mSamples += samples;
-    mSelfSamples += selfSamples;
-    mMpiSamples += mpiSamples;
-    mSleepingSamples += sleepingSamples;
+    if (samples == 0 && selfSamples == 0 && mpiSamples == 0 && sleepingSamples == 0)
+        return;
+    Counts& own = counts();
+    own.samples += samples;
+    own.selfSamples += selfSamples;
+    own.mpiSamples += mpiSamples;
+    own.sleepingSamples += sleepingSamples;
 }
 
 Category::OmpCompiler::Enum ZORPSVModelItem::detectOmpRuntime() const
@@ -162,7 +193,7 @@ Category::OmpCompiler::Enum ZORPSVModelItem::detectOmpRuntime() const
     const Category::OmpCompiler::Enum own = Category::ompRuntimeOfFunction(position().function);
     if (own != Category::OmpCompiler::Unknown)
         return own;
-    for (const PSVModelItem* child : childList()) {
+    for (const PSVModelItem* child : childNodes()) {
         if (const ZORPSVModelItem* node = dynamic_cast<const ZORPSVModelItem*>(child)) {
             const Category::OmpCompiler::Enum found = node->detectOmpRuntime();
             if (found != Category::OmpCompiler::Unknown)
@@ -176,9 +207,12 @@ void ZORPSVModelItem::mergeOwnFields(const ZORPSVModelItem& other)
 {
     if (mSpecial == specialNone)
         mSpecial = other.mSpecial;
-    addSampleCounts(other.mSamples, other.mSelfSamples, other.mMpiSamples, other.mSleepingSamples);
-    mActiveCoreLineMetrics.merge(other.mActiveCoreLineMetrics);
-    mMainThreadLineMetrics.merge(other.mMainThreadLineMetrics);
+    if (!other.mCounts)
+        return;
+    const Counts& theirs = *other.mCounts;
+    addSampleCounts(theirs.samples, theirs.selfSamples, theirs.mpiSamples, theirs.sleepingSamples);
+    mergeActiveCoreLineMetrics(theirs.activeCore);
+    mergeMainThreadLineMetrics(theirs.mainThread);
 }
 
 void ZORPSVModelItem::extraMergePSVModelItem(const PSVModelItem& other, void*)
@@ -201,15 +235,18 @@ void ZORPSVModelItem::writeExtraXml(QXmlStreamWriter& writer) const
 {
     if (mSpecial != specialNone)
         writer.writeAttribute(ATTR_SPECIAL, QString::number(mSpecial));
-    if (mSamples != 0 || mSelfSamples != 0 || mMpiSamples != 0 || mSleepingSamples != 0) {
+    if (!mCounts)
+        return;
+    const Counts& own = *mCounts;
+    if (own.samples != 0 || own.selfSamples != 0 || own.mpiSamples != 0 || own.sleepingSamples != 0) {
         writer.writeAttribute(ATTR_SAMPLES, QStringLiteral("%1,%2,%3,%4")
-                                                .arg(mSamples)
-                                                .arg(mSelfSamples)
-                                                .arg(mMpiSamples)
-                                                .arg(mSleepingSamples));
+                                                .arg(own.samples)
+                                                .arg(own.selfSamples)
+                                                .arg(own.mpiSamples)
+                                                .arg(own.sleepingSamples));
     }
-    writeLineMetrics(writer, ELEMENT_ACTIVE_CORE, mActiveCoreLineMetrics);
-    writeLineMetrics(writer, ELEMENT_MAIN_THREAD, mMainThreadLineMetrics);
+    writeLineMetrics(writer, ELEMENT_ACTIVE_CORE, own.activeCore);
+    writeLineMetrics(writer, ELEMENT_MAIN_THREAD, own.mainThread);
 }
 
 bool ZORPSVModelItem::readXml(QXmlStreamReader& reader, QString* error)
@@ -238,18 +275,21 @@ void ZORPSVModelItem::readXmlStreamAttributes(const QXmlStreamAttributes& attrib
     int counters[4] = {0, 0, 0, 0};
     if (attributes.hasAttribute(ATTR_SAMPLES) && !readCounters(attributes.value(ATTR_SAMPLES), counters))
         counters[0] = counters[1] = counters[2] = counters[3] = 0;
-    mSamples = counters[0];
-    mSelfSamples = counters[1];
-    mMpiSamples = counters[2];
-    mSleepingSamples = counters[3];
+    if (!mCounts && counters[0] == 0 && counters[1] == 0 && counters[2] == 0 && counters[3] == 0)
+        return;
+    Counts& own = counts();
+    own.samples = counters[0];
+    own.selfSamples = counters[1];
+    own.mpiSamples = counters[2];
+    own.sleepingSamples = counters[3];
 }
 
 bool ZORPSVModelItem::readExtraXml(QXmlStreamReader& reader, QString* error)
 {
     if (reader.name() == ELEMENT_ACTIVE_CORE)
-        return readLineMetrics(reader, &mActiveCoreLineMetrics, error);
+        return readLineMetrics(reader, &counts().activeCore, error);
     if (reader.name() == ELEMENT_MAIN_THREAD)
-        return readLineMetrics(reader, &mMainThreadLineMetrics, error);
+        return readLineMetrics(reader, &counts().mainThread, error);
     return PSVModelItem::readExtraXml(reader, error);
 }
 
@@ -269,9 +309,9 @@ void ZORPSVModelItem::readAttributes(const QString&, const SaxAttributes& attrib
 void ZORPSVModelItem::readListItem(const QString& list, const QString& value)
 {
     if (list == ELEMENT_ACTIVE_CORE)
-        mActiveCoreLineMetrics.readEntry(value);
+        counts().activeCore.readEntry(value);
     else if (list == ELEMENT_MAIN_THREAD)
-        mMainThreadLineMetrics.readEntry(value);
+        counts().mainThread.readEntry(value);
 }
 
 ZORPSVModelItem* ZORPSVModelItem::readTree(QXmlStreamReader& reader, QString* error)

@@ -76,31 +76,40 @@ public:
     // Unknown when none does.
     Category::OmpCompiler::Enum detectOmpRuntime() const;
 
-    int sampleCount() const { return mSamples; }
-    int selfSampleCount() const { return mSelfSamples; }
-    int mpiSampleCount() const { return mMpiSamples; }
-    int sleepingSampleCount() const { return mSleepingSamples; }
+    int sampleCount() const { return mCounts ? mCounts->samples : 0; }
+    int selfSampleCount() const { return mCounts ? mCounts->selfSamples : 0; }
+    int mpiSampleCount() const { return mCounts ? mCounts->mpiSamples : 0; }
+    int sleepingSampleCount() const { return mCounts ? mCounts->sleepingSamples : 0; }
     void addSampleCounts(int samples, int selfSamples, int mpiSamples, int sleepingSamples);
 
-    void mergeActiveCoreLineMetrics(const LineMetrics& metrics) { mActiveCoreLineMetrics.merge(metrics); }
-    void mergeMainThreadLineMetrics(const LineMetrics& metrics) { mMainThreadLineMetrics.merge(metrics); }
-    const LineMetrics& activeCoreLineMetrics() const { return mActiveCoreLineMetrics; }
-    const LineMetrics& mainThreadLineMetrics() const { return mMainThreadLineMetrics; }
+    void mergeActiveCoreLineMetrics(const LineMetrics& metrics);
+    void mergeMainThreadLineMetrics(const LineMetrics& metrics);
+    const LineMetrics& activeCoreLineMetrics() const;
+    const LineMetrics& mainThreadLineMetrics() const;
 
     // Reads the element at which reader stands into a new tree; null on
     // failure, with the reason in *error.
     static ZORPSVModelItem* readTree(QXmlStreamReader& reader, QString* error);
 
 private:
+    // What most nodes of a fresh tree leave at zero and empty, kept apart
+    // so that such nodes stay small.
+    struct Counts
+    {
+        int samples = 0;
+        int selfSamples = 0;
+        int mpiSamples = 0;
+        int sleepingSamples = 0;
+        LineMetrics activeCore;
+        LineMetrics mainThread;
+    };
+
     void mergeOwnFields(const ZORPSVModelItem& other);
+    Counts& counts();
 
     Special mSpecial;
-    int mSamples;
-    int mSelfSamples;
-    int mMpiSamples;
-    int mSleepingSamples;
-    LineMetrics mActiveCoreLineMetrics;
-    LineMetrics mMainThreadLineMetrics;
+    // Null while every count is zero and both line metrics are empty.
+    Counts* mCounts;
 };
 
 #endif

@@ -35,7 +35,7 @@ void collect(const Profile& profile, const PSVModelItem* node, QString prefix, Q
         if (self > 0)
             (*paths)[prefix] += self;
     }
-    for (const PSVModelItem* child : node->children())
+    for (const PSVModelItem* child : node->childNodes())
         collect(profile, child, prefix, paths);
 }
 

@@ -24,7 +24,7 @@ void collectPaths(const PSVModelItem* node, QVector<const PSVModelItem*>& path,
             paths->append(path);
         return;
     }
-    for (const PSVModelItem* child : node->children()) {
+    for (const PSVModelItem* child : node->childNodes()) {
         path.append(child);
         collectPaths(child, path, paths);
         path.removeLast();
@@ -258,7 +258,7 @@ void Profile::build()
 QList<const PSVModelItem*> Profile::sortedChildren(const PSVModelItem* node) const
 {
     QList<const PSVModelItem*> children;
-    for (const PSVModelItem* child : node->children())
+    for (const PSVModelItem* child : node->childNodes())
         children.append(child);
     std::stable_sort(children.begin(), children.end(), [this](const PSVModelItem* a, const PSVModelItem* b) {
         return mTimes.value(a).totalNs > mTimes.value(b).totalNs;

@@ -35,7 +35,7 @@ ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& po
     // this loop rarely has anything to look at.
     if (parent->childCount() == 0)
         return new ZORPSVModelItem(parent, position);
-    for (PSVModelItem* child : parent->children()) {
+    for (PSVModelItem* child : parent->childNodes()) {
         const Position& other = child->position();
         if (&other == &position
             || (other.line == position.line && other.column == position.column && other.function == position.function

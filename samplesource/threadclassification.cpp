@@ -69,7 +69,7 @@ void PreloadSampleSource::classifyNonMainTid(int tid, const ZORPSVModelItem* ite
     const Category::NameFacts facts = answersFor(item->position().function).facts;
     if (classifyByFrame(tid, facts, parent ? answersFor(parent->position().function).facts : noParent, nearRoot))
         return;
-    for (const PSVModelItem* child : item->children())
+    for (const PSVModelItem* child : item->childNodes())
         classifyNonMainTid(tid, static_cast<const ZORPSVModelItem*>(child));
 }
 
