@@ -467,7 +467,9 @@ TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
     EXPECT_GT(underOpener / all, 0.97) << foldedStacks(profile).constData();
     // Two of the three threads are workers.
     EXPECT_GT(workers / all, 0.4) << foldedStacks(profile).constData();
-    EXPECT_LT(stray / all, 0.01) << foldedStacks(profile).constData();
+    // The waits the bound is for took 9.7%; on a loaded machine up to 1.4%
+    // shows as vsnprintf straight under the opener (libomp's, unwound past).
+    EXPECT_LT(stray / all, 0.03) << foldedStacks(profile).constData();
 
     QMap<QString, int> threads;
     for (const ActivityRow& row : profile.activity(10, false))
