@@ -24,6 +24,8 @@ quint64 nameHash(const QString& name)
     return mix(h);
 }
 
+// The hash of a position, the same in every tree; the file is left out, so
+// that spellings of one file meet and are told apart by samePosition.
 quint32 keyFromHash(quint64 function, int line, int column)
 {
     const quint64 lineAndColumn = (quint64(quint32(line)) << 32) | quint32(column);
@@ -111,21 +113,10 @@ FlatTree::FlatTree(int rank, std::shared_ptr<FlatNames> names)
     append(NONE, Position());
 }
 
-quint32 FlatTree::keyOf(const QString& function, int line, int column)
-{
-    return keyFromHash(nameHash(function), line, column);
-}
-
 bool FlatTree::samePosition(const Position& a, const Position& b)
 {
     return a.line == b.line && a.column == b.column && (sameStorage(a.function, b.function) || a.function == b.function)
         && (sameStorage(a.file, b.file) || PathString::fileNamesEqual(a.file, b.file));
-}
-
-Position FlatTree::position(quint32 node) const
-{
-    const Node& n = mNodes[node];
-    return Position(mNames->name(n.function), mNames->name(n.file), n.line, n.column);
 }
 
 const FlatTree::Cached& FlatTree::nameOf(const QString& name)

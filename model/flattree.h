@@ -56,14 +56,13 @@ public:
 
     int rank() const { return mRank; }
     int size() const { return int(mNodes.size()); }
-    Position position(quint32 node) const;
     int threads(quint32 node) const { return mNodes[node].threads; }
 
     // A new child of parent at position, after its other children.
     quint32 addChild(quint32 parent, const Position& position);
     // The first child of parent at position, matched as
-    // PSVModelItem::findChild matches; made as by addChild when there is
-    // none, and then *made is set.
+    // PSVModelItem::findChild matches, or a new one as addChild makes it;
+    // *made says which.
     quint32 child(quint32 parent, const Position& position, bool* made = nullptr);
 
     // Threads of the rank at node; current and unexpectedStop as
@@ -74,9 +73,6 @@ public:
     // other than 0 (the special frame type).
     void setTag(quint32 node, int tag) { mNodes[node].tag = tag; }
 
-    // The hash of a position, file left out so that spellings of one file
-    // match; the same for every tree.
-    static quint32 keyOf(const QString& function, int line, int column);
     // Whether two positions name the same frame, as PSVModelItem matches.
     static bool samePosition(const Position& a, const Position& b);
 
