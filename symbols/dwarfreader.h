@@ -31,6 +31,9 @@ public:
     }
     std::uint64_t uleb()
     {
+        // Most values (abbreviation codes, forms, small numbers) are one byte.
+        if (mAt < mEnd && *mAt < 0x80)
+            return *mAt++;
         std::uint64_t value = 0;
         for (int shift = 0;; shift += 7) {
             if (mAt >= mEnd) {

@@ -83,92 +83,143 @@ constexpr unsigned checkpointEvery = 32;
 
 } // namespace
 
+namespace {
+
+// LEB128 at `p`, moved past it; false where it runs past `end`. Most
+// operands are a single byte.
+inline bool readUleb(const unsigned char*& p, const unsigned char* end, std::uint64_t* value)
+{
+    if (p < end && *p < 0x80) {
+        *value = *p++;
+        return true;
+    }
+    DwarfReader in(p, end);
+    *value = in.uleb();
+    p = in.at();
+    return !in.bad();
+}
+
+inline bool readSleb(const unsigned char*& p, const unsigned char* end, std::int64_t* value)
+{
+    if (p < end && *p < 0x80) {
+        *value = std::int64_t(*p & 0x40 ? std::uint64_t(*p) | ~std::uint64_t(0x7f) : std::uint64_t(*p));
+        ++p;
+        return true;
+    }
+    DwarfReader in(p, end);
+    *value = in.sleb();
+    p = in.at();
+    return !in.bad();
+}
+
+inline bool skipUleb(const unsigned char*& p, const unsigned char* end)
+{
+    while (p < end && (*p & 0x80))
+        ++p;
+    if (p >= end)
+        return false;
+    ++p;
+    return true;
+}
+
+} // namespace
+
+// One loop for both the first run and each answer, with `emit` inlined into
+// it: a program's opcodes come in no predictable order, and a call or a
+// check per opcode beyond its own work shows in the time of a fresh table.
 template <class Emit>
 bool LineTable::run(const unsigned char* at, State state, Emit emit) const
 {
-    DwarfReader code(at, mProgramEnd);
-    auto reset = [&] { state = State{0, 1, 1}; };
-    for (;;) {
-        // Most of a program: special opcodes, by table, and the columns and
-        // statement flags around them, which change nothing kept here;
-        // without the reader's checks.
-        const unsigned char* next = code.at();
-        while (next < mProgramEnd) {
-            const unsigned opcode = *next;
-            if (opcode >= mOpcodeBase) {
-                const Special& special = mSpecials[opcode];
-                ++next;
-                state.address += special.address;
-                state.line += std::uint32_t(special.line);
-                if (!emit(state, false, next))
-                    return true;
-            } else if (opcode == DW_LNS_negate_stmt) {
-                ++next;
-            } else if (opcode == DW_LNS_set_column) {
-                const unsigned char* operand = next + 1;
-                while (operand < mProgramEnd && (*operand & 0x80))
-                    ++operand;
-                // A truncated operand is the reader's to find.
-                if (operand >= mProgramEnd)
-                    break;
-                next = operand + 1;
-            } else {
-                break;
-            }
+    const unsigned char* p = at;
+    const unsigned char* const end = mProgramEnd;
+    const Special* const specials = mSpecials.data();
+    const unsigned opcodeBase = mOpcodeBase;
+    while (p < end) {
+        const unsigned opcode = *p++;
+        if (opcode >= opcodeBase) {
+            state.address += specials[opcode].address;
+            state.line += std::uint32_t(specials[opcode].line);
+            if (!emit(state, false, p))
+                return true;
+            continue;
         }
-        code = DwarfReader(next, mProgramEnd);
-        if (code.atEnd())
-            return true;
-        const unsigned opcode = unsigned(code.fixed(1));
         switch (opcode) {
         case 0: {
-            const std::uint64_t size = code.uleb();
-            if (size == 0 || size > code.left())
+            std::uint64_t size = 0;
+            if (!readUleb(p, end, &size) || size == 0 || size > std::uint64_t(end - p))
                 return false;
-            const unsigned char* next = code.at() + size;
-            const unsigned sub = unsigned(code.fixed(1));
+            const unsigned char* next = p + size;
+            const unsigned sub = *p++;
             if (sub == DW_LNE_end_sequence) {
-                code.skip(std::uint64_t(next - code.at()));
-                if (!emit(state, true, code.at()))
+                p = next;
+                if (!emit(state, true, p))
                     return true;
-                reset();
-                break;
-            }
-            if (sub == DW_LNE_set_address) {
-                if (size - 1 != std::uint64_t(mAddressSize) && size - 1 != 8 && size - 1 != 4)
+                state = State{0, 1, 1};
+            } else if (sub == DW_LNE_set_address) {
+                const std::uint64_t width = size - 1;
+                if (width != std::uint64_t(mAddressSize) && width != 8 && width != 4)
                     return false;
-                state.address = code.fixed(int(size - 1));
+                std::uint64_t value = 0;
+                for (std::uint64_t i = 0; i < width; ++i)
+                    value |= std::uint64_t(p[i]) << (8 * i);
+                state.address = value;
             }
             // Others (discriminators, files defined in the program) give
             // no row and change nothing kept here.
-            code.skip(std::uint64_t(next - code.at()));
+            p = next;
             break;
         }
         case DW_LNS_copy:
-            if (!emit(state, false, code.at()))
+            if (!emit(state, false, p))
                 return true;
             break;
-        case DW_LNS_advance_pc: state.address += std::uint64_t(mMinimumLength) * code.uleb(); break;
-        case DW_LNS_advance_line: state.line += std::uint32_t(code.sleb()); break;
-        case DW_LNS_set_file: state.file = std::uint32_t(code.uleb()); break;
-        case DW_LNS_const_add_pc:
-            state.address += std::uint64_t(mMinimumLength) * ((255 - mOpcodeBase) / mLineRange);
+        case DW_LNS_advance_pc: {
+            std::uint64_t value = 0;
+            if (!readUleb(p, end, &value))
+                return false;
+            state.address += std::uint64_t(mMinimumLength) * value;
             break;
-        case DW_LNS_fixed_advance_pc: state.address += code.fixed(2); break;
+        }
+        case DW_LNS_advance_line: {
+            std::int64_t value = 0;
+            if (!readSleb(p, end, &value))
+                return false;
+            state.line += std::uint32_t(value);
+            break;
+        }
+        case DW_LNS_set_file: {
+            std::uint64_t value = 0;
+            if (!readUleb(p, end, &value))
+                return false;
+            state.file = std::uint32_t(value);
+            break;
+        }
+        case DW_LNS_set_column:
+            if (!skipUleb(p, end))
+                return false;
+            break;
         case DW_LNS_negate_stmt:
         case DW_LNS_set_basic_block:
         case DW_LNS_set_prologue_end:
         case DW_LNS_set_epilogue_begin: break;
+        case DW_LNS_const_add_pc: state.address += specials[255].address; break;
+        case DW_LNS_fixed_advance_pc:
+            if (end - p < 2)
+                return false;
+            state.address += std::uint64_t(p[0]) | std::uint64_t(p[1]) << 8;
+            p += 2;
+            break;
         default:
-            // DW_LNS_set_column, set_isa and any opcode newer than this
-            // reader: skipped by their operand counts.
-            for (unsigned i = 0; i < mOperandCounts[opcode]; ++i)
-                code.uleb();
+            // set_isa and any opcode newer than this reader: skipped by
+            // their operand counts.
+            for (unsigned i = 0; i < mOperandCounts[opcode]; ++i) {
+                if (!skipUleb(p, end))
+                    return false;
+            }
             break;
         }
-        if (code.bad())
-            return false;
     }
+    return true;
 }
 
 bool LineTable::decode(const Sections& sections, std::uint64_t offset)
@@ -244,34 +295,40 @@ bool LineTable::decode(const Sections& sections, std::uint64_t offset)
     mProgram = program;
     mProgramEnd = unit.at() + length;
     bool open = false, backwards = false;
-    unsigned sinceCheckpoint = 0;
     std::uint64_t last = 0;
-    const bool read = run(mProgram, State{0, 1, 1}, [&](const State& state, bool end, const unsigned char* after) {
-        if (end) {
-            // A sequence without rows holds nothing.
-            if (open) {
-                mSequences.back().end = state.address;
-                mSequences.back().rowAtEnd = last == state.address;
+    // Rows left before the next checkpoint; the first row of a sequence
+    // opens it with one. `last` is 0 between sequences.
+    unsigned countdown = 1;
+    const auto row = [&](const State& state, bool end, const unsigned char* after) __attribute__((always_inline)) {
+        if (!end) {
+            if (state.address < last) {
+                backwards = true;
+                return false;
             }
-            open = false;
+            last = state.address;
+            if (--countdown == 0) {
+                if (!open) {
+                    mSequences.push_back(
+                        {state.address, state.address, 0, std::uint32_t(mCheckpoints.size()), 0, false});
+                    open = true;
+                }
+                mCheckpoints.push_back({state, std::uint32_t(after - mProgram)});
+                ++mSequences.back().checkpointCount;
+                countdown = checkpointEvery;
+            }
             return true;
         }
-        if (!open) {
-            mSequences.push_back({state.address, state.address, 0, std::uint32_t(mCheckpoints.size()), 0, false});
-            open = true;
-            sinceCheckpoint = checkpointEvery;
-        } else if (state.address < last) {
-            backwards = true;
-            return false;
+        // A sequence without rows holds nothing.
+        if (open) {
+            mSequences.back().end = state.address;
+            mSequences.back().rowAtEnd = last == state.address;
         }
-        last = state.address;
-        if (sinceCheckpoint++ >= checkpointEvery) {
-            mCheckpoints.push_back({state, std::uint32_t(after - mProgram)});
-            ++mSequences.back().checkpointCount;
-            sinceCheckpoint = 1;
-        }
+        open = false;
+        last = 0;
+        countdown = 1;
         return true;
-    });
+    };
+    const bool read = run(mProgram, State{0, 1, 1}, row);
     // A sequence left open at the end has no end: dropped.
     if (open)
         mSequences.pop_back();
@@ -314,7 +371,7 @@ bool LineTable::find(std::uint64_t address, Row* row) const
         - 1;
     // The last row at or below the address; the sequence's end lies above it.
     State found = checkpoint->state;
-    run(mProgram + checkpoint->offset, found, [&](const State& state, bool end, const unsigned char*) {
+    run(mProgram + checkpoint->offset, found, [&](const State& state, bool end, const unsigned char*) __attribute__((always_inline)) {
         if (end || state.address > address)
             return false;
         found = state;

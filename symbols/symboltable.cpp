@@ -570,6 +570,7 @@ void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringLis
     mFileNames.clear();
     mSections.clear();
     mCodeSymbols.clear();
+    mPlts.clear();
     // A session of its own each time: modules reported again in another
     // order clash with their earlier selves ("address range overlaps an
     // existing module"), which lost a program its own symbols once MPI had
@@ -596,6 +597,12 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     Dwfl_Module* module = dwfl_addrmodule(mDwfl, address);
     if (!module)
         return result;
+    // No unit and no symbol covers a PLT entry: the symbol before it
+    // (_init) would name every call into another library.
+    if (pltName(module, address, &result.function)) {
+        result.hasSymbol = true;
+        return result;
+    }
 
     Dwarf_Addr bias = 0;
     if (Dwarf_Die* cu = dwfl_module_addrdie(module, address, &bias)) {
@@ -643,6 +650,118 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
         }
     }
     return result;
+}
+
+struct SymbolTable::Plt
+{
+    struct Section
+    {
+        // File addresses.
+        unsigned long long start, end, entrySize;
+        const unsigned char* bytes;
+        const char* name;
+    };
+    std::vector<Section> sections;
+    Dwarf_Addr bias = 0;
+    bool x86_64 = false;
+    bool gotRead = false;
+    // The symbol whose address each GOT slot holds, by the slot's address.
+    std::unordered_map<unsigned long long, const char*> got;
+};
+
+SymbolTable::Plt& SymbolTable::plt(Dwfl_Module* module)
+{
+    std::unique_ptr<Plt>& slot = mPlts[module];
+    if (slot)
+        return *slot;
+    slot.reset(new Plt);
+    Elf* elf = dwfl_module_getelf(module, &slot->bias);
+    size_t names = 0;
+    GElf_Ehdr header;
+    if (!elf || elf_getshdrstrndx(elf, &names) != 0 || !gelf_getehdr(elf, &header))
+        return *slot;
+    slot->x86_64 = header.e_machine == EM_X86_64;
+    for (Elf_Scn* section = elf_nextscn(elf, nullptr); section; section = elf_nextscn(elf, section)) {
+        GElf_Shdr sh;
+        if (!gelf_getshdr(section, &sh) || sh.sh_type != SHT_PROGBITS || !(sh.sh_flags & SHF_EXECINSTR))
+            continue;
+        const char* name = elf_strptr(elf, names, sh.sh_name);
+        // .plt, .plt.sec (with indirect branch tracking), .plt.got.
+        if (!name || std::strncmp(name, ".plt", 4) != 0 || (name[4] != 0 && name[4] != '.'))
+            continue;
+        Elf_Data* data = elf_getdata(section, nullptr);
+        if (!data || !data->d_buf || data->d_size < sh.sh_size)
+            continue;
+        slot->sections.push_back({sh.sh_addr, sh.sh_addr + sh.sh_size, sh.sh_entsize ? sh.sh_entsize : 16,
+                                  static_cast<const unsigned char*>(data->d_buf), name});
+    }
+    return *slot;
+}
+
+bool SymbolTable::pltName(Dwfl_Module* module, unsigned long long address, QString* name)
+{
+    Plt& table = plt(module);
+    const unsigned long long at = address - table.bias;
+    const Plt::Section* section = nullptr;
+    for (const Plt::Section& candidate : table.sections) {
+        if (at >= candidate.start && at < candidate.end)
+            section = &candidate;
+    }
+    if (!section)
+        return false;
+    *name = QString::fromLatin1(section->name);
+    if (!table.x86_64)
+        return true;
+    if (!table.gotRead) {
+        // The dynamic relocations that fill GOT slots with a symbol's
+        // address: jump slots of lazy binding, and GLOB_DAT for .plt.got.
+        table.gotRead = true;
+        GElf_Addr bias = 0;
+        Elf* elf = dwfl_module_getelf(module, &bias);
+        for (Elf_Scn* scn = elf_nextscn(elf, nullptr); scn; scn = elf_nextscn(elf, scn)) {
+            GElf_Shdr sh;
+            if (!gelf_getshdr(scn, &sh) || sh.sh_type != SHT_RELA || sh.sh_entsize == 0)
+                continue;
+            Elf_Scn* symbols = elf_getscn(elf, sh.sh_link);
+            GElf_Shdr symbolsHeader;
+            Elf_Data* relocations = elf_getdata(scn, nullptr);
+            Elf_Data* symbolData = symbols ? elf_getdata(symbols, nullptr) : nullptr;
+            if (!relocations || !symbolData || !gelf_getshdr(symbols, &symbolsHeader))
+                continue;
+            const size_t count = sh.sh_size / sh.sh_entsize;
+            for (size_t i = 0; i < count; ++i) {
+                GElf_Rela rela;
+                GElf_Sym symbol;
+                if (!gelf_getrela(relocations, int(i), &rela))
+                    break;
+                const auto type = GELF_R_TYPE(rela.r_info);
+                const auto index = GELF_R_SYM(rela.r_info);
+                if ((type != R_X86_64_JUMP_SLOT && type != R_X86_64_GLOB_DAT) || index == 0
+                    || !gelf_getsym(symbolData, int(index), &symbol))
+                    continue;
+                const char* symbolName = elf_strptr(elf, symbolsHeader.sh_link, symbol.st_name);
+                if (symbolName && *symbolName)
+                    table.got.emplace(rela.r_offset, symbolName);
+            }
+        }
+    }
+    // The entry's indirect jump through its GOT slot: jmp *disp32(%rip),
+    // after an endbr64 and a bnd prefix in .plt.sec.
+    const unsigned long long entry = section->start + (at - section->start) / section->entrySize * section->entrySize;
+    const unsigned long long size = std::min(section->entrySize, section->end - entry);
+    const unsigned char* bytes = section->bytes + (entry - section->start);
+    for (unsigned long long i = 0; i + 6 <= size; ++i) {
+        if (bytes[i] != 0xff || bytes[i + 1] != 0x25)
+            continue;
+        const std::int32_t displacement = std::int32_t(std::uint32_t(bytes[i + 2]) | std::uint32_t(bytes[i + 3]) << 8
+                                                       | std::uint32_t(bytes[i + 4]) << 16
+                                                       | std::uint32_t(bytes[i + 5]) << 24);
+        const auto found = table.got.find(entry + i + 6 + displacement);
+        if (found != table.got.end())
+            *name = demangledName(QString::fromLatin1(found->second)) + QLatin1String("@plt");
+        break;
+    }
+    return true;
 }
 
 // The code symbols of a module by address, built on first use: libdwfl's

@@ -94,6 +94,13 @@ private:
         bool function;
     };
     const CodeSymbol* symbolAt(Dwfl_Module* module, unsigned long long address);
+    // The PLT sections of a module and the GOT slots their entries jump
+    // through, read on first use.
+    struct Plt;
+    Plt& plt(Dwfl_Module* module);
+    // "name@plt" for an address in a PLT entry, the section's name where
+    // the entry's target isn't known; false outside the PLT.
+    bool pltName(Dwfl_Module* module, unsigned long long address, QString* name);
     // File `file` of the unit's line table, as an absolute path.
     QString unitFile(UnitIndex& index, unsigned long long file);
     int functionAt(UnitIndex& index, unsigned long long pc);
@@ -107,6 +114,7 @@ private:
     std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;
     std::unordered_map<const Dwarf*, DwarfSections> mSections;
     std::unordered_map<const Dwfl_Module*, std::vector<CodeSymbol>> mCodeSymbols;
+    std::unordered_map<const Dwfl_Module*, std::unique_ptr<Plt>> mPlts;
     // Each file name of a unit made absolute once, where libdw reads its lines.
     std::unordered_map<const char*, QString> mFileNames;
 };

@@ -13,14 +13,21 @@
 #include "samplerstate.h"
 #include "sampling.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <link.h>
+#include <pthread.h>
+#include <sys/auxv.h>
 #include <new>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#define UNW_LOCAL_ONLY
+#include <libunwind.h>
 
 using quorvex::SMetric;
 using quorvex::SSample;
@@ -213,6 +220,45 @@ bool runningFileIsLive(const char* path)
     message.str("taking away ").str(path).str(", left by process ").dec(pid).str(", which is gone\n");
     writeLog(message);
     return unlink(path) != 0 && errno != ENOENT;
+}
+
+// The code of libunwind, the C library and the dynamic loader, each found
+// by an address inside it.
+struct OnceSpanSearch
+{
+    unsigned long probes[MAX_ONCE_SPANS];
+    CodeSpan spans[MAX_ONCE_SPANS];
+    int count;
+};
+
+int findOnceSpan(dl_phdr_info* info, size_t, void* data)
+{
+    OnceSpanSearch& search = *static_cast<OnceSpanSearch*>(data);
+    unsigned long low = ~0ul, high = 0;
+    for (int i = 0; i < info->dlpi_phnum; ++i) {
+        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+        if (ph.p_type != PT_LOAD)
+            continue;
+        low = std::min<unsigned long>(low, info->dlpi_addr + ph.p_vaddr);
+        high = std::max<unsigned long>(high, info->dlpi_addr + ph.p_vaddr + ph.p_memsz);
+    }
+    for (unsigned long probe : search.probes) {
+        if (probe >= low && probe < high && search.count < MAX_ONCE_SPANS) {
+            search.spans[search.count++] = CodeSpan{low, high};
+            break;
+        }
+    }
+    return 0;
+}
+
+void prepareUnwindingHere()
+{
+    OnceSpanSearch search = {{reinterpret_cast<unsigned long>(&unw_backtrace),
+                              reinterpret_cast<unsigned long>(&pthread_once), getauxval(AT_BASE)},
+                             {},
+                             0};
+    dl_iterate_phdr(findOnceSpan, &search);
+    prepareUnwinding(search.spans, search.count);
 }
 
 // A timer that sends the sampler's signal to the thread `tid`.
@@ -474,7 +520,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
     s.missingTrace.stopsAtCallingFrame = false;
     s.missingTrace.parallelId = 0;
 
-    prepareUnwinding();
+    prepareUnwindingHere();
     if (!installSamplerHandler())
         return fail(QUORVEX_SAMPLER_SETUP_FAILED, std::string("can't install the signal handler: ") + strerror(errno));
     noteSignalReturn();

@@ -41,8 +41,16 @@ void deliverToProgram(int sig, siginfo_t* info, void* ucontext);
 // unless it is 0. Sets the unwind status: 0, a libunwind error, or one of
 // the sampler's codes below.
 void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned long boundaryIp);
+// Code where a thread may be inside libunwind's set-up of its frame
+// caches: libunwind itself, the C library, the dynamic loader.
+struct CodeSpan
+{
+    unsigned long low;
+    unsigned long high;
+};
+const int MAX_ONCE_SPANS = 3;
 // Sets libunwind up outside a handler, as far as it can wait no longer.
-void prepareUnwinding();
+void prepareUnwinding(const CodeSpan* onceSpans, int count);
 // When a thread ends, and in the child of fork.
 void endThreadUnwinding();
 void resetUnwindingAfterFork();

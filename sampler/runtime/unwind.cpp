@@ -18,6 +18,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <pthread.h>
 #include <ucontext.h>
 
 #define UNW_LOCAL_ONLY
@@ -33,12 +34,40 @@ unsigned long gSignalReturn;
 
 const int FAST_WALK_THREADS = 64;
 std::atomic<int> gFastWalkers{0};
+
+// The first cached walk of the process makes libunwind's thread-specific
+// key, inside a pthread_once, and fills the walking thread's cache: 256 KiB,
+// a fifth of a millisecond that a program ending before its first sample
+// shouldn't pay. So it waits for the first sample, and a key slot among the
+// first ones, whose values glibc stores without allocating, is held for it
+// until then. A thread stopped in libunwind, the C library or the dynamic
+// loader may be inside that very pthread_once (a program that unwinds by
+// itself): its handler would wait for itself, so it walks stepwise.
+std::atomic<bool> gCacheKeyMade{false};
+std::atomic<bool> gHoldingKey{false};
+pthread_key_t gHeldKey;
+CodeSpan gOnceSpans[MAX_ONCE_SPANS];
+int gOnceSpanCount;
+
+bool mayMakeCacheKey(unsigned long pc)
+{
+    for (int i = 0; i < gOnceSpanCount; ++i) {
+        if (pc >= gOnceSpans[i].low && pc < gOnceSpans[i].high)
+            return false;
+    }
+    bool holding = true;
+    if (gHoldingKey.compare_exchange_strong(holding, false, std::memory_order_acq_rel))
+        pthread_key_delete(gHeldKey);
+    return true;
+}
 // 0: not decided yet; 1: this thread walks with a cache; -1: stepwise.
 ZS_TLS signed char tlsFastWalk;
 ZS_TLS bool tlsOwnUnwinding;
 
-bool mayWalkFast()
+bool mayWalkFast(unsigned long pc)
 {
+    if (!gCacheKeyMade.load(std::memory_order_acquire) && !mayMakeCacheKey(pc))
+        return false;
     if (tlsFastWalk == 0) {
         tlsFastWalk = -1;
         int n = gFastWalkers.load(std::memory_order_relaxed);
@@ -58,6 +87,7 @@ bool fastWalk(BacktraceData& bt, const ucontext_t* context)
 {
     const unsigned long interrupted = static_cast<unsigned long>(context->uc_mcontext.gregs[REG_RIP]);
     const int n = unw_backtrace(reinterpret_cast<void**>(bt.frames), MAX_BACKTRACE_DEPTH);
+    gCacheKeyMade.store(true, std::memory_order_release);
     if (n >= MAX_BACKTRACE_DEPTH)
         return false; // maybe cut short: too deep to tell
     for (int i = 1; i < n; ++i) {
@@ -112,7 +142,9 @@ void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned
         bt.unwindStatus = UNWIND_CLASHED;
         return;
     }
-    if (!mayWalkFast() || !fastWalk(bt, static_cast<const ucontext_t*>(ucontext))) {
+    const ucontext_t* context = static_cast<const ucontext_t*>(ucontext);
+    const unsigned long pc = static_cast<unsigned long>(context->uc_mcontext.gregs[REG_RIP]);
+    if (!mayWalkFast(pc) || !fastWalk(bt, context)) {
         bt.size = 0;
         stepwiseWalk(bt, ucontext);
     }
@@ -155,19 +187,17 @@ OwnUnwinding::~OwnUnwinding()
     tlsOwnUnwinding = false;
 }
 
-void prepareUnwinding()
+void prepareUnwinding(const CodeSpan* onceSpans, int count)
 {
     // A cache per thread for the stepwise walk: no lock between threads
     // that unwind at once where libunwind was built with one.
     unw_set_caching_policy(unw_local_addr_space, UNW_CACHE_PER_THREAD);
-    // The first cached walk of the process makes libunwind's thread-specific
-    // key: here, while the key is among the first ones, whose values glibc
-    // stores without allocating, and outside a handler. The walks of the
-    // other threads map their caches in their handlers.
-    if (mayWalkFast()) {
-        void* frames[4];
-        unw_backtrace(frames, 4);
-    }
+    gOnceSpanCount = 0;
+    for (int i = 0; i < count && i < MAX_ONCE_SPANS; ++i)
+        gOnceSpans[gOnceSpanCount++] = onceSpans[i];
+    if (!gCacheKeyMade.load(std::memory_order_acquire) && !gHoldingKey.load(std::memory_order_acquire)
+        && pthread_key_create(&gHeldKey, nullptr) == 0)
+        gHoldingKey.store(true, std::memory_order_release);
 }
 
 void endThreadUnwinding()

@@ -181,6 +181,34 @@ TEST_F(Symbols, LinesAndInlinedCallersAgreeWithAddr2line)
     EXPECT_GT(withInlines, 50);
 }
 
+TEST_F(Symbols, PltEntriesNamedAsObjdumpLabelsThem)
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("objdump")).isEmpty())
+        GTEST_SKIP() << "no objdump to compare with";
+    const SharedLibrary self = selfExecutable(table.libraries());
+    ASSERT_FALSE(self.path().isEmpty());
+    QProcess objdump;
+    objdump.start(QStringLiteral("objdump"), {QStringLiteral("-d"), QStringLiteral("-j"), QStringLiteral(".plt"),
+                                              QStringLiteral("-j"), QStringLiteral(".plt.sec"), QStringLiteral("-j"),
+                                              QStringLiteral(".plt.got"), self.path()});
+    ASSERT_TRUE(objdump.waitForFinished(60000));
+    // "000000000000b040 <strdup@plt>:" starts each entry; the middle of
+    // the entry is asked for.
+    int entries = 0;
+    for (const QString& line : QString::fromLocal8Bit(objdump.readAllStandardOutput()).split(QLatin1Char('\n'))) {
+        if (!line.endsWith(QLatin1String("@plt>:")) || line.contains(QLatin1Char('-')))
+            continue;
+        const unsigned long long at = line.section(QLatin1Char(' '), 0, 0).toULongLong(nullptr, 16);
+        const QString name = line.section(QLatin1Char('<'), 1).chopped(6);
+        const SymbolPosition p = table.position(self.start() + at + 3);
+        EXPECT_EQ(p.function.toStdString(), (demangledName(name) + QLatin1String("@plt")).toStdString());
+        EXPECT_TRUE(p.hasSymbol);
+        EXPECT_EQ(p.line, 0);
+        ++entries;
+    }
+    EXPECT_GT(entries, 10);
+}
+
 TEST(SymbolDisassembler, KnownBytesInAttSyntax)
 {
     SymbolTable none;
