@@ -119,20 +119,22 @@ struct SymbolTable::UnitIndex
 {
     struct Function
     {
-        // Made from `offset` when first needed where the unit's walk found
-        // the function: most are never looked at again.
-        Dwarf_Die die;
+        // Of its DIE, made when an answer first needs its name: most
+        // functions are never looked at again.
         Dwarf_Off offset = 0;
-        bool hasDie = true;
         // The function-like scope around this one; -1 at the top.
         int parent = -1;
         bool inlined = false;
         bool resolved = false;
+        // Where an inlined instance was called from, where the unit's own
+        // reader found it: the line and the file's index in the line table.
+        bool callRead = false;
+        bool hasCallFile = false;
+        std::uint32_t callFileIndex = 0;
+        int callLine = 0;
         // Read on first use.
         QString name;
-        // Where an inlined instance was called from.
         QString callFile;
-        int callLine = 0;
     };
     struct Segment
     {
@@ -149,6 +151,9 @@ struct SymbolTable::UnitIndex
     };
     Dwarf_Die cu;
     Dwarf* dwarf = nullptr;
+    // The unit's own reader of its DIEs; libdw's where it can't.
+    UnitReader reader;
+    bool ownDies = false;
     // Decoded when the unit is first asked for; libdw's own reading where
     // this one can't.
     LineTable lines;
@@ -218,7 +223,7 @@ void indexTopLevel(Dwarf_Die* scope, Index* index, std::vector<Range>* ranges)
             const int here = int(index->functions.size());
             if (addRanges(&child, 0, here, ranges)) {
                 typename Index::Function function;
-                function.die = child;
+                function.offset = dwarf_dieoffset(&child);
                 index->functions.push_back(function);
             }
         } else if (mayHoldDefinitions(tag)) {
@@ -245,7 +250,7 @@ void indexInlined(Dwarf_Die* scope, int enclosing, int depth, Index* index, std:
             if (!addRanges(&child, depth, here, ranges))
                 continue;
             typename Index::Function function;
-            function.die = child;
+            function.offset = dwarf_dieoffset(&child);
             function.parent = enclosing;
             function.inlined = true;
             index->functions.push_back(function);
@@ -268,7 +273,7 @@ void indexNested(Dwarf_Die* scope, const std::unordered_set<Dwarf_Off>& known, I
             const int here = int(index->functions.size());
             if (addRanges(&child, 0, here, ranges)) {
                 typename Index::Function function;
-                function.die = child;
+                function.offset = dwarf_dieoffset(&child);
                 index->functions.push_back(function);
             }
         }
@@ -276,17 +281,14 @@ void indexNested(Dwarf_Die* scope, const std::unordered_set<Dwarf_Off>& known, I
     } while (dwarf_siblingof(&child, &child) == 0);
 }
 
-// The DIE of a function of the unit, made from its offset on first use.
+// The DIE of a function of the unit, made from its offset.
 template <class Index>
-Dwarf_Die* functionDie(Index& index, int function)
+Dwarf_Die functionDie(Index& index, int function)
 {
-    auto& entry = index.functions[std::size_t(function)];
-    if (!entry.hasDie) {
-        entry.hasDie = true;
-        if (!dwarf_offdie(index.dwarf, entry.offset, &entry.die))
-            entry.die = Dwarf_Die();
-    }
-    return &entry.die;
+    Dwarf_Die die;
+    if (!dwarf_offdie(index.dwarf, index.functions[std::size_t(function)].offset, &die))
+        die = Dwarf_Die();
+    return die;
 }
 
 // Nested ranges flattened into disjoint segments, each with its innermost
@@ -356,6 +358,8 @@ const SymbolTable::DwarfSections& SymbolTable::sections(Dwarf* dwarf)
         line.strings = sectionData(elf, names, ".debug_str", &line.stringsSize);
         sections.unit.info = sectionData(elf, names, ".debug_info", &sections.unit.infoSize);
         sections.unit.abbrev = sectionData(elf, names, ".debug_abbrev", &sections.unit.abbrevSize);
+        sections.unit.rnglists = sectionData(elf, names, ".debug_rnglists", &sections.unit.rnglistsSize);
+        sections.unit.ranges = sectionData(elf, names, ".debug_ranges", &sections.unit.rangesSize);
     }
     return sections;
 }
@@ -399,22 +403,24 @@ SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit, Dwarf* dwarf)
     slot->files.resize(slot->ownLines ? slot->lines.fileCount() : 0);
     std::vector<Range> ranges;
     std::vector<UnitFunction> found;
-    if (unitFunctions(own.unit, dwarf_dieoffset(cu) - dwarf_cuoffset(cu), &found)) {
+    slot->ownDies = slot->reader.open(own.unit, dwarf_dieoffset(cu) - dwarf_cuoffset(cu));
+    if (slot->ownDies && slot->reader.functions(&found)) {
         slot->functions.reserve(found.size());
         for (const UnitFunction& function : found) {
             UnitIndex::Function entry;
+            entry.offset = function.offset;
             const int here = int(slot->functions.size());
             if (function.elsewhere) {
-                if (!dwarf_offdie(dwarf, function.offset, &entry.die) || !addRanges(&entry.die, 0, here, &ranges))
+                Dwarf_Die die;
+                if (!dwarf_offdie(dwarf, function.offset, &die) || !addRanges(&die, 0, here, &ranges))
                     continue;
             } else {
-                entry.offset = function.offset;
-                entry.hasDie = false;
                 ranges.push_back({function.low, function.high, 0, here});
             }
             slot->functions.push_back(entry);
         }
     } else {
+        slot->ownDies = false;
         indexTopLevel(cu, slot.get(), &ranges);
     }
     addTopLevel(*slot, ranges);
@@ -433,7 +439,7 @@ int SymbolTable::functionAt(UnitIndex& index, unsigned long long pc)
         std::unordered_set<Dwarf_Off> known;
         for (UnitIndex::Function& function : index.functions) {
             if (!function.inlined)
-                known.insert(function.hasDie ? dwarf_dieoffset(&function.die) : function.offset);
+                known.insert(function.offset);
         }
         std::vector<Range> ranges;
         indexNested(&index.cu, known, &index, &ranges);
@@ -453,7 +459,30 @@ int SymbolTable::functionAt(UnitIndex& index, unsigned long long pc)
             if (other.function == function)
                 ranges.push_back({other.low, other.high, 0, function});
         }
-        indexInlined(functionDie(index, function), function, 1, &index, &ranges);
+        std::vector<InlinedScope> scopes;
+        std::vector<CodeRange> codeRanges;
+        if (index.ownDies && index.reader.inlined(index.functions[function].offset, &scopes, &codeRanges)) {
+            const int first = int(index.functions.size());
+            for (const InlinedScope& scope : scopes) {
+                UnitIndex::Function entry;
+                entry.offset = scope.offset;
+                entry.parent = scope.parent < 0 ? function : first + scope.parent;
+                entry.inlined = true;
+                entry.callRead = true;
+                entry.hasCallFile = scope.hasCallFile;
+                entry.callFileIndex = scope.callFile;
+                entry.callLine = int(scope.callLine);
+                const int here = int(index.functions.size());
+                for (std::uint32_t r = 0; r < scope.rangeCount; ++r) {
+                    const CodeRange& range = codeRanges[scope.firstRange + r];
+                    ranges.push_back({range.low, range.high, scope.depth, here});
+                }
+                index.functions.push_back(entry);
+            }
+        } else {
+            Dwarf_Die die = functionDie(index, function);
+            indexInlined(&die, function, 1, &index, &ranges);
+        }
         // Apart from the segments of other functions, but its ranges may lie
         // on both sides of theirs.
         const size_t before = index.segments.size();
@@ -477,10 +506,15 @@ void SymbolTable::resolve(UnitIndex& index, int function)
     for (int f = function; f >= 0 && !index.functions[f].resolved; f = index.functions[f].parent) {
         UnitIndex::Function& entry = index.functions[f];
         entry.resolved = true;
-        entry.name = functionName(functionDie(index, f));
-        Dwarf_Word file = 0;
-        if (entry.inlined && callSite(&entry.die, &entry.callLine, &file))
-            entry.callFile = unitFile(index, file);
+        Dwarf_Die die = functionDie(index, f);
+        entry.name = functionName(&die);
+        if (entry.inlined && !entry.callRead) {
+            Dwarf_Word file = 0;
+            entry.hasCallFile = callSite(&die, &entry.callLine, &file);
+            entry.callFileIndex = std::uint32_t(file);
+        }
+        if (entry.inlined && entry.hasCallFile)
+            entry.callFile = unitFile(index, entry.callFileIndex);
     }
 }
 
@@ -644,8 +678,9 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     }
 
     if (!result.hasSymbol) {
-        if (const CodeSymbol* symbol = symbolAt(module, address)) {
-            result.function = demangledName(QString::fromLatin1(symbol->name));
+        CodeSymbol symbol;
+        if (symbolAt(module, address, &symbol)) {
+            result.function = demangledName(QString::fromLatin1(symbol.name));
             result.hasSymbol = true;
         }
     }
@@ -764,74 +799,118 @@ bool SymbolTable::pltName(Dwfl_Module* module, unsigned long long address, QStri
     return true;
 }
 
-// The code symbols of a module by address, built on first use: libdwfl's
-// own lookup walks every symbol of the module for each address, a third of
-// a millisecond in a library of some thousand functions.
-const SymbolTable::CodeSymbol* SymbolTable::symbolAt(Dwfl_Module* module, unsigned long long address)
+// Each code symbol of a module, by libdwfl, whose own lookup walks every
+// symbol of the module for each address (a third of a millisecond in a
+// library of some thousand functions).
+template <class Add>
+void SymbolTable::forEachCodeSymbol(Dwfl_Module* module, Add add)
 {
-    auto found = mCodeSymbols.find(module);
-    if (found == mCodeSymbols.end()) {
-        std::vector<CodeSymbol>& symbols = mCodeSymbols[module];
-        const int count = dwfl_module_getsymtab(module);
-        symbols.reserve(size_t(std::max(count, 0)));
-        // Whether each section of the file holds code, looked up once.
-        Elf* sectionsOf = nullptr;
-        std::vector<signed char> code;
-        for (int i = 1; i < count; ++i) {
-            GElf_Sym symbol;
-            GElf_Addr value = 0;
-            GElf_Word section = 0;
-            Elf* elf = nullptr;
-            const char* name = dwfl_module_getsym_info(module, i, &symbol, &value, &section, &elf, nullptr);
-            const int type = GELF_ST_TYPE(symbol.st_info);
-            if (!name || !*name || !elf || section == SHN_UNDEF || section >= SHN_LORESERVE || value == 0
-                || (type != STT_FUNC && type != STT_GNU_IFUNC && type != STT_NOTYPE))
-                continue;
-            if (elf != sectionsOf) {
-                sectionsOf = elf;
-                code.clear();
-            }
-            if (section >= code.size())
-                code.resize(section + 1, -1);
-            if (code[section] < 0) {
-                GElf_Shdr header;
-                Elf_Scn* scn = elf_getscn(elf, section);
-                code[section] = scn && gelf_getshdr(scn, &header) && (header.sh_flags & SHF_EXECINSTR) ? 1 : 0;
-            }
-            if (!code[section])
-                continue;
-            const int binding = GELF_ST_BIND(symbol.st_info);
-            // Of several names for one address, a global one with a size.
-            const int rank = (binding == STB_GLOBAL ? 4 : binding == STB_WEAK ? 2 : 0) + (symbol.st_size > 0)
-                + (type == STT_FUNC ? 8 : 0);
-            symbols.push_back({value, symbol.st_size, name, rank, type == STT_FUNC});
+    const int count = dwfl_module_getsymtab(module);
+    // Whether each section of the file holds code, looked up once.
+    Elf* sectionsOf = nullptr;
+    std::vector<signed char> code;
+    for (int i = 1; i < count; ++i) {
+        GElf_Sym symbol;
+        GElf_Addr value = 0;
+        GElf_Word section = 0;
+        Elf* elf = nullptr;
+        const char* name = dwfl_module_getsym_info(module, i, &symbol, &value, &section, &elf, nullptr);
+        const int type = GELF_ST_TYPE(symbol.st_info);
+        if (!name || !*name || !elf || section == SHN_UNDEF || section >= SHN_LORESERVE || value == 0
+            || (type != STT_FUNC && type != STT_GNU_IFUNC && type != STT_NOTYPE))
+            continue;
+        if (elf != sectionsOf) {
+            sectionsOf = elf;
+            code.clear();
         }
-        std::sort(symbols.begin(), symbols.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
-            return a.start != b.start ? a.start < b.start : a.rank > b.rank;
+        if (section >= code.size())
+            code.resize(section + 1, -1);
+        if (code[section] < 0) {
+            GElf_Shdr header;
+            Elf_Scn* scn = elf_getscn(elf, section);
+            code[section] = scn && gelf_getshdr(scn, &header) && (header.sh_flags & SHF_EXECINSTR) ? 1 : 0;
+        }
+        if (!code[section])
+            continue;
+        const int binding = GELF_ST_BIND(symbol.st_info);
+        // Of several names for one address, a global one with a size.
+        const int rank = (binding == STB_GLOBAL ? 4 : binding == STB_WEAK ? 2 : 0) + (symbol.st_size > 0)
+            + (type == STT_FUNC ? 8 : 0);
+        add(CodeSymbol{value, symbol.st_size, name, rank, i, type == STT_FUNC});
+    }
+}
+
+bool SymbolTable::symbolAt(Dwfl_Module* module, unsigned long long address, CodeSymbol* found)
+{
+    // The symbol of an address is found among the last few symbols that
+    // start at or below it: one without a size reaches to the next; a small
+    // one that starts inside a larger one (a local label) may not hold the
+    // address where the larger does.
+    constexpr int searched = 16;
+    CodeSymbols& symbols = mCodeSymbols[module];
+    if (!symbols.built && ++symbols.asked > 1) {
+        symbols.built = true;
+        std::vector<CodeSymbol>& sorted = symbols.sorted;
+        sorted.reserve(size_t(std::max(dwfl_module_getsymtab(module), 0)));
+        forEachCodeSymbol(module, [&](const CodeSymbol& symbol) { sorted.push_back(symbol); });
+        std::sort(sorted.begin(), sorted.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
+            return a.start != b.start ? a.start < b.start : a.before(b);
         });
-        symbols.erase(std::unique(symbols.begin(), symbols.end(),
-                                  [](const CodeSymbol& a, const CodeSymbol& b) { return a.start == b.start; }),
-                      symbols.end());
-        found = mCodeSymbols.find(module);
+        sorted.erase(std::unique(sorted.begin(), sorted.end(),
+                                 [](const CodeSymbol& a, const CodeSymbol& b) { return a.start == b.start; }),
+                     sorted.end());
     }
-    const std::vector<CodeSymbol>& symbols = found->second;
-    auto after = std::upper_bound(symbols.begin(), symbols.end(), address,
-                                  [](unsigned long long a, const CodeSymbol& s) { return a < s.start; });
-    if (after == symbols.begin())
-        return nullptr;
-    // One without a size reaches to the next; a small one that starts
-    // inside a larger one (a local label) may not hold the address where
-    // the larger does.
-    const auto last = after - 1;
-    if (last->size == 0)
-        return after == symbols.end() || address < after->start ? &*last : nullptr;
-    for (auto it = last; it >= symbols.begin() && last - it < 16; --it) {
-        if (address < it->start + it->size)
-            return &*it;
-        if (it == symbols.begin())
-            break;
+    const CodeSymbol* first = nullptr;
+    const CodeSymbol* last = nullptr;
+    CodeSymbol nearest[searched];
+    if (symbols.built) {
+        const auto after = std::upper_bound(symbols.sorted.begin(), symbols.sorted.end(), address,
+                                            [](unsigned long long a, const CodeSymbol& s) { return a < s.start; });
+        if (after == symbols.sorted.begin())
+            return false;
+        last = &*(after - 1);
+        first = &*(after - std::min<std::ptrdiff_t>(searched, after - symbols.sorted.begin()));
+    } else {
+        // The same from one walk: the best symbol of each of the last few
+        // starts at or below the address, in address order.
+        int count = 0;
+        forEachCodeSymbol(module, [&](const CodeSymbol& symbol) {
+            if (symbol.start > address || (count == searched && symbol.start < nearest[0].start))
+                return;
+            int at = count;
+            while (at > 0 && nearest[at - 1].start > symbol.start)
+                --at;
+            if (at > 0 && nearest[at - 1].start == symbol.start) {
+                if (symbol.before(nearest[at - 1]))
+                    nearest[at - 1] = symbol;
+                return;
+            }
+            if (count == searched) {
+                // The lowest start drops out.
+                std::move(nearest + 1, nearest + at, nearest);
+                --at;
+            } else {
+                std::move_backward(nearest + at, nearest + count, nearest + count + 1);
+                ++count;
+            }
+            nearest[at] = symbol;
+        });
+        if (count == 0)
+            return false;
+        first = nearest;
+        last = nearest + count - 1;
     }
-    return nullptr;
+    if (last->size == 0) {
+        *found = *last;
+        return true;
+    }
+    for (const CodeSymbol* it = last; it >= first; --it) {
+        if (address < it->start + it->size) {
+            *found = *it;
+            return true;
+        }
+    }
+    return false;
 }
 
 bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bounds)
@@ -839,12 +918,12 @@ bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bou
     Dwfl_Module* module = dwfl_addrmodule(mDwfl, address);
     if (!module)
         return false;
-    const CodeSymbol* symbol = symbolAt(module, address);
-    if (!symbol || symbol->size == 0 || !symbol->function)
+    CodeSymbol symbol;
+    if (!symbolAt(module, address, &symbol) || symbol.size == 0 || !symbol.function)
         return false;
-    bounds->start = symbol->start;
-    bounds->end = symbol->start + symbol->size;
-    bounds->name = demangledName(QString::fromLatin1(symbol->name));
+    bounds->start = symbol.start;
+    bounds->end = symbol.start + symbol.size;
+    bounds->name = demangledName(QString::fromLatin1(symbol.name));
     return true;
 }
 

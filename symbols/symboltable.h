@@ -91,9 +91,27 @@ private:
         unsigned long long size;
         const char* name;
         int rank;
+        // Its index in the module's table: of equal rank, the first wins.
+        int order;
         bool function;
+        // Of several names for one address, the one kept.
+        bool before(const CodeSymbol& other) const
+        {
+            return rank != other.rank ? rank > other.rank : order < other.order;
+        }
     };
-    const CodeSymbol* symbolAt(Dwfl_Module* module, unsigned long long address);
+    // The code symbols of a module, sorted by address once it has been
+    // asked more than once: a single address (a program's entry) costs one
+    // walk of the symbols rather than a sort of all of them.
+    struct CodeSymbols
+    {
+        std::vector<CodeSymbol> sorted;
+        bool built = false;
+        int asked = 0;
+    };
+    template <class Add>
+    static void forEachCodeSymbol(Dwfl_Module* module, Add add);
+    bool symbolAt(Dwfl_Module* module, unsigned long long address, CodeSymbol* symbol);
     // The PLT sections of a module and the GOT slots their entries jump
     // through, read on first use.
     struct Plt;
@@ -113,7 +131,7 @@ private:
     // fall into them: a lookup is then a binary search, not a walk.
     std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;
     std::unordered_map<const Dwarf*, DwarfSections> mSections;
-    std::unordered_map<const Dwfl_Module*, std::vector<CodeSymbol>> mCodeSymbols;
+    std::unordered_map<const Dwfl_Module*, CodeSymbols> mCodeSymbols;
     std::unordered_map<const Dwfl_Module*, std::unique_ptr<Plt>> mPlts;
     // Each file name of a unit made absolute once, where libdw reads its lines.
     std::unordered_map<const char*, QString> mFileNames;
