@@ -28,12 +28,11 @@
 #include "internstringcache.h"
 #include "psvmodelitem.h"
 #include "treemerger.h"
+#include "xmlwriting.h"
 
-#include <QBuffer>
 #include <QByteArray>
 #include <QFile>
 #include <QXmlStreamReader>
-#include <QXmlStreamWriter>
 
 #include <malloc.h>
 #include <sys/wait.h>
@@ -305,14 +304,11 @@ int runMerge(const std::vector<TemplateNode>& shape, int ranks, int threads, int
     timer.start();
     QByteArray xml;
     {
-        QBuffer buffer(&xml);
-        buffer.open(QIODevice::WriteOnly);
-        QXmlStreamWriter writer(&buffer);
-        writer.writeStartDocument();
-        writer.writeStartElement(QStringLiteral("tree"));
+        XmlWriter writer(&xml);
+        xml.append("<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
+        writer.startElement(QLatin1String("tree"));
         merged.writeXml(writer);
-        writer.writeEndElement();
-        writer.writeEndDocument();
+        writer.endElement();
     }
     const qint64 writeNs = timer.nsecsElapsed();
     QFile file(xmlPath);

@@ -1,5 +1,6 @@
 #include "intprocessmap.h"
 
+#include <QByteArray>
 #include <QVector>
 
 #include <climits>
@@ -216,38 +217,59 @@ void IntProcessMap::setBrief(bool brief)
     Base::setBrief(brief);
 }
 
+namespace {
+
+void appendNumber(QByteArray* out, long long value)
+{
+    char text[24];
+    int n = sizeof(text);
+    unsigned long long rest = value < 0 ? 0ULL - (unsigned long long)value : (unsigned long long)value;
+    do {
+        text[--n] = char('0' + rest % 10);
+        rest /= 10;
+    } while (rest != 0);
+    if (value < 0)
+        text[--n] = '-';
+    out->append(text + n, int(sizeof(text)) - n);
+}
+
+} // namespace
+
 QString IntProcessMap::toString() const
 {
-    QString text;
+    QByteArray text;
+    appendText(&text);
+    return QString::fromLatin1(text);
+}
+
+void IntProcessMap::appendText(QByteArray* out) const
+{
+    const int start = out->size();
     for (const auto& entry : ranges()) {
-        // Room ahead, so that long maps don't reallocate at every range.
-        if (text.capacity() - text.size() < 512)
-            text.reserve(text.size() + 1024);
-        if (!text.isEmpty())
-            text += QLatin1Char(',');
-        text += QString::number(entry.first.begin);
+        if (out->size() != start)
+            out->append(',');
+        appendNumber(out, entry.first.begin);
         if (entry.first.end - entry.first.begin != 1) {
-            text += QLatin1Char('-');
-            text += QString::number(entry.first.end - 1);
+            out->append('-');
+            appendNumber(out, entry.first.end - 1);
         }
-        text += QLatin1Char('=');
-        text += QString::number(entry.second);
+        out->append('=');
+        appendNumber(out, entry.second);
     }
     if (isBrief()) {
-        if (!text.isEmpty())
-            text += QLatin1Char(',');
+        if (out->size() != start)
+            out->append(',');
         if (isElided())
-            text += QLatin1String("...");
-        text += QLatin1Char('/');
+            out->append("...");
+        out->append('/');
         if (countIsLowerBound())
-            text += QLatin1Char('>');
+            out->append('>');
         if (isElided()) {
-            text += QString::number(count());
-            text += QLatin1Char('=');
-            text += QString::number(t->mTotal);
+            appendNumber(out, count());
+            out->append('=');
+            appendNumber(out, t->mTotal);
         }
     }
-    return text;
 }
 
 bool IntProcessMap::operator==(const IntProcessMap& other) const

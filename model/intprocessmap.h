@@ -47,6 +47,8 @@ public:
     void setBrief(bool brief);
 
     QString toString() const;
+    // Appends what toString gives, as Latin-1 bytes.
+    void appendText(QByteArray* out) const;
 
     bool operator==(const IntProcessMap& other) const;
     bool operator!=(const IntProcessMap& other) const { return !(*this == other); }

@@ -2,6 +2,7 @@
 
 #include "internstringcache.h"
 #include "xmlreading.h"
+#include "xmlwriting.h"
 
 #include <QCoreApplication>
 #include <QMutex>
@@ -310,7 +311,7 @@ PSVModelItem* PSVModelItem::constructChild()
     return new PSVModelItem(this);
 }
 
-void PSVModelItem::writeExtraXml(QXmlStreamWriter&) const {}
+void PSVModelItem::writeExtraXml(XmlWriter&) const {}
 
 bool PSVModelItem::readExtraXml(QXmlStreamReader& reader, QString*)
 {
@@ -631,31 +632,35 @@ void PSVModelItem::mergePSVModelItem(const PSVModelItem& other, void* context)
         setUnexpectedStop(other.mUnexpectedStop);
 }
 
-void PSVModelItem::writeXml(QXmlStreamWriter& writer) const
+void PSVModelItem::writeXml(XmlWriter& writer) const
 {
     // A root stands for no frame and writes no position.
     if (mParent) {
         if (!mPosition.function.isEmpty())
-            writer.writeAttribute(ATTR_FUNCTION, mPosition.function);
+            writer.attribute(ATTR_FUNCTION, mPosition.function);
         if (!mPosition.file.isEmpty())
-            writer.writeAttribute(ATTR_FILE, mPosition.file);
+            writer.attribute(ATTR_FILE, mPosition.file);
         if (mPosition.line > 0)
-            writer.writeAttribute(ATTR_LINE, QString::number(mPosition.line));
+            writer.attribute(ATTR_LINE, mPosition.line);
     }
-    const QString processes = mProcessThreads.toString();
+    // Kept between nodes (reserved, so that emptying it keeps the room);
+    // each node is done with it before its children use it.
+    thread_local QByteArray processes = [] { QByteArray room; room.reserve(256); return room; }();
+    processes.resize(0);
+    mProcessThreads.appendText(&processes);
     if (!processes.isEmpty())
-        writer.writeAttribute(ATTR_PROCESSES, processes);
+        writer.plainAttribute(ATTR_PROCESSES, processes);
     if (mExtra && !mExtra->cudaThreads.isEmpty())
-        writer.writeAttribute(ATTR_CUDA_THREADS, mExtra->cudaThreads.toString());
+        writer.attribute(ATTR_CUDA_THREADS, mExtra->cudaThreads.toString());
     if (mCurrentGroup)
-        writer.writeAttribute(ATTR_CURRENT_GROUP, YES);
+        writer.attribute(ATTR_CURRENT_GROUP, YES);
     if (mUnexpectedStop)
-        writer.writeAttribute(ATTR_UNEXPECTED_STOP, YES);
+        writer.attribute(ATTR_UNEXPECTED_STOP, YES);
     writeExtraXml(writer);
     for (const PSVModelItem* child : childNodes()) {
-        writer.writeStartElement(XML_NODE);
+        writer.startElement(XML_NODE);
         child->writeXml(writer);
-        writer.writeEndElement();
+        writer.endElement();
     }
 }
 

@@ -15,6 +15,7 @@
 class QXmlStreamAttributes;
 class QXmlStreamReader;
 class QXmlStreamWriter;
+class XmlWriter;
 class PSVChildIndex;
 class PSVModelItem;
 struct PSVModelItemExtra;
@@ -60,7 +61,7 @@ public:
 
     // Writes into an element that the caller has opened: the node's
     // attributes, its extra XML, then a "node" element per child.
-    virtual void writeXml(QXmlStreamWriter& writer) const;
+    virtual void writeXml(XmlWriter& writer) const;
     // Reads the element at which reader stands, through its end element.
     virtual bool readXml(QXmlStreamReader& reader, QString* error);
     virtual bool useXmlStreamReader() const;
@@ -74,7 +75,7 @@ public:
     // The variables seen in this frame, by name; null when there are none.
     virtual const QVariantMap* variables() const;
     virtual PSVModelItem* constructChild();
-    virtual void writeExtraXml(QXmlStreamWriter& writer) const;
+    virtual void writeExtraXml(XmlWriter& writer) const;
     // Reads a child element other than "node". The default passes over it.
     virtual bool readExtraXml(QXmlStreamReader& reader, QString* error);
     virtual void extraMergePSVModelItem(const PSVModelItem& other, void* context);

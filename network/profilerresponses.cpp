@@ -8,6 +8,7 @@
 
 #include "sample.h"
 #include "xmlvalues.h"
+#include "xmlwriting.h"
 
 namespace {
 
@@ -257,8 +258,11 @@ void SampleBlockResponse::writeContent(QXmlStreamWriter& writer) const
     writeFlag(writer, QStringLiteral("histograms"), mCollectingHistograms);
     if (!mProfiledRanks.isEmpty())
         writer.writeAttribute(QStringLiteral("profiledRanks"), mProfiledRanks.toString());
+    QByteArray samples;
+    XmlWriter out(&samples);
     for (const Sample* sample : mSamples)
-        sample->writeXml(writer);
+        sample->writeXml(out);
+    writeRawXml(writer, samples);
 }
 
 bool SampleBlockResponse::readContent(QXmlStreamReader& reader, QString* error)

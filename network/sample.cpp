@@ -9,6 +9,7 @@
 
 #include "gpuprofilepsvmodelitem.h"
 #include "xmlvalues.h"
+#include "xmlwriting.h"
 #include "zorpsvmodelitem.h"
 
 namespace {
@@ -381,67 +382,78 @@ const GpuProfilePSVModelItem* Sample::gpuPsvModel() const
 
 void Sample::writeXml(QXmlStreamWriter& writer) const
 {
-    writer.writeStartElement(QStringLiteral("sample"));
-    writer.writeAttribute(QStringLiteral("rank"), QString::number(d->rank));
+    QByteArray xml;
+    XmlWriter out(&xml);
+    writeXml(out);
+    writeRawXml(writer, xml);
+}
+
+void Sample::writeXml(XmlWriter& writer) const
+{
+    writer.startElement(QLatin1String("sample"));
+    writer.attribute(QLatin1String("rank"), d->rank);
     if (d->hasTimestamp)
-        writer.writeAttribute(QStringLiteral("t"), QString::number(d->timestamp));
+        writer.attribute(QLatin1String("t"), qlonglong(d->timestamp));
     if (d->repeat)
-        writer.writeAttribute(QStringLiteral("repeat"), YesText);
+        writer.attribute(QLatin1String("repeat"), YesText);
     if (d->ignore)
-        writer.writeAttribute(QStringLiteral("ignore"), YesText);
+        writer.attribute(QLatin1String("ignore"), YesText);
     if (!d->liveThreads.isEmpty())
-        writer.writeAttribute(QStringLiteral("live"), intSetToString(backendOnly_liveThreads()));
+        writer.attribute(QLatin1String("live"), intSetToString(backendOnly_liveThreads()));
     if (!d->libunwindErrorCodes.isEmpty()) {
         QStringList codes;
         for (int code : d->libunwindErrorCodes)
             codes.append(QString::number(code));
-        writer.writeAttribute(QStringLiteral("unwindErrors"), codes.join(QLatin1Char(',')));
+        writer.attribute(QLatin1String("unwindErrors"), codes.join(QLatin1Char(',')));
     }
     for (auto it = d->metrics.constBegin(); it != d->metrics.constEnd(); ++it) {
-        writer.writeStartElement(QStringLiteral("metric"));
-        writer.writeAttribute(QStringLiteral("id"), it.key());
-        writer.writeAttribute(QStringLiteral("v"), sampleValueToString(it->singleValue()));
-        writer.writeAttribute(QStringLiteral("mean"), sampleValueToString(it->mean()));
-        writer.writeEndElement();
+        writer.startElement(QLatin1String("metric"));
+        writer.attribute(QLatin1String("id"), it.key());
+        writer.attribute(QLatin1String("v"), sampleValueToString(it->singleValue()));
+        writer.attribute(QLatin1String("mean"), sampleValueToString(it->mean()));
+        writer.endElement();
     }
     for (const SampleThread& thread : d->threads) {
-        writer.writeStartElement(QStringLiteral("thread"));
-        writer.writeAttribute(QStringLiteral("tid"), QString::number(thread.tid));
-        writer.writeAttribute(QStringLiteral("type"), QString::number(thread.type));
-        writer.writeAttribute(QStringLiteral("cpu"), QString::number(thread.cpuTime));
+        writer.startElement(QLatin1String("thread"));
+        writer.attribute(QLatin1String("tid"), thread.tid);
+        writer.attribute(QLatin1String("type"), int(thread.type));
+        writer.attribute(QLatin1String("cpu"), qulonglong(thread.cpuTime));
         if (thread.allocatedCpuTime != 0)
-            writer.writeAttribute(QStringLiteral("allocated"), QString::number(thread.allocatedCpuTime));
+            writer.attribute(QLatin1String("allocated"), qulonglong(thread.allocatedCpuTime));
         if (thread.context.rank != ThreadContext().rank)
-            writer.writeAttribute(QStringLiteral("ctxRank"), QString::number(thread.context.rank));
+            writer.attribute(QLatin1String("ctxRank"), thread.context.rank);
         if (thread.context.pid != ThreadContext().pid)
-            writer.writeAttribute(QStringLiteral("pid"), QString::number(thread.context.pid));
+            writer.attribute(QLatin1String("pid"), thread.context.pid);
         if (thread.sleeping)
-            writer.writeAttribute(QStringLiteral("sleeping"), YesText);
+            writer.attribute(QLatin1String("sleeping"), YesText);
         if (!thread.instruction.instruction.isEmpty())
-            writer.writeAttribute(QStringLiteral("instr"), thread.instruction.instruction);
+            writer.attribute(QLatin1String("instr"), thread.instruction.instruction);
         if (thread.instruction.implicitMemory)
-            writer.writeAttribute(QStringLiteral("implicitMem"), YesText);
+            writer.attribute(QLatin1String("implicitMem"), YesText);
         for (auto m = thread.metrics.constBegin(); m != thread.metrics.constEnd(); ++m) {
-            writer.writeStartElement(QStringLiteral("tm"));
-            writer.writeAttribute(QStringLiteral("id"), m.key());
-            writer.writeAttribute(QStringLiteral("v"), QString::number(m.value()));
-            writer.writeEndElement();
+            writer.startElement(QLatin1String("tm"));
+            writer.attribute(QLatin1String("id"), m.key());
+            writer.attribute(QLatin1String("v"), qulonglong(m.value()));
+            writer.endElement();
         }
         if (thread.tree && thread.tree->root) {
-            writer.writeStartElement(QStringLiteral("tree"));
+            writer.startElement(QLatin1String("tree"));
             thread.tree->root->writeXml(writer);
-            writer.writeEndElement();
+            writer.endElement();
         }
-        writer.writeEndElement();
+        writer.endElement();
     }
     if (d->histogram.numBins() != 0 || !d->histogram.isEmpty())
         d->histogram.writeXml(writer);
     if (d->gpuTree) {
-        writer.writeStartElement(QStringLiteral("gpuTree"));
-        d->gpuTree->writeXml(writer);
-        writer.writeEndElement();
+        const GpuProfilePSVModelItem& tree = *d->gpuTree;
+        writer.viaStreamWriter([&tree](QXmlStreamWriter& stream) {
+            stream.writeStartElement(QStringLiteral("gpuTree"));
+            tree.writeXml(stream);
+            stream.writeEndElement();
+        });
     }
-    writer.writeEndElement();
+    writer.endElement();
 }
 
 namespace {
@@ -572,15 +584,15 @@ bool Sample::readXml(QXmlStreamReader& reader, QString* error)
 namespace {
 
 // Trees compare by their wire form: equal in everything that travels.
-QString treeText(const SampleThread& thread)
+QByteArray treeText(const SampleThread& thread)
 {
     if (!thread.tree || !thread.tree->root)
-        return QString();
-    QString text;
-    QXmlStreamWriter writer(&text);
-    writer.writeStartElement(QStringLiteral("tree"));
+        return QByteArray();
+    QByteArray text;
+    XmlWriter writer(&text);
+    writer.startElement(QLatin1String("tree"));
     thread.tree->root->writeXml(writer);
-    writer.writeEndElement();
+    writer.endElement();
     return text;
 }
 

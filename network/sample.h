@@ -18,6 +18,7 @@
 
 class QXmlStreamReader;
 class QXmlStreamWriter;
+class XmlWriter;
 class GpuProfilePSVModelItem;
 class ZORPSVModelItem;
 class SampleData;
@@ -108,6 +109,7 @@ public:
     // Wire form: a "sample" element. readXml expects the reader on its start
     // and replaces the whole content of this sample.
     void writeXml(QXmlStreamWriter& writer) const;
+    void writeXml(XmlWriter& writer) const;
     bool readXml(QXmlStreamReader& reader, QString* error);
 
     // Equal in everything that travels in the wire form.

@@ -4,20 +4,33 @@
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
+#include "xmlwriting.h"
+
 void SampleHistogram::writeXml(QXmlStreamWriter& writer) const
 {
-    writer.writeStartElement(QStringLiteral("histogram"));
-    writer.writeAttribute(QStringLiteral("bins"), QString::number(mNumBins));
+    QByteArray xml;
+    XmlWriter out(&xml);
+    writeXml(out);
+    writeRawXml(writer, xml);
+}
+
+void SampleHistogram::writeXml(XmlWriter& writer) const
+{
+    writer.startElement(QLatin1String("histogram"));
+    writer.attribute(QLatin1String("bins"), mNumBins);
     for (auto it = mBins.constBegin(); it != mBins.constEnd(); ++it) {
-        QStringList counts;
-        for (quint32 count : it.value())
-            counts.append(QString::number(count));
-        writer.writeStartElement(QStringLiteral("metric"));
-        writer.writeAttribute(QStringLiteral("id"), it.key());
-        writer.writeCharacters(counts.join(QLatin1Char(',')));
-        writer.writeEndElement();
+        QString counts;
+        for (quint32 count : it.value()) {
+            if (!counts.isEmpty())
+                counts += QLatin1Char(',');
+            counts += QString::number(count);
+        }
+        writer.startElement(QLatin1String("metric"));
+        writer.attribute(QLatin1String("id"), it.key());
+        writer.characters(counts);
+        writer.endElement();
     }
-    writer.writeEndElement();
+    writer.endElement();
 }
 
 bool SampleHistogram::readXml(QXmlStreamReader& reader, QString* error)

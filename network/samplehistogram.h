@@ -10,6 +10,7 @@
 
 class QXmlStreamReader;
 class QXmlStreamWriter;
+class XmlWriter;
 
 class SampleHistogram
 {
@@ -25,6 +26,7 @@ public:
     bool isEmpty() const { return mBins.isEmpty(); }
 
     void writeXml(QXmlStreamWriter& writer) const;
+    void writeXml(XmlWriter& writer) const;
     bool readXml(QXmlStreamReader& reader, QString* error);
 
     bool operator==(const SampleHistogram& other) const

@@ -1,6 +1,7 @@
 #include "zorpsvmodelitem.h"
 
 #include "xmlreading.h"
+#include "xmlwriting.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -40,14 +41,14 @@ bool readCounters(const QStringRef& text, int counters[4])
     return true;
 }
 
-void writeLineMetrics(QXmlStreamWriter& writer, const QLatin1String& element, const LineMetrics& metrics)
+void writeLineMetrics(XmlWriter& writer, const QLatin1String& element, const LineMetrics& metrics)
 {
     if (metrics.isEmpty())
         return;
-    writer.writeStartElement(element);
+    writer.startElement(element);
     for (auto it = metrics.values().constBegin(); it != metrics.values().constEnd(); ++it)
-        writer.writeTextElement(ELEMENT_METRIC, LineMetrics::entryToString(it.key(), it.value()));
-    writer.writeEndElement();
+        writer.textElement(ELEMENT_METRIC, LineMetrics::entryToString(it.key(), it.value()));
+    writer.endElement();
 }
 
 bool readLineMetrics(QXmlStreamReader& reader, LineMetrics* metrics, QString* error)
@@ -231,19 +232,17 @@ void ZORPSVModelItem::addPSVModelItem(PSVModelItem* item, void* context)
     addChild(item);
 }
 
-void ZORPSVModelItem::writeExtraXml(QXmlStreamWriter& writer) const
+void ZORPSVModelItem::writeExtraXml(XmlWriter& writer) const
 {
     if (mSpecial != specialNone)
-        writer.writeAttribute(ATTR_SPECIAL, QString::number(mSpecial));
+        writer.attribute(ATTR_SPECIAL, int(mSpecial));
     if (!mCounts)
         return;
     const Counts& own = *mCounts;
     if (own.samples != 0 || own.selfSamples != 0 || own.mpiSamples != 0 || own.sleepingSamples != 0) {
-        writer.writeAttribute(ATTR_SAMPLES, QStringLiteral("%1,%2,%3,%4")
-                                                .arg(own.samples)
-                                                .arg(own.selfSamples)
-                                                .arg(own.mpiSamples)
-                                                .arg(own.sleepingSamples));
+        writer.plainAttribute(ATTR_SAMPLES, QByteArray::number(own.samples) + ',' + QByteArray::number(own.selfSamples)
+                                                + ',' + QByteArray::number(own.mpiSamples) + ','
+                                                + QByteArray::number(own.sleepingSamples));
     }
     writeLineMetrics(writer, ELEMENT_ACTIVE_CORE, own.activeCore);
     writeLineMetrics(writer, ELEMENT_MAIN_THREAD, own.mainThread);

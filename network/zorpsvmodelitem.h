@@ -6,7 +6,7 @@
 // readTree (or readXml on a fresh root) reads such an element back through
 // its end element, e.g.
 //
-//   writer.writeStartElement("tree"); root->writeXml(writer); writer.writeEndElement();
+//   writer.startElement("tree"); root->writeXml(writer); writer.endElement();
 //   ... reader at <tree>: ZORPSVModelItem* root = ZORPSVModelItem::readTree(reader, &error);
 #ifndef ZOR_ZORPSVMODELITEM_H
 #define ZOR_ZORPSVMODELITEM_H
@@ -56,7 +56,7 @@ public:
     void addPSVModelItem(PSVModelItem* item, void* context) override;
     PSVModelItem* createChild(const Position& position) override;
     PSVModelItem* constructChild() override;
-    void writeExtraXml(QXmlStreamWriter& writer) const override;
+    void writeExtraXml(XmlWriter& writer) const override;
     bool readExtraXml(QXmlStreamReader& reader, QString* error) override;
 
     using PSVModelItem::findChild;

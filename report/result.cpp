@@ -7,6 +7,8 @@
 #include <QXmlStreamWriter>
 #include <QtEndian>
 
+#include "xmlwriting.h"
+
 namespace ResultFile {
 
 const quint32 Version = 1;
@@ -114,8 +116,11 @@ QByteArray bodyOf(const Result& result)
         rank.metricErrors.writeXml(w);
         rank.endMetrics.writeXml(w);
         w.writeStartElement(QStringLiteral("samples"));
+        QByteArray samples;
+        XmlWriter out(&samples);
         for (const Sample& sample : rank.samples)
-            sample.writeXml(w);
+            sample.writeXml(out);
+        writeRawXml(w, samples);
         w.writeEndElement();
         w.writeEndElement();
     }

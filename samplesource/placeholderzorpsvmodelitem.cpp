@@ -20,7 +20,7 @@ PlaceholderZORPSVModelItem::PlaceholderZORPSVModelItem(ZORPSVModelItem* parent, 
 
 PlaceholderZORPSVModelItem::~PlaceholderZORPSVModelItem() {}
 
-void PlaceholderZORPSVModelItem::writeExtraXml(QXmlStreamWriter&) const
+void PlaceholderZORPSVModelItem::writeExtraXml(XmlWriter&) const
 {
     throw new Exception(20024, QStringLiteral("Address:0x%1 fromAccelerator:%2")
                                    .arg(mAddress, 0, 16)

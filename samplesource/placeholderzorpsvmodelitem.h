@@ -16,7 +16,7 @@ public:
     bool isFromAcceleratorSharedLibrary() const { return mFromAccelerator; }
 
     // A placeholder must never leave the back-end: this always throws.
-    void writeExtraXml(QXmlStreamWriter& writer) const override;
+    void writeExtraXml(XmlWriter& writer) const override;
     bool isPlaceholder() const override;
 
 private:

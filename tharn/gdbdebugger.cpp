@@ -282,7 +282,13 @@ bool GdbDebugger::startGdb(QString* error)
                       + miQuote(QStringLiteral("handle %1 nostop noprint pass").arg(name)));
         for (const QString& disposition : qAsConst(mDispositionCommands))
             commandOk(QStringLiteral("-interpreter-exec console ") + miQuote(disposition));
-        const Answer file = command(QStringLiteral("-file-exec-and-symbols ") + miQuote(mProgram.value(0)));
+        // gdb only runs the program and calls into the sampler; positions come
+        // from our own reader. Reading the program's debug information and the
+        // system's separate debug files would cost gdb hundreds of milliseconds
+        // per start (seconds for a large program), all before main.
+        command(QStringLiteral("-gdb-set debug-file-directory"));
+        const Answer file = command(QStringLiteral("-interpreter-exec console ")
+                                    + miQuote(QStringLiteral("file -readnever ") + argumentWord(mProgram.value(0))));
         if (file.result.className == QLatin1String("error")) {
             *error = QStringLiteral("The debugger can't read %1: %2")
                          .arg(mProgram.value(0), file.result.results.str(QStringLiteral("msg")));

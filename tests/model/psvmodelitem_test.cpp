@@ -1,4 +1,5 @@
 #include "psvmodelitem.h"
+#include "xmlwriting.h"
 
 #include <gtest/gtest.h>
 
@@ -13,12 +14,12 @@ namespace {
 
 QString writeTree(const PSVModelItem& root)
 {
-    QString xml;
-    QXmlStreamWriter writer(&xml);
-    writer.writeStartElement(QStringLiteral("tree"));
+    QByteArray xml;
+    XmlWriter writer(&xml);
+    writer.startElement(QLatin1String("tree"));
     root.writeXml(writer);
-    writer.writeEndElement();
-    return xml;
+    writer.endElement();
+    return QString::fromUtf8(xml);
 }
 
 // Reads the tree written by writeTree; null with *error set on failure.
@@ -228,6 +229,87 @@ TEST(PSVModelItem, WrittenTreeReadsBackEqual)
     EXPECT_EQ(describe(*back), describe(root));
     EXPECT_EQ(writeTree(*back), xml);
     EXPECT_FALSE(xml.contains(QStringLiteral("unexpectedStopAncestor")));
+}
+
+QStringList tokens(const QByteArray& xml)
+{
+    QStringList found;
+    QXmlStreamReader reader(xml);
+    while (!reader.atEnd()) {
+        reader.readNext();
+        QString token = reader.tokenString() + QLatin1Char(' ') + reader.name() + QLatin1Char(' ') + reader.text();
+        for (const QXmlStreamAttribute& attribute : reader.attributes())
+            token += QLatin1Char(' ') + attribute.name() + QLatin1Char('=') + attribute.value();
+        if (!reader.isCharacters() || !reader.text().isEmpty())
+            found.append(token);
+    }
+    if (reader.hasError())
+        found.append(reader.errorString());
+    return found;
+}
+
+// The fast writer must write what QXmlStreamWriter writes, byte for byte:
+// both sides of the wire and saved results read either.
+TEST(XmlWriter, WritesWhatQXmlStreamWriterWrites)
+{
+    QString surrogatePair = QStringLiteral("a");
+    surrogatePair += QChar(0xd83d);
+    surrogatePair += QChar(0xde00);
+    QString notCharacters = QStringLiteral("a");
+    notCharacters += QChar(0xfffe);
+    notCharacters += QChar(0x1);
+    notCharacters += QChar(0xffff);
+    notCharacters += QChar(0);
+    notCharacters += QLatin1Char('b');
+    const QStringList texts = {
+        QString(), QStringLiteral("plain"), QStringLiteral("<a&b>\"c\"'d'"), QStringLiteral("tab\tline\nret\rend"),
+        QString::fromUtf8("\xc3\xa9\xe2\x82\xac\x7f"), surrogatePair, notCharacters, QStringLiteral("]]>"),
+    };
+    for (const QString& text : texts) {
+        QByteArray expected;
+        {
+            QXmlStreamWriter stream(&expected);
+            stream.writeStartElement(QStringLiteral("a"));
+            stream.writeAttribute(QStringLiteral("v"), text);
+            stream.writeAttribute(QStringLiteral("n"), QString::number(-9223372036854775807LL - 1));
+            stream.writeAttribute(QStringLiteral("u"), QString::number(18446744073709551615ULL));
+            stream.writeStartElement(QStringLiteral("empty"));
+            stream.writeEndElement();
+            stream.writeTextElement(QStringLiteral("t"), text);
+            stream.writeEndElement();
+        }
+        QByteArray written;
+        XmlWriter writer(&written);
+        writer.startElement(QLatin1String("a"));
+        writer.attribute(QLatin1String("v"), text);
+        writer.attribute(QLatin1String("n"), -9223372036854775807LL - 1);
+        writer.attribute(QLatin1String("u"), 18446744073709551615ULL);
+        writer.startElement(QLatin1String("empty"));
+        writer.endElement();
+        writer.textElement(QLatin1String("t"), text);
+        writer.endElement();
+        EXPECT_EQ(written, expected) << text.toStdString();
+
+        // Raw elements land in a stream writer's open element, through its
+        // device or, writing into a string, token by token.
+        QByteArray viaDevice;
+        QString viaString;
+        QXmlStreamWriter intoBytes(&viaDevice);
+        QXmlStreamWriter intoString(&viaString);
+        for (QXmlStreamWriter* stream : {&intoBytes, &intoString}) {
+            stream->writeStartElement(QStringLiteral("outer"));
+            stream->writeAttribute(QStringLiteral("k"), QStringLiteral("1"));
+            writeRawXml(*stream, written);
+            writeRawXml(*stream, QByteArray());
+            stream->writeEmptyElement(QStringLiteral("after"));
+            stream->writeEndElement();
+        }
+        const QByteArray outer = "<outer k=\"1\">" + expected + "<after/></outer>";
+        EXPECT_EQ(viaDevice, outer);
+        // Token by token, an empty element may come out as a start and an
+        // end tag: equal as XML, not as bytes.
+        EXPECT_EQ(tokens(viaString.toUtf8()), tokens(outer)) << text.toStdString();
+    }
 }
 
 TEST(PSVModelItem, ReadingPassesOverUnknownElementsAndRejectsBrokenInput)

@@ -1,9 +1,9 @@
 #include "zorpsvmodelitem.h"
+#include "xmlwriting.h"
 
 #include <gtest/gtest.h>
 
 #include <QXmlStreamReader>
-#include <QXmlStreamWriter>
 
 #include <memory>
 
@@ -63,16 +63,18 @@ QString describe(const PSVModelItem& item, int depth = 0)
 
 QString embed(const ZORPSVModelItem& root)
 {
-    QString xml;
-    QXmlStreamWriter writer(&xml);
-    writer.writeStartElement(QStringLiteral("sample"));
-    writer.writeEmptyElement(QStringLiteral("before"));
-    writer.writeStartElement(QStringLiteral("tree"));
+    QByteArray xml;
+    XmlWriter writer(&xml);
+    writer.startElement(QLatin1String("sample"));
+    writer.startElement(QLatin1String("before"));
+    writer.endElement();
+    writer.startElement(QLatin1String("tree"));
     root.writeXml(writer);
-    writer.writeEndElement();
-    writer.writeEmptyElement(QStringLiteral("after"));
-    writer.writeEndElement();
-    return xml;
+    writer.endElement();
+    writer.startElement(QLatin1String("after"));
+    writer.endElement();
+    writer.endElement();
+    return QString::fromUtf8(xml);
 }
 
 } // namespace
