@@ -16,6 +16,7 @@
 #include <cstring>
 #include <elf.h>
 #include <functional>
+#include <thread>
 #include <unistd.h>
 
 #include "compactset.h"
@@ -847,33 +848,47 @@ int ProfileRun::run()
         delete host;
     mHosts.clear();
     mDroppedHosts.clear();
-    // After a rank failed, mpirun ends the other hosts in its own time.
+    // After a rank failed, mpirun ends the other hosts in its own time. A
+    // lone host's end tells nothing more: it ends (letting go of its
+    // debugger) while the result is written and summarised.
+    const bool launcherTells = mOptions.processes > 0;
     mPhase = QStringLiteral("waiting for %1 to end").arg(QFileInfo(mLauncher.program()).fileName());
-    if (!waitForLauncher(mRankFailed ? 2 * LauncherKillDelayS * 1000 + 10000 : EndTimeoutMs))
+    if (launcherTells && !waitForLauncher(mRankFailed ? 2 * LauncherKillDelayS * 1000 + 10000 : EndTimeoutMs))
         abortHosts();
+    mPhase.clear();
     mProgress.clear();
     // A program stopped by Ctrl-C, which the hosts then end, ends as a
     // shell would say.
     if (result.run.exitStatus == 0 && mStopping && !mRankFailed && !allEnded)
         result.run.exitStatus = 128 + SIGINT;
-    if (result.run.exitStatus == 0 && mLauncher.exitStatus() == QProcess::NormalExit && mOptions.processes > 0)
+    if (result.run.exitStatus == 0 && mLauncher.exitStatus() == QProcess::NormalExit && launcherTells)
         result.run.exitStatus = mLauncher.exitCode();
     // A rank failed in a way its host couldn't read.
     if (result.run.exitStatus == 0 && mRankFailed)
         result.run.exitStatus = 1;
 
-    if (!ResultFile::write(mOptions.output, result, &error)) {
-        complain(error);
-        return 1;
+    // The file is written beside the summary, on a thread of its own: both
+    // only read the result.
+    bool written = false;
+    QString fileError;
+    std::thread fileWriter([&]() { written = ResultFile::write(mOptions.output, result, &fileError); });
+    bool reported = false;
+    {
+        const Profile profile(result);
+        reported = writeReports(profile, mOptions.reports, stderr, &error);
     }
-    const Profile profile(result);
-    if (!writeReports(profile, mOptions.reports, stderr, &error)) {
+    fileWriter.join();
+    if (!written)
+        complain(fileError);
+    if (!reported)
         complain(error);
+    if (!written || !reported)
         return 1;
-    }
     if (!mOptions.reports.quiet)
         fprintf(stderr, "Result: %s (zor report %s shows it again)\n", qPrintable(mOptions.output),
                 qPrintable(mOptions.output));
+    if (!launcherTells && !waitForLauncher(EndTimeoutMs))
+        abortHosts();
     return result.run.exitStatus;
 }
 

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
+#include <time.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -309,6 +310,7 @@ GdbDebugger::Answer GdbDebugger::command(const QString& text)
     if (mBroken)
         fail(DebuggerFailed, QStringLiteral("The debugger stopped answering earlier"));
     const int token = mNextToken++;
+    static QElapsedTimer tclock; if (!tclock.isValid()) tclock.start();
     mGdb->write(QString::number(token).toLatin1() + text.toUtf8() + '\n');
     Answer answer;
     QDeadlineTimer deadline(mOptions.timeoutMs);
@@ -340,8 +342,7 @@ GdbDebugger::Answer GdbDebugger::command(const QString& text)
             fail(DebuggerFailed, QStringLiteral("The debugger ended unexpectedly: %1")
                                      .arg(QString::fromLocal8Bit(mGdb->readAllStandardError()).trimmed()));
         }
-        mGdb->waitForReadyRead(int(std::min<qint64>(50, std::max<qint64>(1, deadline.remainingTime()))));
-        mGdbBuffer += mGdb->readAllStandardOutput();
+        readGdb(int(std::min<qint64>(50, std::max<qint64>(1, deadline.remainingTime()))));
     }
 }
 
@@ -351,6 +352,21 @@ GdbDebugger::Answer GdbDebugger::commandOk(const QString& text)
     if (answer.result.className == QLatin1String("error"))
         fail(DebuggerFailed, QStringLiteral("%1: %2").arg(text, answer.result.results.str(QStringLiteral("msg"))));
     return answer;
+}
+
+void GdbDebugger::readGdb(int timeoutMs)
+{
+    mGdb->waitForReadyRead(timeoutMs);
+    mGdbBuffer += mGdb->readAllStandardOutput();
+    // gdb writes event records a character at a time (a detach writes about a
+    // thousand); reading each as it comes would wake the host for every one,
+    // taking the processor from the program that has just started to run.
+    if (!mGdbBuffer.isEmpty() && !mGdbBuffer.endsWith('\n')) {
+        const timespec pause{0, 1000000};
+        nanosleep(&pause, nullptr);
+        mGdb->waitForReadyRead(0);
+        mGdbBuffer += mGdb->readAllStandardOutput();
+    }
 }
 
 void GdbDebugger::waitForStop(Answer* answer)
@@ -374,8 +390,7 @@ void GdbDebugger::waitForStop(Answer* answer)
         }
         if (mGdb->state() != QProcess::Running)
             fail(DebuggerFailed, QStringLiteral("The debugger ended unexpectedly"));
-        mGdb->waitForReadyRead(50);
-        mGdbBuffer += mGdb->readAllStandardOutput();
+        readGdb(50);
     }
 }
 

@@ -124,6 +124,7 @@ private:
     Answer command(const QString& text);
     // Like command(), and throws the message of an ^error as well.
     Answer commandOk(const QString& text);
+    void readGdb(int timeoutMs);
     void waitForStop(Answer* answer);
     Answer runToStrippedMain();
     void handleAsync(const MiRecord& record, Answer* answer);
