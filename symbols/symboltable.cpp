@@ -1,5 +1,6 @@
 #include "symboltable.h"
 #include "linetable.h"
+#include "dwarfreader.h"
 
 #include <QDir>
 #include <QFile>
@@ -51,11 +52,10 @@ QString functionName(Dwarf_Die* die)
     return attributeString(die, DW_AT_name);
 }
 
-QString absolutePath(const QString& file, Dwarf_Die* cu)
+QString absolutePath(const QString& file, const QString& directory)
 {
     if (file.startsWith(QLatin1Char('/')))
         return QDir::cleanPath(file);
-    const QString directory = attributeString(cu, DW_AT_comp_dir);
     return QDir::cleanPath(directory.isEmpty() ? file : directory + QLatin1Char('/') + file);
 }
 
@@ -87,6 +87,48 @@ const unsigned char* sectionData(Elf* elf, size_t names, const char* wanted, siz
         return static_cast<const unsigned char*>(data->d_buf);
     }
     return nullptr;
+}
+
+// The address ranges of .debug_aranges by start; false for a section that
+// can't be read.
+template <class UnitRange>
+bool readUnitRanges(const unsigned char* data, size_t size, std::vector<UnitRange>* ranges)
+{
+    DwarfReader in(data, data + size);
+    while (!in.atEnd()) {
+        const unsigned char* set = in.at();
+        std::uint64_t length = in.fixed(4);
+        int offsetSize = 4;
+        if (length == 0xffffffff) {
+            length = in.fixed(8);
+            offsetSize = 8;
+        }
+        if (in.bad() || length > in.left())
+            return false;
+        const unsigned char* end = in.at() + length;
+        DwarfReader entries(in.at(), end);
+        const unsigned version = unsigned(entries.fixed(2));
+        const std::uint64_t unit = entries.fixed(offsetSize);
+        const int addressSize = int(entries.fixed(1));
+        const int segmentSize = int(entries.fixed(1));
+        if (entries.bad() || version != 2 || (addressSize != 4 && addressSize != 8) || segmentSize != 0)
+            return false;
+        // The tuples start at a multiple of their size from the set's start.
+        const std::size_t tuple = 2 * std::size_t(addressSize);
+        entries.skip((tuple - std::size_t(entries.at() - set) % tuple) % tuple);
+        for (;;) {
+            const std::uint64_t start = entries.fixed(addressSize);
+            const std::uint64_t count = entries.fixed(addressSize);
+            if (entries.bad())
+                return false;
+            if (start == 0 && count == 0)
+                break;
+            ranges->push_back({start, start + count, unit});
+        }
+        in = DwarfReader(end, data + size);
+    }
+    std::sort(ranges->begin(), ranges->end(), [](const UnitRange& a, const UnitRange& b) { return a.start < b.start; });
+    return true;
 }
 
 int collectModule(Dwfl_Module* module, void**, const char*, Dwarf_Addr, void* arg)
@@ -149,11 +191,16 @@ struct SymbolTable::UnitIndex
         bool indexed;
         bool operator<(Dwarf_Addr address) const { return high <= address; }
     };
+    // Made when first needed: most units are read without libdw.
     Dwarf_Die cu;
+    bool hasCu = false;
     Dwarf* dwarf = nullptr;
+    std::uint64_t offset = 0;
     // The unit's own reader of its DIEs; libdw's where it can't.
     UnitReader reader;
     bool ownDies = false;
+    // Where relative file names of the unit start from.
+    QString compDir;
     // Decoded when the unit is first asked for; libdw's own reading where
     // this one can't.
     LineTable lines;
@@ -343,7 +390,7 @@ void addTopLevel(Index& index, std::vector<Range>& ranges)
 
 } // namespace
 
-const SymbolTable::DwarfSections& SymbolTable::sections(Dwarf* dwarf)
+SymbolTable::DwarfSections& SymbolTable::sections(Dwarf* dwarf)
 {
     auto it = mSections.find(dwarf);
     if (it != mSections.end())
@@ -360,8 +407,46 @@ const SymbolTable::DwarfSections& SymbolTable::sections(Dwarf* dwarf)
         sections.unit.abbrev = sectionData(elf, names, ".debug_abbrev", &sections.unit.abbrevSize);
         sections.unit.rnglists = sectionData(elf, names, ".debug_rnglists", &sections.unit.rnglistsSize);
         sections.unit.ranges = sectionData(elf, names, ".debug_ranges", &sections.unit.rangesSize);
+        sections.unit.strings = line.strings;
+        sections.unit.stringsSize = line.stringsSize;
+        sections.unit.lineStrings = line.lineStrings;
+        sections.unit.lineStringsSize = line.lineStringsSize;
     }
     return sections;
+}
+
+SymbolTable::UnitLookup SymbolTable::unitAt(DwarfSections& sections, Dwarf* dwarf, unsigned long long address,
+                                            unsigned long long* unitOffset)
+{
+    std::vector<UnitRange>& ranges = sections.unitRanges;
+    if (!sections.unitRangesRead) {
+        sections.unitRangesRead = true;
+        size_t names = 0, size = 0;
+        Elf* elf = dwarf_getelf(dwarf);
+        const unsigned char* data =
+            elf && elf_getshdrstrndx(elf, &names) == 0 ? sectionData(elf, names, ".debug_aranges", &size) : nullptr;
+        if (!data || !readUnitRanges(data, size, &ranges))
+            ranges.clear();
+    }
+    if (ranges.empty())
+        return UnitLookup::Unknown;
+    // As libdwfl reads them: the unit of the last range that starts at or
+    // below the address, the gaps between ranges counted to the range
+    // before; past the last range, none.
+    const auto after = std::upper_bound(ranges.begin(), ranges.end(), address,
+                                        [](unsigned long long a, const UnitRange& r) { return a < r.start; });
+    if (after == ranges.begin())
+        return UnitLookup::None;
+    const UnitRange& range = *(after - 1);
+    // Ranges of several units that start together come in no known order.
+    for (auto before = after - 1; before != ranges.begin() && (before - 1)->start == range.start; --before) {
+        if ((before - 1)->unit != range.unit)
+            return UnitLookup::Unknown;
+    }
+    if (after == ranges.end() && address > range.end)
+        return UnitLookup::None;
+    *unitOffset = range.unit;
+    return UnitLookup::Found;
 }
 
 QString SymbolTable::unitFile(UnitIndex& index, unsigned long long file)
@@ -371,39 +456,78 @@ QString SymbolTable::unitFile(UnitIndex& index, unsigned long long file)
             return QString();
         QString& path = index.files[file];
         if (path.isNull())
-            path = absolutePath(QString::fromStdString(index.lines.fileName(std::uint32_t(file))), &index.cu);
+            path = absolutePath(QString::fromStdString(index.lines.fileName(std::uint32_t(file))), index.compDir);
         return path;
     }
     Dwarf_Files* files = nullptr;
     size_t count = 0;
     const char* name = nullptr;
-    if (dwarf_getsrcfiles(&index.cu, &files, &count) != 0 || file >= count
+    if (dwarf_getsrcfiles(static_cast<Dwarf_Die*>(unitDie(index)), &files, &count) != 0 || file >= count
         || !(name = dwarf_filesrc(files, file, nullptr, nullptr)))
         return QString();
     QString& path = mFileNames[name];
     if (path.isNull())
-        path = absolutePath(QString::fromUtf8(name), &index.cu);
+        path = absolutePath(QString::fromUtf8(name), index.compDir);
     return path;
 }
 
-SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit, Dwarf* dwarf)
+void* SymbolTable::unitDie(UnitIndex& index)
 {
-    Dwarf_Die* cu = static_cast<Dwarf_Die*>(unit);
-    std::unique_ptr<UnitIndex>& slot = mUnits[cu->addr];
-    if (slot)
-        return *slot;
-    slot.reset(new UnitIndex);
-    slot->cu = *cu;
-    slot->dwarf = dwarf;
-    Dwarf_Attribute attribute;
-    Dwarf_Word offset = 0;
+    if (!index.hasCu) {
+        index.hasCu = true;
+        // The unit's DIE follows its header.
+        Dwarf_Off next = 0;
+        size_t header = 0;
+        if (dwarf_nextcu(index.dwarf, index.offset, &next, &header, nullptr, nullptr, nullptr) != 0
+            || !dwarf_offdie(index.dwarf, index.offset + header, &index.cu))
+            index.cu = Dwarf_Die();
+    }
+    return &index.cu;
+}
+
+SymbolTable::UnitIndex* SymbolTable::unitIndex(Dwarf* dwarf, unsigned long long unitOffset, void* unit)
+{
     const DwarfSections& own = sections(dwarf);
-    slot->ownLines = own.line.line && dwarf_attr(cu, DW_AT_stmt_list, &attribute)
-        && dwarf_formudata(&attribute, &offset) == 0 && slot->lines.decode(own.line, offset);
+    Dwarf_Die* cu = static_cast<Dwarf_Die*>(unit);
+    // By where the unit lies in memory, whoever reads it.
+    const void* key = own.unit.info ? static_cast<const void*>(own.unit.info + unitOffset) : cu ? cu->addr : nullptr;
+    if (!key)
+        return nullptr;
+    auto known = mUnits.find(key);
+    if (known != mUnits.end())
+        return known->second.get();
+    std::unique_ptr<UnitIndex> slot(new UnitIndex);
+    slot->dwarf = dwarf;
+    slot->offset = unitOffset;
+    if (cu) {
+        slot->cu = *cu;
+        slot->hasCu = true;
+    }
+    slot->ownDies = slot->reader.open(own.unit, unitOffset);
+    // Without libdw's DIE, a unit this reader can't read is left to libdw.
+    if (!slot->ownDies && !cu)
+        return nullptr;
+    const auto libdwUnit = [&] { return static_cast<Dwarf_Die*>(unitDie(*slot)); };
+    // The unit's line program and directory by its own reader, libdw's
+    // reading of its DIE where that can't.
+    bool hasStatements = false;
+    std::uint64_t statements = 0;
+    if (!slot->ownDies || !slot->reader.statements(&hasStatements, &statements)) {
+        Dwarf_Attribute attribute;
+        Dwarf_Word offset = 0;
+        hasStatements =
+            dwarf_attr(libdwUnit(), DW_AT_stmt_list, &attribute) && dwarf_formudata(&attribute, &offset) == 0;
+        statements = offset;
+    }
+    const char* directory = nullptr;
+    if (slot->ownDies && slot->reader.compDir(&directory))
+        slot->compDir = directory ? QString::fromUtf8(directory) : QString();
+    else
+        slot->compDir = attributeString(libdwUnit(), DW_AT_comp_dir);
+    slot->ownLines = own.line.line && hasStatements && slot->lines.decode(own.line, statements);
     slot->files.resize(slot->ownLines ? slot->lines.fileCount() : 0);
     std::vector<Range> ranges;
     std::vector<UnitFunction> found;
-    slot->ownDies = slot->reader.open(own.unit, dwarf_dieoffset(cu) - dwarf_cuoffset(cu));
     if (slot->ownDies && slot->reader.functions(&found)) {
         slot->functions.reserve(found.size());
         for (const UnitFunction& function : found) {
@@ -421,10 +545,10 @@ SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit, Dwarf* dwarf)
         }
     } else {
         slot->ownDies = false;
-        indexTopLevel(cu, slot.get(), &ranges);
+        indexTopLevel(libdwUnit(), slot.get(), &ranges);
     }
     addTopLevel(*slot, ranges);
-    return *slot;
+    return (mUnits[key] = std::move(slot)).get();
 }
 
 // The innermost function at `pc` of a unit, its scopes indexed first if
@@ -442,7 +566,7 @@ int SymbolTable::functionAt(UnitIndex& index, unsigned long long pc)
                 known.insert(function.offset);
         }
         std::vector<Range> ranges;
-        indexNested(&index.cu, known, &index, &ranges);
+        indexNested(static_cast<Dwarf_Die*>(unitDie(index)), known, &index, &ranges);
         if (ranges.empty())
             return -1;
         addTopLevel(index, ranges);
@@ -506,9 +630,18 @@ void SymbolTable::resolve(UnitIndex& index, int function)
     for (int f = function; f >= 0 && !index.functions[f].resolved; f = index.functions[f].parent) {
         UnitIndex::Function& entry = index.functions[f];
         entry.resolved = true;
-        Dwarf_Die die = functionDie(index, f);
-        entry.name = functionName(&die);
+        const char* linkage = nullptr;
+        const char* plain = nullptr;
+        Dwarf_Die die = Dwarf_Die();
+        if (index.ownDies && index.reader.name(entry.offset, &linkage, &plain)) {
+            entry.name = linkage ? demangledName(QString::fromUtf8(linkage)) : QString::fromUtf8(plain);
+        } else {
+            die = functionDie(index, f);
+            entry.name = functionName(&die);
+        }
         if (entry.inlined && !entry.callRead) {
+            if (!die.addr)
+                die = functionDie(index, f);
             Dwarf_Word file = 0;
             entry.hasCallFile = callSite(&die, &entry.callLine, &file);
             entry.callFileIndex = std::uint32_t(file);
@@ -639,8 +772,22 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     }
 
     Dwarf_Addr bias = 0;
-    if (Dwarf_Die* cu = dwfl_module_addrdie(module, address, &bias)) {
-        UnitIndex& index = unitIndex(cu, dwfl_module_getdwarf(module, &bias));
+    UnitIndex* found = nullptr;
+    unsigned long long unitOffset = 0;
+    // The unit by .debug_aranges here, by libdw where that can't tell (no
+    // such section, overlapping ranges, a unit this reader can't read).
+    UnitLookup lookup = UnitLookup::Unknown;
+    if (Dwarf* dwarf = dwfl_module_getdwarf(module, &bias)) {
+        lookup = unitAt(sections(dwarf), dwarf, address - bias, &unitOffset);
+        if (lookup == UnitLookup::Found && !(found = unitIndex(dwarf, unitOffset, nullptr)))
+            lookup = UnitLookup::Unknown;
+    }
+    if (lookup == UnitLookup::Unknown) {
+        if (Dwarf_Die* cu = dwfl_module_addrdie(module, address, &bias))
+            found = unitIndex(dwfl_module_getdwarf(module, &bias), dwarf_dieoffset(cu) - dwarf_cuoffset(cu), cu);
+    }
+    if (found) {
+        UnitIndex& index = *found;
         if (index.ownLines) {
             LineTable::Row row;
             if (index.lines.find(address - bias, &row)) {
@@ -654,7 +801,7 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
                 // made absolute once.
                 QString& path = mFileNames[file];
                 if (path.isNull())
-                    path = absolutePath(QString::fromUtf8(file), cu);
+                    path = absolutePath(QString::fromUtf8(file), index.compDir);
                 result.file = path;
                 result.line = lineNumber;
             }

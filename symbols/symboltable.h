@@ -75,16 +75,34 @@ public:
 
 private:
     struct UnitIndex;
-    // `cu` is the unit's Dwarf_Die.
-    UnitIndex& unitIndex(void* cu, Dwarf* dwarf);
+    // The unit at `unitOffset` of .debug_info; `cu`, its Dwarf_Die where
+    // libdw found it, else null. Null where the unit can't be read here and
+    // libdw didn't find it.
+    UnitIndex* unitIndex(Dwarf* dwarf, unsigned long long unitOffset, void* cu);
+    // The unit's DIE by libdw, made on first use.
+    void* unitDie(UnitIndex& index);
     // The sections of `dwarf` read here rather than through libdw; null
     // where one is missing or compressed.
+    struct UnitRange
+    {
+        unsigned long long start, end, unit;
+    };
     struct DwarfSections
     {
         LineTable::Sections line;
         UnitSections unit;
+        // The units' address ranges from .debug_aranges, by start; read
+        // on first use, empty where it's missing or can't be read.
+        std::vector<UnitRange> unitRanges;
+        bool unitRangesRead = false;
     };
-    const DwarfSections& sections(Dwarf* dwarf);
+    DwarfSections& sections(Dwarf* dwarf);
+    // The offset of the unit whose code holds `address` (a file address)
+    // by .debug_aranges, or none; unknown without the section or where
+    // ranges of several units start together.
+    enum class UnitLookup { Found, None, Unknown };
+    UnitLookup unitAt(DwarfSections& sections, Dwarf* dwarf, unsigned long long address,
+                      unsigned long long* unitOffset);
     struct CodeSymbol
     {
         unsigned long long start;

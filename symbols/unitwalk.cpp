@@ -2,6 +2,7 @@
 #include "dwarfreader.h"
 
 #include <algorithm>
+#include <cstring>
 #include <dwarf.h>
 
 namespace {
@@ -152,6 +153,14 @@ struct UnitReader::Values
     // Some of it lies where this reader doesn't look (an indexed address,
     // an indexed range list).
     bool elsewhere = false;
+    // Where the values of strings and references lie, with their forms;
+    // null where the DIE has none.
+    struct Place
+    {
+        const unsigned char* at = nullptr;
+        std::uint16_t form = 0;
+    };
+    Place name, linkage, mipsLinkage, origin, specification, compDir, statements;
 };
 
 bool UnitReader::readAbbreviations(std::uint64_t offset)
@@ -247,9 +256,113 @@ bool UnitReader::readAbbreviations(std::uint64_t offset, std::vector<Abbreviatio
     }
 }
 
+bool UnitReader::string(const unsigned char* at, unsigned form, const char** text) const
+{
+    const unsigned char* section = nullptr;
+    std::size_t size = 0;
+    std::uint64_t offset = 0;
+    switch (form) {
+    case DW_FORM_string:
+        section = mSections.info;
+        size = mSections.infoSize;
+        offset = std::uint64_t(at - section);
+        break;
+    case DW_FORM_strp:
+        section = mSections.strings;
+        size = mSections.stringsSize;
+        offset = valueAt(at, mOffsetSize);
+        break;
+    case DW_FORM_line_strp:
+        section = mSections.lineStrings;
+        size = mSections.lineStringsSize;
+        offset = valueAt(at, mOffsetSize);
+        break;
+    default:
+        // Indexed strings and those of a supplementary file are libdw's.
+        return false;
+    }
+    if (!section || offset >= size || !std::memchr(section + offset, 0, size - offset))
+        return false;
+    *text = reinterpret_cast<const char*>(section + offset);
+    return true;
+}
+
+bool UnitReader::reference(const unsigned char* at, unsigned form, std::uint64_t* offset) const
+{
+    std::uint64_t value = 0;
+    switch (form) {
+    case DW_FORM_ref1: value = valueAt(at, 1); break;
+    case DW_FORM_ref2: value = valueAt(at, 2); break;
+    case DW_FORM_ref4: value = valueAt(at, 4); break;
+    case DW_FORM_ref8: value = valueAt(at, 8); break;
+    case DW_FORM_ref_udata: {
+        DwarfReader in(at, mEnd);
+        value = in.uleb();
+        if (in.bad())
+            return false;
+        break;
+    }
+    case DW_FORM_ref_addr: {
+        // Only where it lies in this unit, whose abbreviations are known.
+        const std::uint64_t target = valueAt(at, mVersion <= 2 ? mAddressSize : mOffsetSize);
+        if (target < std::uint64_t(mBegin - mSections.info))
+            return false;
+        value = target - std::uint64_t(mBegin - mSections.info);
+        break;
+    }
+    default: return false;
+    }
+    if (value >= std::uint64_t(mEnd - mBegin))
+        return false;
+    *offset = std::uint64_t(mBegin - mSections.info) + value;
+    return true;
+}
+
+bool UnitReader::name(std::uint64_t offset, const char** linkage, const char** plain) const
+{
+    // As libdw integrates them: the first of each along the chain of
+    // abstract origins and specifications, the origin first.
+    const Values::Place* found[3] = {nullptr, nullptr, nullptr};
+    Values chain[17];
+    for (int hop = 0; hop < 17; ++hop) {
+        if (offset >= std::uint64_t(mEnd - mSections.info) || mSections.info + offset < mChildren)
+            return false;
+        const unsigned char* at = mSections.info + offset;
+        DwarfReader in(at, mEnd);
+        const std::uint64_t code = in.uleb();
+        at = in.at();
+        if (in.bad() || code == 0 || code >= mAbbreviations.size() || !mAbbreviations[code].known)
+            return false;
+        Values& values = chain[hop];
+        if (!readDie(at, mAbbreviations[code], &values))
+            return false;
+        const Values::Place* places[3] = {&values.linkage, &values.mipsLinkage, &values.name};
+        for (int i = 0; i < 3; ++i) {
+            if (!found[i] && places[i]->at)
+                found[i] = places[i];
+        }
+        const Values::Place& next = values.origin.at ? values.origin : values.specification;
+        if (!next.at)
+            break;
+        if (!reference(next.at, next.form, &offset))
+            return false;
+    }
+    // A linkage name, else the plain one; an empty one counts as none.
+    const char* text[3] = {nullptr, nullptr, nullptr};
+    for (int i = 0; i < 3; ++i) {
+        if (found[i] && !string(found[i]->at, found[i]->form, &text[i]))
+            return false;
+    }
+    *linkage = text[0] && *text[0] ? text[0] : text[1] && *text[1] ? text[1] : nullptr;
+    *plain = text[2];
+    return true;
+}
+
 bool UnitReader::open(const UnitSections& sections, std::uint64_t unitOffset)
 {
     mSections = sections;
+    mCompDir = nullptr;
+    mCompDirKnown = mHasStatements = mStatementsKnown = false;
     mAbbreviations.clear();
     mAttributes.clear();
     mImplicit.clear();
@@ -296,6 +409,16 @@ bool UnitReader::open(const UnitSections& sections, std::uint64_t unitOffset)
     // Without a low address the base is 0.
     mBase = root.low;
     mBaseKnown = !root.hasLow || !root.elsewhere;
+    mCompDirKnown = !root.compDir.at || string(root.compDir.at, root.compDir.form, &mCompDir);
+    mStatementsKnown = true;
+    mHasStatements = root.statements.at != nullptr;
+    if (mHasStatements) {
+        const unsigned form = root.statements.form;
+        if (form == DW_FORM_sec_offset || form == DW_FORM_data4 || form == DW_FORM_data8)
+            mStatements = valueAt(root.statements.at, form == DW_FORM_data8 ? 8 : form == DW_FORM_data4 ? 4 : mOffsetSize);
+        else
+            mStatementsKnown = false;
+    }
     mChildren = at;
     mHasChildren = mAbbreviations[code].children;
     return true;
@@ -307,6 +430,7 @@ bool UnitReader::readDie(const unsigned char*& at, const Abbreviation& abbreviat
     DwarfReader in(at, mEnd);
     for (std::uint32_t i = 0; i < abbreviation.count; ++i) {
         const Attribute& attribute = mAttributes[abbreviation.first + i];
+        const Values::Place place{in.at(), attribute.form};
         std::uint64_t value = 0;
         if (attribute.form == DW_FORM_implicit_const) {
             // Only a call site's file and line are wanted of these.
@@ -352,6 +476,13 @@ bool UnitReader::readDie(const unsigned char*& at, const Abbreviation& abbreviat
             values->callFile = value;
             break;
         case DW_AT_call_line: values->callLine = value; break;
+        case DW_AT_name: values->name = place; break;
+        case DW_AT_linkage_name: values->linkage = place; break;
+        case DW_AT_MIPS_linkage_name: values->mipsLinkage = place; break;
+        case DW_AT_abstract_origin: values->origin = place; break;
+        case DW_AT_specification: values->specification = place; break;
+        case DW_AT_comp_dir: values->compDir = place; break;
+        case DW_AT_stmt_list: values->statements = place; break;
         default: break;
         }
     }

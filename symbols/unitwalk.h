@@ -54,6 +54,10 @@ struct UnitSections
     std::size_t rnglistsSize = 0;
     const unsigned char* ranges = nullptr;
     std::size_t rangesSize = 0;
+    const unsigned char* strings = nullptr;
+    std::size_t stringsSize = 0;
+    const unsigned char* lineStrings = nullptr;
+    std::size_t lineStringsSize = 0;
 };
 
 class UnitReader
@@ -75,6 +79,28 @@ public:
     // something can't be read here (a form, ranges in a form this reader
     // doesn't know); the lists are then as they were.
     bool inlined(std::uint64_t functionOffset, std::vector<InlinedScope>* scopes, std::vector<CodeRange>* ranges) const;
+
+    // The names of the function or inlined instance whose DIE lies at
+    // `offset`, its own or those of its abstract origin or specification:
+    // its linkage name (null without one) and its plain name (null without
+    // one). False where a name or a reference lies where this reader
+    // doesn't look.
+    bool name(std::uint64_t offset, const char** linkage, const char** plain) const;
+
+    // Of the unit's own DIE, once opened: the directory it was compiled in
+    // (null without one) and the offset of its line program; false where
+    // they lie where this reader doesn't look.
+    bool compDir(const char** directory) const
+    {
+        *directory = mCompDir;
+        return mCompDirKnown;
+    }
+    bool statements(bool* has, std::uint64_t* offset) const
+    {
+        *has = mHasStatements;
+        *offset = mStatements;
+        return mStatementsKnown;
+    }
 
     struct Attribute
     {
@@ -118,6 +144,8 @@ private:
     bool scopes(const unsigned char*& at, int parent, int depth, std::vector<InlinedScope>* scopes,
                 std::vector<CodeRange>* ranges) const;
     bool readRanges(std::uint64_t offset, std::vector<CodeRange>* ranges) const;
+    bool string(const unsigned char* at, unsigned form, const char** text) const;
+    bool reference(const unsigned char* at, unsigned form, std::uint64_t* offset) const;
 
     UnitSections mSections;
     const unsigned char* mBegin = nullptr;
@@ -131,6 +159,10 @@ private:
     // is indexed.
     std::uint64_t mBase = 0;
     bool mBaseKnown = true;
+    const char* mCompDir = nullptr;
+    bool mCompDirKnown = false;
+    std::uint64_t mStatements = 0;
+    bool mHasStatements = false, mStatementsKnown = false;
     std::vector<Abbreviation> mAbbreviations;
     std::vector<Attribute> mAttributes;
     // The values of DW_FORM_implicit_const attributes, by their index in
