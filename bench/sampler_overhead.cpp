@@ -3,14 +3,17 @@
 // but not sampling, and sampling every 20, 5 and 1 ms. The runs of the
 // settings are interleaved, several of each, and the medians are compared.
 //
-//   bench-sampler-overhead [RUNS [ROUNDS]]     defaults: 7 runs, 3000 rounds
+//   bench-sampler-overhead [RUNS [ROUNDS [LIBRARY]]]   defaults: 7 runs, 3000 rounds
+//
+// With LIBRARY, another build of the sampler library (an older one, say),
+// each sampling setting runs with it too, interleaved with the rest.
 //
 // "work" is the wall-clock time the example measures itself, from the start
 // of main to the end of the work, so it leaves out arming and writing the
 // results; "process" is the whole run as seen from outside; "CPU" is the
 // user and system time of the whole process, which other work on a shared
 // machine disturbs least. The time per sample is the extra CPU time divided
-// by the samples taken.
+// by the samples taken, and by the backtraces taken of all threads.
 #include "readsamples.h"
 
 #include <algorithm>
@@ -33,9 +36,10 @@ namespace {
 
 struct Setting
 {
-    const char* name;
+    std::string name;
     bool preload;
     int intervalMs; // 0: not sampling
+    std::string library;
 };
 
 struct Result
@@ -44,6 +48,7 @@ struct Result
     double processSeconds = 0;
     double cpuSeconds = 0;
     double samples = 0;
+    double backtraces = 0;
 };
 
 double seconds()
@@ -63,7 +68,7 @@ bool runOnce(const Setting& setting, long rounds, const std::string& dir, Result
             env.push_back(*e);
     }
     if (setting.preload)
-        env.push_back(std::string("LD_PRELOAD=") + ZOR_SAMPLER_LIBRARY);
+        env.push_back("LD_PRELOAD=" + setting.library);
     if (setting.intervalMs > 0) {
         env.push_back("ZOR_SAMPLER_OUTPUT=" + output);
         // Room for every sample of a run of up to 3 seconds, so that the
@@ -133,6 +138,11 @@ bool runOnce(const Setting& setting, long rounds, const std::string& dir, Result
             return false;
         }
         result.samples = static_cast<double>(total);
+        // Every thread's backtrace counts: the main thread's in each sample
+        // and the others' as they answered. The list is never thinned here.
+        result.backtraces = 0;
+        for (unsigned i = 0; i < list->size(); ++i)
+            result.backtraces += 1 + static_cast<double>(list->at(i).otherThreads().count());
         delete list;
     }
     for (const char* suffix : {"", ".mpi", ".errorMessages"})
@@ -154,7 +164,7 @@ int main(int argc, char** argv)
     const int runs = argc > 1 ? atoi(argv[1]) : 7;
     const long rounds = argc > 2 ? atol(argv[2]) : 3000;
     if (runs < 1 || rounds < 1) {
-        fprintf(stderr, "usage: bench-sampler-overhead [RUNS [ROUNDS]]\n");
+        fprintf(stderr, "usage: bench-sampler-overhead [RUNS [ROUNDS [LIBRARY]]]\n");
         return 2;
     }
     char dirTemplate[] = "/tmp/zor-bench-XXXXXX";
@@ -162,13 +172,18 @@ int main(int argc, char** argv)
     if (!dir)
         return 1;
 
-    const std::vector<Setting> settings = {
-        {"without the sampler", false, 0},
-        {"loaded, not sampling", true, 0},
-        {"sampling every 20 ms", true, 20},
-        {"sampling every 5 ms", true, 5},
-        {"sampling every 1 ms", true, 1},
+    const std::string library = ZOR_SAMPLER_LIBRARY;
+    std::vector<Setting> settings = {
+        {"without the sampler", false, 0, library},
+        {"loaded, not sampling", true, 0, library},
+        {"sampling every 20 ms", true, 20, library},
+        {"sampling every 5 ms", true, 5, library},
+        {"sampling every 1 ms", true, 1, library},
     };
+    if (argc > 3) {
+        for (int interval : {20, 5, 1})
+            settings.push_back({"other, every " + std::to_string(interval) + " ms", true, interval, argv[3]});
+    }
     std::vector<std::vector<Result>> results(settings.size());
     for (int r = 0; r < runs; ++r) {
         for (std::size_t s = 0; s < settings.size(); ++s) {
@@ -191,18 +206,19 @@ int main(int argc, char** argv)
     const double baseProcess = medianOf(0, &Result::processSeconds);
     const double baseCpu = medianOf(0, &Result::cpuSeconds);
     printf("zor-example --work %ld, %d runs of each setting, medians\n", rounds, runs);
-    printf("%-22s %8s %9s %10s %9s %8s %9s %8s %11s\n", "setting", "work s", "slowdown", "process s", "slowdown",
-           "CPU s", "slowdown", "samples", "CPU/sample");
+    printf("%-22s %8s %9s %10s %9s %8s %9s %8s %11s %11s\n", "setting", "work s", "slowdown", "process s", "slowdown",
+           "CPU s", "slowdown", "samples", "CPU/sample", "CPU/thread");
     for (std::size_t s = 0; s < settings.size(); ++s) {
         const double work = medianOf(s, &Result::workSeconds);
         const double process = medianOf(s, &Result::processSeconds);
         const double cpu = medianOf(s, &Result::cpuSeconds);
         const double samples = medianOf(s, &Result::samples);
-        printf("%-22s %8.3f %8.2f%% %10.3f %8.2f%% %8.3f %8.2f%% %8.0f", settings[s].name, work,
+        const double backtraces = medianOf(s, &Result::backtraces);
+        printf("%-22s %8.3f %8.2f%% %10.3f %8.2f%% %8.3f %8.2f%% %8.0f", settings[s].name.c_str(), work,
                100 * (work / baseWork - 1), process, 100 * (process / baseProcess - 1), cpu, 100 * (cpu / baseCpu - 1),
                samples);
         if (samples > 0)
-            printf(" %8.1f us", (cpu - baseCpu) / samples * 1e6);
+            printf(" %8.1f us %8.1f us", (cpu - baseCpu) / samples * 1e6, (cpu - baseCpu) / backtraces * 1e6);
         printf("\n");
     }
     return 0;

@@ -218,6 +218,11 @@ PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position) : PSV
         parent->addChild(this);
 }
 
+quint32 PSVModelItem::positionKeyOf(const Position& position)
+{
+    return positionKey(position);
+}
+
 PSVModelItem::PSVModelItem(const PSVModelItem& other)
     : SaxHandler(other), mProcessThreads(other.mProcessThreads), mOnlyChild(nullptr), mParent(nullptr), mPosition(other.mPosition),
       mExtra(nullptr), mPositionKey(other.mPositionKey), mChildCount(0), mCurrentGroup(other.mCurrentGroup),

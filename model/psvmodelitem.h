@@ -49,6 +49,11 @@ public:
     // These two append the new node to parent's children when parent isn't null.
     explicit PSVModelItem(PSVModelItem* parent);
     PSVModelItem(PSVModelItem* parent, const Position& position);
+    // The node of one more frame on a path being built: its key worked out
+    // ahead by positionKeyOf, and its thread counts shared with the other
+    // nodes of the path. Appended to parent's children.
+    inline PSVModelItem(PSVModelItem* parent, const Position& position, quint32 positionKey,
+                        const IntProcessMap& threads);
     // A deep copy, children cloned with their own types; the copy has no parent.
     PSVModelItem(const PSVModelItem& other);
     PSVModelItem& operator=(const PSVModelItem&) = delete;
@@ -141,6 +146,10 @@ public:
     void setBrief(bool brief);
     void mapRanks(const QMap<int, int>& ranks);
 
+    // What lookups among children compare first, for a position of which
+    // many nodes are made.
+    static quint32 positionKeyOf(const Position& position);
+
 protected:
     // Whether two positions name the same frame.
     static bool samePosition(const Position& a, const Position& b);
@@ -197,6 +206,24 @@ private:
     // The brief mode of the device thread counts while they live nowhere.
     bool mCudaBrief;
 };
+
+PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, quint32 positionKey,
+                           const IntProcessMap& threads)
+    : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mPosition(position), mExtra(nullptr),
+      mPositionKey(positionKey), mChildCount(0), mCurrentGroup(false), mUnexpectedStop(false),
+      mUnexpectedStopAncestor(false), mCudaBrief(false)
+{
+    // Built in place, so that making a path calls into no other library;
+    // a parent with children or an index takes the general way.
+    if (!parent)
+        return;
+    if (parent->mChildCount == 0 && !parent->mExtra) {
+        parent->mOnlyChild = this;
+        parent->mChildCount = 1;
+    } else {
+        parent->addChild(this);
+    }
+}
 
 template <typename Frame>
 PSVModelItem* PSVModelItem::findDescendant(const QList<Frame*>& frames)

@@ -38,6 +38,12 @@ public:
     // Appends the new node to parent's children when parent isn't null.
     explicit ZORPSVModelItem(ZORPSVModelItem* parent);
     ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position);
+    // See the PSVModelItem constructor of the same arguments.
+    ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position, quint32 positionKey,
+                    const IntProcessMap& threads)
+        : PSVModelItem(parent, position, positionKey, threads), mSpecial(specialNone), mCounts(nullptr)
+    {
+    }
     // A node without parent that starts from the given sample counters.
     ZORPSVModelItem(const Position& position, int samples, int selfSamples, int mpiSamples, int sleepingSamples);
     ZORPSVModelItem(const ZORPSVModelItem& other);

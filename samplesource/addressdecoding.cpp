@@ -151,12 +151,12 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
     PositionResponse* response = mDebugger->positionOfAddress(address, 0, &inlined);
     Position position;
     if (!inlined.isEmpty()) {
-        QList<Position> callers;
+        QVector<KeyedPosition> callers;
         for (PositionResponse* caller : qAsConst(inlined)) {
             // The debugger lists the innermost caller first; they are kept
             // outermost first, the order in which they are added to a tree.
-            callers.prepend(Position(InternStringCache::internForever(caller->function),
-                                     InternStringCache::internForever(caller->file), caller->line, -1));
+            callers.prepend(KeyedPosition(Position(InternStringCache::internForever(caller->function),
+                                                   InternStringCache::internForever(caller->file), caller->line, -1)));
             delete caller;
         }
         mInlineFrames.insert(address, callers);
@@ -192,6 +192,7 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
 {
     DecodedFrame& frame = mDecodedFrames.insert(address);
     frame.position = position;
+    frame.positionKey = PSVModelItem::positionKeyOf(position);
     frame.inlineCallers = mInlineFrames.value(address);
     frame.hasLineInfo = position.hasFileAndLine();
     frame.unknownPrefix = position.function.startsWith(unknownName());

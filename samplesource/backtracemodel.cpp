@@ -29,12 +29,12 @@ const size_t ManyFramesTrace = 499;
 
 } // namespace
 
-ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& position, ZORPSVModelItem* parent)
+namespace {
+
+// The child of parent at position, if there is one. A fresh tree is one path
+// and its deepest node has no children, so this rarely has anything to look at.
+ZORPSVModelItem* childAt(const Position& position, ZORPSVModelItem* parent)
 {
-    // A fresh tree is one path and its deepest node has no children, so
-    // this loop rarely has anything to look at.
-    if (parent->childCount() == 0)
-        return new ZORPSVModelItem(parent, position);
     for (PSVModelItem* child : parent->childNodes()) {
         const Position& other = child->position();
         if (&other == &position
@@ -42,15 +42,48 @@ ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& po
                 && PathString::fileNamesEqual(other.file, position.file)))
             return static_cast<ZORPSVModelItem*>(child);
     }
+    return nullptr;
+}
+
+// Starts loading what making a node of frame reads beyond the frame itself:
+// the headers of its names, whose reference counts the node's copy changes.
+void prefetchNames(DecodedFrame* frame)
+{
+    if (!frame)
+        return;
+    __builtin_prefetch(frame->position.function.data_ptr());
+    __builtin_prefetch(frame->position.file.data_ptr());
+}
+
+} // namespace
+
+ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& position, ZORPSVModelItem* parent)
+{
+    if (ZORPSVModelItem* child = parent->childCount() == 0 ? nullptr : childAt(position, parent))
+        return child;
     return new ZORPSVModelItem(parent, position);
 }
 
-void PreloadSampleSource::addInlineCallers(const QList<Position>& callers, ZORPSVModelItem*& parent)
+ZORPSVModelItem* PreloadSampleSource::frameNode(const Position& position, quint32 key, ZORPSVModelItem* parent)
 {
-    for (const Position& caller : callers) {
-        parent = getOrCreatePSVModelItem(caller, parent);
-        parent->addThread(mRank, false, false);
+    if (parent->childCount() > 0) {
+        if (ZORPSVModelItem* child = childAt(position, parent)) {
+            child->addThread(mRank, false, false);
+            return child;
+        }
     }
+    if (mOneThreadRank != mRank || mOneThread.isEmpty()) {
+        mOneThread = IntProcessMap();
+        mOneThread.add(mRank, 1);
+        mOneThreadRank = mRank;
+    }
+    return new ZORPSVModelItem(parent, position, key, mOneThread);
+}
+
+void PreloadSampleSource::addInlineCallers(const QVector<KeyedPosition>& callers, ZORPSVModelItem*& parent)
+{
+    for (const KeyedPosition& caller : callers)
+        parent = frameNode(caller.position, caller.key, parent);
 }
 
 void PreloadSampleSource::addInlineCallerFrames(Address address, ZORPSVModelItem*& parent)
@@ -117,12 +150,19 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
     bool inAccelerator = false;
     // Frames of a run's traces are scattered over a large table: the slots
     // of the frames a few steps ahead are loaded while this one is built.
-    const long long prefetchDistance = 4;
-    for (long long index = last; index > static_cast<long long>(first) && index > last - prefetchDistance; --index)
+    // The names of a frame are loaded once its slot has come in.
+    const long long prefetchDistance = 6;
+    const long long namesDistance = 3;
+    const long long end = static_cast<long long>(first);
+    for (long long index = last; index > end && index > last - prefetchDistance; --index)
         mDecodedFrames.prefetch(Address(trace[index]) - 1);
-    for (long long index = last; index > static_cast<long long>(first); --index) {
-        if (index - prefetchDistance > static_cast<long long>(first))
+    for (long long index = last; index > end && index > last - namesDistance; --index)
+        prefetchNames(mDecodedFrames.find(Address(trace[index]) - 1));
+    for (long long index = last; index > end; --index) {
+        if (index - prefetchDistance > end)
             mDecodedFrames.prefetch(Address(trace[index - prefetchDistance]) - 1);
+        if (index - namesDistance > end)
+            prefetchNames(mDecodedFrames.find(Address(trace[index - namesDistance]) - 1));
         const Address returnAddress = trace[index];
         // The position of a return address is that of the call, one byte back.
         const Address address = returnAddress - 1;
@@ -138,6 +178,7 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
             inAccelerator = frame.cuda == 1;
         }
         const Position* position = &frame.position;
+        quint32 key = frame.positionKey;
         Position decorated;
 
         bool fold = true;
@@ -156,6 +197,7 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
                                                              .arg(address, 0, 16)
                                                              .arg(returnAddress, 0, 16));
             position = &decorated;
+            key = PSVModelItem::positionKeyOf(decorated);
             fold = false;
         } else if (current == root) {
             fold = false;
@@ -188,8 +230,7 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
         }
         if (!frame.inlineCallers.isEmpty())
             addInlineCallers(frame.inlineCallers, current);
-        current = getOrCreatePSVModelItem(*position, current);
-        current->addThread(rank, false, false);
+        current = frameNode(*position, key, current);
     }
 
     if (!mDebugAddresses)

@@ -4,21 +4,35 @@
 #ifndef ZOR_DECODEDFRAME_H
 #define ZOR_DECODEDFRAME_H
 
-#include <QList>
+#include <QVector>
 
-#include "position.h"
+#include "psvmodelitem.h"
+
+// A position with its key among a node's children, worked out once.
+struct KeyedPosition
+{
+    KeyedPosition() : key(0) {}
+    explicit KeyedPosition(const Position& position)
+        : position(position), key(PSVModelItem::positionKeyOf(position))
+    {
+    }
+
+    Position position;
+    quint32 key;
+};
 
 struct DecodedFrame
 {
     DecodedFrame()
-        : hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
+        : positionKey(0), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
           inSamplerLibrary(false), samplerWrapper(false), cuda(-1)
     {
     }
 
     Position position;
+    quint32 positionKey;
     // Outermost first; empty for an address without inlined callers.
-    QList<Position> inlineCallers;
+    QVector<KeyedPosition> inlineCallers;
     // A file and a line above 0.
     bool hasLineInfo;
     // The function starts with, or is, the name for unknown functions.

@@ -244,7 +244,10 @@ private:
     DecodedFrame& decodedFrame(Address address);
     void findSamplerLibraries();
     bool isSamplerAddress(Address address) const;
-    void addInlineCallers(const QList<Position>& callers, ZORPSVModelItem*& parent);
+    void addInlineCallers(const QVector<KeyedPosition>& callers, ZORPSVModelItem*& parent);
+    // The child of parent at position, counting one more thread of the
+    // rank; made if there is none.
+    ZORPSVModelItem* frameNode(const Position& position, quint32 key, ZORPSVModelItem* parent);
     void foldUnknownTail(ZORPSVModelItem*& current);
     void recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace, const quorvex::SSample* previous);
     Category::OmpCompiler::Enum detectOmpRuntime(const ZORPSVModelItem* root);
@@ -306,7 +309,7 @@ private:
     // Leaves of trees built since the last disassembly, gathered apart:
     // sorted once, they go into the ordered set in a fraction of the time.
     std::vector<Address> mNewLeafAddresses;
-    QHash<unsigned long long, QList<Position>> mInlineFrames;
+    QHash<unsigned long long, QVector<KeyedPosition>> mInlineFrames;
     QSet<unsigned long long> mJumpTargetLeafs;
     int mRank;
     int mTargetPid;
@@ -358,6 +361,10 @@ private:
     // just replaced, by thread; both spare a walk down a deep tree whose
     // nodes have long left the cache.
     FlatTable<ZORPSVModelItem*> mTreePlaceholders;
+    // The thread counts of a fresh node, one thread of mOneThreadRank,
+    // shared by all of them.
+    IntProcessMap mOneThread;
+    int mOneThreadRank = 0;
     bool mRecordTreePlaceholders = false;
     QVarLengthArray<QPair<int, PSVModelItem*>, 32> mSampleLeaves;
 };

@@ -482,10 +482,10 @@ int arm(const ArmSettings& settings, bool readConfigFile)
         s.errorRecords = new char[records.size() + 1];
         std::memcpy(s.errorRecords, records.c_str(), records.size() + 1);
 
-        // Every record must be filled without allocating, so each backtrace
-        // keeps room for the deepest stack from the start.
-        if (quorvex::SSimpleBacktrace::storagePolicy() != quorvex::SSimpleBacktrace::StoragePolicyPreallocated)
-            quorvex::SSimpleBacktrace::setStoragePolicy(quorvex::SSimpleBacktrace::StoragePolicyPreallocated);
+        // Every record must be filled without allocating: backtraces take
+        // their frames from an arena made here.
+        if (quorvex::SSimpleBacktrace::storagePolicy() != quorvex::SSimpleBacktrace::StoragePolicyArena)
+            quorvex::SSimpleBacktrace::setStoragePolicy(quorvex::SSimpleBacktrace::StoragePolicyArena);
         const std::size_t perTrace = sizeof(quorvex::SBacktrace) + MAX_BACKTRACE_DEPTH * sizeof(unsigned long) + 32;
         const std::size_t perSample = sizeof(SSample) + (static_cast<std::size_t>(s.threadsPerSample) + 1) * perTrace
             + s.metricCount * sizeof(SMetric);
@@ -500,7 +500,14 @@ int arm(const ArmSettings& settings, bool readConfigFile)
         {
             // Reserved, not touched: a short run costs only the samples it
             // takes. Twice the estimate, for what it leaves out.
-            ReserveScope reserve(2 * static_cast<std::size_t>(numSamples) * perSample + (std::size_t(16) << 20));
+            // Each backtrace's room grows in powers of two up to the
+            // deepest stack and is kept: at most twice that in all.
+            const std::size_t frameBytes = static_cast<std::size_t>(numSamples)
+                * (static_cast<std::size_t>(s.threadsPerSample) + 1) * 2 * MAX_BACKTRACE_DEPTH * sizeof(unsigned long);
+            ReserveScope reserve(2 * static_cast<std::size_t>(numSamples) * perSample + frameBytes
+                                 + (std::size_t(16) << 20));
+            quorvex::SSimpleBacktrace::setFrameArena(
+                quorvex::TraceArena::overRegion(::operator new(frameBytes), frameBytes));
             // Made as they fill, from the reservation, where there is one.
             s.list = new SSampleList(numSamples, s.threadsPerSample, s.random, ReserveScope::reserved());
             s.list->setMetricCount(static_cast<int>(s.metricCount));

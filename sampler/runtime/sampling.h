@@ -70,7 +70,7 @@ struct OwnUnwinding
 };
 
 // Unwind status codes of the sampler's own.
-const int UNWIND_TOO_DEEP = 100;
+const int UNWIND_TOO_DEEP = UNW_ZOR_CUT_SHORT;
 const int UNWIND_NOT_ANSWERED = 101;
 const int UNWIND_CLASHED = 105;
 const int UNWIND_NO_FRAMES = 106;

@@ -6,6 +6,8 @@
 
 #define MAX_BACKTRACE_DEPTH 500
 
+// The stack went on beyond the frames kept.
+#define UNW_ZOR_CUT_SHORT 100
 // No unwind was recorded for this backtrace.
 #define UNW_ZOR_NOT_SET 102
 

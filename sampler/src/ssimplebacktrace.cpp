@@ -13,6 +13,7 @@ namespace quorvex {
 
 SSimpleBacktrace::StoragePolicy SSimpleBacktrace::mStoragePolicy = SSimpleBacktrace::StoragePolicyGrowing;
 bool SSimpleBacktrace::mStoragePolicyLocked = false;
+TraceArena* SSimpleBacktrace::mFrameArena = nullptr;
 
 namespace {
 // Reservation under the growing policy: enough for most stacks.
@@ -20,6 +21,8 @@ const std::size_t GROWING_RESERVATION = 30;
 // Frames are read in slices so that a corrupt count cannot claim memory
 // that the file does not back.
 const std::size_t READ_SLICE_FRAMES = 8192;
+// The least room taken from the arena: most stacks fit.
+const std::size_t ARENA_FIRST_FRAMES = 16;
 }
 
 SSimpleBacktrace::SSimpleBacktrace()
@@ -30,21 +33,27 @@ SSimpleBacktrace::SSimpleBacktrace()
 }
 
 SSimpleBacktrace::SSimpleBacktrace(const SSimpleBacktrace& other)
-    : mArena(nullptr), mUnwindStatus(other.mUnwindStatus), mTid(other.mTid), mValid(other.mValid),
-      mStopsAtCallingFrame(other.mStopsAtCallingFrame)
+    : mArena(nullptr), mUnwindStatus(UNW_ZOR_NOT_SET), mTid(0), mValid(false), mStopsAtCallingFrame(false)
 {
     mStoragePolicyLocked = true;
     reserveForPolicy();
-    mTrace = other.mTrace;
+    *this = other;
 }
 
 SSimpleBacktrace& SSimpleBacktrace::operator=(const SSimpleBacktrace& other)
 {
-    mTrace = other.mTrace;
+    if (this == &other)
+        return *this;
     mUnwindStatus = other.mUnwindStatus;
     mTid = other.mTid;
     mValid = other.mValid;
     mStopsAtCallingFrame = other.mStopsAtCallingFrame;
+    std::size_t frames = other.mTrace.size();
+    if (mStoragePolicy == StoragePolicyArena && !makeRoom(frames)) {
+        frames = mTrace.capacity();
+        mUnwindStatus = UNW_ZOR_CUT_SHORT;
+    }
+    mTrace.assign(other.mTrace.begin(), other.mTrace.begin() + static_cast<std::ptrdiff_t>(frames));
     return *this;
 }
 
@@ -57,11 +66,27 @@ void SSimpleBacktrace::reserveForPolicy()
         mArena = scope->arena();
         return;
     }
-    switch (mStoragePolicy) {
-    case StoragePolicyGrowing: mTrace.reserve(GROWING_RESERVATION); break;
-    case StoragePolicyPreallocated: mTrace.reserve(MAX_BACKTRACE_DEPTH); break;
-    default: break;
-    }
+    if (mStoragePolicy == StoragePolicyGrowing)
+        mTrace.reserve(GROWING_RESERVATION);
+}
+
+bool SSimpleBacktrace::makeRoom(std::size_t frames)
+{
+    if (mTrace.capacity() >= frames)
+        return true;
+    std::size_t room = ARENA_FIRST_FRAMES;
+    while (room < frames)
+        room *= 2;
+    if (room > MAX_BACKTRACE_DEPTH && frames <= MAX_BACKTRACE_DEPTH)
+        room = MAX_BACKTRACE_DEPTH;
+    if (!mFrameArena || !mFrameArena->fits(room * sizeof(unsigned long)))
+        return false;
+    // The frames left behind stay in the arena, which gives nothing back.
+    backtrace_t fresh{TraceAllocator<unsigned long>(mFrameArena)};
+    fresh.reserve(room);
+    mTrace.swap(fresh);
+    mArena = mFrameArena;
+    return true;
 }
 
 SSimpleBacktrace::StoragePolicy SSimpleBacktrace::storagePolicy()
@@ -76,6 +101,11 @@ void SSimpleBacktrace::setStoragePolicy(StoragePolicy policy)
         ZOR_ASSERT(false);
     }
     mStoragePolicy = policy;
+}
+
+void SSimpleBacktrace::setFrameArena(TraceArena* arena)
+{
+    mFrameArena = arena;
 }
 
 void SSimpleBacktrace::set(const BacktraceData& bt, int tid)
@@ -95,6 +125,7 @@ void SSimpleBacktrace::set(const BacktraceData& bt, int tid)
         return;
     }
 
+    std::size_t frames = bt.size;
     switch (mStoragePolicy) {
     case StoragePolicyExact:
         if (mTrace.size() != bt.size) {
@@ -106,18 +137,20 @@ void SSimpleBacktrace::set(const BacktraceData& bt, int tid)
         break;
     case StoragePolicyGrowing:
         break;
-    case StoragePolicyPreallocated:
+    case StoragePolicyArena:
         ZOR_ASSERT(bt.size <= MAX_BACKTRACE_DEPTH);
-        ZOR_ASSERT(mTrace.capacity() >= MAX_BACKTRACE_DEPTH);
+        if (!makeRoom(frames)) {
+            frames = mTrace.capacity();
+            mUnwindStatus = UNW_ZOR_CUT_SHORT;
+        }
         break;
     default:
         SafeMessage().str("ZOR: Unrecognised backtrace storage policy: ").dec(mStoragePolicy).str("\n").writeTo(2);
         abort();
     }
 
-    mTrace.resize(bt.size);
-    ZOR_ASSERT(mTrace.size()==bt.size);
-    std::memcpy(mTrace.data(), bt.frames, bt.size * sizeof(unsigned long));
+    // Not resize and copy: that would clear the frames first.
+    mTrace.assign(bt.frames, bt.frames + frames);
 }
 
 void SSimpleBacktrace::invalidate()

@@ -15,23 +15,29 @@ typedef std::vector<unsigned long, TraceAllocator<unsigned long>> backtrace_t;
 class SSimpleBacktrace
 {
 public:
-    // How mTrace gets its memory. The sampler picks Preallocated before the
-    // first backtrace exists so that filling one never touches the heap.
+    // How mTrace gets its memory. The sampler picks Arena before the first
+    // backtrace exists so that filling one never touches the heap: frames
+    // come from the arena set with setFrameArena, at about their real
+    // length, in powers of two that a backtrace keeps for its next fillings.
     enum StoragePolicy {
         StoragePolicyExact = 0,
         StoragePolicyGrowing = 1,
-        StoragePolicyPreallocated = 2
+        StoragePolicyArena = 2
     };
 
     SSimpleBacktrace();
-    // Copies keep the reservation of the current policy, so that a copy made
-    // before sampling can be filled in a signal handler.
+    // Copies keep to the current policy, so that a copy made in a signal
+    // handler takes its frames from the arena.
     SSimpleBacktrace(const SSimpleBacktrace& other);
     // Copies the frames into this trace's own memory.
     SSimpleBacktrace& operator=(const SSimpleBacktrace& other);
 
     static StoragePolicy storagePolicy();
     static void setStoragePolicy(StoragePolicy policy);
+    // The arena of the Arena policy; one that never allocates. When it is
+    // used up, a backtrace keeps the innermost frames that fit the room it
+    // has, and says that it was cut short.
+    static void setFrameArena(TraceArena* arena);
 
     void set(const BacktraceData& bt, int tid);
     void invalidate();
@@ -60,9 +66,13 @@ protected:
 
 private:
     void reserveForPolicy();
+    // Room for `frames` under the Arena policy; false when the arena is
+    // used up.
+    bool makeRoom(std::size_t frames);
 
     static StoragePolicy mStoragePolicy;
     static bool mStoragePolicyLocked;
+    static TraceArena* mFrameArena;
 };
 
 } // namespace quorvex

@@ -44,7 +44,28 @@ TraceArena* TraceArena::current()
     return scope ? scope->arena() : nullptr;
 }
 
-TraceArena::TraceArena() : mBlocks(nullptr), mNext(nullptr), mLeft(0), mReferences(1) {}
+TraceArena::TraceArena() : mBlocks(nullptr), mNext(nullptr), mLeft(0), mReferences(1), mFixed(false) {}
+
+TraceArena* TraceArena::overRegion(void* region, std::size_t bytes)
+{
+    const std::size_t align = alignof(std::max_align_t);
+    const std::size_t header = (sizeof(TraceArena) + align - 1) / align * align;
+    if (bytes < header)
+        return nullptr;
+    TraceArena* arena = new (region) TraceArena;
+    arena->mFixed = true;
+    arena->mNext = static_cast<char*>(region) + header;
+    arena->mLeft = bytes - header;
+    // A reference that nobody gives back: the region isn't the arena's to free.
+    arena->retain();
+    return arena;
+}
+
+bool TraceArena::fits(std::size_t bytes) const
+{
+    const std::size_t align = alignof(std::max_align_t);
+    return !mFixed || (bytes + align - 1) / align * align <= mLeft;
+}
 
 TraceArena::~TraceArena()
 {
@@ -61,6 +82,8 @@ void* TraceArena::allocate(std::size_t bytes)
     bytes = (bytes + align - 1) / align * align;
     const std::size_t header = (sizeof(Block) + align - 1) / align * align;
     if (bytes > mLeft) {
+        if (mFixed)
+            return nullptr;
         const bool own = bytes > BLOCK_BYTES / 4;
         const std::size_t size = header + (own ? bytes : BLOCK_BYTES);
         Block* block = static_cast<Block*>(std::malloc(size));

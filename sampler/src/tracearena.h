@@ -5,9 +5,10 @@
 // frames from large shared blocks instead, which go back in one piece when
 // the last trace that uses them is gone.
 //
-// The sampler never installs a scope: its traces keep plain heap memory
-// (or none, under the preallocated policy), and a default TraceAllocator
-// is the standard one.
+// The sampler never installs a scope: its traces take their frames from an
+// arena over a region reserved before sampling (overRegion), which never
+// allocates, or keep plain heap memory; a default TraceAllocator is the
+// standard one.
 #ifndef ZOR_TRACEARENA_H
 #define ZOR_TRACEARENA_H
 
@@ -32,6 +33,13 @@ public:
     // The arena of this thread's innermost scope, or null.
     static TraceArena* current();
 
+    // An arena over the `bytes` at `region`, which stay the caller's for as
+    // long as the arena is used: it never allocates, and lives for good.
+    static TraceArena* overRegion(void* region, std::size_t bytes);
+    // Whether allocate(bytes) can be served; always so for an arena that
+    // may allocate.
+    bool fits(std::size_t bytes) const;
+
     void* allocate(std::size_t bytes);
     void retain() { mReferences.fetch_add(1, std::memory_order_relaxed); }
     void release()
@@ -51,6 +59,7 @@ private:
     char* mNext;
     std::size_t mLeft;
     std::atomic<long> mReferences;
+    bool mFixed;
 };
 
 template <typename T>

@@ -36,9 +36,12 @@ long allocationsIn(F f)
     return g_allocations;
 }
 
-const bool g_policyChosen = [] {
-    SSimpleBacktrace::setStoragePolicy(SSimpleBacktrace::StoragePolicyPreallocated);
-    return true;
+const std::size_t ARENA_BYTES = std::size_t(16) << 20;
+TraceArena* const g_arena = [] {
+    SSimpleBacktrace::setStoragePolicy(SSimpleBacktrace::StoragePolicyArena);
+    TraceArena* arena = TraceArena::overRegion(std::malloc(ARENA_BYTES), ARENA_BYTES);
+    SSimpleBacktrace::setFrameArena(arena);
+    return arena;
 }();
 } // namespace
 
@@ -55,24 +58,42 @@ extern "C" int posix_memalign(void** out, size_t alignment, size_t size) noexcep
     return *out ? 0 : ENOMEM;
 }
 
-TEST(PreallocatedPolicy, ReservesTheDeepestTraceAndRejectsDeeperOnes)
+TEST(ArenaPolicy, RoomGrowsInPowersOfTwoAndARunOutArenaCutsShort)
 {
-    ASSERT_TRUE(g_policyChosen);
+    ASSERT_TRUE(g_arena);
     SSimpleBacktrace bt;
-    bt.set(makeBacktraceData({}), 1);
-    EXPECT_GE(bt.trace().capacity(), static_cast<size_t>(MAX_BACKTRACE_DEPTH));
+    // Frames wanted: the room a backtrace has after holding them.
+    for (const auto& step : std::vector<std::pair<std::size_t, std::size_t>>{
+             {3, 16}, {16, 16}, {17, 32}, {5, 32}, {300, 500}, {MAX_BACKTRACE_DEPTH, MAX_BACKTRACE_DEPTH}}) {
+        bt.set(makeBacktraceData(std::vector<unsigned long>(step.first, 7)), 1);
+        EXPECT_EQ(std::make_pair(bt.trace().size(), bt.trace().capacity()), step) << step.first;
+        EXPECT_EQ(bt.unwindStatus(), 0);
+    }
     ExtendedBacktraceData data = makeBacktraceData(std::vector<unsigned long>(MAX_BACKTRACE_DEPTH, 1));
-    bt.set(data, 1);
-    EXPECT_EQ(bt.trace().size(), static_cast<size_t>(MAX_BACKTRACE_DEPTH));
     data.size = MAX_BACKTRACE_DEPTH + 1;
     EXPECT_DEATH(bt.set(data, 1), "Assertion `bt\\.size <= MAX_BACKTRACE_DEPTH' failed");
 
-    // A copy keeps the reservation, as the list's samples are copies.
-    SSimpleBacktrace copy(bt);
-    EXPECT_GE(copy.trace().capacity(), static_cast<size_t>(MAX_BACKTRACE_DEPTH));
+    // Room for 48 frames and a little: 20 frames take room for 32, 3 for
+    // 16; a copy of the 20 over the 3 and a set of 40 keep the innermost
+    // frames that fit, and say so.
+    alignas(16) char region[512];
+    TraceArena* small = TraceArena::overRegion(region, sizeof region);
+    ASSERT_TRUE(small);
+    SSimpleBacktrace::setFrameArena(small);
+    SSimpleBacktrace twenty, copy, forty;
+    twenty.set(makeBacktraceData({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}), 1);
+    copy.set(makeBacktraceData({1, 2, 3}), 1);
+    copy = twenty;
+    forty.set(makeBacktraceData(std::vector<unsigned long>(40, 9)), 1);
+    SSimpleBacktrace::setFrameArena(g_arena);
+    EXPECT_EQ(twenty.trace().size(), 20u) << "the first fits";
+    EXPECT_EQ(copy.trace(), backtrace_t({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}));
+    EXPECT_EQ(copy.unwindStatus(), UNW_ZOR_CUT_SHORT);
+    EXPECT_TRUE(forty.trace().empty());
+    EXPECT_EQ(forty.unwindStatus(), UNW_ZOR_CUT_SHORT);
 }
 
-TEST(PreallocatedPolicy, SamplingWithThinningAllocatesNothing)
+TEST(ArenaPolicy, SamplingWithThinningAllocatesNothing)
 {
     const int threads = 8;
     drand48_data random;
