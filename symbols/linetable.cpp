@@ -319,6 +319,10 @@ bool LineTable::decode(const Sections& sections, std::uint64_t offset)
 
     mProgram = program;
     mProgramEnd = unit.at() + length;
+    // A row takes some three bytes of a program: room for the checkpoints
+    // up front, rather than copies as they grow (pages never written to
+    // cost nothing).
+    mCheckpoints.reserve(std::size_t(mProgramEnd - mProgram) / (2 * checkpointEvery) + 1);
     bool open = false, backwards = false;
     std::uint64_t last = 0;
     // Rows left before the next checkpoint; the first row of a sequence

@@ -225,6 +225,7 @@ bool UnitReader::readAbbreviations(std::uint64_t offset, std::vector<Abbreviatio
             abbreviation.size = size < 0 || abbreviation.size < 0 ? -1 : abbreviation.size + size;
             switch (name) {
             case DW_AT_sibling:
+                abbreviation.sibling = true;
                 abbreviation.siblingAt = form == DW_FORM_ref_addr || size <= 0 || size > 8 ? -1 : at;
                 abbreviation.siblingSize = std::uint8_t(std::max(size, 0));
                 abbreviation.reach = std::max(abbreviation.reach, at + size);
@@ -490,6 +491,28 @@ bool UnitReader::readDie(const unsigned char*& at, const Abbreviation& abbreviat
     return !in.bad();
 }
 
+bool UnitReader::skipAttributes(const unsigned char*& at, const Abbreviation& abbreviation) const
+{
+    if (abbreviation.size >= 0) {
+        if (std::size_t(abbreviation.size) > std::size_t(mEnd - at))
+            return false;
+        at += abbreviation.size;
+        return true;
+    }
+    const Unit unit{mVersion, mAddressSize, mOffsetSize};
+    DwarfReader in(at, mEnd);
+    for (std::uint32_t i = 0; i < abbreviation.count; ++i) {
+        const Attribute& attribute = mAttributes[abbreviation.first + i];
+        std::uint64_t value = 0;
+        if (attribute.size >= 0)
+            in.skip(std::uint64_t(attribute.size));
+        else if (!readForm(in, attribute.form, unit, &value))
+            return false;
+    }
+    at = in.at();
+    return !in.bad();
+}
+
 bool UnitReader::skipChildren(const unsigned char*& at, const Values& values, int depth) const
 {
     if (values.hasSibling) {
@@ -556,6 +579,14 @@ bool UnitReader::walk(const unsigned char*& at, int depth, bool collect, std::ve
             continue;
         }
         const unsigned char* next = in.at();
+        // Nothing is wanted of it but where it ends.
+        if (!function && !descend && (!abbreviation.children || !abbreviation.sibling)) {
+            if (!skipAttributes(next, abbreviation)
+                || (abbreviation.children && !walk(next, depth + 1, false, nullptr)))
+                return false;
+            in = DwarfReader(next, mEnd);
+            continue;
+        }
         Values values;
         if (!readDie(next, abbreviation, &values))
             return false;
@@ -686,10 +717,9 @@ bool UnitReader::scopes(const unsigned char*& at, int parent, int depth, std::ve
             at = mSections.info + offset;
             continue;
         }
-        if (!wanted && !abbreviation.children && abbreviation.size >= 0) {
-            if (std::size_t(abbreviation.size) > std::size_t(mEnd - at))
+        if (!wanted && (!abbreviation.children || !abbreviation.sibling)) {
+            if (!skipAttributes(at, abbreviation) || (abbreviation.children && !walk(at, depth + 1, false, nullptr)))
                 return false;
-            at += abbreviation.size;
             continue;
         }
         Values values;

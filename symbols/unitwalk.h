@@ -114,6 +114,8 @@ public:
         std::uint16_t tag = 0;
         bool known = false;
         bool children = false;
+        // It has a DW_AT_sibling.
+        bool sibling = false;
         // Each of the sibling, the low and the high address it has lies at a
         // known place, the high address is an offset from the low one, and
         // it has no other ranges.
@@ -140,6 +142,7 @@ private:
                            std::vector<Attribute>* attributes);
     bool walk(const unsigned char*& at, int depth, bool collect, std::vector<UnitFunction>* functions) const;
     bool readDie(const unsigned char*& at, const Abbreviation& abbreviation, Values* values) const;
+    bool skipAttributes(const unsigned char*& at, const Abbreviation& abbreviation) const;
     bool skipChildren(const unsigned char*& at, const Values& values, int depth) const;
     bool scopes(const unsigned char*& at, int parent, int depth, std::vector<InlinedScope>* scopes,
                 std::vector<CodeRange>* ranges) const;
