@@ -29,6 +29,10 @@ const QString& unknownName()
 // underscore (pmpi_comm_rank) stay as they are.
 QString publicMpiName(const QString& function)
 {
+    // Most names can't match: they are told apart without the expression,
+    // whose copy and match cost far more.
+    if (!function.startsWith(QLatin1String("pmpi_"), Qt::CaseInsensitive))
+        return function;
     static const QRegExp profilingName(QStringLiteral("^pmpi_([a-z])([a-z]*)_*$"), Qt::CaseInsensitive);
     QRegExp expression = profilingName;
     if (!expression.exactMatch(function))
@@ -194,6 +198,7 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
     frame.position = position;
     frame.positionKey = PSVModelItem::positionKeyOf(position);
     frame.inlineCallers = mInlineFrames.value(address);
+    frame.hasInlineCallers = !frame.inlineCallers.isEmpty();
     frame.hasLineInfo = position.hasFileAndLine();
     frame.unknownPrefix = position.function.startsWith(unknownName());
     frame.exactlyUnknown = position.function == unknownName();

@@ -9,6 +9,8 @@
 #include "zor_assert.h"
 #include "zorpsvmodelitem.h"
 
+#include <cstring>
+
 namespace {
 
 const QString& unknownName()
@@ -46,13 +48,24 @@ ZORPSVModelItem* childAt(const Position& position, ZORPSVModelItem* parent)
 }
 
 // Starts loading what making a node of frame reads beyond the frame itself:
-// the headers of its names, whose reference counts the node's copy changes.
+// the headers of its names, which the node's copy reads, and its inlined
+// callers.
 void prefetchNames(DecodedFrame* frame)
 {
     if (!frame)
         return;
     __builtin_prefetch(frame->position.function.data_ptr());
     __builtin_prefetch(frame->position.file.data_ptr());
+    if (frame->hasInlineCallers) {
+        // The list's header and its first callers.
+        // QVector holds nothing but the pointer to its block; constData()
+        // would read the block's header, the very load that is to be early.
+        const char* callers;
+        static_assert(sizeof(frame->inlineCallers) == sizeof(callers), "QVector is one pointer");
+        std::memcpy(&callers, &frame->inlineCallers, sizeof(callers));
+        __builtin_prefetch(callers);
+        __builtin_prefetch(callers + 64);
+    }
 }
 
 } // namespace
@@ -228,7 +241,7 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
             sameNameRun = false;
             manyNamesRun = false;
         }
-        if (!frame.inlineCallers.isEmpty())
+        if (frame.hasInlineCallers)
             addInlineCallers(frame.inlineCallers, current);
         current = frameNode(*position, key, current);
     }

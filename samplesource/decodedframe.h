@@ -24,7 +24,7 @@ struct KeyedPosition
 struct DecodedFrame
 {
     DecodedFrame()
-        : positionKey(0), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
+        : positionKey(0), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
           inSamplerLibrary(false), samplerWrapper(false), cuda(-1)
     {
     }
@@ -33,6 +33,8 @@ struct DecodedFrame
     quint32 positionKey;
     // Outermost first; empty for an address without inlined callers.
     QVector<KeyedPosition> inlineCallers;
+    // Whether inlineCallers has any, told without reading the list.
+    bool hasInlineCallers;
     // A file and a line above 0.
     bool hasLineInfo;
     // The function starts with, or is, the name for unknown functions.

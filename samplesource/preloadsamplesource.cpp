@@ -424,7 +424,8 @@ bool PreloadSampleSource::isAddressFromCUDALibrary(unsigned long long address, c
         return isAddressInLibraries(address, mCudaLibraries);
     static const QRegExp runtimeName(QStringLiteral("cu[A-Z][a-z].*"), Qt::CaseSensitive);
     return functionName.startsWith(QLatin1String("cuda")) || functionName.startsWith(QLatin1String("__cuda"))
-        || functionName.startsWith(QLatin1String("CU_ETID_")) || runtimeName.exactMatch(functionName);
+        || functionName.startsWith(QLatin1String("CU_ETID_"))
+        || (functionName.startsWith(QLatin1String("cu")) && runtimeName.exactMatch(functionName));
 }
 
 // ---------------------------------------------------------------------------

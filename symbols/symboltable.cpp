@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
+#include <QTemporaryFile>
 #include <cstdlib>
 #include <cxxabi.h>
 #include <dwarf.h>
@@ -12,6 +13,7 @@
 #include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
 #include <fcntl.h>
+#include <sys/auxv.h>
 #include <unistd.h>
 #include <gelf.h>
 #include <algorithm>
@@ -502,6 +504,43 @@ QList<SharedLibrary> SymbolTable::mappedFiles(int pid)
     return parseMaps(maps.readAll());
 }
 
+namespace {
+
+// The kernel's vDSO (clock_gettime, gettimeofday) is in every process but in
+// no file. This process's is the very image the target has, one kernel
+// serving both, so a copy of it on disk stands in for the target's; the
+// copy goes when this process ends. Empty where there is none or the size
+// differs (a target of another word size).
+QString vdsoImage(unsigned long long targetSize)
+{
+    static QTemporaryFile* copy = nullptr;
+    static unsigned long long size = 0;
+    static bool tried = false;
+    if (!tried) {
+        tried = true;
+        const unsigned long base = getauxval(AT_SYSINFO_EHDR);
+        QFile maps(QStringLiteral("/proc/self/maps"));
+        if (base && maps.open(QIODevice::ReadOnly)) {
+            for (const QByteArray& line : maps.readAll().split('\n')) {
+                if (!line.endsWith("[vdso]"))
+                    continue;
+                const int dash = line.indexOf('-');
+                const unsigned long long start = line.left(dash).toULongLong(nullptr, 16);
+                const unsigned long long end = line.mid(dash + 1, line.indexOf(' ') - dash - 1).toULongLong(nullptr, 16);
+                if (start == base && end > start)
+                    size = end - start;
+            }
+        }
+        static QTemporaryFile file(QDir::temp().filePath(QStringLiteral("zor-vdso-XXXXXX.so")));
+        if (size && file.open()
+            && file.write(reinterpret_cast<const char*>(base), qint64(size)) == qint64(size) && file.flush())
+            copy = &file;
+    }
+    return copy && size == targetSize ? copy->fileName() : QString();
+}
+
+} // namespace
+
 QList<SharedLibrary> SymbolTable::parseMaps(const QByteArray& maps)
 {
     QList<SharedLibrary> result;
@@ -515,6 +554,17 @@ QList<SharedLibrary> SymbolTable::parseMaps(const QByteArray& maps)
     // "start-end perms offset dev inode path"; the path may hold spaces.
     for (const QByteArray& line : maps.split('\n')) {
         const QList<QByteArray> fields = line.simplified().split(' ');
+        if (fields.size() == 6 && fields[5] == "[vdso]") {
+            const int dash = fields[0].indexOf('-');
+            const unsigned long long start = fields[0].left(dash).toULongLong(nullptr, 16);
+            const unsigned long long end = fields[0].mid(dash + 1).toULongLong(nullptr, 16);
+            const QString image = end > start ? vdsoImage(end - start) : QString();
+            if (!image.isEmpty()) {
+                order << image;
+                ranges.insert(image, {start, end, true});
+            }
+            continue;
+        }
         if (fields.size() < 6 || !fields[5].startsWith('/'))
             continue;
         const int dash = fields[0].indexOf('-');

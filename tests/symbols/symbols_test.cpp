@@ -8,6 +8,7 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <gtest/gtest.h>
+#include <sys/auxv.h>
 #include <unistd.h>
 
 #include "symboldisassembler.h"
@@ -99,6 +100,16 @@ TEST_F(Symbols, KnownFunctionHasItsNameFileLineAndBounds)
     ASSERT_TRUE(table.functionBounds(library + 1, &bounds));
     EXPECT_EQ(bounds.start, library);
     EXPECT_EQ(bounds.name, QStringLiteral("qVersion"));
+
+    // In the kernel's vDSO, which is in no file.
+    const unsigned long long vdso = getauxval(AT_SYSINFO_EHDR);
+    if (vdso) {
+        unsigned long long gettime = 0;
+        ASSERT_TRUE(table.functionAddress(QStringLiteral("__vdso_clock_gettime"), &gettime));
+        EXPECT_GT(gettime, vdso);
+        EXPECT_LT(gettime, vdso + 65536);
+        EXPECT_TRUE(table.position(gettime + 1).function.endsWith(QLatin1String("clock_gettime")));
+    }
 
     // Nothing is there outside every file.
     EXPECT_FALSE(table.position(16).hasSymbol);
