@@ -1,10 +1,12 @@
-// A bounded little-endian reader of DWARF sections.
+// A bounded little-endian reader of DWARF sections (on a little-endian host).
 #ifndef ZOR_DWARFREADER_H
 #define ZOR_DWARFREADER_H
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "fixed() copies values as they lie");
 
 // Any read past the end marks it bad and gives 0.
 class DwarfReader
@@ -24,8 +26,21 @@ public:
             return 0;
         }
         std::uint64_t value = 0;
-        for (int i = 0; i < size; ++i)
-            value |= std::uint64_t(mAt[i]) << (8 * i);
+        switch (size) {
+        case 1: value = mAt[0]; break;
+        case 2: value = std::uint64_t(mAt[0]) | std::uint64_t(mAt[1]) << 8; break;
+        case 4: {
+            std::uint32_t word;
+            std::memcpy(&word, mAt, 4);
+            value = word;
+            break;
+        }
+        case 8: std::memcpy(&value, mAt, 8); break;
+        default:
+            for (int i = 0; i < size; ++i)
+                value |= std::uint64_t(mAt[i]) << (8 * i);
+            break;
+        }
         mAt += size;
         return value;
     }

@@ -1,5 +1,6 @@
 #include "symboltable.h"
 #include "linetable.h"
+#include "dwarfreader.h"
 
 #include <QDir>
 #include <QFile>
@@ -53,11 +54,10 @@ QString functionName(Dwarf_Die* die)
     return attributeString(die, DW_AT_name);
 }
 
-QString absolutePath(const QString& file, Dwarf_Die* cu)
+QString absolutePath(const QString& file, const QString& directory)
 {
     if (file.startsWith(QLatin1Char('/')))
         return QDir::cleanPath(file);
-    const QString directory = attributeString(cu, DW_AT_comp_dir);
     return QDir::cleanPath(directory.isEmpty() ? file : directory + QLatin1Char('/') + file);
 }
 
@@ -91,6 +91,48 @@ const unsigned char* sectionData(Elf* elf, size_t names, const char* wanted, siz
     return nullptr;
 }
 
+// The address ranges of .debug_aranges by start; false for a section that
+// can't be read.
+template <class UnitRange>
+bool readUnitRanges(const unsigned char* data, size_t size, std::vector<UnitRange>* ranges)
+{
+    DwarfReader in(data, data + size);
+    while (!in.atEnd()) {
+        const unsigned char* set = in.at();
+        std::uint64_t length = in.fixed(4);
+        int offsetSize = 4;
+        if (length == 0xffffffff) {
+            length = in.fixed(8);
+            offsetSize = 8;
+        }
+        if (in.bad() || length > in.left())
+            return false;
+        const unsigned char* end = in.at() + length;
+        DwarfReader entries(in.at(), end);
+        const unsigned version = unsigned(entries.fixed(2));
+        const std::uint64_t unit = entries.fixed(offsetSize);
+        const int addressSize = int(entries.fixed(1));
+        const int segmentSize = int(entries.fixed(1));
+        if (entries.bad() || version != 2 || (addressSize != 4 && addressSize != 8) || segmentSize != 0)
+            return false;
+        // The tuples start at a multiple of their size from the set's start.
+        const std::size_t tuple = 2 * std::size_t(addressSize);
+        entries.skip((tuple - std::size_t(entries.at() - set) % tuple) % tuple);
+        for (;;) {
+            const std::uint64_t start = entries.fixed(addressSize);
+            const std::uint64_t count = entries.fixed(addressSize);
+            if (entries.bad())
+                return false;
+            if (start == 0 && count == 0)
+                break;
+            ranges->push_back({start, start + count, unit});
+        }
+        in = DwarfReader(end, data + size);
+    }
+    std::sort(ranges->begin(), ranges->end(), [](const UnitRange& a, const UnitRange& b) { return a.start < b.start; });
+    return true;
+}
+
 int collectModule(Dwfl_Module* module, void**, const char*, Dwarf_Addr, void* arg)
 {
     static_cast<std::vector<Dwfl_Module*>*>(arg)->push_back(module);
@@ -121,20 +163,22 @@ struct SymbolTable::UnitIndex
 {
     struct Function
     {
-        // Made from `offset` when first needed where the unit's walk found
-        // the function: most are never looked at again.
-        Dwarf_Die die;
+        // Of its DIE, made when an answer first needs its name: most
+        // functions are never looked at again.
         Dwarf_Off offset = 0;
-        bool hasDie = true;
         // The function-like scope around this one; -1 at the top.
         int parent = -1;
         bool inlined = false;
         bool resolved = false;
+        // Where an inlined instance was called from, where the unit's own
+        // reader found it: the line and the file's index in the line table.
+        bool callRead = false;
+        bool hasCallFile = false;
+        std::uint32_t callFileIndex = 0;
+        int callLine = 0;
         // Read on first use.
         QString name;
-        // Where an inlined instance was called from.
         QString callFile;
-        int callLine = 0;
     };
     struct Segment
     {
@@ -149,8 +193,16 @@ struct SymbolTable::UnitIndex
         bool indexed;
         bool operator<(Dwarf_Addr address) const { return high <= address; }
     };
+    // Made when first needed: most units are read without libdw.
     Dwarf_Die cu;
+    bool hasCu = false;
     Dwarf* dwarf = nullptr;
+    std::uint64_t offset = 0;
+    // The unit's own reader of its DIEs; libdw's where it can't.
+    UnitReader reader;
+    bool ownDies = false;
+    // Where relative file names of the unit start from.
+    QString compDir;
     // Decoded when the unit is first asked for; libdw's own reading where
     // this one can't.
     LineTable lines;
@@ -220,7 +272,7 @@ void indexTopLevel(Dwarf_Die* scope, Index* index, std::vector<Range>* ranges)
             const int here = int(index->functions.size());
             if (addRanges(&child, 0, here, ranges)) {
                 typename Index::Function function;
-                function.die = child;
+                function.offset = dwarf_dieoffset(&child);
                 index->functions.push_back(function);
             }
         } else if (mayHoldDefinitions(tag)) {
@@ -247,7 +299,7 @@ void indexInlined(Dwarf_Die* scope, int enclosing, int depth, Index* index, std:
             if (!addRanges(&child, depth, here, ranges))
                 continue;
             typename Index::Function function;
-            function.die = child;
+            function.offset = dwarf_dieoffset(&child);
             function.parent = enclosing;
             function.inlined = true;
             index->functions.push_back(function);
@@ -270,7 +322,7 @@ void indexNested(Dwarf_Die* scope, const std::unordered_set<Dwarf_Off>& known, I
             const int here = int(index->functions.size());
             if (addRanges(&child, 0, here, ranges)) {
                 typename Index::Function function;
-                function.die = child;
+                function.offset = dwarf_dieoffset(&child);
                 index->functions.push_back(function);
             }
         }
@@ -278,17 +330,14 @@ void indexNested(Dwarf_Die* scope, const std::unordered_set<Dwarf_Off>& known, I
     } while (dwarf_siblingof(&child, &child) == 0);
 }
 
-// The DIE of a function of the unit, made from its offset on first use.
+// The DIE of a function of the unit, made from its offset.
 template <class Index>
-Dwarf_Die* functionDie(Index& index, int function)
+Dwarf_Die functionDie(Index& index, int function)
 {
-    auto& entry = index.functions[std::size_t(function)];
-    if (!entry.hasDie) {
-        entry.hasDie = true;
-        if (!dwarf_offdie(index.dwarf, entry.offset, &entry.die))
-            entry.die = Dwarf_Die();
-    }
-    return &entry.die;
+    Dwarf_Die die;
+    if (!dwarf_offdie(index.dwarf, index.functions[std::size_t(function)].offset, &die))
+        die = Dwarf_Die();
+    return die;
 }
 
 // Nested ranges flattened into disjoint segments, each with its innermost
@@ -343,7 +392,7 @@ void addTopLevel(Index& index, std::vector<Range>& ranges)
 
 } // namespace
 
-const SymbolTable::DwarfSections& SymbolTable::sections(Dwarf* dwarf)
+SymbolTable::DwarfSections& SymbolTable::sections(Dwarf* dwarf)
 {
     auto it = mSections.find(dwarf);
     if (it != mSections.end())
@@ -358,8 +407,48 @@ const SymbolTable::DwarfSections& SymbolTable::sections(Dwarf* dwarf)
         line.strings = sectionData(elf, names, ".debug_str", &line.stringsSize);
         sections.unit.info = sectionData(elf, names, ".debug_info", &sections.unit.infoSize);
         sections.unit.abbrev = sectionData(elf, names, ".debug_abbrev", &sections.unit.abbrevSize);
+        sections.unit.rnglists = sectionData(elf, names, ".debug_rnglists", &sections.unit.rnglistsSize);
+        sections.unit.ranges = sectionData(elf, names, ".debug_ranges", &sections.unit.rangesSize);
+        sections.unit.strings = line.strings;
+        sections.unit.stringsSize = line.stringsSize;
+        sections.unit.lineStrings = line.lineStrings;
+        sections.unit.lineStringsSize = line.lineStringsSize;
     }
     return sections;
+}
+
+SymbolTable::UnitLookup SymbolTable::unitAt(DwarfSections& sections, Dwarf* dwarf, unsigned long long address,
+                                            unsigned long long* unitOffset)
+{
+    std::vector<UnitRange>& ranges = sections.unitRanges;
+    if (!sections.unitRangesRead) {
+        sections.unitRangesRead = true;
+        size_t names = 0, size = 0;
+        Elf* elf = dwarf_getelf(dwarf);
+        const unsigned char* data =
+            elf && elf_getshdrstrndx(elf, &names) == 0 ? sectionData(elf, names, ".debug_aranges", &size) : nullptr;
+        if (!data || !readUnitRanges(data, size, &ranges))
+            ranges.clear();
+    }
+    if (ranges.empty())
+        return UnitLookup::Unknown;
+    // As libdwfl reads them: the unit of the last range that starts at or
+    // below the address, the gaps between ranges counted to the range
+    // before; past the last range, none.
+    const auto after = std::upper_bound(ranges.begin(), ranges.end(), address,
+                                        [](unsigned long long a, const UnitRange& r) { return a < r.start; });
+    if (after == ranges.begin())
+        return UnitLookup::None;
+    const UnitRange& range = *(after - 1);
+    // Ranges of several units that start together come in no known order.
+    for (auto before = after - 1; before != ranges.begin() && (before - 1)->start == range.start; --before) {
+        if ((before - 1)->unit != range.unit)
+            return UnitLookup::Unknown;
+    }
+    if (after == ranges.end() && address > range.end)
+        return UnitLookup::None;
+    *unitOffset = range.unit;
+    return UnitLookup::Found;
 }
 
 QString SymbolTable::unitFile(UnitIndex& index, unsigned long long file)
@@ -369,58 +458,99 @@ QString SymbolTable::unitFile(UnitIndex& index, unsigned long long file)
             return QString();
         QString& path = index.files[file];
         if (path.isNull())
-            path = absolutePath(QString::fromStdString(index.lines.fileName(std::uint32_t(file))), &index.cu);
+            path = absolutePath(QString::fromStdString(index.lines.fileName(std::uint32_t(file))), index.compDir);
         return path;
     }
     Dwarf_Files* files = nullptr;
     size_t count = 0;
     const char* name = nullptr;
-    if (dwarf_getsrcfiles(&index.cu, &files, &count) != 0 || file >= count
+    if (dwarf_getsrcfiles(static_cast<Dwarf_Die*>(unitDie(index)), &files, &count) != 0 || file >= count
         || !(name = dwarf_filesrc(files, file, nullptr, nullptr)))
         return QString();
     QString& path = mFileNames[name];
     if (path.isNull())
-        path = absolutePath(QString::fromUtf8(name), &index.cu);
+        path = absolutePath(QString::fromUtf8(name), index.compDir);
     return path;
 }
 
-SymbolTable::UnitIndex& SymbolTable::unitIndex(void* unit, Dwarf* dwarf)
+void* SymbolTable::unitDie(UnitIndex& index)
 {
-    Dwarf_Die* cu = static_cast<Dwarf_Die*>(unit);
-    std::unique_ptr<UnitIndex>& slot = mUnits[cu->addr];
-    if (slot)
-        return *slot;
-    slot.reset(new UnitIndex);
-    slot->cu = *cu;
-    slot->dwarf = dwarf;
-    Dwarf_Attribute attribute;
-    Dwarf_Word offset = 0;
+    if (!index.hasCu) {
+        index.hasCu = true;
+        // The unit's DIE follows its header.
+        Dwarf_Off next = 0;
+        size_t header = 0;
+        if (dwarf_nextcu(index.dwarf, index.offset, &next, &header, nullptr, nullptr, nullptr) != 0
+            || !dwarf_offdie(index.dwarf, index.offset + header, &index.cu))
+            index.cu = Dwarf_Die();
+    }
+    return &index.cu;
+}
+
+SymbolTable::UnitIndex* SymbolTable::unitIndex(Dwarf* dwarf, unsigned long long unitOffset, void* unit)
+{
     const DwarfSections& own = sections(dwarf);
-    slot->ownLines = own.line.line && dwarf_attr(cu, DW_AT_stmt_list, &attribute)
-        && dwarf_formudata(&attribute, &offset) == 0 && slot->lines.decode(own.line, offset);
+    Dwarf_Die* cu = static_cast<Dwarf_Die*>(unit);
+    // By where the unit lies in memory, whoever reads it.
+    const void* key = own.unit.info ? static_cast<const void*>(own.unit.info + unitOffset) : cu ? cu->addr : nullptr;
+    if (!key)
+        return nullptr;
+    auto known = mUnits.find(key);
+    if (known != mUnits.end())
+        return known->second.get();
+    std::unique_ptr<UnitIndex> slot(new UnitIndex);
+    slot->dwarf = dwarf;
+    slot->offset = unitOffset;
+    if (cu) {
+        slot->cu = *cu;
+        slot->hasCu = true;
+    }
+    slot->ownDies = slot->reader.open(own.unit, unitOffset);
+    // Without libdw's DIE, a unit this reader can't read is left to libdw.
+    if (!slot->ownDies && !cu)
+        return nullptr;
+    const auto libdwUnit = [&] { return static_cast<Dwarf_Die*>(unitDie(*slot)); };
+    // The unit's line program and directory by its own reader, libdw's
+    // reading of its DIE where that can't.
+    bool hasStatements = false;
+    std::uint64_t statements = 0;
+    if (!slot->ownDies || !slot->reader.statements(&hasStatements, &statements)) {
+        Dwarf_Attribute attribute;
+        Dwarf_Word offset = 0;
+        hasStatements =
+            dwarf_attr(libdwUnit(), DW_AT_stmt_list, &attribute) && dwarf_formudata(&attribute, &offset) == 0;
+        statements = offset;
+    }
+    const char* directory = nullptr;
+    if (slot->ownDies && slot->reader.compDir(&directory))
+        slot->compDir = directory ? QString::fromUtf8(directory) : QString();
+    else
+        slot->compDir = attributeString(libdwUnit(), DW_AT_comp_dir);
+    slot->ownLines = own.line.line && hasStatements && slot->lines.decode(own.line, statements);
     slot->files.resize(slot->ownLines ? slot->lines.fileCount() : 0);
     std::vector<Range> ranges;
     std::vector<UnitFunction> found;
-    if (unitFunctions(own.unit, dwarf_dieoffset(cu) - dwarf_cuoffset(cu), &found)) {
+    if (slot->ownDies && slot->reader.functions(&found)) {
         slot->functions.reserve(found.size());
         for (const UnitFunction& function : found) {
             UnitIndex::Function entry;
+            entry.offset = function.offset;
             const int here = int(slot->functions.size());
             if (function.elsewhere) {
-                if (!dwarf_offdie(dwarf, function.offset, &entry.die) || !addRanges(&entry.die, 0, here, &ranges))
+                Dwarf_Die die;
+                if (!dwarf_offdie(dwarf, function.offset, &die) || !addRanges(&die, 0, here, &ranges))
                     continue;
             } else {
-                entry.offset = function.offset;
-                entry.hasDie = false;
                 ranges.push_back({function.low, function.high, 0, here});
             }
             slot->functions.push_back(entry);
         }
     } else {
-        indexTopLevel(cu, slot.get(), &ranges);
+        slot->ownDies = false;
+        indexTopLevel(libdwUnit(), slot.get(), &ranges);
     }
     addTopLevel(*slot, ranges);
-    return *slot;
+    return (mUnits[key] = std::move(slot)).get();
 }
 
 // The innermost function at `pc` of a unit, its scopes indexed first if
@@ -435,10 +565,10 @@ int SymbolTable::functionAt(UnitIndex& index, unsigned long long pc)
         std::unordered_set<Dwarf_Off> known;
         for (UnitIndex::Function& function : index.functions) {
             if (!function.inlined)
-                known.insert(function.hasDie ? dwarf_dieoffset(&function.die) : function.offset);
+                known.insert(function.offset);
         }
         std::vector<Range> ranges;
-        indexNested(&index.cu, known, &index, &ranges);
+        indexNested(static_cast<Dwarf_Die*>(unitDie(index)), known, &index, &ranges);
         if (ranges.empty())
             return -1;
         addTopLevel(index, ranges);
@@ -455,7 +585,30 @@ int SymbolTable::functionAt(UnitIndex& index, unsigned long long pc)
             if (other.function == function)
                 ranges.push_back({other.low, other.high, 0, function});
         }
-        indexInlined(functionDie(index, function), function, 1, &index, &ranges);
+        std::vector<InlinedScope> scopes;
+        std::vector<CodeRange> codeRanges;
+        if (index.ownDies && index.reader.inlined(index.functions[function].offset, &scopes, &codeRanges)) {
+            const int first = int(index.functions.size());
+            for (const InlinedScope& scope : scopes) {
+                UnitIndex::Function entry;
+                entry.offset = scope.offset;
+                entry.parent = scope.parent < 0 ? function : first + scope.parent;
+                entry.inlined = true;
+                entry.callRead = true;
+                entry.hasCallFile = scope.hasCallFile;
+                entry.callFileIndex = scope.callFile;
+                entry.callLine = int(scope.callLine);
+                const int here = int(index.functions.size());
+                for (std::uint32_t r = 0; r < scope.rangeCount; ++r) {
+                    const CodeRange& range = codeRanges[scope.firstRange + r];
+                    ranges.push_back({range.low, range.high, scope.depth, here});
+                }
+                index.functions.push_back(entry);
+            }
+        } else {
+            Dwarf_Die die = functionDie(index, function);
+            indexInlined(&die, function, 1, &index, &ranges);
+        }
         // Apart from the segments of other functions, but its ranges may lie
         // on both sides of theirs.
         const size_t before = index.segments.size();
@@ -479,10 +632,24 @@ void SymbolTable::resolve(UnitIndex& index, int function)
     for (int f = function; f >= 0 && !index.functions[f].resolved; f = index.functions[f].parent) {
         UnitIndex::Function& entry = index.functions[f];
         entry.resolved = true;
-        entry.name = functionName(functionDie(index, f));
-        Dwarf_Word file = 0;
-        if (entry.inlined && callSite(&entry.die, &entry.callLine, &file))
-            entry.callFile = unitFile(index, file);
+        const char* linkage = nullptr;
+        const char* plain = nullptr;
+        Dwarf_Die die = Dwarf_Die();
+        if (index.ownDies && index.reader.name(entry.offset, &linkage, &plain)) {
+            entry.name = linkage ? demangledName(QString::fromUtf8(linkage)) : QString::fromUtf8(plain);
+        } else {
+            die = functionDie(index, f);
+            entry.name = functionName(&die);
+        }
+        if (entry.inlined && !entry.callRead) {
+            if (!die.addr)
+                die = functionDie(index, f);
+            Dwarf_Word file = 0;
+            entry.hasCallFile = callSite(&die, &entry.callLine, &file);
+            entry.callFileIndex = std::uint32_t(file);
+        }
+        if (entry.inlined && entry.hasCallFile)
+            entry.callFile = unitFile(index, entry.callFileIndex);
     }
 }
 
@@ -655,8 +822,22 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     }
 
     Dwarf_Addr bias = 0;
-    if (Dwarf_Die* cu = dwfl_module_addrdie(module, address, &bias)) {
-        UnitIndex& index = unitIndex(cu, dwfl_module_getdwarf(module, &bias));
+    UnitIndex* found = nullptr;
+    unsigned long long unitOffset = 0;
+    // The unit by .debug_aranges here, by libdw where that can't tell (no
+    // such section, overlapping ranges, a unit this reader can't read).
+    UnitLookup lookup = UnitLookup::Unknown;
+    if (Dwarf* dwarf = dwfl_module_getdwarf(module, &bias)) {
+        lookup = unitAt(sections(dwarf), dwarf, address - bias, &unitOffset);
+        if (lookup == UnitLookup::Found && !(found = unitIndex(dwarf, unitOffset, nullptr)))
+            lookup = UnitLookup::Unknown;
+    }
+    if (lookup == UnitLookup::Unknown) {
+        if (Dwarf_Die* cu = dwfl_module_addrdie(module, address, &bias))
+            found = unitIndex(dwfl_module_getdwarf(module, &bias), dwarf_dieoffset(cu) - dwarf_cuoffset(cu), cu);
+    }
+    if (found) {
+        UnitIndex& index = *found;
         if (index.ownLines) {
             LineTable::Row row;
             if (index.lines.find(address - bias, &row)) {
@@ -670,7 +851,7 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
                 // made absolute once.
                 QString& path = mFileNames[file];
                 if (path.isNull())
-                    path = absolutePath(QString::fromUtf8(file), cu);
+                    path = absolutePath(QString::fromUtf8(file), index.compDir);
                 result.file = path;
                 result.line = lineNumber;
             }
@@ -694,8 +875,9 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
     }
 
     if (!result.hasSymbol) {
-        if (const CodeSymbol* symbol = symbolAt(module, address)) {
-            result.function = demangledName(QString::fromLatin1(symbol->name));
+        CodeSymbol symbol;
+        if (symbolAt(module, address, &symbol)) {
+            result.function = demangledName(QString::fromLatin1(symbol.name));
             result.hasSymbol = true;
         }
     }
@@ -814,74 +996,118 @@ bool SymbolTable::pltName(Dwfl_Module* module, unsigned long long address, QStri
     return true;
 }
 
-// The code symbols of a module by address, built on first use: libdwfl's
-// own lookup walks every symbol of the module for each address, a third of
-// a millisecond in a library of some thousand functions.
-const SymbolTable::CodeSymbol* SymbolTable::symbolAt(Dwfl_Module* module, unsigned long long address)
+// Each code symbol of a module, by libdwfl, whose own lookup walks every
+// symbol of the module for each address (a third of a millisecond in a
+// library of some thousand functions).
+template <class Add>
+void SymbolTable::forEachCodeSymbol(Dwfl_Module* module, Add add)
 {
-    auto found = mCodeSymbols.find(module);
-    if (found == mCodeSymbols.end()) {
-        std::vector<CodeSymbol>& symbols = mCodeSymbols[module];
-        const int count = dwfl_module_getsymtab(module);
-        symbols.reserve(size_t(std::max(count, 0)));
-        // Whether each section of the file holds code, looked up once.
-        Elf* sectionsOf = nullptr;
-        std::vector<signed char> code;
-        for (int i = 1; i < count; ++i) {
-            GElf_Sym symbol;
-            GElf_Addr value = 0;
-            GElf_Word section = 0;
-            Elf* elf = nullptr;
-            const char* name = dwfl_module_getsym_info(module, i, &symbol, &value, &section, &elf, nullptr);
-            const int type = GELF_ST_TYPE(symbol.st_info);
-            if (!name || !*name || !elf || section == SHN_UNDEF || section >= SHN_LORESERVE || value == 0
-                || (type != STT_FUNC && type != STT_GNU_IFUNC && type != STT_NOTYPE))
-                continue;
-            if (elf != sectionsOf) {
-                sectionsOf = elf;
-                code.clear();
-            }
-            if (section >= code.size())
-                code.resize(section + 1, -1);
-            if (code[section] < 0) {
-                GElf_Shdr header;
-                Elf_Scn* scn = elf_getscn(elf, section);
-                code[section] = scn && gelf_getshdr(scn, &header) && (header.sh_flags & SHF_EXECINSTR) ? 1 : 0;
-            }
-            if (!code[section])
-                continue;
-            const int binding = GELF_ST_BIND(symbol.st_info);
-            // Of several names for one address, a global one with a size.
-            const int rank = (binding == STB_GLOBAL ? 4 : binding == STB_WEAK ? 2 : 0) + (symbol.st_size > 0)
-                + (type == STT_FUNC ? 8 : 0);
-            symbols.push_back({value, symbol.st_size, name, rank, type == STT_FUNC});
+    const int count = dwfl_module_getsymtab(module);
+    // Whether each section of the file holds code, looked up once.
+    Elf* sectionsOf = nullptr;
+    std::vector<signed char> code;
+    for (int i = 1; i < count; ++i) {
+        GElf_Sym symbol;
+        GElf_Addr value = 0;
+        GElf_Word section = 0;
+        Elf* elf = nullptr;
+        const char* name = dwfl_module_getsym_info(module, i, &symbol, &value, &section, &elf, nullptr);
+        const int type = GELF_ST_TYPE(symbol.st_info);
+        if (!name || !*name || !elf || section == SHN_UNDEF || section >= SHN_LORESERVE || value == 0
+            || (type != STT_FUNC && type != STT_GNU_IFUNC && type != STT_NOTYPE))
+            continue;
+        if (elf != sectionsOf) {
+            sectionsOf = elf;
+            code.clear();
         }
-        std::sort(symbols.begin(), symbols.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
-            return a.start != b.start ? a.start < b.start : a.rank > b.rank;
+        if (section >= code.size())
+            code.resize(section + 1, -1);
+        if (code[section] < 0) {
+            GElf_Shdr header;
+            Elf_Scn* scn = elf_getscn(elf, section);
+            code[section] = scn && gelf_getshdr(scn, &header) && (header.sh_flags & SHF_EXECINSTR) ? 1 : 0;
+        }
+        if (!code[section])
+            continue;
+        const int binding = GELF_ST_BIND(symbol.st_info);
+        // Of several names for one address, a global one with a size.
+        const int rank = (binding == STB_GLOBAL ? 4 : binding == STB_WEAK ? 2 : 0) + (symbol.st_size > 0)
+            + (type == STT_FUNC ? 8 : 0);
+        add(CodeSymbol{value, symbol.st_size, name, rank, i, type == STT_FUNC});
+    }
+}
+
+bool SymbolTable::symbolAt(Dwfl_Module* module, unsigned long long address, CodeSymbol* found)
+{
+    // The symbol of an address is found among the last few symbols that
+    // start at or below it: one without a size reaches to the next; a small
+    // one that starts inside a larger one (a local label) may not hold the
+    // address where the larger does.
+    constexpr int searched = 16;
+    CodeSymbols& symbols = mCodeSymbols[module];
+    if (!symbols.built && ++symbols.asked > 1) {
+        symbols.built = true;
+        std::vector<CodeSymbol>& sorted = symbols.sorted;
+        sorted.reserve(size_t(std::max(dwfl_module_getsymtab(module), 0)));
+        forEachCodeSymbol(module, [&](const CodeSymbol& symbol) { sorted.push_back(symbol); });
+        std::sort(sorted.begin(), sorted.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
+            return a.start != b.start ? a.start < b.start : a.before(b);
         });
-        symbols.erase(std::unique(symbols.begin(), symbols.end(),
-                                  [](const CodeSymbol& a, const CodeSymbol& b) { return a.start == b.start; }),
-                      symbols.end());
-        found = mCodeSymbols.find(module);
+        sorted.erase(std::unique(sorted.begin(), sorted.end(),
+                                 [](const CodeSymbol& a, const CodeSymbol& b) { return a.start == b.start; }),
+                     sorted.end());
     }
-    const std::vector<CodeSymbol>& symbols = found->second;
-    auto after = std::upper_bound(symbols.begin(), symbols.end(), address,
-                                  [](unsigned long long a, const CodeSymbol& s) { return a < s.start; });
-    if (after == symbols.begin())
-        return nullptr;
-    // One without a size reaches to the next; a small one that starts
-    // inside a larger one (a local label) may not hold the address where
-    // the larger does.
-    const auto last = after - 1;
-    if (last->size == 0)
-        return after == symbols.end() || address < after->start ? &*last : nullptr;
-    for (auto it = last; it >= symbols.begin() && last - it < 16; --it) {
-        if (address < it->start + it->size)
-            return &*it;
-        if (it == symbols.begin())
-            break;
+    const CodeSymbol* first = nullptr;
+    const CodeSymbol* last = nullptr;
+    CodeSymbol nearest[searched];
+    if (symbols.built) {
+        const auto after = std::upper_bound(symbols.sorted.begin(), symbols.sorted.end(), address,
+                                            [](unsigned long long a, const CodeSymbol& s) { return a < s.start; });
+        if (after == symbols.sorted.begin())
+            return false;
+        last = &*(after - 1);
+        first = &*(after - std::min<std::ptrdiff_t>(searched, after - symbols.sorted.begin()));
+    } else {
+        // The same from one walk: the best symbol of each of the last few
+        // starts at or below the address, in address order.
+        int count = 0;
+        forEachCodeSymbol(module, [&](const CodeSymbol& symbol) {
+            if (symbol.start > address || (count == searched && symbol.start < nearest[0].start))
+                return;
+            int at = count;
+            while (at > 0 && nearest[at - 1].start > symbol.start)
+                --at;
+            if (at > 0 && nearest[at - 1].start == symbol.start) {
+                if (symbol.before(nearest[at - 1]))
+                    nearest[at - 1] = symbol;
+                return;
+            }
+            if (count == searched) {
+                // The lowest start drops out.
+                std::move(nearest + 1, nearest + at, nearest);
+                --at;
+            } else {
+                std::move_backward(nearest + at, nearest + count, nearest + count + 1);
+                ++count;
+            }
+            nearest[at] = symbol;
+        });
+        if (count == 0)
+            return false;
+        first = nearest;
+        last = nearest + count - 1;
     }
-    return nullptr;
+    if (last->size == 0) {
+        *found = *last;
+        return true;
+    }
+    for (const CodeSymbol* it = last; it >= first; --it) {
+        if (address < it->start + it->size) {
+            *found = *it;
+            return true;
+        }
+    }
+    return false;
 }
 
 bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bounds)
@@ -889,12 +1115,12 @@ bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bou
     Dwfl_Module* module = dwfl_addrmodule(mDwfl, address);
     if (!module)
         return false;
-    const CodeSymbol* symbol = symbolAt(module, address);
-    if (!symbol || symbol->size == 0 || !symbol->function)
+    CodeSymbol symbol;
+    if (!symbolAt(module, address, &symbol) || symbol.size == 0 || !symbol.function)
         return false;
-    bounds->start = symbol->start;
-    bounds->end = symbol->start + symbol->size;
-    bounds->name = demangledName(QString::fromLatin1(symbol->name));
+    bounds->start = symbol.start;
+    bounds->end = symbol.start + symbol.size;
+    bounds->name = demangledName(QString::fromLatin1(symbol.name));
     return true;
 }
 

@@ -75,25 +75,61 @@ public:
 
 private:
     struct UnitIndex;
-    // `cu` is the unit's Dwarf_Die.
-    UnitIndex& unitIndex(void* cu, Dwarf* dwarf);
+    // The unit at `unitOffset` of .debug_info; `cu`, its Dwarf_Die where
+    // libdw found it, else null. Null where the unit can't be read here and
+    // libdw didn't find it.
+    UnitIndex* unitIndex(Dwarf* dwarf, unsigned long long unitOffset, void* cu);
+    // The unit's DIE by libdw, made on first use.
+    void* unitDie(UnitIndex& index);
     // The sections of `dwarf` read here rather than through libdw; null
     // where one is missing or compressed.
+    struct UnitRange
+    {
+        unsigned long long start, end, unit;
+    };
     struct DwarfSections
     {
         LineTable::Sections line;
         UnitSections unit;
+        // The units' address ranges from .debug_aranges, by start; read
+        // on first use, empty where it's missing or can't be read.
+        std::vector<UnitRange> unitRanges;
+        bool unitRangesRead = false;
     };
-    const DwarfSections& sections(Dwarf* dwarf);
+    DwarfSections& sections(Dwarf* dwarf);
+    // The offset of the unit whose code holds `address` (a file address)
+    // by .debug_aranges, or none; unknown without the section or where
+    // ranges of several units start together.
+    enum class UnitLookup { Found, None, Unknown };
+    UnitLookup unitAt(DwarfSections& sections, Dwarf* dwarf, unsigned long long address,
+                      unsigned long long* unitOffset);
     struct CodeSymbol
     {
         unsigned long long start;
         unsigned long long size;
         const char* name;
         int rank;
+        // Its index in the module's table: of equal rank, the first wins.
+        int order;
         bool function;
+        // Of several names for one address, the one kept.
+        bool before(const CodeSymbol& other) const
+        {
+            return rank != other.rank ? rank > other.rank : order < other.order;
+        }
     };
-    const CodeSymbol* symbolAt(Dwfl_Module* module, unsigned long long address);
+    // The code symbols of a module, sorted by address once it has been
+    // asked more than once: a single address (a program's entry) costs one
+    // walk of the symbols rather than a sort of all of them.
+    struct CodeSymbols
+    {
+        std::vector<CodeSymbol> sorted;
+        bool built = false;
+        int asked = 0;
+    };
+    template <class Add>
+    static void forEachCodeSymbol(Dwfl_Module* module, Add add);
+    bool symbolAt(Dwfl_Module* module, unsigned long long address, CodeSymbol* symbol);
     // The PLT sections of a module and the GOT slots their entries jump
     // through, read on first use.
     struct Plt;
@@ -113,7 +149,7 @@ private:
     // fall into them: a lookup is then a binary search, not a walk.
     std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;
     std::unordered_map<const Dwarf*, DwarfSections> mSections;
-    std::unordered_map<const Dwfl_Module*, std::vector<CodeSymbol>> mCodeSymbols;
+    std::unordered_map<const Dwfl_Module*, CodeSymbols> mCodeSymbols;
     std::unordered_map<const Dwfl_Module*, std::unique_ptr<Plt>> mPlts;
     // Each file name of a unit made absolute once, where libdw reads its lines.
     std::unordered_map<const char*, QString> mFileNames;

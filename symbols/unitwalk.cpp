@@ -2,40 +2,13 @@
 #include "dwarfreader.h"
 
 #include <algorithm>
+#include <cstring>
 #include <dwarf.h>
 
 namespace {
 
-struct Attribute
-{
-    std::uint32_t name;
-    std::uint32_t form;
-    // The size of its form; -1 for one of variable size.
-    int size;
-};
-
-struct Abbreviation
-{
-    std::uint32_t tag = 0;
-    bool known = false;
-    bool children = false;
-    bool sibling = false;
-    // The size of all its attributes where every form has a fixed size;
-    // -1 otherwise.
-    int size = 0;
-    std::uint32_t first = 0, count = 0;
-    // Where the sibling reference, the low and the high address lie from
-    // the first attribute, where only forms of fixed size come before them;
-    // -1 where it has none or they lie behind one of variable size.
-    int siblingAt = -1, lowAt = -1, highAt = -1;
-    int siblingSize = 0, highSize = 0;
-    // How far those reach past the first attribute.
-    int reach = 0;
-    // Each of those it has lies at a known place, the high address is an
-    // offset from the low one, and it has no other ranges.
-    bool direct = true;
-    bool highIsOffset = false;
-};
+using Attribute = UnitReader::Attribute;
+using Abbreviation = UnitReader::Abbreviation;
 
 std::uint64_t valueAt(const unsigned char* at, int size)
 {
@@ -45,15 +18,11 @@ std::uint64_t valueAt(const unsigned char* at, int size)
     return value;
 }
 
+// What a form's size depends on.
 struct Unit
 {
-    const unsigned char* section;
-    const unsigned char* begin;
-    const unsigned char* end;
     unsigned version;
     int addressSize, offsetSize;
-    std::vector<Abbreviation> abbreviations;
-    std::vector<Attribute> attributes;
 };
 
 // The size of a form of fixed size; -1 for one of variable size, -2 for one
@@ -151,11 +120,72 @@ bool readForm(DwarfReader& in, std::uint64_t form, const Unit& unit, std::uint64
     }
 }
 
-bool readAbbreviations(const UnitSections& sections, std::uint64_t offset, Unit* unit)
+bool holdsDefinitions(std::uint32_t tag)
 {
-    if (offset >= sections.abbrevSize)
+    return tag == DW_TAG_namespace || tag == DW_TAG_module;
+}
+
+// Scopes inside a function that may hold inlined code. A function defined
+// inside another (a lambda's body, a nested function) is code of its own,
+// found as the unit's functions are.
+bool holdsInlined(std::uint32_t tag)
+{
+    return tag == DW_TAG_lexical_block || tag == DW_TAG_try_block || tag == DW_TAG_catch_block;
+}
+
+bool isIndexedAddress(std::uint64_t form)
+{
+    return form == DW_FORM_addrx || form == DW_FORM_addrx1 || form == DW_FORM_addrx2 || form == DW_FORM_addrx3
+        || form == DW_FORM_addrx4 || form == DW_FORM_GNU_addr_index;
+}
+
+// Deeper than any real program nests: a loop in a broken file.
+constexpr int maximumDepth = 200;
+
+} // namespace
+
+// What a DIE says of where its code lies and where it was called from.
+struct UnitReader::Values
+{
+    std::uint64_t low = 0, high = 0, sibling = 0, ranges = 0, callFile = 0, callLine = 0;
+    bool hasLow = false, hasHigh = false, highIsOffset = false, hasSibling = false, hasRanges = false;
+    bool hasCallFile = false;
+    // Some of it lies where this reader doesn't look (an indexed address,
+    // an indexed range list).
+    bool elsewhere = false;
+    // Where the values of strings and references lie, with their forms;
+    // null where the DIE has none.
+    struct Place
+    {
+        const unsigned char* at = nullptr;
+        std::uint16_t form = 0;
+    };
+    Place name, linkage, mipsLinkage, origin, specification, compDir, statements;
+};
+
+bool UnitReader::readAbbreviations(std::uint64_t offset)
+{
+    // Read into tables kept from unit to unit, then copied at their size:
+    // grown afresh for each unit they cost more in reallocation and
+    // faulted-in memory than reading them.
+    static thread_local std::vector<Abbreviation> abbreviations;
+    static thread_local std::vector<Attribute> attributes;
+    abbreviations.clear();
+    attributes.clear();
+    mImplicit.clear();
+    const bool read = readAbbreviations(offset, &abbreviations, &attributes);
+    mAbbreviations.assign(abbreviations.begin(), abbreviations.end());
+    mAttributes.assign(attributes.begin(), attributes.end());
+    return read;
+}
+
+bool UnitReader::readAbbreviations(std::uint64_t offset, std::vector<Abbreviation>* abbreviations,
+                                   std::vector<Attribute>* attributes)
+{
+    if (offset >= mSections.abbrevSize)
         return false;
-    DwarfReader in(sections.abbrev + offset, sections.abbrev + sections.abbrevSize);
+    const Unit unit{mVersion, mAddressSize, mOffsetSize};
+    DwarfReader in(mSections.abbrev + offset, mSections.abbrev + mSections.abbrevSize);
     for (;;) {
         const std::uint64_t code = in.uleb();
         if (in.bad())
@@ -166,13 +196,16 @@ bool readAbbreviations(const UnitSections& sections, std::uint64_t offset, Unit*
         // table.
         if (code > 100000)
             return false;
-        if (code >= unit->abbreviations.size())
-            unit->abbreviations.resize(code + 1);
-        Abbreviation& abbreviation = unit->abbreviations[code];
+        if (code >= abbreviations->size())
+            abbreviations->resize(code + 1);
+        Abbreviation& abbreviation = (*abbreviations)[code];
         abbreviation.known = true;
-        abbreviation.tag = std::uint32_t(in.uleb());
+        const std::uint64_t tag = in.uleb();
+        if (tag > 0xffff)
+            return false;
+        abbreviation.tag = std::uint16_t(tag);
         abbreviation.children = in.fixed(1) != 0;
-        abbreviation.first = std::uint32_t(unit->attributes.size());
+        abbreviation.first = std::uint32_t(attributes->size());
         bool low = false, high = false, ranges = false;
         for (;;) {
             const std::uint64_t name = in.uleb();
@@ -181,9 +214,11 @@ bool readAbbreviations(const UnitSections& sections, std::uint64_t offset, Unit*
                 return false;
             if (name == 0 && form == 0)
                 break;
+            if (name > 0xffff || form > 0xffff)
+                return false;
             if (form == DW_FORM_implicit_const)
-                in.sleb(); // the value lives here, not in the DIE
-            const int size = formSize(form, *unit);
+                mImplicit.emplace_back(std::uint32_t(attributes->size()), in.sleb());
+            const int size = formSize(form, unit);
             if (size == -2)
                 return false;
             const int at = abbreviation.size;
@@ -192,7 +227,7 @@ bool readAbbreviations(const UnitSections& sections, std::uint64_t offset, Unit*
             case DW_AT_sibling:
                 abbreviation.sibling = true;
                 abbreviation.siblingAt = form == DW_FORM_ref_addr || size <= 0 || size > 8 ? -1 : at;
-                abbreviation.siblingSize = size;
+                abbreviation.siblingSize = std::uint8_t(std::max(size, 0));
                 abbreviation.reach = std::max(abbreviation.reach, at + size);
                 abbreviation.direct = abbreviation.direct && abbreviation.siblingAt >= 0;
                 break;
@@ -205,7 +240,7 @@ bool readAbbreviations(const UnitSections& sections, std::uint64_t offset, Unit*
             case DW_AT_high_pc:
                 high = true;
                 abbreviation.highAt = size > 0 && size <= 8 ? at : -1;
-                abbreviation.highSize = size;
+                abbreviation.highSize = std::uint8_t(std::max(size, 0));
                 abbreviation.highIsOffset = form != DW_FORM_addr;
                 abbreviation.reach = std::max(abbreviation.reach, at + size);
                 abbreviation.direct = abbreviation.direct && abbreviation.highAt >= 0
@@ -215,40 +250,304 @@ bool readAbbreviations(const UnitSections& sections, std::uint64_t offset, Unit*
             case DW_AT_ranges: ranges = true; break;
             default: break;
             }
-            unit->attributes.push_back({std::uint32_t(name), std::uint32_t(form), size});
+            attributes->push_back({std::uint16_t(name), std::uint16_t(form), size});
         }
-        abbreviation.count = std::uint32_t(unit->attributes.size()) - abbreviation.first;
+        abbreviation.count = std::uint32_t(attributes->size()) - abbreviation.first;
         abbreviation.direct = abbreviation.direct && !ranges && low == high;
     }
 }
 
-bool holdsDefinitions(std::uint32_t tag)
+bool UnitReader::string(const unsigned char* at, unsigned form, const char** text) const
 {
-    return tag == DW_TAG_namespace || tag == DW_TAG_module;
+    const unsigned char* section = nullptr;
+    std::size_t size = 0;
+    std::uint64_t offset = 0;
+    switch (form) {
+    case DW_FORM_string:
+        section = mSections.info;
+        size = mSections.infoSize;
+        offset = std::uint64_t(at - section);
+        break;
+    case DW_FORM_strp:
+        section = mSections.strings;
+        size = mSections.stringsSize;
+        offset = valueAt(at, mOffsetSize);
+        break;
+    case DW_FORM_line_strp:
+        section = mSections.lineStrings;
+        size = mSections.lineStringsSize;
+        offset = valueAt(at, mOffsetSize);
+        break;
+    default:
+        // Indexed strings and those of a supplementary file are libdw's.
+        return false;
+    }
+    if (!section || offset >= size || !std::memchr(section + offset, 0, size - offset))
+        return false;
+    *text = reinterpret_cast<const char*>(section + offset);
+    return true;
 }
 
-// The DIEs from `in` to the end of their siblings; with `collect`, the
-// functions among them and inside their namespaces.
-bool walk(DwarfReader& in, const Unit& unit, int depth, bool collect, std::vector<UnitFunction>* functions)
+bool UnitReader::reference(const unsigned char* at, unsigned form, std::uint64_t* offset) const
 {
-    // Deeper than any real program nests: a loop in a broken file.
-    if (depth > 200)
+    std::uint64_t value = 0;
+    switch (form) {
+    case DW_FORM_ref1: value = valueAt(at, 1); break;
+    case DW_FORM_ref2: value = valueAt(at, 2); break;
+    case DW_FORM_ref4: value = valueAt(at, 4); break;
+    case DW_FORM_ref8: value = valueAt(at, 8); break;
+    case DW_FORM_ref_udata: {
+        DwarfReader in(at, mEnd);
+        value = in.uleb();
+        if (in.bad())
+            return false;
+        break;
+    }
+    case DW_FORM_ref_addr: {
+        // Only where it lies in this unit, whose abbreviations are known.
+        const std::uint64_t target = valueAt(at, mVersion <= 2 ? mAddressSize : mOffsetSize);
+        if (target < std::uint64_t(mBegin - mSections.info))
+            return false;
+        value = target - std::uint64_t(mBegin - mSections.info);
+        break;
+    }
+    default: return false;
+    }
+    if (value >= std::uint64_t(mEnd - mBegin))
         return false;
+    *offset = std::uint64_t(mBegin - mSections.info) + value;
+    return true;
+}
+
+bool UnitReader::name(std::uint64_t offset, const char** linkage, const char** plain) const
+{
+    // As libdw integrates them: the first of each along the chain of
+    // abstract origins and specifications, the origin first.
+    const Values::Place* found[3] = {nullptr, nullptr, nullptr};
+    Values chain[17];
+    for (int hop = 0; hop < 17; ++hop) {
+        if (offset >= std::uint64_t(mEnd - mSections.info) || mSections.info + offset < mChildren)
+            return false;
+        const unsigned char* at = mSections.info + offset;
+        DwarfReader in(at, mEnd);
+        const std::uint64_t code = in.uleb();
+        at = in.at();
+        if (in.bad() || code == 0 || code >= mAbbreviations.size() || !mAbbreviations[code].known)
+            return false;
+        Values& values = chain[hop];
+        if (!readDie(at, mAbbreviations[code], &values))
+            return false;
+        const Values::Place* places[3] = {&values.linkage, &values.mipsLinkage, &values.name};
+        for (int i = 0; i < 3; ++i) {
+            if (!found[i] && places[i]->at)
+                found[i] = places[i];
+        }
+        const Values::Place& next = values.origin.at ? values.origin : values.specification;
+        if (!next.at)
+            break;
+        if (!reference(next.at, next.form, &offset))
+            return false;
+    }
+    // A linkage name, else the plain one; an empty one counts as none.
+    const char* text[3] = {nullptr, nullptr, nullptr};
+    for (int i = 0; i < 3; ++i) {
+        if (found[i] && !string(found[i]->at, found[i]->form, &text[i]))
+            return false;
+    }
+    *linkage = text[0] && *text[0] ? text[0] : text[1] && *text[1] ? text[1] : nullptr;
+    *plain = text[2];
+    return true;
+}
+
+bool UnitReader::open(const UnitSections& sections, std::uint64_t unitOffset)
+{
+    mSections = sections;
+    mCompDir = nullptr;
+    mCompDirKnown = mHasStatements = mStatementsKnown = false;
+    mAbbreviations.clear();
+    mAttributes.clear();
+    mImplicit.clear();
+    mChildren = nullptr;
+    if (!sections.info || !sections.abbrev || unitOffset >= sections.infoSize)
+        return false;
+    mBegin = sections.info + unitOffset;
+    DwarfReader header(mBegin, sections.info + sections.infoSize);
+    std::uint64_t length = header.fixed(4);
+    mOffsetSize = 4;
+    if (length == 0xffffffff) {
+        length = header.fixed(8);
+        mOffsetSize = 8;
+    }
+    if (header.bad() || length > header.left())
+        return false;
+    mEnd = header.at() + length;
+    mVersion = unsigned(header.fixed(2));
+    std::uint64_t abbreviations = 0;
+    if (mVersion >= 5) {
+        const unsigned type = unsigned(header.fixed(1));
+        // Skeletons and split units keep their DIEs elsewhere.
+        if (type != DW_UT_compile && type != DW_UT_partial)
+            return false;
+        mAddressSize = int(header.fixed(1));
+        abbreviations = header.fixed(mOffsetSize);
+    } else {
+        abbreviations = header.fixed(mOffsetSize);
+        mAddressSize = int(header.fixed(1));
+    }
+    if (header.bad() || mVersion < 2 || mVersion > 5 || (mAddressSize != 4 && mAddressSize != 8)
+        || !readAbbreviations(abbreviations))
+        return false;
+    // The unit's own DIE: its base address, then where its children start.
+    const unsigned char* at = header.at();
+    DwarfReader in(at, mEnd);
+    const std::uint64_t code = in.uleb();
+    if (in.bad() || code == 0 || code >= mAbbreviations.size() || !mAbbreviations[code].known)
+        return false;
+    at = in.at();
+    Values root;
+    if (!readDie(at, mAbbreviations[code], &root))
+        return false;
+    // Without a low address the base is 0.
+    mBase = root.low;
+    mBaseKnown = !root.hasLow || !root.elsewhere;
+    mCompDirKnown = !root.compDir.at || string(root.compDir.at, root.compDir.form, &mCompDir);
+    mStatementsKnown = true;
+    mHasStatements = root.statements.at != nullptr;
+    if (mHasStatements) {
+        const unsigned form = root.statements.form;
+        if (form == DW_FORM_sec_offset || form == DW_FORM_data4 || form == DW_FORM_data8)
+            mStatements = valueAt(root.statements.at, form == DW_FORM_data8 ? 8 : form == DW_FORM_data4 ? 4 : mOffsetSize);
+        else
+            mStatementsKnown = false;
+    }
+    mChildren = at;
+    mHasChildren = mAbbreviations[code].children;
+    return true;
+}
+
+bool UnitReader::readDie(const unsigned char*& at, const Abbreviation& abbreviation, Values* values) const
+{
+    const Unit unit{mVersion, mAddressSize, mOffsetSize};
+    DwarfReader in(at, mEnd);
+    for (std::uint32_t i = 0; i < abbreviation.count; ++i) {
+        const Attribute& attribute = mAttributes[abbreviation.first + i];
+        const Values::Place place{in.at(), attribute.form};
+        std::uint64_t value = 0;
+        if (attribute.form == DW_FORM_implicit_const) {
+            // Only a call site's file and line are wanted of these.
+            if (attribute.name == DW_AT_call_file || attribute.name == DW_AT_call_line) {
+                for (const auto& implicit : mImplicit) {
+                    if (implicit.first == abbreviation.first + i)
+                        value = std::uint64_t(implicit.second);
+                }
+            }
+        } else if (attribute.size >= 0 && attribute.size <= 8) {
+            value = in.fixed(attribute.size);
+        } else if (!readForm(in, attribute.form, unit, &value)) {
+            return false;
+        }
+        switch (attribute.name) {
+        case DW_AT_sibling:
+            // A reference within the unit, or (ref_addr) in the section.
+            values->sibling = attribute.form == DW_FORM_ref_addr ? value : std::uint64_t(mBegin - mSections.info) + value;
+            values->hasSibling = true;
+            break;
+        case DW_AT_low_pc:
+            values->hasLow = true;
+            values->low = value;
+            values->elsewhere = values->elsewhere || attribute.form != DW_FORM_addr;
+            break;
+        case DW_AT_high_pc:
+            values->hasHigh = true;
+            values->high = value;
+            values->highIsOffset = attribute.form != DW_FORM_addr;
+            // An indexed address is libdw's to read.
+            values->elsewhere = values->elsewhere || isIndexedAddress(attribute.form);
+            break;
+        case DW_AT_ranges:
+            values->hasRanges = true;
+            values->ranges = value;
+            // An index into the unit's list of range lists isn't read here.
+            values->elsewhere = values->elsewhere
+                || !(attribute.form == DW_FORM_sec_offset || attribute.form == DW_FORM_data4
+                     || attribute.form == DW_FORM_data8);
+            break;
+        case DW_AT_call_file:
+            values->hasCallFile = true;
+            values->callFile = value;
+            break;
+        case DW_AT_call_line: values->callLine = value; break;
+        case DW_AT_name: values->name = place; break;
+        case DW_AT_linkage_name: values->linkage = place; break;
+        case DW_AT_MIPS_linkage_name: values->mipsLinkage = place; break;
+        case DW_AT_abstract_origin: values->origin = place; break;
+        case DW_AT_specification: values->specification = place; break;
+        case DW_AT_comp_dir: values->compDir = place; break;
+        case DW_AT_stmt_list: values->statements = place; break;
+        default: break;
+        }
+    }
+    at = in.at();
+    return !in.bad();
+}
+
+bool UnitReader::skipAttributes(const unsigned char*& at, const Abbreviation& abbreviation) const
+{
+    if (abbreviation.size >= 0) {
+        if (std::size_t(abbreviation.size) > std::size_t(mEnd - at))
+            return false;
+        at += abbreviation.size;
+        return true;
+    }
+    const Unit unit{mVersion, mAddressSize, mOffsetSize};
+    DwarfReader in(at, mEnd);
+    for (std::uint32_t i = 0; i < abbreviation.count; ++i) {
+        const Attribute& attribute = mAttributes[abbreviation.first + i];
+        std::uint64_t value = 0;
+        if (attribute.size >= 0)
+            in.skip(std::uint64_t(attribute.size));
+        else if (!readForm(in, attribute.form, unit, &value))
+            return false;
+    }
+    at = in.at();
+    return !in.bad();
+}
+
+bool UnitReader::skipChildren(const unsigned char*& at, const Values& values, int depth) const
+{
+    if (values.hasSibling) {
+        const unsigned char* next = mSections.info + values.sibling;
+        if (values.sibling > std::uint64_t(mEnd - mSections.info) || next <= at)
+            return false;
+        at = next;
+        return true;
+    }
+    return walk(at, depth + 1, false, nullptr);
+}
+
+bool UnitReader::walk(const unsigned char*& at, int depth, bool collect, std::vector<UnitFunction>* functions) const
+{
+    if (depth > maximumDepth)
+        return false;
+    const std::uint64_t unitOffset = std::uint64_t(mBegin - mSections.info);
+    DwarfReader in(at, mEnd);
     for (;;) {
         const unsigned char* start = in.at();
         const std::uint64_t code = in.uleb();
         if (in.bad())
             return false;
-        if (code == 0)
+        if (code == 0) {
+            at = in.at();
             return true;
-        if (code >= unit.abbreviations.size() || !unit.abbreviations[code].known)
+        }
+        if (code >= mAbbreviations.size() || !mAbbreviations[code].known)
             return false;
-        const Abbreviation& abbreviation = unit.abbreviations[code];
+        const Abbreviation& abbreviation = mAbbreviations[code];
         const bool function = collect && abbreviation.tag == DW_TAG_subprogram;
         const bool descend = collect && holdsDefinitions(abbreviation.tag);
         const auto record = [&](std::uint64_t low, std::uint64_t high) {
             if (low < high)
-                functions->push_back({std::uint64_t(start - unit.section), low, high, false});
+                functions->push_back({std::uint64_t(start - mSections.info), low, high, false});
         };
         // Most DIEs: what is needed of them lies at known places.
         const unsigned char* attributes = in.at();
@@ -257,142 +556,228 @@ bool walk(DwarfReader& in, const Unit& unit, int depth, bool collect, std::vecto
             if (std::size_t(abbreviation.size >= 0 ? abbreviation.size : abbreviation.reach) > in.left())
                 return false;
             if (function && abbreviation.lowAt >= 0) {
-                const std::uint64_t low = valueAt(attributes + abbreviation.lowAt, unit.addressSize);
+                const std::uint64_t low = valueAt(attributes + abbreviation.lowAt, mAddressSize);
                 const std::uint64_t high = valueAt(attributes + abbreviation.highAt, abbreviation.highSize);
                 record(low, abbreviation.highIsOffset ? low + high : high);
             }
             if (jump) {
-                const std::uint64_t offset = std::uint64_t(unit.begin - unit.section)
-                    + valueAt(attributes + abbreviation.siblingAt, abbreviation.siblingSize);
-                const unsigned char* next = unit.section + offset;
-                if (offset > std::uint64_t(unit.end - unit.section) || next <= attributes)
+                const std::uint64_t offset =
+                    unitOffset + valueAt(attributes + abbreviation.siblingAt, abbreviation.siblingSize);
+                const unsigned char* next = mSections.info + offset;
+                if (offset > std::uint64_t(mEnd - mSections.info) || next <= attributes)
                     return false;
-                in = DwarfReader(next, unit.end);
+                in = DwarfReader(next, mEnd);
                 continue;
             }
             in.skip(std::uint64_t(abbreviation.size));
-            if (abbreviation.children && !walk(in, unit, depth + 1, descend, functions))
-                return false;
+            if (abbreviation.children) {
+                const unsigned char* next = in.at();
+                if (!walk(next, depth + 1, descend, functions))
+                    return false;
+                in = DwarfReader(next, mEnd);
+            }
             continue;
         }
-        std::uint64_t low = 0, high = 0, sibling = 0;
-        bool hasLow = false, hasHigh = false, highIsOffset = false, elsewhere = false, hasSibling = false;
-        for (std::uint32_t i = 0; i < abbreviation.count; ++i) {
-            const Attribute& attribute = unit.attributes[abbreviation.first + i];
-            std::uint64_t value = 0;
-            if (attribute.size >= 0 && attribute.size <= 8)
-                value = in.fixed(attribute.size);
-            else if (!readForm(in, attribute.form, unit, &value))
+        const unsigned char* next = in.at();
+        // Nothing is wanted of it but where it ends.
+        if (!function && !descend && (!abbreviation.children || !abbreviation.sibling)) {
+            if (!skipAttributes(next, abbreviation)
+                || (abbreviation.children && !walk(next, depth + 1, false, nullptr)))
                 return false;
-            switch (attribute.name) {
-            case DW_AT_sibling:
-                // A reference within the unit, or (ref_addr) in the section.
-                if (attribute.form == DW_FORM_ref_addr) {
-                    sibling = value;
-                } else {
-                    sibling = std::uint64_t(unit.begin - unit.section) + value;
-                }
-                hasSibling = true;
-                break;
-            case DW_AT_low_pc:
-                hasLow = true;
-                low = value;
-                elsewhere = elsewhere || attribute.form != DW_FORM_addr;
-                break;
-            case DW_AT_high_pc:
-                hasHigh = true;
-                high = value;
-                highIsOffset = attribute.form != DW_FORM_addr;
-                // An indexed address is libdw's to read.
-                elsewhere = elsewhere || attribute.form == DW_FORM_addrx || attribute.form == DW_FORM_addrx1
-                    || attribute.form == DW_FORM_addrx2 || attribute.form == DW_FORM_addrx3
-                    || attribute.form == DW_FORM_addrx4 || attribute.form == DW_FORM_GNU_addr_index;
-                break;
-            case DW_AT_ranges: elsewhere = elsewhere || !(hasLow && hasHigh); break;
-            default: break;
-            }
+            in = DwarfReader(next, mEnd);
+            continue;
         }
-        if (in.bad())
+        Values values;
+        if (!readDie(next, abbreviation, &values))
             return false;
         if (function) {
-            if (hasLow && hasHigh && !elsewhere) {
-                if (highIsOffset)
-                    high += low;
-                record(low, high);
-            } else if (elsewhere) {
-                functions->push_back({std::uint64_t(start - unit.section), 0, 0, true});
+            if (values.hasLow && values.hasHigh && !values.elsewhere) {
+                record(values.low, values.highIsOffset ? values.low + values.high : values.high);
+            } else if (values.elsewhere || (values.hasRanges && !(values.hasLow && values.hasHigh))) {
+                functions->push_back({std::uint64_t(start - mSections.info), 0, 0, true});
             }
         }
-        if (!abbreviation.children)
-            continue;
-        if (descend) {
-            if (!walk(in, unit, depth + 1, true, functions))
+        if (abbreviation.children) {
+            if (descend ? !walk(next, depth + 1, true, functions) : !skipChildren(next, values, depth))
                 return false;
-        } else if (hasSibling) {
-            const unsigned char* next = unit.section + sibling;
-            if (sibling > std::uint64_t(unit.end - unit.section) || next <= in.at())
-                return false;
-            in = DwarfReader(next, unit.end);
-        } else if (!walk(in, unit, depth + 1, false, functions)) {
-            return false;
         }
+        in = DwarfReader(next, mEnd);
     }
 }
 
-} // namespace
-
-bool unitFunctions(const UnitSections& sections, std::uint64_t unitOffset, std::vector<UnitFunction>* functions)
+bool UnitReader::functions(std::vector<UnitFunction>* functions) const
 {
     functions->clear();
-    if (!sections.info || !sections.abbrev || unitOffset >= sections.infoSize)
+    if (!mChildren)
         return false;
-    // The abbreviations' tables kept from unit to unit: fresh ones for
-    // each cost more in faulted-in memory than reading them.
-    static thread_local Unit unit;
-    unit.abbreviations.clear();
-    unit.attributes.clear();
-    unit.section = sections.info;
-    unit.begin = sections.info + unitOffset;
-    DwarfReader header(unit.begin, sections.info + sections.infoSize);
-    std::uint64_t length = header.fixed(4);
-    unit.offsetSize = 4;
-    if (length == 0xffffffff) {
-        length = header.fixed(8);
-        unit.offsetSize = 8;
-    }
-    if (header.bad() || length > header.left())
-        return false;
-    unit.end = header.at() + length;
-    unit.version = unsigned(header.fixed(2));
-    std::uint64_t abbreviations = 0;
-    if (unit.version >= 5) {
-        const unsigned type = unsigned(header.fixed(1));
-        // Skeletons and split units keep their DIEs elsewhere.
-        if (type != DW_UT_compile && type != DW_UT_partial)
-            return false;
-        unit.addressSize = int(header.fixed(1));
-        abbreviations = header.fixed(unit.offsetSize);
-    } else {
-        abbreviations = header.fixed(unit.offsetSize);
-        unit.addressSize = int(header.fixed(1));
-    }
-    if (header.bad() || unit.version < 2 || unit.version > 5 || (unit.addressSize != 4 && unit.addressSize != 8)
-        || !readAbbreviations(sections, abbreviations, &unit))
-        return false;
-    DwarfReader in(header.at(), unit.end);
-    // The unit's own DIE, then its children.
-    const std::uint64_t code = in.uleb();
-    if (in.bad() || code == 0 || code >= unit.abbreviations.size() || !unit.abbreviations[code].known)
-        return false;
-    const Abbreviation& root = unit.abbreviations[code];
-    for (std::uint32_t i = 0; i < root.count; ++i) {
-        std::uint64_t value = 0;
-        if (!readForm(in, unit.attributes[root.first + i].form, unit, &value))
-            return false;
-    }
-    if (in.bad() || (root.children && !walk(in, unit, 0, true, functions))) {
+    const unsigned char* at = mChildren;
+    if (mHasChildren && !walk(at, 0, true, functions)) {
         functions->clear();
         return false;
     }
     return true;
+}
+
+bool UnitReader::readRanges(std::uint64_t offset, std::vector<CodeRange>* ranges) const
+{
+    std::uint64_t base = mBase;
+    bool baseKnown = mBaseKnown;
+    const auto add = [&](std::uint64_t low, std::uint64_t high) {
+        if (low < high)
+            ranges->push_back({low, high});
+    };
+    if (mVersion < 5) {
+        if (!mSections.ranges || offset >= mSections.rangesSize)
+            return false;
+        DwarfReader in(mSections.ranges + offset, mSections.ranges + mSections.rangesSize);
+        const std::uint64_t selector = mAddressSize == 8 ? ~std::uint64_t(0) : 0xffffffffu;
+        for (;;) {
+            const std::uint64_t begin = in.fixed(mAddressSize);
+            const std::uint64_t end = in.fixed(mAddressSize);
+            if (in.bad())
+                return false;
+            if (begin == 0 && end == 0)
+                return true;
+            if (begin == selector) {
+                base = end;
+                baseKnown = true;
+                continue;
+            }
+            if (!baseKnown)
+                return false;
+            add(base + begin, base + end);
+        }
+    }
+    if (!mSections.rnglists || offset >= mSections.rnglistsSize)
+        return false;
+    DwarfReader in(mSections.rnglists + offset, mSections.rnglists + mSections.rnglistsSize);
+    for (;;) {
+        const unsigned kind = unsigned(in.fixed(1));
+        if (in.bad())
+            return false;
+        switch (kind) {
+        case DW_RLE_end_of_list: return true;
+        case DW_RLE_offset_pair: {
+            const std::uint64_t begin = in.uleb();
+            const std::uint64_t end = in.uleb();
+            if (!baseKnown)
+                return false;
+            add(base + begin, base + end);
+            break;
+        }
+        case DW_RLE_base_address:
+            base = in.fixed(mAddressSize);
+            baseKnown = true;
+            break;
+        case DW_RLE_start_end: {
+            const std::uint64_t begin = in.fixed(mAddressSize);
+            add(begin, in.fixed(mAddressSize));
+            break;
+        }
+        case DW_RLE_start_length: {
+            const std::uint64_t begin = in.fixed(mAddressSize);
+            add(begin, begin + in.uleb());
+            break;
+        }
+        default:
+            // Indexed addresses are libdw's to read.
+            return false;
+        }
+        if (in.bad())
+            return false;
+    }
+}
+
+bool UnitReader::scopes(const unsigned char*& at, int parent, int depth, std::vector<InlinedScope>* scopes,
+                        std::vector<CodeRange>* ranges) const
+{
+    if (depth > maximumDepth)
+        return false;
+    for (;;) {
+        const unsigned char* start = at;
+        DwarfReader in(at, mEnd);
+        const std::uint64_t code = in.uleb();
+        if (in.bad())
+            return false;
+        at = in.at();
+        if (code == 0)
+            return true;
+        if (code >= mAbbreviations.size() || !mAbbreviations[code].known)
+            return false;
+        const Abbreviation& abbreviation = mAbbreviations[code];
+        const bool wanted = abbreviation.tag == DW_TAG_inlined_subroutine || holdsInlined(abbreviation.tag);
+        // Most DIEs below a function (parameters, variables, call sites)
+        // are stepped over by their sibling or their size.
+        if (!wanted && abbreviation.siblingAt >= 0) {
+            const std::uint64_t offset =
+                std::uint64_t(mBegin - mSections.info) + valueAt(at + abbreviation.siblingAt, abbreviation.siblingSize);
+            if (std::size_t(abbreviation.reach) > std::size_t(mEnd - at) || offset > std::uint64_t(mEnd - mSections.info)
+                || mSections.info + offset <= at)
+                return false;
+            at = mSections.info + offset;
+            continue;
+        }
+        if (!wanted && (!abbreviation.children || !abbreviation.sibling)) {
+            if (!skipAttributes(at, abbreviation) || (abbreviation.children && !walk(at, depth + 1, false, nullptr)))
+                return false;
+            continue;
+        }
+        Values values;
+        if (!readDie(at, abbreviation, &values))
+            return false;
+        int here = parent;
+        if (abbreviation.tag == DW_TAG_inlined_subroutine) {
+            if (values.elsewhere)
+                return false;
+            const std::size_t before = ranges->size();
+            // A low and high address come before a list of ranges, as libdw
+            // reads them.
+            if (values.hasLow && values.hasHigh) {
+                const std::uint64_t high = values.highIsOffset ? values.low + values.high : values.high;
+                if (values.low < high)
+                    ranges->push_back({values.low, high});
+            } else if (values.hasRanges && !readRanges(values.ranges, ranges)) {
+                return false;
+            }
+            // A scope without code holds none.
+            if (ranges->size() == before) {
+                if (abbreviation.children && !skipChildren(at, values, depth))
+                    return false;
+                continue;
+            }
+            here = int(scopes->size());
+            scopes->push_back({std::uint64_t(start - mSections.info), parent, depth, std::uint32_t(values.callFile),
+                               std::uint32_t(values.callLine), values.hasCallFile, std::uint32_t(before),
+                               std::uint32_t(ranges->size() - before)});
+        } else if (!holdsInlined(abbreviation.tag)) {
+            if (abbreviation.children && !skipChildren(at, values, depth))
+                return false;
+            continue;
+        }
+        if (abbreviation.children && !this->scopes(at, here, depth + 1, scopes, ranges))
+            return false;
+    }
+}
+
+bool UnitReader::inlined(std::uint64_t functionOffset, std::vector<InlinedScope>* scopes,
+                         std::vector<CodeRange>* ranges) const
+{
+    if (!mChildren || functionOffset >= std::uint64_t(mEnd - mSections.info)
+        || mSections.info + functionOffset < mChildren)
+        return false;
+    const std::size_t scopesBefore = scopes->size(), rangesBefore = ranges->size();
+    const unsigned char* at = mSections.info + functionOffset;
+    DwarfReader in(at, mEnd);
+    const std::uint64_t code = in.uleb();
+    at = in.at();
+    Values values;
+    bool read = !in.bad() && code != 0 && code < mAbbreviations.size() && mAbbreviations[code].known
+        && readDie(at, mAbbreviations[code], &values);
+    if (read && mAbbreviations[code].children)
+        read = this->scopes(at, -1, 1, scopes, ranges);
+    if (!read) {
+        scopes->resize(scopesBefore);
+        ranges->resize(rangesBefore);
+    }
+    return read;
 }
