@@ -14,6 +14,10 @@
 // user and system time of the whole process, which other work on a shared
 // machine disturbs least. The time per sample is the extra CPU time divided
 // by the samples taken, and by the backtraces taken of all threads.
+// "handler" is the mean time that the tick's handler itself took, as the
+// sampler measures it; the rest of the time per sample is spent around it:
+// the timer's interrupt, the delivery of the signals and their return, and
+// the other threads' answers.
 #include "readsamples.h"
 
 #include <algorithm>
@@ -49,6 +53,7 @@ struct Result
     double cpuSeconds = 0;
     double samples = 0;
     double backtraces = 0;
+    double handlerUs = 0;
 };
 
 double seconds()
@@ -138,6 +143,8 @@ bool runOnce(const Setting& setting, long rounds, const std::string& dir, Result
             return false;
         }
         result.samples = static_cast<double>(total);
+        // The sampler's own mean time in the handler of a tick, in whole us.
+        result.handlerUs = spare2;
         // Every thread's backtrace counts: the main thread's in each sample
         // and the others' as they answered. The list is never thinned here.
         result.backtraces = 0;
@@ -206,8 +213,8 @@ int main(int argc, char** argv)
     const double baseProcess = medianOf(0, &Result::processSeconds);
     const double baseCpu = medianOf(0, &Result::cpuSeconds);
     printf("zor-example --work %ld, %d runs of each setting, medians\n", rounds, runs);
-    printf("%-22s %8s %9s %10s %9s %8s %9s %8s %11s %11s\n", "setting", "work s", "slowdown", "process s", "slowdown",
-           "CPU s", "slowdown", "samples", "CPU/sample", "CPU/thread");
+    printf("%-22s %8s %9s %10s %9s %8s %9s %8s %11s %11s %8s\n", "setting", "work s", "slowdown", "process s", "slowdown",
+           "CPU s", "slowdown", "samples", "CPU/sample", "CPU/thread", "handler");
     for (std::size_t s = 0; s < settings.size(); ++s) {
         const double work = medianOf(s, &Result::workSeconds);
         const double process = medianOf(s, &Result::processSeconds);
@@ -218,7 +225,8 @@ int main(int argc, char** argv)
                100 * (work / baseWork - 1), process, 100 * (process / baseProcess - 1), cpu, 100 * (cpu / baseCpu - 1),
                samples);
         if (samples > 0)
-            printf(" %8.1f us %8.1f us", (cpu - baseCpu) / samples * 1e6, (cpu - baseCpu) / backtraces * 1e6);
+            printf(" %8.1f us %8.1f us %5.0f us", (cpu - baseCpu) / samples * 1e6, (cpu - baseCpu) / backtraces * 1e6,
+                   medianOf(s, &Result::handlerUs));
         printf("\n");
     }
     return 0;

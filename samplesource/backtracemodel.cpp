@@ -85,25 +85,23 @@ ZORPSVModelItem* PreloadSampleSource::frameNode(const Position& position, quint3
             return child;
         }
     }
+    return new ZORPSVModelItem(parent, position, key, oneThread());
+}
+
+const IntProcessMap& PreloadSampleSource::oneThread()
+{
     if (mOneThreadRank != mRank || mOneThread.isEmpty()) {
         mOneThread = IntProcessMap();
         mOneThread.add(mRank, 1);
         mOneThreadRank = mRank;
     }
-    return new ZORPSVModelItem(parent, position, key, mOneThread);
+    return mOneThread;
 }
 
 void PreloadSampleSource::addInlineCallers(const QVector<KeyedPosition>& callers, ZORPSVModelItem*& parent)
 {
     for (const KeyedPosition& caller : callers)
         parent = frameNode(caller.position, caller.key, parent);
-}
-
-void PreloadSampleSource::addInlineCallerFrames(Address address, ZORPSVModelItem*& parent)
-{
-    const auto found = mInlineFrames.constFind(address);
-    if (found != mInlineFrames.constEnd())
-        addInlineCallers(*found, parent);
 }
 
 ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::SBacktrace& backtrace,
@@ -319,8 +317,11 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
     // The frame stands at the instruction that was executing, the one before
     // the recorded program counter.
     const Address used = previous.mnemonic.isEmpty() ? address : previous.address;
-    Position position = decodeAddress(used, PositionLookupForbidden);
-    addInlineCallerFrames(used, parent);
+    const DecodedFrame& frame = decodedFrame(used);
+    Position position = frame.position;
+    quint32 key = frame.positionKey;
+    if (frame.hasInlineCallers)
+        addInlineCallers(frame.inlineCallers, parent);
     if (mDebugAddresses) {
         position.function = mInternedStrings.intern(QStringLiteral("%1 (%2T%3 %4, 0x%5)")
                                                         .arg(position.function)
@@ -328,9 +329,10 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
                                                         .arg(QLatin1String(mJumpTargetLeafs.contains(address) ? "J" : ""))
                                                         .arg(used, 0, 16)
                                                         .arg(address, 0, 16));
+        key = PSVModelItem::positionKeyOf(position);
     }
-    parent = new ZORPSVModelItem(parent, position);
-    parent->addThread(mRank, false, false);
+    // Always a node of its own, even beside a child at the same position.
+    parent = new ZORPSVModelItem(parent, position, key, oneThread());
     fromCuda = isAddressFromCUDALibrary(used, position.function);
 }
 

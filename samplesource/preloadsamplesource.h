@@ -185,7 +185,6 @@ public:
                                                 unsigned int rootFramesToSkip, QString* instruction,
                                                 bool* accelerator);
     void addLeafNode(Address address, ZORPSVModelItem*& parent, InstructionQuery& query, bool& fromCuda);
-    void addInlineCallerFrames(Address address, ZORPSVModelItem*& parent);
     ZORPSVModelItem* getOrCreatePSVModelItem(const Position& position, ZORPSVModelItem* parent);
     bool replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query);
     bool replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query, PSVModelItem** newLeaf);
@@ -248,6 +247,8 @@ private:
     // The child of parent at position, counting one more thread of the
     // rank; made if there is none.
     ZORPSVModelItem* frameNode(const Position& position, quint32 key, ZORPSVModelItem* parent);
+    // The thread counts of a fresh node: one thread of this rank.
+    const IntProcessMap& oneThread();
     void foldUnknownTail(ZORPSVModelItem*& current);
     void recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace, const quorvex::SSample* previous);
     Category::OmpCompiler::Enum detectOmpRuntime(const ZORPSVModelItem* root);
