@@ -120,7 +120,13 @@ unsigned long long loadSpan(const QString& path)
 
 QList<SharedLibrary> PreloadSampleSourceUtils::readModulesList(const QString& path)
 {
-    QList<SharedLibrary> modules;
+    // Latest first, so that where two objects held one place in turn the
+    // later one is taken: a run spends most of its time after its libraries
+    // have settled (an MPI library opens components in MPI_Init, closes
+    // those it won't use, and the ones it uses take their places). Those
+    // there at the end came last, those gone since the start first; the
+    // transient ones came in between, in the order they were seen.
+    QList<SharedLibrary> modules, transient, removed;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly) || !file.readLine().startsWith("# zor modules 1:"))
         return modules;
@@ -135,16 +141,25 @@ QList<SharedLibrary> PreloadSampleSourceUtils::readModulesList(const QString& pa
         if (!ok || fields.size() < 4)
             return {};
         const QString module = QFile::decodeName(fields.mid(3).join(' '));
-        if (const unsigned long long span = loadSpan(module))
-            modules.append(SharedLibrary(module, start, start + span));
+        const unsigned long long span = loadSpan(module);
+        if (!span)
+            continue;
+        const SharedLibrary library(module, start, start + span);
+        if (fields[2] == "transient")
+            transient.prepend(library);
+        else if (fields[2] == "removed")
+            removed.append(library);
+        else
+            modules.append(library);
     }
-    return modules;
+    return modules + transient + removed;
 }
 
 QList<SharedLibrary> PreloadSampleSourceUtils::withModules(QList<SharedLibrary> libraries,
                                                            const QList<SharedLibrary>& more)
 {
-    // Where two objects held one place in turn, the one there now wins.
+    // Where two objects held one place in turn, the one there now wins, and
+    // among the others the first of `more`.
     for (const SharedLibrary& module : more) {
         bool overlaps = false;
         for (int i = 0; i < libraries.size() && !overlaps; ++i) {

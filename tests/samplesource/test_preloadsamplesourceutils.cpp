@@ -3,6 +3,9 @@
 #include "samplefilebuilder.h"
 #include "ssamplelist.h"
 
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -101,4 +104,32 @@ TEST(CorrectSparseMetrics, SpreadsRatesCopiesLevelsAndLeavesTheOthers)
     EXPECT_EQ(g.at(2).getMetricInterval(0).tv_nsec, 2000000);
     EXPECT_EQ(g.at(1).getMetricInterval(0).tv_nsec, 0);
     EXPECT_EQ(g.values(1), Values(6, E));
+}
+
+// Objects that held one place in turn (an MPI library's components): the
+// one there at the end wins, then the transient ones, the latest first, then
+// those gone since the start. A line cut short loses the whole list.
+TEST(PreloadSampleSourceUtils, ObjectsThatHeldOnePlaceInTurnGiveWayToTheLatest)
+{
+    QTemporaryDir dir;
+    const QString self = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
+    for (const char* name : {"kept", "gone", "early", "late"})
+        ASSERT_TRUE(QFile::link(self, dir.filePath(QLatin1String(name))));
+    const QString path = dir.filePath(QStringLiteral("run.modules"));
+    const QByteArray text = "# zor modules 1: load address, build id, loaded|added|removed, path\n"
+                            "0x200000000000 - added " + QFile::encodeName(dir.filePath(QStringLiteral("kept"))) + "\n"
+                            "0x300000000000 - removed " + QFile::encodeName(dir.filePath(QStringLiteral("gone"))) + "\n"
+                            "0x300000000000 - transient " + QFile::encodeName(dir.filePath(QStringLiteral("early"))) + "\n"
+                            "0x300000000000 - transient " + QFile::encodeName(dir.filePath(QStringLiteral("late"))) + "\n";
+    for (const bool cut : {false, true}) {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(cut ? text.left(text.size() - 1) : text);
+        file.close();
+        const QList<SharedLibrary> debuggers = {SharedLibrary(QStringLiteral("/bin/program"), 0x1000, 0x9000)};
+        QStringList names;
+        for (const SharedLibrary& library : Utils::withModules(debuggers, Utils::readModulesList(path)))
+            names << QFileInfo(library.path()).fileName();
+        EXPECT_EQ(names.join(QLatin1Char(' ')).toStdString(), cut ? "program" : "program kept late");
+    }
 }
