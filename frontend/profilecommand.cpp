@@ -716,7 +716,9 @@ int ProfileRun::programStatus() const
 int ProfileRun::run()
 {
     mClock.start();
-    Result result;
+    // zor ends right after the run: the result's samples and their tens of
+    // thousands of nodes go with the process, not one by one before it.
+    Result& result = *new Result;
     result.run.program = mOptions.program;
     result.run.arguments = mOptions.arguments;
     result.run.started = QDateTime::currentDateTimeUtc();
