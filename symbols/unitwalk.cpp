@@ -160,7 +160,7 @@ struct UnitReader::Values
         const unsigned char* at = nullptr;
         std::uint16_t form = 0;
     };
-    Place name, linkage, mipsLinkage, origin, specification, compDir, statements;
+    Place name, linkage, mipsLinkage, origin, declaration, compDir, statements;
 };
 
 bool UnitReader::readAbbreviations(std::uint64_t offset)
@@ -322,7 +322,7 @@ bool UnitReader::reference(const unsigned char* at, unsigned form, std::uint64_t
 bool UnitReader::name(std::uint64_t offset, const char** linkage, const char** plain) const
 {
     // As libdw integrates them: the first of each along the chain of
-    // abstract origins and specifications, the origin first.
+    // abstract origins and the declarations they complete, the origin first.
     const Values::Place* found[3] = {nullptr, nullptr, nullptr};
     Values chain[17];
     for (int hop = 0; hop < 17; ++hop) {
@@ -342,7 +342,7 @@ bool UnitReader::name(std::uint64_t offset, const char** linkage, const char** p
             if (!found[i] && places[i]->at)
                 found[i] = places[i];
         }
-        const Values::Place& next = values.origin.at ? values.origin : values.specification;
+        const Values::Place& next = values.origin.at ? values.origin : values.declaration;
         if (!next.at)
             break;
         if (!reference(next.at, next.form, &offset))
@@ -481,7 +481,7 @@ bool UnitReader::readDie(const unsigned char*& at, const Abbreviation& abbreviat
         case DW_AT_linkage_name: values->linkage = place; break;
         case DW_AT_MIPS_linkage_name: values->mipsLinkage = place; break;
         case DW_AT_abstract_origin: values->origin = place; break;
-        case DW_AT_specification: values->specification = place; break;
+        case DW_AT_specification: values->declaration = place; break;
         case DW_AT_comp_dir: values->compDir = place; break;
         case DW_AT_stmt_list: values->statements = place; break;
         default: break;

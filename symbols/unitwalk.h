@@ -81,7 +81,7 @@ public:
     bool inlined(std::uint64_t functionOffset, std::vector<InlinedScope>* scopes, std::vector<CodeRange>* ranges) const;
 
     // The names of the function or inlined instance whose DIE lies at
-    // `offset`, its own or those of its abstract origin or specification:
+    // `offset`, its own or those of its abstract origin or the declaration it completes:
     // its linkage name (null without one) and its plain name (null without
     // one). False where a name or a reference lies where this reader
     // doesn't look.
