@@ -203,6 +203,7 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
     frame.unknownPrefix = position.function.startsWith(unknownName());
     frame.exactlyUnknown = position.function == unknownName();
     frame.inSamplerLibrary = isSamplerAddress(address);
+    frame.inMpiWrapper = isMpiWrapperAddress(address);
     frame.samplerFrame = frame.inSamplerLibrary || isSamplerName(position.function);
     frame.samplerWrapper = position.function.startsWith(QLatin1String("quorvex_sampleWrapper"));
     frame.cuda = -1;
@@ -220,10 +221,26 @@ DecodedFrame& PreloadSampleSource::decodedFrame(Address address)
 void PreloadSampleSource::findSamplerLibraries()
 {
     mSamplerRanges.clear();
+    mMpiWrapperRanges.clear();
     for (const SharedLibrary& library : qAsConst(mSharedLibraries)) {
-        if (library.isRangeKnown() && QFileInfo(library.name()).fileName().startsWith(QLatin1String("libquorvex-sampler")))
+        if (!library.isRangeKnown())
+            continue;
+        const QString file = QFileInfo(library.name()).fileName();
+        if (file.startsWith(QLatin1String("libquorvex-sampler")))
             mSamplerRanges.append(qMakePair(library.start(), library.end()));
+        else if (file.startsWith(QLatin1String("libquorvex-mpiwrapper"))
+                 || file.startsWith(QLatin1String("libquorvex-shmemwrapper")))
+            mMpiWrapperRanges.append(qMakePair(library.start(), library.end()));
     }
+}
+
+bool PreloadSampleSource::isMpiWrapperAddress(Address address) const
+{
+    for (const auto& range : mMpiWrapperRanges) {
+        if (range.first <= address && address < range.second)
+            return true;
+    }
+    return false;
 }
 
 bool PreloadSampleSource::isSamplerAddress(Address address) const

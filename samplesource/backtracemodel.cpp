@@ -183,6 +183,10 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
         // once as the runtime's own.
         if (frame.inSamplerLibrary && !mDebugAddresses)
             continue;
+        // The MPI wrapper's MPI_Send calls the library's: one node for both.
+        if (frame.inMpiWrapper && index - 1 > end && !mDebugAddresses
+            && decodedFrame(Address(trace[index - 1]) - 1).position.function == frame.position.function)
+            continue;
         if (!inAccelerator) {
             if (frame.cuda < 0)
                 frame.cuda = isAddressFromCUDALibrary(returnAddress, frame.position.function) ? 1 : 0;

@@ -25,7 +25,7 @@ struct DecodedFrame
 {
     DecodedFrame()
         : positionKey(0), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
-          inSamplerLibrary(false), samplerWrapper(false), cuda(-1)
+          inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), cuda(-1)
     {
     }
 
@@ -48,6 +48,9 @@ struct DecodedFrame
     bool inSamplerLibrary;
     // The sampler's wrapper below which the program's own frames begin.
     bool samplerWrapper;
+    // Lies in the MPI or SHMEM wrapper, whose functions call on into the
+    // library's of the same names.
+    bool inMpiWrapper;
     // Whether the address one byte above lies in accelerator code; -1 until
     // asked. Return addresses are decoded one byte back, so this answers
     // for the return address itself.

@@ -243,6 +243,7 @@ private:
     DecodedFrame& decodedFrame(Address address);
     void findSamplerLibraries();
     bool isSamplerAddress(Address address) const;
+    bool isMpiWrapperAddress(Address address) const;
     void addInlineCallers(const QVector<KeyedPosition>& callers, ZORPSVModelItem*& parent);
     // The child of parent at position, counting one more thread of the
     // rank; made if there is none.
@@ -354,6 +355,7 @@ private:
     InternStringCache mInternedStrings;
     FlatTable<DecodedFrame> mDecodedFrames;
     QList<QPair<Address, Address>> mSamplerRanges;
+    QList<QPair<Address, Address>> mMpiWrapperRanges;
     // By the names' storage, which the names held beside keep their own.
     FlatTable<NameAnswers> mNameAnswers;
     std::deque<QString> mAnsweredNames;

@@ -34,6 +34,7 @@ const unsigned long GOMP = 0x7400000;
 const unsigned long LIBM = 0x7600000;
 const unsigned long LIBFOO = 0x7800000;
 const unsigned long LIBBAR = 0x7900000;
+const unsigned long MPIWRAPPER = 0x7b00000;
 
 // Frames of the thread library and the program's start-up, named as the C
 // library's debug symbols name them.
@@ -81,6 +82,7 @@ protected:
         debugger.libraries = {
             SharedLibrary(QStringLiteral("/usr/lib/x86_64-linux-gnu/libc.so.6"), LIBC, LIBC + 0x100000),
             SharedLibrary(QStringLiteral("/opt/zor/lib/libquorvex-sampler.so"), SAMPLER, SAMPLER + 0x100000),
+            SharedLibrary(QStringLiteral("/opt/zor/lib/libquorvex-mpiwrapper.so"), MPIWRAPPER, MPIWRAPPER + 0x100000),
             SharedLibrary(QStringLiteral("/usr/lib/x86_64-linux-gnu/libgomp.so.1"), GOMP, GOMP + 0x100000),
             SharedLibrary(QStringLiteral("/usr/lib/x86_64-linux-gnu/libm.so.6"), LIBM, LIBM + 0x100000),
             SharedLibrary(QStringLiteral("/usr/lib/libfoo.so"), LIBFOO, LIBFOO + 0x100000),
@@ -174,8 +176,10 @@ TEST_F(Analysis, FunctionsFilesAndLinesWithInlinedCallersUnderTheirClassFrames)
     debugger.frame(0x405005, QStringLiteral("(anonymous namespace)::startThread(void*)"));
     debugger.frame(SAMPLER + 0x105, QStringLiteral("(anonymous namespace)::startThread(void*)"));
     debugger.frame(0x406005, QStringLiteral("pmpi_comm_rank"));
+    // The MPI wrapper's MPI_Send, which calls the library's.
+    debugger.frame(MPIWRAPPER + 0x105, QStringLiteral("MPI_Send"));
 
-    quorvex::SSample* raw = sample({0x401010, 0x402005, 0x403005, START_MAIN});
+    quorvex::SSample* raw = sample({0x401010, 0x402005, MPIWRAPPER + 0x105, 0x403005, START_MAIN});
     // A worker started through the sampler's wrapper, whose leaf lies in a
     // library without symbols.
     thread(raw, 101, {LIBM + 0x10, 0x404005, SAMPLER + 0x105, START_THREAD, CLONE3});
