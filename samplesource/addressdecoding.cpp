@@ -234,22 +234,27 @@ void PreloadSampleSource::findSamplerLibraries()
     }
 }
 
-bool PreloadSampleSource::isMpiWrapperAddress(Address address) const
+namespace {
+
+bool inRanges(const QList<QPair<Address, Address>>& ranges, Address address)
 {
-    for (const auto& range : mMpiWrapperRanges) {
+    for (const auto& range : ranges) {
         if (range.first <= address && address < range.second)
             return true;
     }
     return false;
 }
 
+} // namespace
+
+bool PreloadSampleSource::isMpiWrapperAddress(Address address) const
+{
+    return inRanges(mMpiWrapperRanges, address);
+}
+
 bool PreloadSampleSource::isSamplerAddress(Address address) const
 {
-    for (const auto& range : mSamplerRanges) {
-        if (range.first <= address && address < range.second)
-            return true;
-    }
-    return false;
+    return inRanges(mSamplerRanges, address);
 }
 
 void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleList* samples,
