@@ -310,7 +310,6 @@ GdbDebugger::Answer GdbDebugger::command(const QString& text)
     if (mBroken)
         fail(DebuggerFailed, QStringLiteral("The debugger stopped answering earlier"));
     const int token = mNextToken++;
-    static QElapsedTimer tclock; if (!tclock.isValid()) tclock.start();
     mGdb->write(QString::number(token).toLatin1() + text.toUtf8() + '\n');
     Answer answer;
     QDeadlineTimer deadline(mOptions.timeoutMs);
