@@ -266,7 +266,12 @@ bool GdbDebugger::startGdb(QString* error)
     }
     mGdb = new GdbProcess(this);
     mGdb->setProcessChannelMode(QProcess::SeparateChannels);
-    mGdb->start(gdb, {QStringLiteral("--interpreter=mi2"), QStringLiteral("-nx"), QStringLiteral("-q")});
+    QStringList arguments{QStringLiteral("--interpreter=mi2"), QStringLiteral("-nx"), QStringLiteral("-q")};
+    if (!mDataDirectory)
+        mDataDirectory.reset(new QTemporaryDir(QDir::tempPath() + QStringLiteral("/zor-gdb-XXXXXX")));
+    if (mDataDirectory->isValid())
+        arguments << QStringLiteral("--data-directory=") + mDataDirectory->path();
+    mGdb->start(gdb, arguments);
     if (!mGdb->waitForStarted(30000)) {
         *error = QStringLiteral("Can't start the debugger %1: %2").arg(gdb, mGdb->errorString());
         return false;
@@ -276,7 +281,7 @@ bool GdbDebugger::startGdb(QString* error)
     try {
         for (const char* setting :
              {"confirm off", "pagination off", "width 0", "height 0", "print elements 0", "print repeats 0",
-              "unwindonsignal on", "debuginfod enabled off", "breakpoint pending off"})
+              "unwindonsignal on", "debuginfod enabled off", "breakpoint pending off", "auto-load off"})
             command(QStringLiteral("-gdb-set ") + QLatin1String(setting));
         for (const QString& name : {gdbSignalName(samplerSignal()), QStringLiteral("SIGPROF")})
             commandOk(QStringLiteral("-interpreter-exec console ")
@@ -290,6 +295,9 @@ bool GdbDebugger::startGdb(QString* error)
         command(QStringLiteral("-gdb-set debug-file-directory"));
         const Answer file = command(QStringLiteral("-interpreter-exec console ")
                                     + miQuote(QStringLiteral("file -readnever ") + argumentWord(mProgram.value(0))));
+        // What gdb said at its start is its warning that its Python modules
+        // are missing: not news when it ends later.
+        mGdb->readAllStandardError();
         if (file.result.className == QLatin1String("error")) {
             *error = QStringLiteral("The debugger can't read %1: %2")
                          .arg(mProgram.value(0), file.result.results.str(QStringLiteral("msg")));
@@ -310,7 +318,6 @@ GdbDebugger::Answer GdbDebugger::command(const QString& text)
     if (mBroken)
         fail(DebuggerFailed, QStringLiteral("The debugger stopped answering earlier"));
     const int token = mNextToken++;
-    static QElapsedTimer tclock; if (!tclock.isValid()) tclock.start();
     mGdb->write(QString::number(token).toLatin1() + text.toUtf8() + '\n');
     Answer answer;
     QDeadlineTimer deadline(mOptions.timeoutMs);

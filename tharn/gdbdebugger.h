@@ -13,6 +13,7 @@
 #include <QObject>
 #include <QProcess>
 #include <QStringList>
+#include <QTemporaryDir>
 #include <functional>
 #include <memory>
 
@@ -145,6 +146,9 @@ private:
 
     Options mOptions;
     QProcess* mGdb = nullptr;
+    // gdb's data directory: empty, so that gdb's Python support (a third of
+    // its start) is not loaded; nothing here uses it.
+    std::unique_ptr<QTemporaryDir> mDataDirectory;
     QByteArray mGdbBuffer;
     int mNextToken = 1;
     bool mStopped = false;
