@@ -16,6 +16,7 @@
 #include <cstring>
 #include <elf.h>
 #include <functional>
+#include <future>
 #include <thread>
 #include <unistd.h>
 
@@ -789,6 +790,13 @@ int ProfileRun::run()
         samples.append(mHosts.at(i)->takeSamples());
         result.ranks[i].samples = samples.last();
     }
+    // The file's samples are encoded while the run's last answers come in.
+    std::future<QList<QByteArray>> encodedSamples = std::async(std::launch::async, [samples]() {
+        QList<QByteArray> encoded;
+        for (const QList<Sample>& rank : samples)
+            encoded.append(ResultFile::samplesXml(rank));
+        return encoded;
+    });
 
     Command histograms(QString::fromLatin1(CMD_ZOR_SEND_HISTOGRAM), QString::fromLatin1(XML_TARGET_PROFILER));
     histograms.addParameter(QStringLiteral("numBlocks"), (mOptions.samples + SampleBlockSize - 1) / SampleBlockSize);
@@ -873,7 +881,8 @@ int ProfileRun::run()
     // only read the result.
     bool written = false;
     QString fileError;
-    std::thread fileWriter([&]() { written = ResultFile::write(mOptions.output, result, &fileError); });
+    std::thread fileWriter(
+        [&]() { written = ResultFile::write(mOptions.output, result, &fileError, encodedSamples.get()); });
     bool reported = false;
     {
         const Profile profile(result);

@@ -103,24 +103,21 @@ bool readRank(QXmlStreamReader& r, RankResult* rank, QString* error)
     return true;
 }
 
-QByteArray bodyOf(const Result& result)
+QByteArray bodyOf(const Result& result, const QList<QByteArray>& encodedSamples)
 {
     QByteArray xml;
     QXmlStreamWriter w(&xml);
     w.writeStartDocument();
     w.writeStartElement(RootElement);
     writeRun(w, result.run);
-    for (const RankResult& rank : result.ranks) {
+    for (int i = 0; i < result.ranks.size(); ++i) {
+        const RankResult& rank = result.ranks.at(i);
         w.writeStartElement(QStringLiteral("rank"));
         rank.play.writeXml(w);
         rank.metricErrors.writeXml(w);
         rank.endMetrics.writeXml(w);
         w.writeStartElement(QStringLiteral("samples"));
-        QByteArray samples;
-        XmlWriter out(&samples);
-        for (const Sample& sample : rank.samples)
-            sample.writeXml(out);
-        writeRawXml(w, samples);
+        writeRawXml(w, i < encodedSamples.size() ? encodedSamples.at(i) : ResultFile::samplesXml(rank.samples));
         w.writeEndElement();
         w.writeEndElement();
     }
@@ -176,9 +173,18 @@ QString RunInfo::commandLine() const
     return words.join(QLatin1Char(' '));
 }
 
-QByteArray ResultFile::encode(const Result& result)
+QByteArray ResultFile::samplesXml(const QList<Sample>& samples)
 {
-    const QByteArray body = qCompress(bodyOf(result), 6);
+    QByteArray xml;
+    XmlWriter out(&xml);
+    for (const Sample& sample : samples)
+        sample.writeXml(out);
+    return xml;
+}
+
+QByteArray ResultFile::encode(const Result& result, const QList<QByteArray>& samples)
+{
+    const QByteArray body = qCompress(bodyOf(result, samples), 6);
     QByteArray data(Magic, sizeof(Magic));
     char word[8];
     qToBigEndian<quint32>(Version, word);
@@ -241,10 +247,10 @@ bool ResultFile::decode(const QByteArray& data, const QString& name, Result* res
     return true;
 }
 
-bool ResultFile::write(const QString& path, const Result& result, QString* error)
+bool ResultFile::write(const QString& path, const Result& result, QString* error, const QList<QByteArray>& samples)
 {
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(encode(result)) < 0 || !file.commit()) {
+    if (!file.open(QIODevice::WriteOnly) || file.write(encode(result, samples)) < 0 || !file.commit()) {
         *error = QStringLiteral("cannot write %1: %2").arg(path, file.errorString());
         return false;
     }

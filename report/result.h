@@ -52,12 +52,18 @@ namespace ResultFile {
 
 extern const quint32 Version;
 
-QByteArray encode(const Result& result);
+// The samples of a rank as the body holds them: encoding them is most of
+// the work, which can start as soon as the samples are in.
+QByteArray samplesXml(const QList<Sample>& samples);
+
+// `samples` holds samplesXml of each rank, in order; ranks beyond it are
+// encoded here.
+QByteArray encode(const Result& result, const QList<QByteArray>& samples = {});
 // `name` names the data in messages.
 bool decode(const QByteArray& data, const QString& name, Result* result, QString* error);
 
 // Writes through a temporary file that replaces `path` only when complete.
-bool write(const QString& path, const Result& result, QString* error);
+bool write(const QString& path, const Result& result, QString* error, const QList<QByteArray>& samples = {});
 bool read(const QString& path, Result* result, QString* error);
 
 } // namespace ResultFile
