@@ -355,7 +355,7 @@ TEST(SamplerRun, BusyThreadsAreSampledAtTheirOwnPace)
         truth[match[1]] = std::stod(match[2]);
     ASSERT_EQ(truth.size(), 4u) << run.out;
 
-    const SampleFile file = readSampleFile(output);
+    const SampleFileRead file = readSampleFile(output);
     ASSERT_TRUE(file.list);
     EXPECT_EQ(file.downsamples, 0u);
     std::map<int, std::pair<unsigned, double>> answers; // per worker: backtraces, CPU seconds
