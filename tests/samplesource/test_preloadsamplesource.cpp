@@ -873,20 +873,6 @@ TEST(PreloadSampleSourceSideFiles, MpiCallFiguresAreReadAndDamageIsRefused)
             EXPECT_EQ(result.first, 20018);
         }
     }
-
-    // No file: a process without the MPI wrapper, no calls. One that can't
-    // be opened is refused.
-    Rig rig;
-    auto source = rig.start();
-    MpiCallMetrics metrics(3);
-    metrics.addCall(MpiCallMetric(3, QStringLiteral("stale"), 0, 0, 0, 0));
-    EXPECT_EQ(failure([&] { source->readMpiCallMetrics(metrics); }).first, 0);
-    EXPECT_TRUE(metrics.calls().isEmpty());
-    ASSERT_EQ(::symlink(QFile::encodeName(source->mpiFile()).constData(),
-                        QFile::encodeName(source->mpiFile()).constData()), 0);
-    const auto unreadable = failure([&] { source->readMpiCallMetrics(metrics); });
-    EXPECT_EQ(unreadable.first, 20018);
-    EXPECT_EQ(unreadable.second, QStringLiteral("Unable to open %1").arg(source->mpiFile()));
 }
 
 TEST(PreloadSampleSourceSideFiles, MetricErrorsAreReadRecordByRecordAndAnIncompleteFileIsRefused)
@@ -935,19 +921,33 @@ TEST(PreloadSampleSourceSideFiles, MetricErrorsAreReadRecordByRecordAndAnIncompl
             EXPECT_EQ(result.first, 20014);
         }
     }
+}
 
-    // No file: nothing to say. One that can't be opened is refused.
+// No file: a process without the MPI wrapper, or with nothing to say of its
+// metrics, and what was read before goes. One that can't be opened is refused.
+TEST(PreloadSampleSourceSideFiles, NoFileIsNothingAndAnUnreadableOneIsRefused)
+{
     Rig rig;
-    auto source = rig.start(false, metrics);
+    auto source = rig.start();
+    MpiCallMetrics calls(3);
+    calls.addCall(MpiCallMetric(3, QStringLiteral("stale"), 0, 0, 0, 0));
     MetricErrorMap errors;
     errors[QStringLiteral("cpu")][1] = MetricError(QStringLiteral("cpu"), 1, QStringLiteral("stale"), 0);
-    EXPECT_EQ(failure([&] { source->readMetricErrors(errors); }).first, 0);
+    const struct
+    {
+        QString file;
+        int code;
+        std::function<void()> read;
+    } readers[] = {{source->mpiFile(), 20018, [&] { source->readMpiCallMetrics(calls); }},
+                   {source->errorMessagesFile(), 20014, [&] { source->readMetricErrors(errors); }}};
+    for (const auto& reader : readers) {
+        EXPECT_EQ(failure(reader.read).first, 0);
+        const QByteArray file = QFile::encodeName(reader.file);
+        ASSERT_EQ(::symlink(file.constData(), file.constData()), 0);
+        EXPECT_EQ(failure(reader.read), std::make_pair(reader.code, QStringLiteral("Unable to open %1").arg(reader.file)));
+    }
+    EXPECT_TRUE(calls.calls().isEmpty());
     EXPECT_TRUE(errors.isEmpty());
-    ASSERT_EQ(::symlink(QFile::encodeName(source->errorMessagesFile()).constData(),
-                        QFile::encodeName(source->errorMessagesFile()).constData()), 0);
-    const auto unreadable = failure([&] { source->readMetricErrors(errors); });
-    EXPECT_EQ(unreadable.first, 20014);
-    EXPECT_EQ(unreadable.second, QStringLiteral("Unable to open %1").arg(source->errorMessagesFile()));
 }
 
 // ---------------------------------------------------------------------------
