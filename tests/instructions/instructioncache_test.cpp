@@ -275,20 +275,4 @@ TEST(InstructionCache, LookaheadTextRule)
         EXPECT_EQ(InstructionCache::lookaheadFromText(QString::fromLatin1(bad)), 1000) << bad;
 }
 
-TEST(InstructionCacheDeathTest, TheLookaheadIsReadOncePerProcess)
-{
-    // A fresh process, so that nothing has read the switch before.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            setenv("QUORVEX_DISASSEMBLE_LOOKAHEAD", "64", 1);
-            ++g_cacheSerial;
-            const long long first = InstructionCache::disassembleLookahead();
-            setenv("KLB_DISASSEMBLE_LOOKAHEAD", "8", 1);
-            ++g_cacheSerial;
-            std::exit(first == 64 && InstructionCache::disassembleLookahead() == 64 ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
-}
-
 } // namespace
