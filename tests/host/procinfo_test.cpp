@@ -1,7 +1,6 @@
 // ProcInfo and the resident size SelfProfile measures, against real
 // processes: this test, a sleeping child, the same child as a zombie, and
 // after it has been reaped.
-#include <QFileInfo>
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <unistd.h>
@@ -19,10 +18,7 @@ TEST(ProcInfo, AChildAliveAsAZombieAndGone)
     const int pid = child.pid();
     EXPECT_TRUE(ProcInfo::exists(pid) && ProcInfo::alive(pid));
     EXPECT_EQ(ProcInfo::getName(pid), QStringLiteral("sleep"));
-    EXPECT_EQ(QFileInfo(ProcInfo::getExe(pid)).fileName(), QStringLiteral("sleep"));
     EXPECT_EQ(ProcInfo::getParent(pid), self);
-    EXPECT_EQ(ProcInfo::getChild(self), pid);
-    EXPECT_EQ(ProcInfo::getChild(pid), -1);
     const QList<int> all = ProcInfo::getList(0);
     EXPECT_TRUE(all.contains(pid));
     // Only pids: "self", "cpuinfo" and the like never show.
@@ -41,8 +37,7 @@ TEST(ProcInfo, AChildAliveAsAZombieAndGone)
     child.reap();
     EXPECT_FALSE(ProcInfo::exists(pid) || ProcInfo::alive(pid));
     EXPECT_EQ(ProcInfo::getParent(pid), -1);
-    EXPECT_EQ(ProcInfo::getChild(self), -1);
-    EXPECT_TRUE(ProcInfo::getName(pid).isEmpty() && ProcInfo::getExe(pid).isEmpty());
+    EXPECT_TRUE(ProcInfo::getName(pid).isEmpty());
     EXPECT_FALSE(ProcInfo::getList(0).contains(pid));
     EXPECT_EQ(SelfProfile::rssForPid(pid), 0);
 

