@@ -139,7 +139,6 @@ TEST(Profile, RanksMergeByPositionWithTheirOwnCountsAndTimes)
     EXPECT_EQ(profile.time(waiting).totalNs, 0ULL);
     EXPECT_EQ(static_cast<const ZORPSVModelItem*>(waiting)->sleepingSampleCount(), 30);
     EXPECT_EQ(profile.time(profile.tree()).totalNs, profile.cpuNs());
-    EXPECT_EQ(Profile::functionPath(alpha), QStringList({ "zor-example", "main", "run_plan", "spin_alpha" }));
 
     const QList<FunctionFigure> functions = profile.functions(3);
     ASSERT_EQ(functions.size(), 3);

@@ -191,18 +191,14 @@ TEST(SMetric, MergeRules)
                  "Assertion `mShouldDivideBySampleInterval == other.mShouldDivideBySampleInterval' failed");
 }
 
-// Invalidating keeps the size and the flags; backfilling needs its flag. In
-// the file, only a flag byte of exactly 1 reads as true, and a missing last
-// one reads false.
-TEST(SMetrics, InvalidateBackfillAndFlagBytes)
+// Invalidating keeps the size and the flags. In the file, only a flag byte of
+// exactly 1 reads as true, and a missing last one reads false.
+TEST(SMetrics, InvalidateAndFlagBytes)
 {
     SMetrics in, out;
     in.initializeMetrics(2);
     in.setMetric(0, dividing(-5L, timespec{2, 3}));
     in.setMetric(1, SMetric(2L, ZERO, SMetric::NoNormalisation, SMetric::CollectBackfilled));
-    in.backfillMetric(1, SampleValue(8L));
-    EXPECT_EQ(in.getMetricValue(1), SampleValue(8L));
-    EXPECT_DEATH(in.backfillMetric(0, SampleValue(1L)), "Assertion `metrics\\[metricId\\]\\.isBackfilled\\(\\)' failed");
 
     out.initializeMetrics(9);
     ASSERT_TRUE(roundTrip(in, out));
@@ -421,29 +417,6 @@ TEST(SSampleList, KernelHitsOfDroppedSamplesFollowTheMergeFlag)
         const std::size_t keptOwn = kept == 0 ? 2 : 1;
         EXPECT_EQ(f.list->at(static_cast<unsigned>(kept)).kernelHits().size(), merge ? 3 : keptOwn) << merge;
     }
-}
-
-TEST(SSampleList, CudaKernelHitsAttachToTheirSpan)
-{
-    ListFixture f(8);
-    for (int i = 0; i < 4; ++i)
-        f.add(i, 10, 10 * (i + 1)); // samples at 10, 20, 30 and 40 s
-    auto hits = [&f] {
-        std::vector<size_t> counts;
-        for (unsigned i = 0; i < f.list->size(); ++i)
-            counts.push_back(f.list->at(i).kernelHits().size());
-        return counts;
-    };
-
-    zor_shared_ptr<SGpuKernelHit> hit = f.list->createCudaKernelHit(1, 1, timespec{20, 0}, timespec{30, 0}, false);
-    EXPECT_EQ(hit.refCount(), 3); // two samples and the caller
-    EXPECT_EQ(hits(), (std::vector<size_t>{0, 1, 1, 0}));
-    // With no sample in its span, a kernel may go to the next sample after it.
-    EXPECT_FALSE(f.list->createCudaKernelHit(2, 1, timespec{1, 0}, timespec{2, 0}, true).isNull());
-    f.list->createCudaKernelHit(3, 1, timespec{11, 0}, timespec{12, 0}, true);
-    EXPECT_EQ(hits(), (std::vector<size_t>{1, 2, 1, 0}));
-    EXPECT_TRUE(f.list->createCudaKernelHit(4, 1, timespec{50, 0}, timespec{60, 0}, true).isNull());
-    EXPECT_TRUE(f.list->createCudaKernelHit(5, 1, timespec{11, 0}, timespec{12, 0}, false).isNull());
 }
 
 // With a limit of 4 and 8 samples, samples 0 to 3 end as one survivor and
