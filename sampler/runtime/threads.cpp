@@ -210,6 +210,18 @@ void stopCpuTimer(ThreadSlot* slot)
         timer_delete(slot->cpuTimer);
 }
 
+void setCpuEventPeriods(int intervalMs)
+{
+    // A thread that ends meanwhile closes its descriptor, which a later
+    // one of the program's may take: the request is the events' own and
+    // means nothing to any other kind of descriptor.
+    std::uint64_t period = static_cast<std::uint64_t>(intervalMs) * 1000000u;
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+        if (slot->haveCpuTimer.load(std::memory_order_acquire) && slot->cpuEventFd >= 0)
+            ioctl(slot->cpuEventFd, PERF_EVENT_IOC_PERIOD, &period);
+    }
+}
+
 bool isCpuEventFd(int fd)
 {
     return fd >= 0 && fd < MAX_EVENT_FD
