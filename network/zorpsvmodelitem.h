@@ -15,6 +15,8 @@
 #include "linemetrics.h"
 #include "psvmodelitem.h"
 
+class FastXmlReader;
+
 class ZORPSVModelItem : public PSVModelItem
 {
 public:
@@ -96,6 +98,9 @@ public:
     // Reads the element at which reader stands into a new tree; null on
     // failure, with the reason in *error.
     static ZORPSVModelItem* readTree(QXmlStreamReader& reader, QString* error);
+    // The same with our own reader, which stops at anything it doesn't
+    // know; null then, with the reader's error set.
+    static ZORPSVModelItem* readTree(FastXmlReader& reader);
 
 private:
     // What most nodes of a fresh tree leave at zero and empty, kept apart
@@ -111,6 +116,7 @@ private:
     };
 
     void mergeOwnFields(const ZORPSVModelItem& other);
+    bool readNode(FastXmlReader& reader);
     Counts& counts();
 
     Special mSpecial;
