@@ -17,7 +17,8 @@
 // "handler" is the mean time that the tick's handler itself took, as the
 // sampler measures it; the rest of the time per sample is spent around it:
 // the timer's interrupt, the delivery of the signals and their return, and
-// the other threads' answers.
+// the other threads' answers. "threads" is the mean number of backtraces
+// in a sample: the main thread's, and the worker's when it answered in time.
 #include "readsamples.h"
 
 #include <algorithm>
@@ -54,6 +55,7 @@ struct Result
     double samples = 0;
     double backtraces = 0;
     double handlerUs = 0;
+    double threadsPerSample = 0;
 };
 
 double seconds()
@@ -150,6 +152,7 @@ bool runOnce(const Setting& setting, long rounds, const std::string& dir, Result
         result.backtraces = 0;
         for (unsigned i = 0; i < list->size(); ++i)
             result.backtraces += 1 + static_cast<double>(list->at(i).otherThreads().count());
+        result.threadsPerSample = list->size() > 0 ? result.backtraces / list->size() : 0;
         delete list;
     }
     for (const char* suffix : {"", ".mpi", ".errorMessages"})
@@ -213,8 +216,8 @@ int main(int argc, char** argv)
     const double baseProcess = medianOf(0, &Result::processSeconds);
     const double baseCpu = medianOf(0, &Result::cpuSeconds);
     printf("zor-example --work %ld, %d runs of each setting, medians\n", rounds, runs);
-    printf("%-22s %8s %9s %10s %9s %8s %9s %8s %11s %11s %8s\n", "setting", "work s", "slowdown", "process s", "slowdown",
-           "CPU s", "slowdown", "samples", "CPU/sample", "CPU/thread", "handler");
+    printf("%-22s %8s %9s %10s %9s %8s %9s %8s %11s %11s %8s %8s\n", "setting", "work s", "slowdown", "process s",
+           "slowdown", "CPU s", "slowdown", "samples", "CPU/sample", "CPU/thread", "handler", "threads");
     for (std::size_t s = 0; s < settings.size(); ++s) {
         const double work = medianOf(s, &Result::workSeconds);
         const double process = medianOf(s, &Result::processSeconds);
@@ -225,8 +228,9 @@ int main(int argc, char** argv)
                100 * (work / baseWork - 1), process, 100 * (process / baseProcess - 1), cpu, 100 * (cpu / baseCpu - 1),
                samples);
         if (samples > 0)
-            printf(" %8.1f us %8.1f us %5.0f us", (cpu - baseCpu) / samples * 1e6, (cpu - baseCpu) / backtraces * 1e6,
-                   medianOf(s, &Result::handlerUs));
+            printf(" %8.1f us %8.1f us %5.0f us %8.2f", (cpu - baseCpu) / samples * 1e6,
+                   (cpu - baseCpu) / backtraces * 1e6, medianOf(s, &Result::handlerUs),
+                   medianOf(s, &Result::threadsPerSample));
         printf("\n");
     }
     return 0;

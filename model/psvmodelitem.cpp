@@ -186,6 +186,128 @@ private:
     quint32 mNextOrder = 0;
 };
 
+namespace {
+
+// The node pools. Memory comes in chunks cut into blocks by a pointer that
+// only moves forward; a freed block goes on its thread's list of its size
+// and is handed out again from there. Blocks are never returned to the
+// system: trees come and go by the million, and what one run's trees held
+// the next run's trees take again. A thread that ends leaves its lists to
+// the depot, from which any thread refills.
+#if defined(__SANITIZE_ADDRESS__)
+const bool PoolsEnabled = false; // so that the sanitizer sees every node
+#else
+const bool PoolsEnabled = true;
+#endif
+const std::size_t PoolGranule = 8;
+const int PoolClasses = 32;
+const std::size_t PoolChunk = std::size_t(1) << 20;
+
+struct FreeBlock
+{
+    FreeBlock* next;
+};
+
+struct PoolDepot
+{
+    QMutex mutex;
+    // Whole lists as threads left them, so that no list is walked.
+    std::vector<FreeBlock*> lists[PoolClasses];
+};
+
+PoolDepot& depot()
+{
+    // Never destroyed: nodes are freed by other statics' destructors too.
+    static PoolDepot* depot = new PoolDepot;
+    return *depot;
+}
+
+// Trivial, so that reaching it costs no check of whether it was made.
+struct PoolCache
+{
+    FreeBlock* lists[PoolClasses];
+    char* next;
+    char* end;
+};
+thread_local PoolCache tPoolCache;
+
+// Made on a thread's first chunk; gives the thread's blocks to the depot
+// when the thread ends.
+struct PoolCacheReturn
+{
+    PoolCacheReturn() = default;
+    ~PoolCacheReturn()
+    {
+        PoolDepot& shared = depot();
+        QMutexLocker lock(&shared.mutex);
+        for (int c = 0; c < PoolClasses; ++c) {
+            if (tPoolCache.lists[c])
+                shared.lists[c].push_back(tPoolCache.lists[c]);
+            tPoolCache.lists[c] = nullptr;
+        }
+    }
+    void touch() {}
+};
+thread_local PoolCacheReturn tPoolCacheReturn;
+
+void* refill(int sizeClass, std::size_t blockSize)
+{
+    PoolCache& cache = tPoolCache;
+    {
+        PoolDepot& shared = depot();
+        QMutexLocker lock(&shared.mutex);
+        if (!shared.lists[sizeClass].empty()) {
+            FreeBlock* list = shared.lists[sizeClass].back();
+            shared.lists[sizeClass].pop_back();
+            cache.lists[sizeClass] = list->next;
+            return list;
+        }
+    }
+    tPoolCacheReturn.touch();
+    char* chunk = static_cast<char*>(std::malloc(PoolChunk));
+    if (!chunk)
+        throw std::bad_alloc();
+    cache.next = chunk + blockSize;
+    cache.end = chunk + PoolChunk;
+    return chunk;
+}
+
+} // namespace
+
+void* PSVModelItem::operator new(std::size_t size)
+{
+    const std::size_t sizeClass = (size - 1) / PoolGranule;
+    if (!PoolsEnabled || sizeClass >= std::size_t(PoolClasses))
+        return ::operator new(size);
+    PoolCache& cache = tPoolCache;
+    if (FreeBlock* block = cache.lists[sizeClass]) {
+        cache.lists[sizeClass] = block->next;
+        return block;
+    }
+    const std::size_t blockSize = (sizeClass + 1) * PoolGranule;
+    char* next = cache.next;
+    if (next && std::size_t(cache.end - next) >= blockSize) {
+        cache.next = next + blockSize;
+        return next;
+    }
+    return refill(int(sizeClass), blockSize);
+}
+
+void PSVModelItem::operator delete(void* memory, std::size_t size)
+{
+    if (!memory)
+        return;
+    const std::size_t sizeClass = (size - 1) / PoolGranule;
+    if (!PoolsEnabled || sizeClass >= std::size_t(PoolClasses)) {
+        ::operator delete(memory);
+        return;
+    }
+    PoolCache& cache = tPoolCache;
+    FreeBlock* block = static_cast<FreeBlock*>(memory);
+    block->next = cache.lists[sizeClass];
+    cache.lists[sizeClass] = block;
+}
+
 struct PSVModelItemExtra
 {
     IntProcessMap cudaThreads;

@@ -12,6 +12,8 @@
 #include <QList>
 #include <QVariantMap>
 
+#include <cstddef>
+
 class QXmlStreamAttributes;
 class QXmlStreamReader;
 class QXmlStreamWriter;
@@ -54,11 +56,31 @@ public:
     // nodes of the path. Appended to parent's children.
     inline PSVModelItem(PSVModelItem* parent, const Position& position, quint32 positionKey,
                         const IntProcessMap& threads);
+    // The same for a position whose names are immortal (hasImmortalNames):
+    // they are shared without a look at their headers, which a path of
+    // fresh nodes would otherwise fetch from memory for every node.
+    struct ImmortalNames
+    {
+    };
+    inline PSVModelItem(PSVModelItem* parent, const Position& position, ImmortalNames, quint32 positionKey,
+                        const IntProcessMap& threads);
+    // Whether both names of position are kept forever, as
+    // InternStringCache::internForever keeps them.
+    static bool hasImmortalNames(const Position& position)
+    {
+        return const_cast<Position&>(position).function.data_ptr()->ref.isStatic()
+            && const_cast<Position&>(position).file.data_ptr()->ref.isStatic();
+    }
     // A deep copy, children cloned with their own types; the copy has no parent.
     PSVModelItem(const PSVModelItem& other);
     PSVModelItem& operator=(const PSVModelItem&) = delete;
     // Deletes the subtree, and unlinks the node from its parent if it has one.
     ~PSVModelItem() override;
+
+    // Nodes of every type come from pools of node memory rather than from
+    // malloc: trees are made and dropped by the million.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* memory, std::size_t size);
 
     // -6 and -1: a node that stands for no single rank or thread.
     virtual int rank() const;
@@ -215,6 +237,27 @@ PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, quint
 {
     // Built in place, so that making a path calls into no other library;
     // a parent with children or an index takes the general way.
+    if (!parent)
+        return;
+    if (parent->mChildCount == 0 && !parent->mExtra) {
+        parent->mOnlyChild = this;
+        parent->mChildCount = 1;
+    } else {
+        parent->addChild(this);
+    }
+}
+
+PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, ImmortalNames, quint32 positionKey,
+                           const IntProcessMap& threads)
+    : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mExtra(nullptr), mPositionKey(positionKey),
+      mChildCount(0), mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false)
+{
+    // A copy of a name that is never freed counts no reference: taking the
+    // pointer is the whole copy.
+    mPosition.function.data_ptr() = const_cast<Position&>(position).function.data_ptr();
+    mPosition.file.data_ptr() = const_cast<Position&>(position).file.data_ptr();
+    mPosition.line = position.line;
+    mPosition.column = position.column;
     if (!parent)
         return;
     if (parent->mChildCount == 0 && !parent->mExtra) {

@@ -46,6 +46,11 @@ public:
         : PSVModelItem(parent, position, positionKey, threads), mSpecial(specialNone), mCounts(nullptr)
     {
     }
+    ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position, ImmortalNames immortal, quint32 positionKey,
+                    const IntProcessMap& threads)
+        : PSVModelItem(parent, position, immortal, positionKey, threads), mSpecial(specialNone), mCounts(nullptr)
+    {
+    }
     // A node without parent that starts from the given sample counters.
     ZORPSVModelItem(const Position& position, int samples, int selfSamples, int mpiSamples, int sleepingSamples);
     ZORPSVModelItem(const ZORPSVModelItem& other);

@@ -197,6 +197,7 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
     DecodedFrame& frame = mDecodedFrames.insert(address);
     frame.position = position;
     frame.positionKey = PSVModelItem::positionKeyOf(position);
+    frame.immortalNames = PSVModelItem::hasImmortalNames(position);
     frame.inlineCallers = mInlineFrames.value(address);
     frame.hasInlineCallers = !frame.inlineCallers.isEmpty();
     frame.hasLineInfo = position.hasFileAndLine();

@@ -77,7 +77,8 @@ ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& po
     return new ZORPSVModelItem(parent, position);
 }
 
-ZORPSVModelItem* PreloadSampleSource::frameNode(const Position& position, quint32 key, ZORPSVModelItem* parent)
+ZORPSVModelItem* PreloadSampleSource::frameNode(const Position& position, quint32 key, bool immortal,
+                                                ZORPSVModelItem* parent)
 {
     if (parent->childCount() > 0) {
         if (ZORPSVModelItem* child = childAt(position, parent)) {
@@ -85,6 +86,8 @@ ZORPSVModelItem* PreloadSampleSource::frameNode(const Position& position, quint3
             return child;
         }
     }
+    if (immortal)
+        return new ZORPSVModelItem(parent, position, PSVModelItem::ImmortalNames(), key, oneThread());
     return new ZORPSVModelItem(parent, position, key, oneThread());
 }
 
@@ -101,7 +104,7 @@ const IntProcessMap& PreloadSampleSource::oneThread()
 void PreloadSampleSource::addInlineCallers(const QVector<KeyedPosition>& callers, ZORPSVModelItem*& parent)
 {
     for (const KeyedPosition& caller : callers)
-        parent = frameNode(caller.position, caller.key, parent);
+        parent = frameNode(caller.position, caller.key, caller.immortal, parent);
 }
 
 ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::SBacktrace& backtrace,
@@ -245,7 +248,7 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
         }
         if (frame.hasInlineCallers)
             addInlineCallers(frame.inlineCallers, current);
-        current = frameNode(*position, key, current);
+        current = frameNode(*position, key, position == &frame.position && frame.immortalNames, current);
     }
 
     if (!mDebugAddresses)

@@ -11,26 +11,31 @@
 // A position with its key among a node's children, worked out once.
 struct KeyedPosition
 {
-    KeyedPosition() : key(0) {}
+    KeyedPosition() : key(0), immortal(false) {}
     explicit KeyedPosition(const Position& position)
-        : position(position), key(PSVModelItem::positionKeyOf(position))
+        : position(position), key(PSVModelItem::positionKeyOf(position)),
+          immortal(PSVModelItem::hasImmortalNames(position))
     {
     }
 
     Position position;
     quint32 key;
+    // Both names are kept forever (PSVModelItem::hasImmortalNames).
+    bool immortal;
 };
 
 struct DecodedFrame
 {
     DecodedFrame()
-        : positionKey(0), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
+        : positionKey(0), immortalNames(false), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
           inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), cuda(-1)
     {
     }
 
     Position position;
     quint32 positionKey;
+    // Both names of position are kept forever (PSVModelItem::hasImmortalNames).
+    bool immortalNames;
     // Outermost first; empty for an address without inlined callers.
     QVector<KeyedPosition> inlineCallers;
     // Whether inlineCallers has any, told without reading the list.

@@ -247,7 +247,7 @@ private:
     void addInlineCallers(const QVector<KeyedPosition>& callers, ZORPSVModelItem*& parent);
     // The child of parent at position, counting one more thread of the
     // rank; made if there is none.
-    ZORPSVModelItem* frameNode(const Position& position, quint32 key, ZORPSVModelItem* parent);
+    ZORPSVModelItem* frameNode(const Position& position, quint32 key, bool immortal, ZORPSVModelItem* parent);
     // The thread counts of a fresh node: one thread of this rank.
     const IntProcessMap& oneThread();
     void foldUnknownTail(ZORPSVModelItem*& current);

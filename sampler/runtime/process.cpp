@@ -96,6 +96,8 @@ Options readOptions()
             options.stopMs = static_cast<unsigned int>(value);
         else if (good && name == "debug")
             gState.debugLog = value != 0;
+        else if (good && name == "cpuevents")
+            gState.noCpuEvents = value == 0;
         else
             ignored += " \"" + item + "\"";
     }
@@ -171,9 +173,8 @@ void onForkChild()
     resetAfterFork();
     resetSignalsAfterFork();
     ThreadSlot* self = currentSlot();
+    dropCpuTimersAfterFork();
     for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
-        // Timers aren't inherited.
-        slot->haveCpuTimer.store(false, std::memory_order_relaxed);
         if (slot != self)
             slot->state.store(SlotDead, std::memory_order_relaxed);
     }

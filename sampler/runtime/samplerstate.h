@@ -102,6 +102,8 @@ struct State
     bool gpuRequested;
     bool noForkHandler;
     int threadsPerSampleOption;
+    // The other threads' CPU time is watched by CPU-clock timers only.
+    bool noCpuEvents;
     unsigned long boundaryIp;
 
     // What ZOR_SAMPLER_OUTPUT named, "%p" and all, for the files of the

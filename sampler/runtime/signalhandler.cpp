@@ -95,6 +95,10 @@ extern "C" int zs_in_sampler_handler(void)
 
 extern "C" int zs_is_sampler_instance(int sig, const siginfo_t* info)
 {
-    return sig == zs_sampler_signal() && info && (info->si_code == TIMER_CODE || info->si_code == REQUEST_CODE)
+    if (sig != zs_sampler_signal() || !info)
+        return 0;
+    if (info->si_code == CPU_EVENT_CODE)
+        return isCpuEventFd(info->si_fd);
+    return (info->si_code == TIMER_CODE || info->si_code == REQUEST_CODE)
         && (info->si_value.sival_ptr == &gSignalCookie || info->si_value.sival_ptr == &gCpuTimerCookie);
 }

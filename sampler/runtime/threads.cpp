@@ -6,10 +6,15 @@
 
 #include "clock.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
+#include <fcntl.h>
 #include <linux/futex.h>
+#include <linux/perf_event.h>
 #include <new>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -24,6 +29,92 @@ std::atomic<int> gAnswerSequence{0};
 std::atomic<int> gAnswerWaiters{0};
 
 ZS_TLS ThreadSlot* tlsSlot;
+
+// Whether the threads' CPU time is counted by events: not tried yet, yes
+// (the kernel's time of the thread included, or its own only), or refused.
+enum CpuEvents { CpuEventsUntried, CpuEventsAll, CpuEventsUserOnly, CpuEventsRefused };
+std::atomic<int> gCpuEvents{CpuEventsUntried};
+
+// Every descriptor number that ever held one of the events.
+const int MAX_EVENT_FD = 1 << 16;
+std::atomic<std::uint64_t> gEventFds[MAX_EVENT_FD / 64];
+
+void markEventFd(int fd)
+{
+    gEventFds[fd / 64].fetch_or(std::uint64_t(1) << (fd % 64), std::memory_order_release);
+}
+
+int openCpuEvent(int tid, int intervalMs, bool userOnly)
+{
+    perf_event_attr attr;
+    std::memset(&attr, 0, sizeof attr);
+    attr.size = sizeof attr;
+    attr.type = PERF_TYPE_SOFTWARE;
+    attr.config = PERF_COUNT_SW_TASK_CLOCK;
+    attr.sample_period = static_cast<std::uint64_t>(intervalMs) * 1000000u;
+    attr.disabled = 1;
+    // Without the kernel's time a thread's system calls would go unsampled;
+    // an unprivileged user may have to do with that.
+    attr.exclude_kernel = userOnly;
+    attr.exclude_hv = 1;
+    return static_cast<int>(syscall(SYS_perf_event_open, &attr, tid, -1, -1, PERF_FLAG_FD_CLOEXEC));
+}
+
+// Closes the event of `slot` unless the program closed its descriptor and
+// made another of the same number meanwhile.
+void closeCpuEvent(const ThreadSlot* slot)
+{
+    std::uint64_t id = 0;
+    if (ioctl(slot->cpuEventFd, PERF_EVENT_IOC_ID, &id) == 0 && id == slot->cpuEventId)
+        close(slot->cpuEventFd);
+}
+
+// An event on the CPU time of the thread `tid` whose every `intervalMs`
+// sends the sampler's signal to that thread; false where the kernel or the
+// descriptors left to the program say no.
+bool startCpuEvent(ThreadSlot* slot, int tid, int intervalMs)
+{
+    int mode = gCpuEvents.load(std::memory_order_acquire);
+    if (mode == CpuEventsRefused || gState.noCpuEvents)
+        return false;
+    int fd = openCpuEvent(tid, intervalMs, mode == CpuEventsUserOnly);
+    if (fd < 0 && mode == CpuEventsUntried && (errno == EACCES || errno == EPERM)) {
+        fd = openCpuEvent(tid, intervalMs, true);
+        mode = CpuEventsUserOnly;
+    }
+    if (fd < 0) {
+        // A lack of descriptors or memory, or a thread gone, is this
+        // thread's; anything else holds for every thread.
+        if (errno != EMFILE && errno != ENFILE && errno != ENOMEM && errno != ESRCH)
+            gCpuEvents.store(CpuEventsRefused, std::memory_order_release);
+        return false;
+    }
+    if (mode == CpuEventsUntried)
+        mode = CpuEventsAll;
+    gCpuEvents.store(mode, std::memory_order_release);
+    // The program's descriptors come first: one event per thread must not
+    // use up its limit.
+    rlimit files;
+    const bool roomy = getrlimit(RLIMIT_NOFILE, &files) == 0 && static_cast<rlim_t>(fd) < files.rlim_cur / 2;
+    f_owner_ex owner;
+    owner.type = F_OWNER_TID;
+    owner.pid = tid;
+    std::uint64_t id = 0;
+    const int flags = fcntl(fd, F_GETFL);
+    if (!roomy || fd >= MAX_EVENT_FD || flags < 0 || ioctl(fd, PERF_EVENT_IOC_ID, &id) != 0
+        || fcntl(fd, F_SETOWN_EX, &owner) != 0 || fcntl(fd, F_SETSIG, zs_sampler_signal()) != 0) {
+        close(fd);
+        return false;
+    }
+    markEventFd(fd);
+    if (fcntl(fd, F_SETFL, flags | O_ASYNC) != 0 || ioctl(fd, PERF_EVENT_IOC_ENABLE, 0) != 0) {
+        close(fd);
+        return false;
+    }
+    slot->cpuEventFd = fd;
+    slot->cpuEventId = id;
+    return true;
+}
 
 void resetSlot(ThreadSlot* slot)
 {
@@ -80,6 +171,11 @@ bool startCpuTimer(ThreadSlot* slot, int intervalMs)
 {
     if (slot->haveCpuTimer.load(std::memory_order_acquire) || intervalMs <= 0)
         return true;
+    slot->cpuEventFd = -1;
+    if (startCpuEvent(slot, slot->tid.load(std::memory_order_relaxed), intervalMs)) {
+        slot->haveCpuTimer.store(true, std::memory_order_release);
+        return true;
+    }
     sigevent event;
     std::memset(&event, 0, sizeof event);
     event.sigev_notify = SIGEV_THREAD_ID;
@@ -106,8 +202,27 @@ bool startCpuTimer(ThreadSlot* slot, int intervalMs)
 
 void stopCpuTimer(ThreadSlot* slot)
 {
-    if (slot->haveCpuTimer.exchange(false, std::memory_order_acq_rel))
+    if (!slot->haveCpuTimer.exchange(false, std::memory_order_acq_rel))
+        return;
+    if (slot->cpuEventFd >= 0)
+        closeCpuEvent(slot);
+    else
         timer_delete(slot->cpuTimer);
+}
+
+bool isCpuEventFd(int fd)
+{
+    return fd >= 0 && fd < MAX_EVENT_FD
+        && (gEventFds[fd / 64].load(std::memory_order_acquire) >> (fd % 64) & 1) != 0;
+}
+
+void dropCpuTimersAfterFork()
+{
+    // The parent's timers aren't inherited; its events are, as descriptors.
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+        if (slot->haveCpuTimer.exchange(false, std::memory_order_relaxed) && slot->cpuEventFd >= 0)
+            closeCpuEvent(slot);
+    }
 }
 
 void endCurrentThread()

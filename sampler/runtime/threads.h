@@ -57,7 +57,14 @@ struct ThreadSlot
     // thread that waits for a core would be taken where it is let back in,
     // most often at the end of a system call: a running thread answers by
     // this timer, one that sleeps by a signal of the sampler's tick.
+    // Where the kernel allows it, the timer is a counting event on the
+    // thread's CPU time instead (cpuEventFd): the kernel looks at CPU-clock
+    // timers only at its own tick, which caps their rate and lands their
+    // signals at the system-call exits after a tick, while the event fires
+    // on a high-resolution timer wherever the thread is.
     timer_t cpuTimer;
+    int cpuEventFd = -1;
+    std::uint64_t cpuEventId = 0;
     std::atomic<bool> haveCpuTimer{false};
     // The thread's CPU time when the sampler last looked, for telling a
     // thread that runs from one that waits.
@@ -84,6 +91,13 @@ void endCurrentThread();
 // `intervalMs`; false when the kernel refuses. Stops it, once.
 bool startCpuTimer(ThreadSlot* slot, int intervalMs);
 void stopCpuTimer(ThreadSlot* slot);
+// Whether the sampler's signal with POLL_IN from the descriptor `fd` is
+// one of the events above. A descriptor stays known as the sampler's once
+// it was one, so that a signal still queued as the thread ends is not
+// taken for the program's.
+bool isCpuEventFd(int fd);
+// In a child made by fork: the events are the parent's threads'.
+void dropCpuTimersAfterFork();
 
 // A slot for a thread about to be created: a dead one if the registry can
 // be walked now, a new one otherwise. Never called in a signal handler.

@@ -6,7 +6,8 @@
  *                  the sampler
  *   fork RUNNING   children of fork, one exec'ing, leave RUNNING alone
  *   threads        200 short threads, ending in every way a thread can;
- *                  prints how many got to the end of their work
+ *                  prints how many got to the end of their work, and how
+ *                  many descriptors more than before the threads it has
  *   stop PATH      drives the sampler as the back-end does, refusals first,
  *                  with the configuration at PATH, and stops it; prints the
  *                  boundary frame it gave, its caller's return address
@@ -31,6 +32,7 @@
 #define _GNU_SOURCE
 #include "quorvex_sampler.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <limits.h>
@@ -251,8 +253,20 @@ static void* short_thread(void* argument)
     return NULL;
 }
 
+static int open_descriptors(void)
+{
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    for (struct dirent* entry; dir && (entry = readdir(dir));)
+        count += entry->d_name[0] != '.';
+    if (dir)
+        closedir(dir);
+    return count;
+}
+
 static void run_threads(void)
 {
+    const int descriptors = open_descriptors();
     for (int started = 0; started < THREADS;) {
         pthread_t batch[AT_ONCE];
         const int first = started;
@@ -283,6 +297,14 @@ static void run_threads(void)
         pthread_mutex_unlock(&lock);
     }
     printf("done %d\n", done);
+    /* What the sampler opens for a thread goes with it; a detached one may
+     * still be on its way out. */
+    int more = open_descriptors() - descriptors;
+    for (int waited = 0; waited < 1000 && more > 0; ++waited) {
+        nanosleep(&(struct timespec){0, 1000000}, NULL);
+        more = open_descriptors() - descriptors;
+    }
+    printf("descriptors %+d\n", more);
 }
 
 /* ---- stop, stop-offset ---- */

@@ -16,12 +16,14 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <linux/perf_event.h>
 #include <functional>
 #include <map>
 #include <memory>
 #include <regex>
 #include <set>
 #include <csignal>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -197,14 +199,15 @@ pid_t goneProcess()
     return pid;
 }
 
-// ---- the tests ----
+// The functions of a program, by name: where nm says they start and end.
+typedef std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> FunctionSpans;
 
-TEST(SamplerRun, HotFunctionSharesOnEveryThread)
+FunctionSpans functionsOf(const char* program)
 {
     QProcess nm;
-    nm.start("nm", {"-S", "--defined-only", ZOR_EXAMPLE});
-    ASSERT_TRUE(nm.waitForFinished());
-    std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> functions;
+    nm.start("nm", {"-S", "--defined-only", program});
+    EXPECT_TRUE(nm.waitForFinished());
+    FunctionSpans functions;
     for (const QByteArray& line : nm.readAllStandardOutput().split('\n')) {
         char name[256], type = 0;
         unsigned long long address = 0, size = 0;
@@ -212,13 +215,17 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
             && (type == 'T' || type == 't'))
             functions[name] = {address, address + size};
     }
-    ASSERT_TRUE(functions.count("spin_alpha") && functions.count("spin_epsilon"));
-    const std::map<std::string, double> mainShares = {{"spin_alpha", 50}, {"spin_beta", 30}, {"spin_gamma", 20}};
-    const std::map<std::string, double> workerShares = {{"spin_delta", 75}, {"spin_epsilon", 25}};
+    return functions;
+}
 
-    // Where the program is loaded, read from its maps while it runs.
+// Runs `program` sampled, with its load address read from its maps while it
+// runs; the address to take from a leaf before looking it up in nm's spans,
+// 0 when it can't be found.
+ProgramRun runMapped(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                     const FunctionSpans& functions, std::uint64_t& base)
+{
     char binary[4096];
-    ASSERT_TRUE(realpath(ZOR_EXAMPLE, binary));
+    EXPECT_TRUE(realpath(args[0].c_str(), binary));
     std::uint64_t mapped = 0;
     auto findMapping = [&](pid_t pid) {
         for (int attempt = 0; attempt < 1000 && !mapped; ++attempt, usleep(2000)) {
@@ -230,17 +237,47 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
             }
         }
     };
+    const ProgramRun run = runSampled(args, env, std::string(), findMapping);
+    // nm's addresses are those at run time already in a program that isn't
+    // position-independent.
+    base = !mapped || functions.empty() || functions.begin()->second.first >= mapped ? 0 : mapped;
+    EXPECT_NE(mapped, 0u) << "no load address found";
+    return run;
+}
+
+// The function of `functions` that a backtrace's leaf is in, "" for none.
+std::string leafFunction(const SBacktrace& bt, const FunctionSpans& functions, std::uint64_t base)
+{
+    const std::uint64_t leaf = bt.trace().front() - base;
+    for (const auto& f : functions) {
+        if (leaf >= f.second.first && leaf < f.second.second)
+            return f.first;
+    }
+    return std::string();
+}
+
+double seconds(const timespec& t)
+{
+    return t.tv_sec + 1e-9 * t.tv_nsec;
+}
+
+// ---- the tests ----
+
+TEST(SamplerRun, HotFunctionSharesOnEveryThread)
+{
+    const FunctionSpans functions = functionsOf(ZOR_EXAMPLE);
+    ASSERT_TRUE(functions.count("spin_alpha") && functions.count("spin_epsilon"));
+    const std::map<std::string, double> mainShares = {{"spin_alpha", 50}, {"spin_beta", 30}, {"spin_gamma", 20}};
+    const std::map<std::string, double> workerShares = {{"spin_delta", 75}, {"spin_epsilon", 25}};
+
     TempDir dir;
     const std::string output = dir.file("samples");
     // A fixed amount of work rather than a time, so that a busy machine doesn't thin the samples.
-    const ProgramRun run = runSampled({ZOR_EXAMPLE, "--work", "6000"},
-                                      {"ZOR_SAMPLER_OUTPUT=" + output, "ZOR_SAMPLER_OPTIONS=interval=3,samples=4000"},
-                                      std::string(), findMapping);
+    std::uint64_t base = 0;
+    const ProgramRun run = runMapped({ZOR_EXAMPLE, "--work", "6000"},
+                                     {"ZOR_SAMPLER_OUTPUT=" + output, "ZOR_SAMPLER_OPTIONS=interval=3,samples=4000"},
+                                     functions, base);
     ASSERT_EQ(run.exitCode, 0) << run.describe();
-    ASSERT_NE(mapped, 0u) << "no load address found";
-    // nm's addresses are those at run time already in a program that isn't
-    // position-independent.
-    const std::uint64_t base = functions["spin_alpha"].first >= mapped ? 0 : mapped;
 
     const SampleFile file = readSampleFile(output);
     ASSERT_TRUE(file.list);
@@ -252,11 +289,9 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
             const SBacktrace& bt = threads.next();
             if (bt.trace().empty())
                 continue;
-            const std::uint64_t leaf = bt.trace().front() - base;
-            for (const auto& f : functions) {
-                if (leaf >= f.second.first && leaf < f.second.second)
-                    ++hits[bt.tid()][f.first];
-            }
+            const std::string function = leafFunction(bt, functions, base);
+            if (!function.empty())
+                ++hits[bt.tid()][function];
             ++hits[bt.tid()][""];
         }
     }
@@ -292,12 +327,78 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
         quorvex::SSampleBacktraceIterator threads(thinned.list->at(i));
         while (threads.hasNext()) {
             const SBacktrace& bt = threads.next();
-            cpu[bt.tid()] += bt.cpuTime().tv_sec + 1e-9 * bt.cpuTime().tv_nsec;
+            cpu[bt.tid()] += seconds(bt.cpuTime());
         }
     }
     ASSERT_EQ(cpu.size(), 2u);
     EXPECT_NEAR(100 * cpu[split.pid] / (cpu.begin()->second + cpu.rbegin()->second), 50, 3.0)
         << "main " << cpu[split.pid] << " s of " << cpu.begin()->second + cpu.rbegin()->second << " s";
+}
+
+// Four busy threads on a machine of two cores, sampled every millisecond:
+// where the kernel lets the sampler watch a thread's CPU time with an event,
+// each thread answers about once a millisecond of its CPU time, wherever it
+// is, and the program's split between its functions, weighed by CPU time as
+// the back-end does, is what the program measured itself. (A timer on a
+// thread's CPU clock fires at the kernel's tick only, at most 250 times a
+// second on many kernels, and its signals gather at the system calls that
+// follow a tick.)
+TEST(SamplerRun, BusyThreadsAreSampledAtTheirOwnPace)
+{
+    perf_event_attr attr;
+    std::memset(&attr, 0, sizeof attr);
+    attr.size = sizeof attr;
+    attr.type = PERF_TYPE_SOFTWARE;
+    attr.config = PERF_COUNT_SW_TASK_CLOCK;
+    attr.sample_period = 1000000;
+    attr.exclude_kernel = 1;
+    const int probe = static_cast<int>(syscall(SYS_perf_event_open, &attr, 0, -1, -1, PERF_FLAG_FD_CLOEXEC));
+    if (probe < 0)
+        GTEST_SKIP() << "the kernel refuses events on a thread's CPU time: " << strerror(errno);
+    close(probe);
+
+    const FunctionSpans functions = functionsOf(ZOR_THREADS);
+    const char* const names[] = {"work_alpha", "work_beta", "work_gamma", "work_delta"};
+    TempDir dir;
+    const std::string output = dir.file("samples");
+    std::uint64_t base = 0;
+    const ProgramRun run = runMapped({ZOR_THREADS, "--threads", "4", "--work", "600"},
+                                     {"ZOR_SAMPLER_OUTPUT=" + output, "ZOR_SAMPLER_OPTIONS=interval=1,samples=100000"},
+                                     functions, base);
+    ASSERT_EQ(run.exitCode, 0) << run.describe();
+    std::map<std::string, double> truth;
+    std::smatch match;
+    for (std::string rest = run.out; std::regex_search(rest, match, std::regex("(work_\\w+) ([0-9.]+)%"));
+         rest = match.suffix())
+        truth[match[1]] = std::stod(match[2]);
+    ASSERT_EQ(truth.size(), 4u) << run.out;
+
+    const SampleFile file = readSampleFile(output);
+    ASSERT_TRUE(file.list);
+    EXPECT_EQ(file.downsamples, 0u);
+    std::map<int, std::pair<unsigned, double>> answers; // per worker: backtraces, CPU seconds
+    std::map<std::string, double> cpu;                  // per function, "" for all
+    for (unsigned i = 0; i < file.list->size(); ++i) {
+        for (std::size_t n = 0; n < file.list->at(i).otherThreads().count(); ++n) {
+            const SBacktrace& bt = file.list->at(i).otherThreads()[n];
+            if (bt.trace().empty())
+                continue;
+            ++answers[bt.tid()].first;
+            answers[bt.tid()].second += seconds(bt.cpuTime());
+            cpu[leafFunction(bt, functions, base)] += seconds(bt.cpuTime());
+            cpu["all"] += seconds(bt.cpuTime());
+        }
+    }
+    ASSERT_EQ(answers.size(), 4u);
+    for (const auto& a : answers)
+        EXPECT_GT(a.second.first, 600 * a.second.second) << a.second.first << " answers in " << a.second.second
+                                                           << " s of thread " << a.first << "'s CPU time";
+    std::string shares;
+    for (const auto& c : cpu)
+        shares += (c.first.empty() ? "elsewhere" : c.first) + " " + std::to_string(100 * c.second / cpu["all"]) + "% ";
+    for (const char* name : names)
+        EXPECT_NEAR(100 * cpu[name] / cpu["all"], truth[name], 4.0) << name << "; " << shares;
+    EXPECT_LT(100 * cpu[""] / cpu["all"], 5.0) << shares;
 }
 
 // With the allocation counter preloaded behind the sampler, and a list short
@@ -307,7 +408,7 @@ TEST(SamplerRun, TwoHundredShortThreadsAndNoAllocationInHandlers)
     TempDir dir;
     const TargetRun t = sampleTarget({"threads"}, dir.file("samples"), "interval=1,threads=4,samples=200",
                                      {"ZOR_ALLOC_COUNT_OUTPUT=" + dir.file("counts")}, ZOR_ALLOC_COUNT_LIBRARY);
-    EXPECT_EQ(t.run.out, "done 200\nok\n");
+    EXPECT_EQ(t.run.out, "done 200\ndescriptors +0\nok\n");
     unsigned long handlers = 0, allocations = 0;
     ASSERT_EQ(sscanf(readText(dir.file("counts")).c_str(), "handlers %lu allocations %lu", &handlers, &allocations), 2);
     EXPECT_GT(handlers, 200u); // the timer's, and the other threads' answers
@@ -408,20 +509,26 @@ TEST(SamplerRun, DeathBySignalKeepsTheSamples)
 // Threads that block every signal, a main thread that waits for all of them
 // in sigwait and a signalfd, a main thread that leaves before its workers:
 // every thread that runs is sampled, and the program's signals and masks
-// are as it set them.
+// are as it set them; with CPU-clock timers too, where the kernel refuses
+// events on the threads' CPU time.
 TEST(SamplerRun, EveryThreadIsSampledWhateverItsMask)
 {
     const struct
     {
         const char* mode;
         std::size_t threads;
-    } cases[] = {{"masked", 3}, {"sigwait", 2}, {"main-exit", 2}};
+        const char* options;
+    } cases[] = {{"masked", 3, "interval=2"},
+                 {"sigwait", 2, "interval=2"},
+                 {"main-exit", 2, "interval=2"},
+                 {"masked", 3, "interval=2,cpuevents=0"},
+                 {"main-exit", 2, "interval=2,cpuevents=0"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.mode);
+        SCOPED_TRACE(std::string(c.mode) + " " + c.options);
         TempDir dir;
         const std::string path = dir.file("samples");
         const ProgramRun run = runSampled({ZOR_TARGET, c.mode},
-                                          {"ZOR_SAMPLER_OUTPUT=" + path, "ZOR_SAMPLER_OPTIONS=interval=2"});
+                                          {"ZOR_SAMPLER_OUTPUT=" + path, std::string("ZOR_SAMPLER_OPTIONS=") + c.options});
         EXPECT_EQ(run.exitCode, 0) << run.describe();
         EXPECT_EQ(run.out, "ok\n");
         EXPECT_EQ(run.err, "");
