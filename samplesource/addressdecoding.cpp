@@ -154,8 +154,8 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
     QList<PositionResponse*> inlined;
     PositionResponse* response = mDebugger->positionOfAddress(address, 0, &inlined);
     Position position;
+    QVector<KeyedPosition> callers;
     if (!inlined.isEmpty()) {
-        QVector<KeyedPosition> callers;
         for (PositionResponse* caller : qAsConst(inlined)) {
             // The debugger lists the innermost caller first; they are kept
             // outermost first, the order in which they are added to a tree.
@@ -163,7 +163,6 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
                                                    InternStringCache::internForever(caller->file), caller->line, -1)));
             delete caller;
         }
-        mInlineFrames.insert(address, callers);
         position.function = response->function + QLatin1String(" [inlined]");
     } else {
         position.function = response->function;
@@ -188,17 +187,20 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
     }
     position.function = InternStringCache::internForever(position.function);
     delete response;
-    noteDecodedFrame(address, position);
+    if (!callers.isEmpty())
+        mInlineFrames.insert(address, callers);
+    noteDecodedFrame(address, position, callers);
     return position;
 }
 
-void PreloadSampleSource::noteDecodedFrame(Address address, const Position& position)
+void PreloadSampleSource::noteDecodedFrame(Address address, const Position& position,
+                                           const QVector<KeyedPosition>& callers)
 {
     DecodedFrame& frame = mDecodedFrames.insert(address);
     frame.position = position;
     frame.positionKey = PSVModelItem::positionKeyOf(position);
     frame.immortalNames = PSVModelItem::hasImmortalNames(position);
-    frame.inlineCallers = mInlineFrames.value(address);
+    frame.inlineCallers = callers;
     frame.hasInlineCallers = !frame.inlineCallers.isEmpty();
     frame.hasLineInfo = position.hasFileAndLine();
     frame.unknownPrefix = position.function.startsWith(unknownName());
@@ -214,8 +216,9 @@ DecodedFrame& PreloadSampleSource::decodedFrame(Address address)
 {
     if (DecodedFrame* frame = mDecodedFrames.find(address))
         return *frame;
-    // Asserts: every address was decoded in the first pass.
-    decodeAddress(address, PositionLookupForbidden);
+    // Asserts, but while the ends of the traces are decoded: every address
+    // was decoded before the trees are built.
+    decodeAddress(address, mDecodingTraceEnds ? PositionLookupAllowed : PositionLookupForbidden);
     return *mDecodedFrames.find(address);
 }
 
@@ -279,25 +282,73 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
         if (missing)
             ++mMissingBacktraceSamples;
     }
-    // Each distinct address also one byte back, where its call lies.
+    // Each distinct address one byte back, where its call lies: the
+    // position of a return address. The addresses themselves are read only
+    // at the ends of a trace, which decodeTraceEnds decodes.
+    AddressCollector calls;
     for (Address address : collector.sorted())
-        collector.insert(address - 1);
+        calls.insert(address - 1);
     for (const quorvex::SCallSite& site : callSites) {
         for (unsigned long address : site.callSite()->trace())
-            collector.insert(Address(address) - 1);
+            calls.insert(Address(address) - 1);
     }
-    const std::vector<Address> addresses = collector.sorted();
+    const std::vector<Address> addresses = calls.sorted();
     mSelfProfilePoints.addPoint(prep.finish(int(addresses.size())));
 
     SelfProfile decode(mTharn, QStringLiteral("40.decodeReturnAddresses"));
+    mDecodedFrames.reserve(mDecodedFrames.size() + addresses.size() + addresses.size() / 2);
     const double total = addresses.size();
     int done = 0;
-    for (unsigned long long address : addresses) {
-        decodeAddress(address, PositionLookupAllowed);
+    const size_t ahead = 8;
+    for (size_t i = 0; i < addresses.size(); ++i) {
+        if (i + ahead < addresses.size())
+            mDecodedFrames.prefetch(addresses[i + ahead]);
+        decodeAddress(addresses[i], PositionLookupAllowed);
         ++done;
         reportAnalysisProcessing(DecodeReturnAddresses, done / total);
     }
+    decodeTraceEnds(samples);
     mSelfProfilePoints.addPoint(decode.finish(done));
+}
+
+void PreloadSampleSource::decodeTraceEnds(const quorvex::SSampleList* samples)
+{
+    // The leaves first, in the order of their addresses.
+    AddressCollector leaves;
+    for (unsigned int i = 0; i < samples->size(); ++i) {
+        quorvex::SSampleBacktraceIterator threads(samples->at(i));
+        while (threads.hasNext()) {
+            const quorvex::backtrace_t& trace = threads.next().trace();
+            if (!trace.empty())
+                leaves.insert(trace[0]);
+        }
+    }
+    for (Address leaf : leaves.sorted())
+        decodeAddress(leaf, PositionLookupAllowed);
+
+    // Then each trace's ends as the builders read them, with the same
+    // functions, which may now ask the debugger. A trace whose failure may
+    // be told in full has every address decoded.
+    const bool wholeFailedTraces = verboseUnwindErrors();
+    mDecodingTraceEnds = true;
+    for (unsigned int i = 0; i < samples->size(); ++i) {
+        quorvex::SSampleBacktraceIterator threads(samples->at(i));
+        while (threads.hasNext()) {
+            const quorvex::SBacktrace& backtrace = threads.next();
+            const quorvex::backtrace_t& trace = backtrace.trace();
+            if (trace.empty())
+                continue;
+            firstProgramFrame(trace);
+            bool found = false;
+            if (!threads.wasMainThread())
+                findRootFramesOfThread(trace, found);
+            if (wholeFailedTraces && backtrace.unwindStatus() != 0) {
+                for (unsigned long address : trace)
+                    decodedFrame(address);
+            }
+        }
+    }
+    mDecodingTraceEnds = false;
 }
 
 void PreloadSampleSource::disassembleAndDecodeLeafAddresses()

@@ -107,6 +107,21 @@ void PreloadSampleSource::addInlineCallers(const QVector<KeyedPosition>& callers
         parent = frameNode(caller.position, caller.key, caller.immortal, parent);
 }
 
+size_t PreloadSampleSource::firstProgramFrame(const quorvex::backtrace_t& trace)
+{
+    // The sampler's own frames at the leaf end go. From the third frame on,
+    // the sampler's wrapper ends them, whatever the names above it.
+    const size_t n = trace.size();
+    for (size_t i = 0;; ++i) {
+        if (!decodedFrame(i == 0 ? Address(trace[0]) : Address(trace[i]) - 1).samplerFrame)
+            return i;
+        if (i + 1 >= n)
+            return i + 1;
+        if (i >= 2 && decodedFrame(trace[i]).samplerWrapper)
+            return i + 1;
+    }
+}
+
 ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::SBacktrace& backtrace,
                                                                  bool partialTrace, unsigned int rootFramesToSkip,
                                                                  QString* instruction, bool* accelerator)
@@ -135,23 +150,7 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
         return root;
     }
 
-    // The sampler's own frames at the leaf end go. From the third frame on,
-    // the sampler's wrapper ends them, whatever the names above it.
-    size_t first = 0;
-    for (size_t i = 0;; ++i) {
-        if (!decodedFrame(i == 0 ? Address(trace[0]) : Address(trace[i]) - 1).samplerFrame) {
-            first = i;
-            break;
-        }
-        if (i + 1 >= n) {
-            first = i + 1;
-            break;
-        }
-        if (i >= 2 && decodedFrame(trace[i]).samplerWrapper) {
-            first = i + 1;
-            break;
-        }
-    }
+    const size_t first = firstProgramFrame(trace);
 
     // Root to leaf, leaving out the thread library's frames at the root end
     // and never touching trace[first], which is the leaf. The bound is taken

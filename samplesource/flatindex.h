@@ -120,6 +120,16 @@ public:
         __builtin_prefetch(at);
         __builtin_prefetch(at + sizeof(Slot) - 1);
     }
+    std::size_t size() const { return mCount; }
+    // Room for count keys in all without growing.
+    void reserve(std::size_t count)
+    {
+        std::size_t capacity = mSlots.size();
+        while (count * 2 > capacity)
+            capacity *= 2;
+        if (capacity > mSlots.size())
+            rehash(capacity);
+    }
     // The value of key, made by its default constructor if key is new.
     Value& insert(std::uint64_t key)
     {
@@ -162,12 +172,14 @@ private:
             }
         }
     }
-    void grow()
+    void grow() { rehash(mSlots.size() * 2); }
+    void rehash(std::size_t capacity)
     {
-        std::vector<Slot> old(mSlots.size() * 2);
+        std::vector<Slot> old(capacity);
         old.swap(mSlots);
         mMask = mSlots.size() - 1;
-        --mShift;
+        while ((std::size_t(1) << (64 - mShift)) < capacity)
+            --mShift;
         mCount = 0;
         for (Slot& entry : old) {
             if (entry.key != EmptyKey)

@@ -207,6 +207,8 @@ public:
     // The words for an unwinding status, and whether it is told only in
     // debug mode.
     static QString unwindStatusText(int code, bool* debugOnly);
+    // Whether failed traces are kept and told in full.
+    static bool verboseUnwindErrors();
 
     // GPU trees.
     GpuProfilePSVModelItem* createGpuPsvModel(const quorvex::SSample& sample);
@@ -239,7 +241,15 @@ private:
 
     // The analysis's own helpers (addressdecoding.cpp, backtracemodel.cpp,
     // samplebuilding.cpp, threadclassification.cpp).
-    void noteDecodedFrame(Address address, const Position& position);
+    void noteDecodedFrame(Address address, const Position& position, const QVector<KeyedPosition>& callers);
+    // The index of the leaf: the first frame that is not the sampler's own.
+    // Needs trace[0] and the return addresses decoded.
+    size_t firstProgramFrame(const quorvex::backtrace_t& trace);
+    // Decodes what the tree builders read of the traces beyond their return
+    // addresses: the leaf, the sampler's frames at the leaf end and the
+    // thread library's at the root end, each trace's as the builders walk
+    // them.
+    void decodeTraceEnds(const quorvex::SSampleList* samples);
     DecodedFrame& decodedFrame(Address address);
     void findSamplerLibraries();
     bool isSamplerAddress(Address address) const;
@@ -369,6 +379,9 @@ private:
     IntProcessMap mOneThread;
     int mOneThreadRank = 0;
     bool mRecordTreePlaceholders = false;
+    // While the ends of the traces are decoded: decodedFrame may ask the
+    // debugger.
+    bool mDecodingTraceEnds = false;
     QVarLengthArray<QPair<int, PSVModelItem*>, 32> mSampleLeaves;
 };
 

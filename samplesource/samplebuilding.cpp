@@ -38,13 +38,6 @@ bool sameTrace(const quorvex::backtrace_t& a, const quorvex::backtrace_t& b)
     return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(a[0])) == 0);
 }
 
-bool verboseUnwindErrors()
-{
-    static EnvSwitch verbose("VERBOSE_UNWIND_ERRORS");
-    static EnvSwitch debug("DEBUG");
-    return verbose.isSet() || debug.isSet();
-}
-
 } // namespace
 
 void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSampleList* raw,

@@ -10,6 +10,20 @@
 #include "tharninterface.h"
 #include "zorpsvmodelitem.h"
 
+namespace {
+
+// Every child of from goes to to, in their order. A root has a child or
+// two: no list of them is made.
+void moveChildren(PSVModelItem* from, PSVModelItem* to)
+{
+    while (PSVModelItem* child = from->firstChild()) {
+        child->detach();
+        to->addChild(child);
+    }
+}
+
+} // namespace
+
 bool PreloadSampleSource::isTidClassified(int tid) const
 {
     return mMainTids.contains(tid) || mOmpTids.contains(tid) || mMpiTids.contains(tid)
@@ -161,10 +175,7 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
             }
             if (frame) {
                 frame->addThread(rank, false, false);
-                for (PSVModelItem* child : root->children()) {
-                    child->detach();
-                    frame->addChild(child);
-                }
+                moveChildren(root, frame);
                 root->addChild(frame);
             } else {
                 // A thread of no class shows its entry frame twice: once
@@ -187,10 +198,7 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
             ZORPSVModelItem* program = new ZORPSVModelItem(programPosition, 0, 0, 0, 0);
             program->addThread(rank, false, false);
             program->setSpecial(ZORPSVModelItem::specialProgramFrame);
-            for (PSVModelItem* child : root->children()) {
-                child->detach();
-                program->addChild(child);
-            }
+            moveChildren(root, program);
             root->addChild(program);
         }
     }

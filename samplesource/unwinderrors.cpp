@@ -39,14 +39,14 @@ const StatusText STATUS_TEXTS[] = {
     {107, "libunwind touched an invalid memory location", true},
 };
 
-bool verboseUnwindErrors()
+} // namespace
+
+bool PreloadSampleSource::verboseUnwindErrors()
 {
     static EnvSwitch verbose("VERBOSE_UNWIND_ERRORS");
     static EnvSwitch debug("DEBUG");
     return verbose.isSet() || debug.isSet();
 }
-
-} // namespace
 
 QString PreloadSampleSource::unwindStatusText(int code, bool* debugOnly)
 {
