@@ -187,8 +187,6 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
     }
     position.function = InternStringCache::internForever(position.function);
     delete response;
-    if (!callers.isEmpty())
-        mInlineFrames.insert(address, callers);
     noteDecodedFrame(address, position, callers);
     return position;
 }
@@ -200,8 +198,10 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
     frame.position = position;
     frame.positionKey = PSVModelItem::positionKeyOf(position);
     frame.immortalNames = PSVModelItem::hasImmortalNames(position);
-    frame.inlineCallers = callers;
-    frame.hasInlineCallers = !frame.inlineCallers.isEmpty();
+    frame.inlineCallersAt = quint32(mInlineCallers.size());
+    frame.inlineCallerCount = quint16(callers.size());
+    frame.hasInlineCallers = !callers.isEmpty();
+    mInlineCallers.insert(mInlineCallers.end(), callers.begin(), callers.end());
     frame.hasLineInfo = position.hasFileAndLine();
     frame.unknownPrefix = position.function.startsWith(unknownName());
     frame.exactlyUnknown = position.function == unknownName();

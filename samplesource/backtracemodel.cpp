@@ -48,23 +48,20 @@ ZORPSVModelItem* childAt(const Position& position, ZORPSVModelItem* parent)
 }
 
 // Starts loading what making a node of frame reads beyond the frame itself:
-// the headers of its names, which the node's copy reads, and its inlined
-// callers.
-void prefetchNames(DecodedFrame* frame)
+// the headers of names that are counted when copied, and its inlined
+// callers in the list of them all.
+void prefetchNames(DecodedFrame* frame, const KeyedPosition* inlineCallers)
 {
     if (!frame)
         return;
-    __builtin_prefetch(frame->position.function.data_ptr());
-    __builtin_prefetch(frame->position.file.data_ptr());
+    if (!frame->immortalNames) {
+        __builtin_prefetch(frame->position.function.data_ptr());
+        __builtin_prefetch(frame->position.file.data_ptr());
+    }
     if (frame->hasInlineCallers) {
-        // The list's header and its first callers.
-        // QVector holds nothing but the pointer to its block; constData()
-        // would read the block's header, the very load that is to be early.
-        const char* callers;
-        static_assert(sizeof(frame->inlineCallers) == sizeof(callers), "QVector is one pointer");
-        std::memcpy(&callers, &frame->inlineCallers, sizeof(callers));
+        const char* callers = reinterpret_cast<const char*>(inlineCallers + frame->inlineCallersAt);
         __builtin_prefetch(callers);
-        __builtin_prefetch(callers + 64);
+        __builtin_prefetch(callers + 63);
     }
 }
 
@@ -101,10 +98,11 @@ const IntProcessMap& PreloadSampleSource::oneThread()
     return mOneThread;
 }
 
-void PreloadSampleSource::addInlineCallers(const QVector<KeyedPosition>& callers, ZORPSVModelItem*& parent)
+void PreloadSampleSource::addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent)
 {
-    for (const KeyedPosition& caller : callers)
-        parent = frameNode(caller.position, caller.key, caller.immortal, parent);
+    const KeyedPosition* callers = mInlineCallers.data() + frame.inlineCallersAt;
+    for (int i = 0; i < frame.inlineCallerCount; ++i)
+        parent = frameNode(callers[i].position, callers[i].key, callers[i].immortal, parent);
 }
 
 size_t PreloadSampleSource::firstProgramFrame(const quorvex::backtrace_t& trace)
@@ -170,12 +168,12 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
     for (long long index = last; index > end && index > last - prefetchDistance; --index)
         mDecodedFrames.prefetch(Address(trace[index]) - 1);
     for (long long index = last; index > end && index > last - namesDistance; --index)
-        prefetchNames(mDecodedFrames.find(Address(trace[index]) - 1));
+        prefetchNames(mDecodedFrames.find(Address(trace[index]) - 1), mInlineCallers.data());
     for (long long index = last; index > end; --index) {
         if (index - prefetchDistance > end)
             mDecodedFrames.prefetch(Address(trace[index - prefetchDistance]) - 1);
         if (index - namesDistance > end)
-            prefetchNames(mDecodedFrames.find(Address(trace[index - namesDistance]) - 1));
+            prefetchNames(mDecodedFrames.find(Address(trace[index - namesDistance]) - 1), mInlineCallers.data());
         const Address returnAddress = trace[index];
         // The position of a return address is that of the call, one byte back.
         const Address address = returnAddress - 1;
@@ -246,7 +244,7 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
             manyNamesRun = false;
         }
         if (frame.hasInlineCallers)
-            addInlineCallers(frame.inlineCallers, current);
+            addInlineCallers(frame, current);
         current = frameNode(*position, key, position == &frame.position && frame.immortalNames, current);
     }
 
@@ -327,7 +325,7 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
     Position position = frame.position;
     quint32 key = frame.positionKey;
     if (frame.hasInlineCallers)
-        addInlineCallers(frame.inlineCallers, parent);
+        addInlineCallers(frame, parent);
     if (mDebugAddresses) {
         position.function = mInternedStrings.intern(QStringLiteral("%1 (%2T%3 %4, 0x%5)")
                                                         .arg(position.function)

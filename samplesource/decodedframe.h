@@ -27,18 +27,20 @@ struct KeyedPosition
 struct DecodedFrame
 {
     DecodedFrame()
-        : positionKey(0), immortalNames(false), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
+        : positionKey(0), inlineCallersAt(0), inlineCallerCount(0), immortalNames(false), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
           inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), cuda(-1)
     {
     }
 
     Position position;
     quint32 positionKey;
+    // The inlined callers, outermost first: inlineCallerCount of them from
+    // inlineCallersAt on in the list that the analysis keeps of all of them,
+    // where those of all frames lie close together.
+    quint32 inlineCallersAt;
+    quint16 inlineCallerCount;
     // Both names of position are kept forever (PSVModelItem::hasImmortalNames).
     bool immortalNames;
-    // Outermost first; empty for an address without inlined callers.
-    QVector<KeyedPosition> inlineCallers;
-    // Whether inlineCallers has any, told without reading the list.
     bool hasInlineCallers;
     // A file and a line above 0.
     bool hasLineInfo;

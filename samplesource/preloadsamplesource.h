@@ -254,7 +254,7 @@ private:
     void findSamplerLibraries();
     bool isSamplerAddress(Address address) const;
     bool isMpiWrapperAddress(Address address) const;
-    void addInlineCallers(const QVector<KeyedPosition>& callers, ZORPSVModelItem*& parent);
+    void addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent);
     // The child of parent at position, counting one more thread of the
     // rank; made if there is none.
     ZORPSVModelItem* frameNode(const Position& position, quint32 key, bool immortal, ZORPSVModelItem* parent);
@@ -321,7 +321,6 @@ private:
     // Leaves of trees built since the last disassembly, gathered apart:
     // sorted once, they go into the ordered set in a fraction of the time.
     std::vector<Address> mNewLeafAddresses;
-    QHash<unsigned long long, QVector<KeyedPosition>> mInlineFrames;
     QSet<unsigned long long> mJumpTargetLeafs;
     int mRank;
     int mTargetPid;
@@ -364,6 +363,8 @@ private:
     // naming rules, kept for one analysis by the storage of the names.
     InternStringCache mInternedStrings;
     FlatTable<DecodedFrame> mDecodedFrames;
+    // The inlined callers of all decoded frames, each frame's together.
+    std::vector<KeyedPosition> mInlineCallers;
     QList<QPair<Address, Address>> mSamplerRanges;
     QList<QPair<Address, Address>> mMpiWrapperRanges;
     // By the names' storage, which the names held beside keep their own.

@@ -7,6 +7,7 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
+#include <array>
 #include <csignal>
 #include <unistd.h>
 
@@ -15,35 +16,9 @@
 #include "profile.h"
 #include "resultbuilder.h"
 #include "../support/gdbprobe.h"
+#include "zorrun.h"
 
 namespace {
-
-struct Outcome
-{
-    int status = -1;
-    QString out;
-    QString err;
-};
-
-Outcome zor(const QStringList& args, const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment(),
-        int timeoutMs = 60000, const QString& directory = QString(), const QString& program = QStringLiteral(ZOR_PROGRAM))
-{
-    QProcess process;
-    process.setProcessEnvironment(env);
-    process.setWorkingDirectory(directory);
-    process.start(program, args);
-    Outcome run;
-    if (!process.waitForFinished(timeoutMs)) {
-        process.kill();
-        process.waitForFinished();
-        run.err = QStringLiteral("timed out");
-        return run;
-    }
-    run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromLocal8Bit(process.readAllStandardOutput());
-    run.err = QString::fromLocal8Bit(process.readAllStandardError());
-    return run;
-}
 
 QByteArray readAll(const QString& path)
 {
@@ -98,15 +73,6 @@ void checkInBrowser(const QString& html, const QStringList& functions, const QSt
     EXPECT_GT(QFileInfo(png).size(), 10000) << qPrintable(png);
 }
 
-// What a run of zor left in its temporary directory, apart from the
-// plug-in's directory for the user, where processes of one node meet.
-QStringList leftovers(const QString& directory)
-{
-    QStringList entries = QDir(directory).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
-    entries.removeAll(QStringLiteral("zor-%1").arg(getuid()));
-    return entries;
-}
-
 // The lines of the top functions in a summary.
 QStringList topFunctions(const QString& summary)
 {
@@ -125,27 +91,15 @@ QMap<QString, double> shares(const QByteArray& folded, const QStringList& functi
 {
     QMap<QString, double> time;
     double total = 0;
-    for (const QByteArray& line : folded.split('\n')) {
-        const int space = line.lastIndexOf(' ');
-        if (space < 0)
-            continue;
-        const QString leaf = QString::fromUtf8(line.left(space)).section(QLatin1Char(';'), -1);
-        if (!functions.contains(leaf))
-            continue;
-        time[leaf] += line.mid(space + 1).toDouble();
-        total += line.mid(space + 1).toDouble();
+    for (const auto& line : foldedLines(folded)) {
+        if (functions.contains(line.first.last())) {
+            time[line.first.last()] += line.second;
+            total += line.second;
+        }
     }
     for (double& t : time)
         t = total > 0 ? 100 * t / total : 0;
     return time;
-}
-
-// The environment with TMPDIR set to `temporary`, which a run must leave empty.
-QProcessEnvironment withTmpdir(const QString& temporary)
-{
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("TMPDIR"), temporary);
-    return env;
 }
 
 } // namespace
@@ -307,14 +261,11 @@ TEST(ZorReport, ShowsASavedResultAndWritesItsReportsAgain)
     const Outcome run = zor({ "report", saved, "--html", html, "--folded", folded, "--top", "3" });
     ASSERT_EQ(run.status, 0) << qPrintable(run.err);
     EXPECT_TRUE(run.err.isEmpty()) << qPrintable(run.err);
-    const QStringList lines = run.out.split(QLatin1Char('\n'));
-    const int top = lines.indexOf(QRegExp(QStringLiteral("^Top functions.*")));
-    ASSERT_GE(top, 0) << qPrintable(run.out);
-    for (int i = 0; i < 3; ++i) {
-        const char* expected[] = { "spin_delta", "spin_alpha", "spin_beta" };
-        EXPECT_TRUE(lines.value(top + 2 + i).contains(QLatin1String(expected[i]))) << qPrintable(run.out);
-    }
-    EXPECT_TRUE(lines.value(top + 5).isEmpty()) << "--top 3 shows three";
+    const QStringList top = topFunctions(run.out);
+    ASSERT_EQ(top.size(), 3) << qPrintable(run.out);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(top[i].contains(QLatin1String(std::array<const char*, 3>{ "spin_delta", "spin_alpha", "spin_beta" }[i])))
+            << qPrintable(run.out);
     EXPECT_TRUE(run.out.endsWith(QStringLiteral("HTML report: %1\n").arg(html)));
     EXPECT_EQ(readAll(folded), foldedStacks(Profile(result)));
     checkInBrowser(html, { "spin_alpha", "spin_beta", "spin_gamma", "spin_delta", "spin_epsilon" },

@@ -25,19 +25,9 @@
 #include "profile.h"
 #include "result.h"
 #include "../support/gdbprobe.h"
+#include "zorrun.h"
 
 namespace {
-
-struct Outcome
-{
-    int status = -1;
-    bool timedOut = false;
-    QString out;
-    QString err;
-    // Processes still running after zor ended, and files it left in TMPDIR
-    // apart from the plug-in's directory for the user.
-    QStringList leftBehind;
-};
 
 // Children of this process that still run; zombies are reaped.
 QList<pid_t> liveChildren()
@@ -50,11 +40,8 @@ QList<pid_t> liveChildren()
             continue;
         for (const QByteArray& word : children.readAll().simplified().split(' ')) {
             const pid_t pid = word.toInt();
-            if (pid <= 0)
-                continue;
-            if (waitpid(pid, nullptr, WNOHANG) == pid)
-                continue;
-            live << pid;
+            if (pid > 0 && waitpid(pid, nullptr, WNOHANG) != pid)
+                live << pid;
         }
     }
     return live;
@@ -91,31 +78,11 @@ QStringList killLeftovers()
     return names;
 }
 
-// zor with a bound: past it, two Ctrl-Cs abort the run, and whatever is left
-// is killed.
-Outcome zor(const QStringList& args, const QProcessEnvironment& env, int timeoutMs)
+// zor, and what it left running (killed) or in TMPDIR.
+Outcome zorBounded(const QStringList& args, const QProcessEnvironment& env, int timeoutMs)
 {
-    QProcess process;
-    process.setProcessEnvironment(env);
-    process.start(QStringLiteral(ZOR_PROGRAM), args);
-    Outcome run;
-    if (!process.waitForFinished(timeoutMs)) {
-        run.timedOut = true;
-        ::kill(pid_t(process.processId()), SIGINT);
-        QThread::msleep(500);
-        ::kill(pid_t(process.processId()), SIGINT);
-        if (!process.waitForFinished(60000)) {
-            process.kill();
-            process.waitForFinished();
-        }
-    }
-    run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromLocal8Bit(process.readAllStandardOutput());
-    run.err = QString::fromLocal8Bit(process.readAllStandardError());
-    run.leftBehind = killLeftovers();
-    QStringList files = QDir(env.value(QStringLiteral("TMPDIR"))).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
-    files.removeAll(QStringLiteral("zor-%1").arg(getuid()));
-    run.leftBehind += files;
+    Outcome run = zor(args, env, timeoutMs);
+    run.leftBehind = killLeftovers() + leftovers(env.value(QStringLiteral("TMPDIR")));
     return run;
 }
 
@@ -126,13 +93,6 @@ Result savedResult(const QString& path)
     QString error;
     EXPECT_TRUE(ResultFile::read(path, &result, &error)) << qPrintable(error);
     return result;
-}
-
-QProcessEnvironment environment(const QString& temporary)
-{
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("TMPDIR"), temporary);
-    return env;
 }
 
 // Adopts the orphans of every process this test starts, so that none escapes
@@ -167,16 +127,17 @@ QMap<QString, MpiCounts> mpiCalls(const RankResult& rank)
     return calls;
 }
 
-// The program's own word on the calls it made: rank to call to count.
+// The program's own word on the calls it made, one line per rank or PE
+// ("rank 0 calls MPI_Allreduce 8 MPI_Barrier 8"): rank to call to count.
 QMap<int, QMap<QString, quint64>> callsPrinted(const QString& out)
 {
     QMap<int, QMap<QString, quint64>> printed;
-    const QRegularExpression line(QStringLiteral("^rank (\\d+) calls MPI_Allreduce (\\d+) MPI_Barrier (\\d+)$"),
+    const QRegularExpression line(QStringLiteral("^(?:rank|pe) (\\d+) calls (\\w+) (\\d+) (\\w+) (\\d+)$"),
                                   QRegularExpression::MultilineOption);
     for (auto it = line.globalMatch(out); it.hasNext();) {
         const QRegularExpressionMatch m = it.next();
-        printed[m.captured(1).toInt()] = { { "MPI_Allreduce", m.captured(2).toULongLong() },
-                                           { "MPI_Barrier", m.captured(3).toULongLong() } };
+        printed[m.captured(1).toInt()] = { { m.captured(2), m.captured(3).toULongLong() },
+                                           { m.captured(4), m.captured(5).toULongLong() } };
     }
     return printed;
 }
@@ -221,8 +182,8 @@ TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
     QStringList args = { "profile", "-n", QString::number(n), "--interval", "5", "-o", result };
     if (tcp)
         args << QStringLiteral("--tcp");
-    const Outcome run = zor(args + QStringList{ "--", ZOR_MPI_EXAMPLE, QString::number(rounds), "10000", "16" },
-                            environment(temporary.path()), 420000);
+    const Outcome run = zorBounded(args + QStringList{ "--", ZOR_MPI_EXAMPLE, QString::number(rounds), "10000", "16" },
+                            withTmpdir(temporary.path()), 420000);
     EXPECT_EQ(run.leftBehind, QStringList());
     ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
     ASSERT_EQ(run.status, 0) << qPrintable(run.err);
@@ -281,12 +242,9 @@ TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
     // The MPI library's components, loaded in MPI_Init and unloaded in
     // MPI_Finalize, are named: no time in frames of no known object.
     double unknown = 0, total = 0;
-    for (const QByteArray& line : foldedStacks(profile).split('\n')) {
-        const int space = line.lastIndexOf(' ');
-        const double us = line.mid(space + 1).toDouble();
-        total += us;
-        if (QString::fromUtf8(line.left(space)).split(QLatin1Char(';')).contains(QStringLiteral("<unknown>")))
-            unknown += us;
+    for (const auto& line : foldedLines(foldedStacks(profile))) {
+        total += line.second;
+        unknown += line.first.contains(QStringLiteral("<unknown>")) ? line.second : 0;
     }
     EXPECT_LT(unknown, 0.02 * total) << foldedStacks(profile).constData();
 }
@@ -307,22 +265,16 @@ TEST_F(Parallel, ShmemTwoPesCountEveryCall)
     const QString result = dir.filePath(QStringLiteral("shmem.zor"));
     const int rounds = 8;
     const int count = 16;
-    const Outcome run = zor({ "profile", "-n", "2", "--interval", "5", "--quiet", "-o", result, "--",
+    const Outcome run = zorBounded({ "profile", "-n", "2", "--interval", "5", "--quiet", "-o", result, "--",
                               program, QString::number(rounds), "10000", QString::number(count) },
-                            environment(temporary.path()), 280000);
+                            withTmpdir(temporary.path()), 280000);
     EXPECT_EQ(run.leftBehind, QStringList());
     ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
     ASSERT_EQ(run.status, 0) << qPrintable(run.err) << qPrintable(run.out);
 
     const Result saved = savedResult(result);
     ASSERT_EQ(saved.ranks.size(), 2);
-    const QRegularExpression line(QStringLiteral("^pe (\\d+) calls shmem_long_put (\\d+) shmem_barrier_all (\\d+)$"),
-                                  QRegularExpression::MultilineOption);
-    QMap<int, QPair<quint64, quint64>> printed;
-    for (auto it = line.globalMatch(run.out); it.hasNext();) {
-        const QRegularExpressionMatch m = it.next();
-        printed[m.captured(1).toInt()] = { m.captured(2).toULongLong(), m.captured(3).toULongLong() };
-    }
+    const QMap<int, QMap<QString, quint64>> printed = callsPrinted(run.out);
     ASSERT_EQ(printed.keys(), QList<int>({ 0, 1 })) << qPrintable(run.out);
     QList<quint64> barrierNs;
     for (int i = 0; i < 2; ++i) {
@@ -332,10 +284,10 @@ TEST_F(Parallel, ShmemTwoPesCountEveryCall)
         EXPECT_GT(rank.samples.size(), 0);
         const QMap<QString, MpiCounts> calls = mpiCalls(rank);
         EXPECT_EQ(calls.value("shmem_init").calls, 1u) << qPrintable(QStringList(calls.keys()).join(' '));
-        EXPECT_EQ(calls.value("shmem_long_put").calls, printed[i].first);
+        EXPECT_EQ(calls.value("shmem_long_put").calls, printed[i]["shmem_long_put"]);
         EXPECT_EQ(calls.value("shmem_long_put").sent, quint64(rounds) * count * sizeof(long));
-        EXPECT_EQ(calls.value("shmem_barrier_all").calls, printed[i].second);
-        EXPECT_EQ(printed[i].second, quint64(rounds));
+        EXPECT_EQ(calls.value("shmem_barrier_all").calls, printed[i]["shmem_barrier_all"]);
+        EXPECT_EQ(printed[i]["shmem_barrier_all"], quint64(rounds));
         // Calls that the SHMEM library makes of MPI are its own.
         EXPECT_EQ(calls.value("MPI_Init").calls + calls.value("MPI_Init_thread").calls, 0u);
         barrierNs << calls.value("shmem_barrier_all").ns;
@@ -370,9 +322,9 @@ TEST_F(Parallel, MpiAbortAndACrashingRankKeepTheOtherRanksSamples)
         QTemporaryDir temporary;
         const QString result = dir.filePath(QStringLiteral("failed.zor"));
         // Many rounds: the others are still busy when the rank fails.
-        const Outcome run = zor({ "profile", "-n", "4", "--interval", "5", "--quiet", "-o", result, "--",
+        const Outcome run = zorBounded({ "profile", "-n", "4", "--interval", "5", "--quiet", "-o", result, "--",
                                   ZOR_MPI_EXAMPLE, "400", "100", "16", c.option, QString::number(c.rank) },
-                                environment(temporary.path()), 280000);
+                                withTmpdir(temporary.path()), 280000);
         EXPECT_EQ(run.leftBehind, QStringList());
         ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
         // The host reads how a program ended from its zombie; should the
@@ -424,9 +376,9 @@ TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
     QTemporaryDir dir;
     QTemporaryDir temporary;
     const QString result = dir.filePath(QStringLiteral("omp.zor"));
-    QProcessEnvironment env = environment(temporary.path());
+    QProcessEnvironment env = withTmpdir(temporary.path());
     env.insert(QStringLiteral("OMP_NUM_THREADS"), QStringLiteral("3"));
-    const Outcome run = zor({ "profile", "--interval", "3", "--quiet", "-o", result, "--", program, "40", "64" }, env,
+    const Outcome run = zorBounded({ "profile", "--interval", "3", "--quiet", "-o", result, "--", program, "40", "64" }, env,
                             280000);
     EXPECT_EQ(run.leftBehind, QStringList());
     ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
@@ -441,10 +393,9 @@ TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
     // path goes from the opening function straight into code that is
     // neither the region's nor the runtime's (a yield in the C library).
     double underOpener = 0, workers = 0, all = 0, stray = 0;
-    for (const QByteArray& line : foldedStacks(profile).split('\n')) {
-        const int space = line.lastIndexOf(' ');
-        const QStringList frames = QString::fromUtf8(line.left(space)).split(QLatin1Char(';'));
-        const double us = line.mid(space + 1).toDouble();
+    for (const auto& line : foldedLines(foldedStacks(profile))) {
+        const QStringList& frames = line.first;
+        const double us = line.second;
         const int below = frames.indexOf(QStringLiteral("open_region")) + 1;
         if (below > 0 && below < frames.size()) {
             const QString next = frames.at(below);
@@ -453,7 +404,7 @@ TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
                 && next != QLatin1String("GOMP_parallel") && next != QLatin1String("__kmpc_fork_call"))
                 stray += us;
         }
-        if (space < 0 || frames.last() != QLatin1String("hot_body"))
+        if (frames.last() != QLatin1String("hot_body"))
             continue;
         all += us;
         const int opener = frames.indexOf(QStringLiteral("open_region"));

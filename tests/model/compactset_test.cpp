@@ -22,25 +22,6 @@ CompactSet<int> separateRanges(int count, bool brief)
 
 } // namespace
 
-TEST(CompactSet, InsertJoinsAndEraseSplits)
-{
-    const struct { const char* start; bool erase; R range; const char* expected; } cases[] = {
-        {"0", false, R(1, 2), "0-1"},              // touching
-        {"5-7", false, R(7, 10), "5-9"},           // overlapping
-        {"5-7", false, R(2, 5), "2-7"},            // touching on the right
-        {"0-1,5-9", false, R(2, 5), "0-9"},        // bridging two ranges
-        {"2,5", false, R(0, 10), "0-9"},           // covering several
-        {"4-8", false, R(4, 5), "4-8"},            // already inside
-        {"0-9", true, R(3, 4), "0-2,4-9"},         // split
-        {"0-9,12-15", true, R(8, 13), "0-7,13-15"} // trimmed on both sides
-    };
-    for (const auto& c : cases) {
-        CompactSet<int> set{QString::fromLatin1(c.start)};
-        c.erase ? set.erase(c.range) : set.insert(c.range, true);
-        EXPECT_EQ(set.toString(), QString::fromLatin1(c.expected)) << c.start;
-    }
-}
-
 TEST(CompactSet, MatchesAPlainSetUnderRandomInsertAndErase)
 {
     std::mt19937 rng(7);

@@ -22,25 +22,9 @@ IntProcessMap separateRanks(int count, int firstRank, bool brief)
 
 } // namespace
 
-TEST(IntProcessMap, SetAndAddSplitJoinAndFillGaps)
+// Splitting, joining and filling gaps: against a plain map below.
+TEST(IntProcessMap, TotalsMaximaAndAddingMaps)
 {
-    const struct { const char* start; bool add; int begin, end, value; const char* expected; } cases[] = {
-        {"0-9=1", false, 5, 6, 2, "0-4=1,5=2,6-9=1"}, // split
-        {"0-9=1", false, 5, 6, 1, "0-9=1"},           // already so
-        {"5-9=1", false, 0, 5, 1, "0-9=1"},           // touching, same value: joined
-        {"5-9=1", false, 0, 5, 2, "0-4=2,5-9=1"},     // touching, other value: apart
-        {"0-4=1,5-9=2", false, 3, 7, 3, "0-2=1,3-6=3,7-9=2"},
-        {"0-2=1,3-6=3,7-9=2", false, 2, 8, 1, "0-7=1,8-9=2"},
-        {"3=2", true, 3, 4, 2, "3=4"},
-        {"2=5", true, 0, 10, 1, "0-1=1,2=6,3-9=1"}, // over gaps
-        {"0-1=1,2=2", true, 1, 3, -1, "0=1,1=0,2=1"},
-    };
-    for (const auto& c : cases) {
-        IntProcessMap map{QString::fromLatin1(c.start)};
-        c.add ? map.add(c.begin, c.end, c.value) : map.set(c.begin, c.end, c.value, true);
-        EXPECT_EQ(map.toString(), QString::fromLatin1(c.expected)) << c.start;
-    }
-
     IntProcessMap gaps(QStringLiteral("0-1=1,2=6,3-9=1"));
     EXPECT_EQ(gaps.total(), 15);
     EXPECT_EQ(gaps.max(), 6);

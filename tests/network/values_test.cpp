@@ -112,21 +112,12 @@ TEST(SampleValue, FileAndTextFormsAreExact)
 
 TEST(MetricDefinitions, BuildFromTheAttributeMap)
 {
-    QVariantMap chars;
-    chars.insert(QStringLiteral("index"), 2);
-    chars.insert(QStringLiteral("sparse"), true);
-    chars.insert(QStringLiteral("divideBySampleTime"), QStringLiteral("true"));
-    chars.insert(QStringLiteral("units"), QStringLiteral("B/s"));
-    QVariantMap peak;
-    peak.insert(QStringLiteral("onTimeDomain"), false);
-    peak.insert(QStringLiteral("library"), QStringLiteral("metrics/libpeak.so"));
-    QVariantMap clash;
-    clash.insert(QStringLiteral("index"), 2);
-    QVariantMap map;
-    map.insert(QString::fromLatin1(METRIC_CHARS_READ), chars);
-    map.insert(QStringLiteral("peak"), peak);
-    map.insert(QStringLiteral("z_clash"), clash);
-    map.insert(QStringLiteral("broken"), 17);
+    const QVariantMap map{
+        {QString::fromLatin1(METRIC_CHARS_READ),
+         QVariantMap{{"index", 2}, {"sparse", true}, {"divideBySampleTime", "true"}, {"units", "B/s"}}},
+        {"peak", QVariantMap{{"onTimeDomain", false}, {"library", "metrics/libpeak.so"}}},
+        {"z_clash", QVariantMap{{"index", 2}}},
+        {"broken", 17}};
 
     MetricDefinitions definitions = MetricDefinitions::fromQVariantMap(map);
     EXPECT_EQ(definitions.size(), 3);

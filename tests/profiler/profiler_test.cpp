@@ -4,6 +4,7 @@
 #include <QTimer>
 #include <gtest/gtest.h>
 #include <numeric>
+#include <tuple>
 
 #include "constants.h"
 #include "fakehost.h"
@@ -116,37 +117,25 @@ TEST_F(CommandPath, PlayRunsTheWholeRunAndAnswersWithItsFacts)
     auto init = std::dynamic_pointer_cast<ProfilerSamplerInitResponse>(host.records[0].response);
     ASSERT_TRUE(init);
     EXPECT_TRUE(init->hasWrappedMpiCalls());
-    auto response = playReply();
-    ASSERT_TRUE(response);
+    auto r = playReply();
+    ASSERT_TRUE(r);
     EXPECT_EQ(host.records[1].commandUid, play.getUid());
-    EXPECT_EQ(response->rank(), 3);
-    EXPECT_FALSE(response->interrupted());
-    EXPECT_EQ(response->sampleCount(), 3);
-    EXPECT_EQ(response->duration(), 1234);
-    EXPECT_TRUE(response->mpiThreadMultiple());
-    EXPECT_FALSE(response->notSelected());
-    EXPECT_TRUE(response->hasOmpRegions());
-    EXPECT_EQ(response->ompRuntimes(), script->ompRuntimes);
-    EXPECT_EQ(response->metrics().value(QString::fromLatin1(METRIC_NUM_DOWNSAMPLES)).to_uint64_t(), 2u);
-    EXPECT_TRUE(response->cudaProfilingEnabled());
+    EXPECT_EQ(std::make_tuple(r->rank(), r->interrupted(), r->sampleCount(), r->duration(), r->mpiThreadMultiple(),
+                              r->notSelected(), r->hasOmpRegions(), r->cudaProfilingEnabled()),
+              std::make_tuple(3, false, 3, 1234LL, true, false, true, true));
+    EXPECT_EQ(r->ompRuntimes(), script->ompRuntimes);
+    EXPECT_EQ(r->metrics().value(QString::fromLatin1(METRIC_NUM_DOWNSAMPLES)).to_uint64_t(), 2u);
 
-    const SampleSourceSettings& settings = script->settings;
-    EXPECT_EQ(settings.numSamples, 100);
-    EXPECT_EQ(settings.initialInterval, 5);
-    EXPECT_EQ(settings.timestamp, 77u);
-    EXPECT_EQ(settings.startOffset, 1000u);
-    EXPECT_EQ(settings.stopOffset, 2000u);
-    EXPECT_TRUE(settings.cudaEnabled);
-    EXPECT_FALSE(settings.enableCudaPcSampling);
-    ASSERT_NE(settings.metrics.getMetricById(QString::fromLatin1(METRIC_CHARS_READ)), nullptr);
-    EXPECT_FALSE(script->lineMetrics);
+    const SampleSourceSettings& s = script->settings;
+    EXPECT_EQ(std::make_tuple(s.numSamples, s.initialInterval, s.timestamp, s.startOffset, s.stopOffset, s.cudaEnabled,
+                              s.enableCudaPcSampling, script->lineMetrics),
+              std::make_tuple(100, 5, 77u, 1000u, 2000u, true, false, false));
+    ASSERT_NE(s.metrics.getMetricById(QString::fromLatin1(METRIC_CHARS_READ)), nullptr);
 
     // The source lives for the run only; the samples stay.
-    EXPECT_EQ(script->created, 1);
-    EXPECT_EQ(script->destroyed, 1);
-    EXPECT_EQ(script->readCalls, 2);
-    EXPECT_EQ(profiler->samples()->size(), 3);
-    EXPECT_EQ(profiler->samples()->capacity(), 100);
+    EXPECT_EQ(std::make_tuple(script->created, script->destroyed, script->readCalls, profiler->samples()->size(),
+                              profiler->samples()->capacity()),
+              std::make_tuple(1, 1, 2, 3, 100));
     EXPECT_GE(host.flushes, 1);
     EXPECT_TRUE(profiler->currentCommand().isEmpty());
 }
@@ -157,13 +146,10 @@ TEST_F(CommandPath, AttributesFallBackToTheirDefaultsAndRanksAreSelected)
     run(CMD_ZOR_PLAY, { { "numSamples", "many" }, { "timestamp", "-" }, { "metricDefinitions", "not a map" },
                         { "cudaEnabled", QVariant() }, { "selectedRanks", "0-3,5" } });
     ASSERT_TRUE(playReply());
-    EXPECT_EQ(script->settings.numSamples, 0);
-    EXPECT_EQ(script->settings.initialInterval, 20);
-    EXPECT_EQ(script->settings.timestamp, 0u);
-    EXPECT_TRUE(script->settings.metrics.isEmpty());
-    EXPECT_FALSE(script->settings.cudaEnabled);
-    EXPECT_TRUE(script->lineMetrics);
-    EXPECT_EQ(profiler->samples()->capacity(), 0);
+    const SampleSourceSettings& s = script->settings;
+    EXPECT_EQ(std::make_tuple(s.numSamples, s.initialInterval, s.timestamp, s.metrics.isEmpty(), s.cudaEnabled,
+                              script->lineMetrics, profiler->samples()->capacity()),
+              std::make_tuple(0, 20, 0u, true, false, true, 0));
     // Outside the selection: still a source and a run, flagged.
     EXPECT_TRUE(playReply()->notSelected());
     EXPECT_TRUE(script->settings.notSelected);

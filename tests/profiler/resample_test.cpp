@@ -6,6 +6,7 @@
 #include "constants.h"
 #include "resample.h"
 #include "sample.h"
+#include "zorpsvmodelitem.h"
 
 namespace {
 
@@ -241,55 +242,18 @@ TEST(Resample, ASleepingOrAbsentThreadGetsNoMix)
     EXPECT_EQ(samples[3]->threadMetrics(2).value(QString::fromLatin1(METRIC_INSTR_MEM)), 80ul);
 }
 
-} // namespace
-
-#include "linemetrics.h"
-#include "zorpsvmodelitem.h"
-
-namespace {
-
-// root -> main -> kernel (k.c:12): the thread stopped on line 12.
-ZORPSVModelItem* leafOnLine(int line)
+// The kinds of an instruction reach its line (analysis test); a leaf on no
+// line gets none.
+TEST(LineMetrics, ALeafOnNoLineCountsNothing)
 {
     ZORPSVModelItem* root = new ZORPSVModelItem;
-    ZORPSVModelItem* main = new ZORPSVModelItem(root, Position(QStringLiteral("main"), QStringLiteral("m.c"), 1, -1));
-    new ZORPSVModelItem(main, Position(QStringLiteral("kernel"), QStringLiteral("k.c"), line, -1));
-    return root;
-}
-
-const LineMetrics& leafMetrics(Sample& sample, int tid, bool mainThread)
-{
-    const ZORPSVModelItem* leaf = static_cast<const ZORPSVModelItem*>(
-        sample.psvModel(tid)->firstChild()->firstChild());
-    return mainThread ? leaf->mainThreadLineMetrics() : leaf->activeCoreLineMetrics();
-}
-
-TEST(LineMetrics, TheInstructionUnderAnAwakeThreadCountsOnItsLine)
-{
+    new ZORPSVModelItem(root, Position(QStringLiteral("kernel"), QStringLiteral("k.c"), 0, -1));
     Sample sample;
-    sample.backendOnly_addThread(leafOnLine(12), 1, ThreadContext(), InstructionQuery(QStringLiteral("vfmadd231pd"), true),
+    sample.backendOnly_addThread(root, 1, ThreadContext(), InstructionQuery(QStringLiteral("addsd"), false),
                                  Sample::MainThread, 0, false);
-    sample.backendOnly_addThread(leafOnLine(12), 2, ThreadContext(), InstructionQuery(QStringLiteral("imull"), false),
-                                 Sample::OtherThread, 0, false);
-    sample.backendOnly_addThread(leafOnLine(12), 3, ThreadContext(), InstructionQuery(QStringLiteral("addsd"), false),
-                                 Sample::OtherThread, 0, true);
-    sample.backendOnly_addThread(leafOnLine(0), 4, ThreadContext(), InstructionQuery(QStringLiteral("addsd"), false),
-                                 Sample::OtherThread, 0, false);
     populateLineMetrics(MetricDefinitions(), sample);
-
-    const LineMetrics& main = leafMetrics(sample, 1, false);
-    EXPECT_EQ(main.value(QString::fromLatin1(METRIC_INSTR_VECTOR_FP)), 1.0);
-    EXPECT_EQ(main.value(QString::fromLatin1(METRIC_INSTR_MEM)), 1.0);
-    EXPECT_EQ(main.value(QString::fromLatin1(METRIC_INSTR_IMPLICIT_MEM)), 1.0);
-    EXPECT_FALSE(main.values().contains(QString::fromLatin1(METRIC_INSTR_SCALAR_FP)));
-    EXPECT_EQ(leafMetrics(sample, 1, true), main);
-
-    const LineMetrics& worker = leafMetrics(sample, 2, false);
-    EXPECT_EQ(worker.values().keys(), QList<QString>{ QString::fromLatin1(METRIC_INSTR_SCALAR_INT) });
-    EXPECT_TRUE(leafMetrics(sample, 2, true).isEmpty());
-    // Asleep, or on no line: nothing.
-    EXPECT_TRUE(leafMetrics(sample, 3, false).isEmpty());
-    EXPECT_TRUE(leafMetrics(sample, 4, false).isEmpty());
+    const auto* leaf = static_cast<const ZORPSVModelItem*>(sample.psvModel(1)->firstChild());
+    EXPECT_TRUE(leaf->activeCoreLineMetrics().isEmpty() && leaf->mainThreadLineMetrics().isEmpty());
 }
 
 } // namespace

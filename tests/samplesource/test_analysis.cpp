@@ -496,14 +496,14 @@ TEST_F(Analysis, TheInstructionUnderAnAwakeThreadCountsOnItsLine)
     // ahead of the leaf.
     debugger.code.insert(0x400ff5, Instruction(QStringLiteral("push"), QStringLiteral("%rbx"), true));
     debugger.code.insert(0x400ff6, Instruction(QStringLiteral("movabs"), QStringLiteral("$0x1,%rax")));
-    debugger.code.insert(0x401001, Instruction(QStringLiteral("addsd"), QStringLiteral("%xmm1,%xmm0")));
+    debugger.code.insert(0x401001, Instruction(QStringLiteral("vfmadd231pd"), QStringLiteral("%ymm1,%ymm0"), false, true));
     debugger.code.insert(0x401005, Instruction(QStringLiteral("ret"), QString()));
     debugger.place(0x401001, QStringLiteral("compute"), QStringLiteral("calc.c"), 9);
     debugger.place(0x401005, QStringLiteral("compute"), QStringLiteral("calc.c"), 10);
     debugger.frame(0x404005, QStringLiteral("worker"), QStringLiteral("work.c"), 7);
-    // Both threads stopped after the addition: the line of the addition gets
-    // it, for the main thread also as the main thread's; a sleeping thread
-    // counts nothing.
+    // Both threads stopped after the multiply-add, which reads memory
+    // unseen: the line of it gets each of its kinds, for the main thread also
+    // as the main thread's; a sleeping thread counts nothing.
     quorvex::SSample* raw = sample({0x401005, 0x403005, START_MAIN});
     thread(raw, 101, {0x401005, 0x404005, START_THREAD, CLONE3});
     thread(raw, 102, {0x401005, 0x404005, START_THREAD, CLONE3}, true);
@@ -515,13 +515,16 @@ TEST_F(Analysis, TheInstructionUnderAnAwakeThreadCountsOnItsLine)
             node = node->firstChild();
         return static_cast<const ZORPSVModelItem*>(node);
     };
-    const QString scalarFp = QString::fromLatin1(METRIC_INSTR_SCALAR_FP);
+    const QMap<QString, double> kinds{{QString::fromLatin1(METRIC_INSTR_VECTOR_FP), 1.0},
+                                      {QString::fromLatin1(METRIC_INSTR_MEM), 1.0},
+                                      {QString::fromLatin1(METRIC_INSTR_IMPLICIT_MEM), 1.0}};
     EXPECT_EQ(leaf(MAIN_TID)->position().line, 9);
-    EXPECT_EQ(leaf(MAIN_TID)->activeCoreLineMetrics().values(), (QMap<QString, double>{{scalarFp, 1.0}}));
+    EXPECT_EQ(leaf(MAIN_TID)->activeCoreLineMetrics().values(), kinds);
     EXPECT_EQ(leaf(MAIN_TID)->mainThreadLineMetrics(), leaf(MAIN_TID)->activeCoreLineMetrics());
-    EXPECT_EQ(leaf(101)->activeCoreLineMetrics().values(), (QMap<QString, double>{{scalarFp, 1.0}}));
+    EXPECT_EQ(leaf(101)->activeCoreLineMetrics().values(), kinds);
     EXPECT_TRUE(leaf(101)->mainThreadLineMetrics().isEmpty());
     EXPECT_TRUE(leaf(102)->activeCoreLineMetrics().isEmpty());
+
 }
 
 TEST_F(Analysis, TheDebuggerIsAskedOncePerAddressAndNeverWhileTreesAreBuilt)

@@ -1,5 +1,5 @@
-#include "readsamples.h"
 #include "samplefilebuilder.h"
+#include "samplefilereader.h"
 #include "timespec_utils.h"
 
 #include <gtest/gtest.h>
@@ -21,26 +21,7 @@ using namespace zortest;
 
 namespace {
 
-struct ReadResult
-{
-    std::unique_ptr<SSampleList> list;
-    timespec startTime = {-1, -1};
-    int stopReason = -1;
-    unsigned long rebuilds = 0, checks = 0, downsamples = 0;
-    uint64_t skipped = 0, resuming = 0, total = 0;
-    unsigned int spare1 = 0, spare2 = 0;
-    QString ompText;
-    bool cuda = false;
-    bool mpiMultiple = false;
-    QMap<int, SCallSite> callSites;
-
-    explicit ReadResult(const std::string& path)
-    {
-        list.reset(quorvex_read_samples(path.c_str(), &startTime, &stopReason, &rebuilds, &checks, &downsamples,
-                                        &skipped, &resuming, &total, &spare1, &spare2, ompText, &cuda, callSites,
-                                        &mpiMultiple));
-    }
-};
+using ReadResult = SampleFileRead;
 
 std::vector<char> withVersion(std::vector<char> bytes, int64_t word)
 {
@@ -72,10 +53,9 @@ TEST(ReadSamples, RandomWholeFileRoundTrip)
         TempFile file;
         builder.writeTo(file);
 
-        errno = 0;
         ReadResult r(file.path());
         ASSERT_TRUE(r.list);
-        EXPECT_EQ(errno, 0);
+        EXPECT_EQ(r.error, 0);
         EXPECT_EQ(compareLists(builder.list(), *r.list), "") << "seed " << seed;
         const SamplerFileHeader& h = builder.header();
         EXPECT_EQ(std::make_tuple(r.startTime.tv_sec, r.startTime.tv_nsec, r.stopReason, r.mpiMultiple, r.cuda,
@@ -234,13 +214,12 @@ TEST(ReadSamples, ThroughAPipeWithASlowWriter)
         }
         _exit(0);
     }
-    errno = 0;
     ReadResult r(fifo);
     int status = 0;
     waitpid(writer, &status, 0);
     unlink(fifo.c_str());
     ASSERT_TRUE(r.list);
-    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(r.error, 0);
     EXPECT_EQ(compareLists(builder.list(), *r.list), "");
     EXPECT_EQ(r.callSites.size(), 2);
 }

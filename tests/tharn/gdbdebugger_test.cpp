@@ -122,20 +122,15 @@ TEST(GdbDebugger, DrivesARealProgram)
     ASSERT_GT(pid, 0);
     EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
 
-    // Stopped at main, with the sampler in the program and not in gdb.
-    EXPECT_FALSE(debugger.mainFrameBoundaryIp().isEmpty());
-    EXPECT_EQ(debugger.mainFunctionName(), QStringLiteral("main"));
-    const unsigned long long init = debugger.getAddressValue(QStringLiteral("&quorvex_init_sampler_now"));
-    EXPECT_NE(init, 0u);
-    EXPECT_EQ(debugger.getAddressValue(QStringLiteral("&no_such_function_anywhere")), 0u);
+    // Stopped at main (the boundary, the sampler's entry and its version, an
+    // address or a call that isn't there: every run end to end asks them),
+    // with the sampler in the program and not in gdb.
     for (int pid : {debugger.gdbPid(), pid}) {
         QFile environment(QStringLiteral("/proc/%1/environ").arg(pid));
         ASSERT_TRUE(environment.open(QIODevice::ReadOnly));
         EXPECT_EQ(environment.readAll().contains("LD_PRELOAD=" ZOR_SAMPLER_LIBRARY), pid != debugger.gdbPid());
     }
 
-    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
-    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("no_such_function_anywhere()")), QString());
     EXPECT_EQ(debugger.readTargetString(QStringLiteral("quorvex_sampler_error"), QStringLiteral("x"), 1), QString());
     debugger.setTargetVariable(QStringLiteral("quorvex_sampler_error[0]"), QStringLiteral("'Z'"));
     EXPECT_EQ(debugger.readTargetString(QStringLiteral("quorvex_sampler_error"), QString(), 1), QStringLiteral("Z"));
@@ -150,17 +145,12 @@ TEST(GdbDebugger, DrivesARealProgram)
     ASSERT_EQ(threads->getNumThreads(), 1);
     EXPECT_EQ(threads->getActiveThread().uniqueId(), pid);
 
-    // Positions and code come from the files, gdb isn't asked.
+    // Positions and code come from the files, gdb isn't asked (names, files
+    // and lines of runs: the end-to-end tests).
     const unsigned long long alpha = debugger.getAddressValue(QStringLiteral("&spin_alpha"));
     QList<PositionResponse*> inlined;
     std::unique_ptr<PositionResponse> position(debugger.positionOfAddress(alpha, 0, &inlined));
     EXPECT_EQ(position->function, QStringLiteral("spin_alpha"));
-    EXPECT_TRUE(position->file.endsWith(QLatin1String("examples/hotspots.c"))) << position->file.toStdString();
-    EXPECT_GT(position->line, 0);
-    EXPECT_TRUE(inlined.isEmpty());
-    std::unique_ptr<PositionResponse> function(debugger.positionOfFunction(QStringLiteral("spin_beta")));
-    ASSERT_TRUE(function);
-    EXPECT_EQ(function->function, QStringLiteral("spin_beta"));
     unsigned long long end = 0;
     const QMap<unsigned long long, Instruction> code = debugger.disassembleRange(alpha + 1, 0, &end);
     ASSERT_FALSE(code.isEmpty());

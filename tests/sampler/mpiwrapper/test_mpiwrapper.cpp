@@ -1,7 +1,7 @@
 // The MPI wrapper: what it exports, the ".mpi" file it feeds, and a real
 // MPI program on two ranks with the sampler and the wrapper preloaded.
 #include "mpicallfile.h"
-#include "readsamples.h"
+#include "../../support/samplefilereader.h"
 
 #include <QDir>
 #include <QProcess>
@@ -35,31 +35,6 @@ std::map<std::string, MpiCallRecord> readMpiFile(const QString& path, bool* comp
     for (const MpiCallRecord& record : records)
         byName[record.name] = record;
     return byName;
-}
-
-struct SampleFileContents
-{
-    std::unique_ptr<quorvex::SSampleList> list;
-};
-
-SampleFileContents readSampleFile(const QString& path)
-{
-    SampleFileContents file;
-    timespec start;
-    int stopReason = 0;
-    unsigned long rebuilds = 0, checks = 0, downsamples = 0;
-    std::uint64_t skipped = 0, resuming = 0, taken = 0;
-    unsigned int spare1 = 0, spare2 = 0;
-    QString omp;
-    bool cuda = false, mpiMultiple = false;
-    QMap<int, quorvex::SCallSite> callSites;
-    errno = 0;
-    file.list.reset(quorvex_read_samples(QFile::encodeName(path).constData(), &start, &stopReason, &rebuilds, &checks,
-                                         &downsamples, &skipped, &resuming, &taken, &spare1, &spare2, omp, &cuda,
-                                         callSites, &mpiMultiple));
-    if (errno != 0)
-        file.list.reset();
-    return file;
 }
 
 TEST(MpiCallFile, RoundTripAndTruncation)
@@ -209,8 +184,8 @@ TEST(MpiWrapper, TwoRanksCountEveryCallAndTheTimeInIt)
             total += call.second.nanoseconds;
         unsigned long inMpi = 0;
         std::uint64_t sampledNs = 0;
-        SampleFileContents file = readSampleFile(run.outputs[rank]);
-        ASSERT_TRUE(file.list);
+        SampleFileRead file(run.outputs[rank].toStdString());
+        ASSERT_TRUE(file.list && file.error == 0);
         for (unsigned i = 0; i < file.list->size(); ++i) {
             inMpi += file.list->at(i).mainThreadTrace().inMpi();
             sampledNs += file.list->at(i).metrics().getMetricValue(mpiTimeMetric).to_uint64_t();

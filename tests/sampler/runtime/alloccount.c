@@ -1,7 +1,7 @@
-/* Preloaded after the sampler: stands in front of sigaction, so that every
- * handler (the sampler's own too) runs inside a wrapper that marks the
- * thread; allocations made while the mark is set are counted. At exit the
- * counts go to $ZOR_ALLOC_COUNT_OUTPUT: "handlers N\nallocations M\n". */
+// Preloaded after the sampler: stands in front of sigaction, so that every
+// handler (the sampler's own too) runs inside a wrapper that marks the
+// thread; allocations made while the mark is set are counted. At exit the
+// counts go to $ZOR_ALLOC_COUNT_OUTPUT: "handlers N\nallocations M\n".
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <signal.h>

@@ -2,12 +2,12 @@
 // what they write is read back with the back-end's reader.
 #include "constants.h"
 #include "metric.h"
-#include "readsamples.h"
 #include "samplevalue.h"
+#include "../../support/gdbprobe.h"
+#include "../../support/samplefilereader.h"
 
 #include <QDir>
 #include <QProcess>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -112,38 +112,20 @@ ProgramRun runSampled(const std::vector<std::string>& args, const std::vector<st
     return run;
 }
 
-struct SampleFile
+// The file at `path` as the back-end reads it: no list where the reading failed.
+SampleFileRead readSampleFile(const std::string& path)
 {
-    std::unique_ptr<SSampleList> list;
-    timespec start = {0, 0};
-    int stopReason = 0;
-    unsigned long downsamples = 0;
-    std::uint64_t takenInTotal = 0;
-};
-
-SampleFile readSampleFile(const std::string& path)
-{
-    SampleFile file;
-    unsigned long rebuilds = 0, checks = 0;
-    std::uint64_t skipped = 0, resuming = 0;
-    unsigned int spare1 = 0, spare2 = 0;
-    QString omp;
-    bool cuda = true, mpiMultiple = true;
-    QMap<int, quorvex::SCallSite> callSites;
-    errno = 0;
-    file.list.reset(quorvex_read_samples(path.c_str(), &file.start, &file.stopReason, &rebuilds, &checks,
-                                         &file.downsamples, &skipped, &resuming, &file.takenInTotal, &spare1, &spare2,
-                                         omp, &cuda, callSites, &mpiMultiple));
-    if (errno != 0)
+    SampleFileRead file(path);
+    if (file.error != 0)
         file.list.reset();
-    EXPECT_FALSE(cuda);
+    EXPECT_FALSE(file.cuda);
     return file;
 }
 
 struct TargetRun
 {
     ProgramRun run;
-    SampleFile file;
+    SampleFileRead file;
 };
 
 // Runs the test target in a mode, with sampling started by the environment
@@ -279,7 +261,7 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
                                      functions, base);
     ASSERT_EQ(run.exitCode, 0) << run.describe();
 
-    const SampleFile file = readSampleFile(output);
+    const SampleFileRead file = readSampleFile(output);
     ASSERT_TRUE(file.list);
     EXPECT_EQ(file.stopReason, 1);
     std::map<int, std::map<std::string, double>> hits; // per thread and function, "" for all
@@ -319,7 +301,7 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
                                         {"ZOR_SAMPLER_OUTPUT=" + output + ".split",
                                          "ZOR_SAMPLER_OPTIONS=interval=1,samples=100"});
     ASSERT_EQ(split.exitCode, 0) << split.describe();
-    const SampleFile thinned = readSampleFile(output + ".split");
+    const SampleFileRead thinned = readSampleFile(output + ".split");
     ASSERT_TRUE(thinned.list);
     EXPECT_GE(thinned.downsamples, 2u);
     std::map<int, double> cpu;
@@ -373,7 +355,7 @@ TEST(SamplerRun, BusyThreadsAreSampledAtTheirOwnPace)
         truth[match[1]] = std::stod(match[2]);
     ASSERT_EQ(truth.size(), 4u) << run.out;
 
-    const SampleFile file = readSampleFile(output);
+    const SampleFileRead file = readSampleFile(output);
     ASSERT_TRUE(file.list);
     EXPECT_EQ(file.downsamples, 0u);
     std::map<int, std::pair<unsigned, double>> answers; // per worker: backtraces, CPU seconds
@@ -432,37 +414,31 @@ TEST(SamplerRun, TwoHundredShortThreadsAndNoAllocationInHandlers)
     EXPECT_GE(sampled.size(), 20u) << "of 200 threads";
 }
 
-TEST(SamplerRun, InterruptedCallsComeBackWhole)
+// The target's own checks pass under the sampler, which keeps sampling: calls
+// that come back whole, never with EINTR; the program's handlers, masks and
+// signal waits as it set them; children of fork that leave the parent's
+// ".running" alone.
+TEST(SamplerRun, CallsHandlersAndChildrenOfForkAreAsWithoutTheSampler)
 {
     TempDir dir;
-    const TargetRun t = sampleTarget({"eintr"}, dir.file("run.%p"), "interval=1");
-    ASSERT_TRUE(t.file.list);
-    // The calls were really interrupted: the main thread was sampled in
-    // them, asleep, and the waiting workers were asked as well.
-    unsigned sleeping = 0, withWorkers = 0;
-    for (unsigned i = 0; i < t.file.list->size(); ++i) {
-        sleeping += t.file.list->at(i).mainThreadTrace().isSleeping();
-        withWorkers += t.file.list->at(i).otherThreads().count() > 0;
+    const std::vector<std::string> modes[] = {{"eintr"}, {"handlers"}, {"fork", dir.file("fork.running")}};
+    for (const std::vector<std::string>& args : modes) {
+        SCOPED_TRACE(args[0]);
+        const TargetRun t = sampleTarget(args, dir.file(args[0]), "interval=1");
+        ASSERT_TRUE(t.file.list);
+        EXPECT_GT(t.file.list->size(), 100u);
+        if (args[0] != "eintr")
+            continue;
+        // The calls were really interrupted: the main thread was sampled in
+        // them, asleep, and the waiting workers were asked as well.
+        unsigned sleeping = 0, withWorkers = 0;
+        for (unsigned i = 0; i < t.file.list->size(); ++i) {
+            sleeping += t.file.list->at(i).mainThreadTrace().isSleeping();
+            withWorkers += t.file.list->at(i).otherThreads().count() > 0;
+        }
+        EXPECT_GT(sleeping, t.file.list->size() / 2);
+        EXPECT_GT(withWorkers, t.file.list->size() / 2);
     }
-    EXPECT_GT(t.file.list->size(), 100u);
-    EXPECT_GT(sleeping, t.file.list->size() / 2);
-    EXPECT_GT(withWorkers, t.file.list->size() / 2);
-}
-
-TEST(SamplerRun, ProgramHandlersMasksAndSignalWaitsAreKept)
-{
-    TempDir dir;
-    const TargetRun t = sampleTarget({"handlers"}, dir.file("samples"), "interval=1");
-    ASSERT_TRUE(t.file.list);
-    EXPECT_GT(t.file.list->size(), 100u);
-}
-
-TEST(SamplerRun, ChildrenOfForkLeaveTheParentsFilesAlone)
-{
-    TempDir dir;
-    const TargetRun t = sampleTarget({"fork", dir.file("samples.running")}, dir.file("samples"), "interval=2");
-    ASSERT_TRUE(t.file.list);
-    EXPECT_GT(t.file.list->size(), 100u);
 }
 
 // A program that dies by a signal, a fault of its own or one sent from
@@ -499,7 +475,7 @@ TEST(SamplerRun, DeathBySignalKeepsTheSamples)
         EXPECT_EQ(run.out, "dying\n");
         EXPECT_EQ(run.err, "");
         EXPECT_FALSE(exists(path + ".running"));
-        const SampleFile file = readSampleFile(path);
+        const SampleFileRead file = readSampleFile(path);
         ASSERT_TRUE(file.list);
         EXPECT_GT(file.list->size(), 10u);
         EXPECT_EQ(sampledThreads(*file.list).size(), 2u) << "the main thread and the worker";
@@ -533,7 +509,7 @@ TEST(SamplerRun, EveryThreadIsSampledWhateverItsMask)
         EXPECT_EQ(run.out, "ok\n");
         EXPECT_EQ(run.err, "");
         EXPECT_FALSE(exists(path + ".running"));
-        const SampleFile file = readSampleFile(path);
+        const SampleFileRead file = readSampleFile(path);
         ASSERT_TRUE(file.list);
         std::set<int> threads = sampledThreads(*file.list);
         unsigned byMain = 0;
@@ -607,7 +583,7 @@ TEST(SamplerRun, ExecAndChildrenWriteFilesOfTheirOwnOrNone)
             EXPECT_EQ(noted.count(pid), 0u) << notes;
         }
         for (const std::string& name : data) {
-            const SampleFile file = readSampleFile(dir.file(name));
+            const SampleFileRead file = readSampleFile(dir.file(name));
             ASSERT_TRUE(file.list) << name;
             EXPECT_GT(file.list->size(), 5u) << name;
             // Side files only with something in them: no MPI wrapper, and
@@ -666,15 +642,15 @@ TEST(SamplerControl, ArmedAndStoppedAsTheBackEndDoesIt)
         ASSERT_EQ(sscanf(run.out.c_str(), "boundary %lx", &boundary), 1) << run.out;
         EXPECT_NE(run.out.find("\nok\n"), std::string::npos) << run.out;
 
-        const SampleFile file = readSampleFile(path);
+        const SampleFileRead file = readSampleFile(path);
         ASSERT_TRUE(file.list);
         EXPECT_EQ(file.stopReason, 2);
         const unsigned n = file.list->size();
         ASSERT_GT(n, 20u);
-        EXPECT_EQ(file.takenInTotal, n);
+        EXPECT_EQ(file.total, n);
         if (mode == "stop-offset") {
             const timespec last = file.list->at(n - 1).getTimestamp();
-            EXPECT_LT((last.tv_sec - file.start.tv_sec) * 1000000000LL + (last.tv_nsec - file.start.tv_nsec),
+            EXPECT_LT((last.tv_sec - file.startTime.tv_sec) * 1000000000LL + (last.tv_nsec - file.startTime.tv_nsec),
                       300000000LL);
         }
 
@@ -721,18 +697,10 @@ TEST(SamplerControl, ArmedAndStoppedAsTheBackEndDoesIt)
 // half-taken sample too, and calls the sampler from there.
 TEST(SamplerControl, StoppedByADebuggerInTheMiddleOfASample)
 {
-    if (QStandardPaths::findExecutable("gdb").isEmpty())
-        GTEST_SKIP() << "no gdb";
     // Some containers forbid tracing, and gdb 13 can't call functions in a
     // program on CPUs with AMX state; then there is nothing to show here.
-    QProcess probe;
-    probe.setProcessChannelMode(QProcess::MergedChannels);
-    probe.start("gdb", { "-nx", "-batch", "-ex", "break main", "-ex", "run", "-ex", "print (int)getpid() > 0",
-                         "--args", ZOR_EXAMPLE, "--seconds", "0" });
-    probe.waitForFinished(60000);
-    const QByteArray answer = probe.readAll();
-    if (!answer.contains("$1 = 1"))
-        GTEST_SKIP() << "gdb can't call functions in a program here: " << answer.right(200).toStdString();
+    if (const QString why = gdbCallProblem(ZOR_EXAMPLE); !why.isEmpty())
+        GTEST_SKIP() << why.toStdString();
     TempDir dir;
     const std::string path = dir.file("smpls"), commands = dir.file("commands");
     writeConfig(path);
@@ -754,7 +722,7 @@ TEST(SamplerControl, StoppedByADebuggerInTheMiddleOfASample)
     EXPECT_NE(transcript.find("$1 = 0\n"), std::string::npos) << transcript;
     EXPECT_NE(transcript.find("$2 = 0\n"), std::string::npos) << transcript;
     EXPECT_FALSE(exists(path + ".running"));
-    const SampleFile file = readSampleFile(path);
+    const SampleFileRead file = readSampleFile(path);
     ASSERT_TRUE(file.list) << transcript;
     EXPECT_EQ(file.stopReason, 2);
     EXPECT_EQ(file.list->size(), 20u); // the whole ones; the one being made is left out
