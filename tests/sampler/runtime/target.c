@@ -1,34 +1,34 @@
-/* The program that the tests run under the sampler, one mode per check. It
- * prints "ok" at the end and exits 0, or prints what went wrong and exits 1.
- *   eintr          sleeps, waits and reads come back whole, never with EINTR,
- *                  while the program's own signals still interrupt
- *   handlers       the program's handlers, masks and sigwait work as without
- *                  the sampler
- *   fork RUNNING   children of fork, one exec'ing, leave RUNNING alone
- *   threads        200 short threads, ending in every way a thread can;
- *                  prints how many got to the end of their work, and how
- *                  many descriptors more than before the threads it has
- *   stop PATH      drives the sampler as the back-end does, refusals first,
- *                  with the configuration at PATH, and stops it; prints the
- *                  boundary frame it gave, its caller's return address
- *   stop-offset PATH   the same, but the sampler stops itself at 300 ms
- *   die HOW        a worker and the main thread busy, then the process dies:
- *                  HOW is segv (a fault), abort, or wait (busy until a signal
- *                  from outside ends it); prints "dying" first
- *   masked         two busy workers made while every signal is blocked, as
- *                  some libraries make theirs; they see the mask they got
- *   sigwait        the main thread blocks every signal and waits for them in
- *                  sigwait and through a signalfd while a worker is busy
- *   main-exit      the main thread leaves with pthread_exit; two busy
- *                  workers go on, the last one prints the result
- *   exec           busy, then execs itself in mode exec-done, which loads
- *                  libz, loads and unloads libBrokenLocale, and is busy again
- *   fork-children  two children of fork alone, busy
- *   children       as a shell: children that fork and exec, a program
- *                  spawned, and one that starts its program after the
- *                  parent has ended; then it stops sampling and starts
- *                  more through system and popen; all in mode quiet-busy,
- *                  which prints nothing */
+// The program that the tests run under the sampler, one mode per check. It
+// prints "ok" at the end and exits 0, or prints what went wrong and exits 1.
+//   eintr          sleeps, waits and reads come back whole, never with EINTR,
+//                  while the program's own signals still interrupt
+//   handlers       the program's handlers, masks and sigwait work as without
+//                  the sampler
+//   fork RUNNING   children of fork, one exec'ing, leave RUNNING alone
+//   threads        200 short threads, ending in every way a thread can;
+//                  prints how many got to the end of their work, and how
+//                  many descriptors more than before the threads it has
+//   stop PATH      drives the sampler as the back-end does, refusals first,
+//                  with the configuration at PATH, and stops it; prints the
+//                  boundary frame it gave, its caller's return address
+//   stop-offset PATH   the same, but the sampler stops itself at 300 ms
+//   die HOW        a worker and the main thread busy, then the process dies:
+//                  HOW is segv (a fault), abort, or wait (busy until a signal
+//                  from outside ends it); prints "dying" first
+//   masked         two busy workers made while every signal is blocked, as
+//                  some libraries make theirs; they see the mask they got
+//   sigwait        the main thread blocks every signal and waits for them in
+//                  sigwait and through a signalfd while a worker is busy
+//   main-exit      the main thread leaves with pthread_exit; two busy
+//                  workers go on, the last one prints the result
+//   exec           busy, then execs itself in mode exec-done, which loads
+//                  libz, loads and unloads libBrokenLocale, and is busy again
+//   fork-children  two children of fork alone, busy
+//   children       as a shell: children that fork and exec, a program
+//                  spawned, and one that starts its program after the
+//                  parent has ended; then it stops sampling and starts
+//                  more through system and popen; all in mode quiet-busy,
+//                  which prints nothing
 #define _GNU_SOURCE
 #include "quorvex_sampler.h"
 
@@ -93,9 +93,9 @@ static int exists(const char* path)
     return access(path, F_OK) == 0;
 }
 
-/* ---- eintr ---- */
+// ---- eintr ----
 
-/* Each call must take its whole time and succeed. */
+// Each call must take its whole time and succeed.
 #define TIMED(name, ms, call, ok) \
     do { \
         const int64_t start_ = now_ns(); \
@@ -141,7 +141,7 @@ static void run_eintr(void)
     CHECK(write(pipe_fds[1], "x", 1) == 1, "can't write to the pipe");
     pthread_join(read_thread, NULL);
 
-    /* The program's own signals interrupt as they always did. */
+    // The program's own signals interrupt as they always did.
     struct sigaction action;
     memset(&action, 0, sizeof action);
     action.sa_handler = count;
@@ -153,7 +153,7 @@ static void run_eintr(void)
           (int)handled[SIGALRM]);
 }
 
-/* ---- handlers ---- */
+// ---- handlers ----
 
 static void run_handlers(void)
 {
@@ -180,8 +180,8 @@ static void run_handlers(void)
     sigprocmask(SIG_UNBLOCK, &usr2, NULL);
     CHECK(handled[SIGUSR2] == 1, "SIGUSR2 was handled %d times after unblocking", (int)handled[SIGUSR2]);
 
-    /* Waiting for every signal, with all blocked, hands out the program's
-     * own and none of the sampler's, which keep coming meanwhile. */
+    // Waiting for every signal, with all blocked, hands out the program's
+    // own and none of the sampler's, which keep coming meanwhile.
     sigset_t all, saved;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &saved);
@@ -193,13 +193,13 @@ static void run_handlers(void)
           (int)handled[SIGUSR1]);
     pthread_sigmask(SIG_SETMASK, &saved, NULL);
 
-    /* The program's own handler for the sampler's signal. */
+    // The program's own handler for the sampler's signal.
     CHECK(sigaction(ours, &action, NULL) == 0, "can't set a handler for signal %d", ours);
     raise(ours);
     burn_ms(300);
     CHECK(handled[ours] == 1, "the program's handler for signal %d ran %d times", ours, (int)handled[ours]);
 
-    /* A one-shot handler falls back to the default once it has run. */
+    // A one-shot handler falls back to the default once it has run.
     action.sa_flags = SA_RESETHAND;
     sigaction(SIGWINCH, &action, NULL);
     raise(SIGWINCH);
@@ -208,7 +208,7 @@ static void run_handlers(void)
           (int)handled[SIGWINCH], seen.sa_handler == SIG_DFL ? "default" : "not default");
 }
 
-/* ---- fork ---- */
+// ---- fork ----
 
 static void run_fork(const char* running)
 {
@@ -231,7 +231,7 @@ static void run_fork(const char* running)
     burn_ms(300);
 }
 
-/* ---- threads ---- */
+// ---- threads ----
 
 #define THREADS 200
 #define AT_ONCE 8
@@ -287,8 +287,8 @@ static void run_threads(void)
                 pthread_join(batch[n - first], NULL);
         }
     }
-    /* The detached ones may still be running; one that never gets to the
-     * end shows in the count. */
+    // The detached ones may still be running; one that never gets to the
+    // end shows in the count.
     int done = 0;
     for (int waited = 0; waited < 10000 && done < THREADS; ++waited) {
         nanosleep(&(struct timespec){0, 1000000}, NULL);
@@ -297,8 +297,8 @@ static void run_threads(void)
         pthread_mutex_unlock(&lock);
     }
     printf("done %d\n", done);
-    /* What the sampler opens for a thread goes with it; a detached one may
-     * still be on its way out. */
+    // What the sampler opens for a thread goes with it; a detached one may
+    // still be on its way out.
     int more = open_descriptors() - descriptors;
     for (int waited = 0; waited < 1000 && more > 0; ++waited) {
         nanosleep(&(struct timespec){0, 1000000}, NULL);
@@ -307,9 +307,9 @@ static void run_threads(void)
     printf("descriptors %+d\n", more);
 }
 
-/* ---- stop, stop-offset ---- */
+// ---- stop, stop-offset ----
 
-/* Works for 500 ms, reading back all it writes, for the I/O metrics. */
+// Works for 500 ms, reading back all it writes, for the I/O metrics.
 static void work_with_io(void)
 {
     char buffer[4096] = {0};
@@ -330,7 +330,7 @@ static void write_file(const char* path, const char* text)
     CHECK(f && fputs(text, f) >= 0 && fclose(f) == 0, "can't write %s", path);
 }
 
-/* Refusals come with a code and a reason. */
+// Refusals come with a code and a reason.
 static void refused(int code, int samples, int interval, const char* path, const char* reason)
 {
     const int got = quorvex_init_sampler_now(samples, interval, path, 1, 0, 0);
@@ -345,7 +345,7 @@ static void run_control(const char* path, int stop_self)
     snprintf(bad, sizeof bad, "%s.bad", path);
 
     CHECK(quorvex_sampler_version() == 700, "version %d", quorvex_sampler_version());
-    /* As a debugger does with main: backtraces end in the function that arms. */
+    // As a debugger does with main: backtraces end in the function that arms.
     const unsigned long boundary = (unsigned long)__builtin_return_address(0);
     CHECK(quorvex_set_boundary_frame_ip(boundary) == 0, "the boundary was refused");
     printf("boundary %lx\n", boundary);
@@ -379,7 +379,7 @@ static void run_control(const char* path, int stop_self)
     }
 }
 
-/* ---- die ---- */
+// ---- die ----
 
 static void* busy_worker(void* unused)
 {
@@ -408,7 +408,7 @@ static void run_die(const char* how)
     CHECK(0, "still alive");
 }
 
-/* ---- masks ---- */
+// ---- masks ----
 
 static int blocks(int sig)
 {
@@ -487,7 +487,7 @@ static void run_main_exit(void)
     pthread_exit(NULL);
 }
 
-/* ---- exec and children ---- */
+// ---- exec and children ----
 
 static const char self[] = "/proc/self/exe";
 
@@ -544,9 +544,9 @@ static void run_children(void)
     }
     burn_ms(100);
 
-    /* The C library spawns the shell of system and popen without passing
-     * through the sampler's exec; they start after this process has stopped
-     * sampling, when nothing stands in the way of a claim on its file. */
+    // The C library spawns the shell of system and popen without passing
+    // through the sampler's exec; they start after this process has stopped
+    // sampling, when nothing stands in the way of a claim on its file.
     CHECK(quorvex_ui_stop_sampling() == 0, "can't stop sampling");
     char path[PATH_MAX] = "";
     char command[PATH_MAX + 32];
@@ -581,10 +581,10 @@ int main(int argc, char** argv)
     else if (argc == 2 && strcmp(mode, "exec") == 0)
         run_exec();
     else if (argc == 2 && strcmp(mode, "exec-done") == 0) {
-        /* An object loaded during the run, for the module list. */
+        // An object loaded during the run, for the module list.
         CHECK(dlopen("libz.so.1", RTLD_NOW) != NULL, "can't load libz: %s", dlerror());
         burn_ms(100);
-        /* And one gone again before the end, as an MPI library's components go. */
+        // And one gone again before the end, as an MPI library's components go.
         void* passing = dlopen("libBrokenLocale.so.1", RTLD_NOW);
         CHECK(passing != NULL, "can't load libBrokenLocale: %s", dlerror());
         CHECK(dlclose(passing) == 0, "can't unload libBrokenLocale: %s", dlerror());
