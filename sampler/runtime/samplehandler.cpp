@@ -343,10 +343,12 @@ void takeSample(void* ucontext)
     bool downsampled = false;
     ThreadSlot* mainSlot = currentSlot();
     const ReserveReopen reserve;
+    const bool mainSleeping = isSleeping(mainCpuInterval, wall);
     SSample* sample = s.list->createSample(s.mainTrace, started, wall, wall, downsampled,
                                            mainSlot && mainSlot->inMpi.load(std::memory_order_relaxed), s.mainTid,
-                                           s.threadIds, static_cast<std::size_t>(count) + 1, mainCpuInterval,
-                                           isSleeping(mainCpuInterval, wall));
+                                           s.threadIds, static_cast<std::size_t>(count) + 1,
+                                           mainSleeping ? sleepingCpu(mainCpuInterval) : mainCpuInterval,
+                                           mainSleeping);
     sample->metrics().setValid();
     for (unsigned int i = 0; i < s.metricCount; ++i)
         sample->metrics().setMetric(i, quorvex::SMetric(s.values[i], wall, s.metrics[i].mode));
@@ -387,6 +389,8 @@ void answerRequest(void* ucontext)
     unwindFromSignalContext(slot->data, ucontext, gState.boundaryIp);
     slot->cpuInterval = zs_difference(cpu, slot->lastCpu);
     slot->sleeping = isSleeping(slot->cpuInterval, zs_difference(wall, slot->lastWall));
+    if (slot->sleeping)
+        slot->cpuInterval = sleepingCpu(slot->cpuInterval);
     slot->lastWall = wall;
     slot->lastCpu = zs_add(cpu, zs_difference(zs_now(CLOCK_MONOTONIC), wall));
     slot->done.store(generation, std::memory_order_release);

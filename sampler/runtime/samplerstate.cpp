@@ -52,4 +52,21 @@ bool isSleeping(const timespec& cpu, const timespec& wall)
     return wallNs > 0 && static_cast<double>(zs_nanoseconds(cpu)) < SLEEPING_CPU_SHARE * static_cast<double>(wallNs);
 }
 
+timespec sleepingCpu(const timespec& cpu)
+{
+    // A thread that sleeps runs only to answer: it is woken, the signal's
+    // frame is made, and it goes back to sleep, which the handler's own
+    // clock doesn't see. The least that any sleeping thread showed is no
+    // more than that and is taken off, so that the waits of idle threads
+    // aren't charged with the sampler's cost.
+    const long long ns = zs_nanoseconds(cpu);
+    std::atomic<long long>& least = gState.leastSleepingCpuNs;
+    long long seen = least.load(std::memory_order_relaxed);
+    while (ns > 0 && (seen <= 0 || ns < seen)
+           && !least.compare_exchange_weak(seen, ns, std::memory_order_relaxed, std::memory_order_relaxed)) {
+    }
+    seen = least.load(std::memory_order_relaxed);
+    return zs_from_ns(ns > seen ? ns - seen : 0);
+}
+
 } // namespace zorsampler

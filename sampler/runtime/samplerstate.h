@@ -186,6 +186,8 @@ struct State
     std::uint64_t skipped;
     std::uint64_t missedThreads;
     std::uint64_t handlerNs;
+    // The least CPU time that a sleeping thread showed between two answers.
+    std::atomic<long long> leastSleepingCpuNs;
 };
 
 extern State gState;
@@ -202,6 +204,9 @@ void writeLog(const quorvex::SafeMessage& message);
 // `intervalMs` (0 and 0 disarm it). False when the kernel refuses.
 bool setTimer(int intervalMs, long long firstMs);
 bool isSleeping(const timespec& cpu, const timespec& wall);
+// The CPU time of a sleeping thread between two answers, less what the
+// sampler's signals cost it.
+timespec sleepingCpu(const timespec& cpu);
 
 // ---- samplehandler.cpp ----
 
