@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QLocalSocket>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -15,17 +14,9 @@
 #include "hostlistener.h"
 #include "message.h"
 #include "messagestream.h"
+#include "../support/spin.h"
 
 namespace {
-
-bool spinUntil(const std::function<bool()>& done, int ms = 5000)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done() && clock.elapsed() < ms)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    return done();
-}
 
 QByteArray helloFrame(int rank)
 {

@@ -16,6 +16,7 @@
 #include "scripteddebugger.h"
 #include "scriptedsamplesource.h"
 #include "zorprofiler.h"
+#include "zorresponsefactoryplugin.h"
 
 namespace {
 
@@ -526,12 +527,8 @@ TEST(Entries, TheTwoEntriesOfThePlugIn)
     EXPECT_EQ(server.getResponseFactoryPlugin(), nullptr);
     EXPECT_TRUE(server.init(command));
     EXPECT_TRUE(server.init(command));
-    QString error;
-    std::unique_ptr<Response> rebuilt(
-        server.getResponseFactoryPlugin()->fromXml(SendSamplesResponse(4, 200).toString().toUtf8(), &error));
-    auto samples = dynamic_cast<SendSamplesResponse*>(rebuilt.get());
-    ASSERT_TRUE(samples) << qPrintable(error);
-    EXPECT_EQ(samples->numSamples(), 200);
+    // The factory of every response (its round trips: responses_test).
+    EXPECT_NE(dynamic_cast<ZORResponseFactoryPlugin*>(server.getResponseFactoryPlugin()), nullptr);
 
 }
 

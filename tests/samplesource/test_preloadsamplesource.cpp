@@ -37,6 +37,7 @@
 #include "samplelist.h"
 #include "samplevalue.h"
 #include "scripteddebugger.h"
+#include "spin.h"
 #include "syscalls.h"
 
 namespace {
@@ -801,10 +802,7 @@ TEST(PlatformPieces, LocksDieWithTheirProcessAndPrivateDirectoriesStayPrivate)
     int exited = 0;
     QObject::connect(&watcher, &ProcessWatcher::processExited, [&](int pid) { exited = pid; });
     watcher.start();
-    QElapsedTimer waited;
-    waited.start();
-    while (!exited && waited.elapsed() < 5000)
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+    spinUntil([&] { return exited != 0; });
     EXPECT_EQ(exited, child);
 }
 

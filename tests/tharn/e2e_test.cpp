@@ -5,7 +5,6 @@
 // user's stop end with what was sampled or a clear error, and nothing of the
 // host is left behind. The example's shares, files and lines: frontend_test.
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QLocalServer>
 #include <QLocalSocket>
@@ -28,6 +27,7 @@
 #include "zorpsvmodelitem.h"
 #include "zorresponsefactoryplugin.h"
 #include "../support/gdbprobe.h"
+#include "../support/spin.h"
 
 namespace {
 
@@ -49,7 +49,7 @@ public:
         }
         mHost.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         mHost.start(QStringLiteral(ZOR_HOST), QStringList{QStringLiteral("--connect"), address, QStringLiteral("--")} + program);
-        if (!waitFor([&] { return mLocalServer.hasPendingConnections() || mTcpServer.hasPendingConnections(); }, 30000))
+        if (!spinUntil([&] { return mLocalServer.hasPendingConnections() || mTcpServer.hasPendingConnections(); }, 30000))
             return;
         if (transport == Local)
             mSocket = mLocalServer.nextPendingConnection();
@@ -66,19 +66,9 @@ public:
         close();
     }
 
-    template <class Predicate>
-    bool waitFor(Predicate done, int msecs)
-    {
-        QElapsedTimer clock;
-        clock.start();
-        while (!done() && clock.elapsed() < msecs)
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-        return done();
-    }
-
     bool next(Message* message, int msecs)
     {
-        if (!mStream || !waitFor([&] { return mStream->hasMessage() || mStream->hasFailed(); }, msecs)
+        if (!mStream || !spinUntil([&] { return mStream->hasMessage() || mStream->hasFailed(); }, msecs)
             || !mStream->hasMessage())
             return false;
         *message = mStream->takeMessage();
@@ -283,7 +273,7 @@ TEST_F(EndToEnd, ProgramsThatEndEarlyDieOrKeepRunning)
                 || answerOf(messages, playCommand))
                 break;
         }
-        run.waitFor([] { return false; }, 1000);
+        spinUntil([] { return false; }, 1000);
         if (way == Killed)
             ::kill(target, SIGKILL);
         if (way == KeepsRunning)

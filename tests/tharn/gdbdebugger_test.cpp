@@ -3,7 +3,6 @@
 // and disassembly without gdb, detach and reattach, a restart of gdb, a
 // program that dies while detached, and clear errors for what can't start.
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
@@ -19,6 +18,7 @@
 #include "miparser.h"
 #include "platformnames.h"
 #include "../support/gdbprobe.h"
+#include "../support/spin.h"
 
 namespace {
 
@@ -167,10 +167,7 @@ TEST(GdbDebugger, DrivesARealProgram)
     Command detach = debuggerCommand(CMD_DETACH);
     delete debugger.handleCommand(detach);
     EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::Detached));
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < 300)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    spinUntil([] { return false; }, 300);
     Command reattach = debuggerCommand(CMD_REATTACH);
     delete debugger.handleCommand(reattach);
     EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
@@ -196,10 +193,7 @@ TEST(GdbDebugger, DrivesARealProgram)
     QString exitStatus;
     QObject::connect(&debugger, &GdbDebugger::targetExited, [&](const QString& status) { exitStatus = status; });
     ::kill(pid, SIGKILL);
-    clock.restart();
-    while (exitStatus.isEmpty() && clock.elapsed() < 10000)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
-    EXPECT_FALSE(exitStatus.isEmpty());
+    EXPECT_TRUE(spinUntil([&] { return !exitStatus.isEmpty(); }, 10000));
     EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetGone));
     try {
         delete debugger.handleReattach(reattach);

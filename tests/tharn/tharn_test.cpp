@@ -3,7 +3,6 @@
 // arrivals (a stop reaches a command that waits), cancellations reach the
 // handler, and failures come back as the answers of their commands.
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QLocalSocket>
 #include <QObject>
 #include <QTimer>
@@ -17,6 +16,7 @@
 #include "tharn.h"
 #include "tharnmessagehandler.h"
 #include "zorresponsefactoryplugin.h"
+#include "../support/spin.h"
 
 namespace {
 
@@ -94,13 +94,11 @@ TEST(Tharn, QueuesRunInOrderWhileArrivalsAreStillTaken)
 
     // Both ends live on this thread: the loop runs until the answers are in.
     QList<Message> answers;
-    QElapsedTimer clock;
-    clock.start();
-    while (answers.size() < 4 && clock.elapsed() < 10000) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    spinUntil([&] {
         while (front.hasMessage())
             answers << front.takeMessage();
-    }
+        return answers.size() >= 4;
+    }, 10000);
     ASSERT_EQ(answers.size(), 4) << front.errorString().toStdString();
     EXPECT_EQ(handler.log.join(QLatin1Char(' ')),
               QStringLiteral("in:wait run:wait in:second in:fail cancel:%1 in:stop done:wait run:second "
