@@ -364,6 +364,9 @@ void takeSample(void* ucontext)
         // time: sample half as often from now on.
         s.intervalMs *= 2;
         setTimer(s.intervalMs, s.intervalMs);
+        // The other threads' answers too, or most of their signals would
+        // find no request.
+        setCpuEventPeriods(s.intervalMs);
         quorvex::SafeMessage message = logLine();
         message.str("sample list thinned, sampling every ").dec(s.intervalMs).str(" ms\n");
         writeLog(message);

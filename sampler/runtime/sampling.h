@@ -14,8 +14,9 @@ namespace zorsampler {
 // requests sent to the other threads.
 const int TIMER_CODE = SI_TIMER;
 const int REQUEST_CODE = SI_QUEUE;
-// And a thread's event on its CPU time (threads.h).
-const int CPU_EVENT_CODE = POLL_IN;
+// And a thread's event on its CPU time (threads.h), which stops after each
+// expiry until it is armed again.
+const int CPU_EVENT_CODE = POLL_HUP;
 // si_value of every instance the sampler sends: the address of this.
 extern const char gSignalCookie;
 // What the timer on a thread's own CPU clock carries instead.

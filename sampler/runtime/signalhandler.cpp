@@ -69,6 +69,8 @@ void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext)
             takeSample(ucontext);
         else
             answerRequest(ucontext);
+        if (info->si_code == CPU_EVENT_CODE)
+            rearmCpuEvent(info->si_fd);
         pthread_setcancelstate(cancelState, nullptr);
         tlsInSamplerHandler = false;
     } else {

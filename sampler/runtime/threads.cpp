@@ -107,7 +107,11 @@ bool startCpuEvent(ThreadSlot* slot, int tid, int intervalMs)
         return false;
     }
     markEventFd(fd);
-    if (fcntl(fd, F_SETFL, flags | O_ASYNC) != 0 || ioctl(fd, PERF_EVENT_IOC_ENABLE, 0) != 0) {
+    // One expiry at a time, armed again when the thread has taken its
+    // signal: a thread that holds the signal back (in a handler of the
+    // program's that blocks it) doesn't gather a queue of them, which at
+    // the user's limit would turn into a SIGIO.
+    if (fcntl(fd, F_SETFL, flags | O_ASYNC) != 0 || ioctl(fd, PERF_EVENT_IOC_REFRESH, 1) != 0) {
         close(fd);
         return false;
     }
@@ -208,6 +212,25 @@ void stopCpuTimer(ThreadSlot* slot)
         closeCpuEvent(slot);
     else
         timer_delete(slot->cpuTimer);
+}
+
+void setCpuEventPeriods(int intervalMs)
+{
+    // A thread that ends meanwhile closes its descriptor, which a later
+    // one of the program's may take: the request is the events' own and
+    // means nothing to any other kind of descriptor.
+    std::uint64_t period = static_cast<std::uint64_t>(intervalMs) * 1000000u;
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+        if (slot->haveCpuTimer.load(std::memory_order_acquire) && slot->cpuEventFd >= 0)
+            ioctl(slot->cpuEventFd, PERF_EVENT_IOC_PERIOD, &period);
+    }
+}
+
+void rearmCpuEvent(int fd)
+{
+    const ThreadSlot* slot = tlsSlot;
+    if (slot && slot->haveCpuTimer.load(std::memory_order_acquire) && slot->cpuEventFd == fd)
+        ioctl(fd, PERF_EVENT_IOC_REFRESH, 1);
 }
 
 bool isCpuEventFd(int fd)

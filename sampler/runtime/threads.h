@@ -91,7 +91,12 @@ void endCurrentThread();
 // `intervalMs`; false when the kernel refuses. Stops it, once.
 bool startCpuTimer(ThreadSlot* slot, int intervalMs);
 void stopCpuTimer(ThreadSlot* slot);
-// Whether the sampler's signal with POLL_IN from the descriptor `fd` is
+// Makes every thread's event fire each `intervalMs` of its CPU time from
+// now on; their timers stay as they are. Safe in a signal handler.
+void setCpuEventPeriods(int intervalMs);
+// After the signal of the calling thread's event from the descriptor `fd`.
+void rearmCpuEvent(int fd);
+// Whether the sampler's signal with POLL_HUP from the descriptor `fd` is
 // one of the events above. A descriptor stays known as the sampler's once
 // it was one, so that a signal still queued as the thread ends is not
 // taken for the program's.

@@ -296,14 +296,20 @@ TEST(SamplerRun, HotFunctionSharesOnEveryThread)
     // The two threads do equal work: at a short interval, with a list short
     // enough to be thinned several times, each still holds half the CPU
     // time, though the worker answers at its own pace and so only in some
-    // samples.
+    // samples; and its pace slows down with the main thread's, its signals
+    // (counted by the handler counter) no more than one a tick.
     const ProgramRun split = runSampled({ZOR_EXAMPLE, "--work", "1000"},
                                         {"ZOR_SAMPLER_OUTPUT=" + output + ".split",
-                                         "ZOR_SAMPLER_OPTIONS=interval=1,samples=100"});
+                                         "ZOR_SAMPLER_OPTIONS=interval=1,samples=100",
+                                         "ZOR_ALLOC_COUNT_OUTPUT=" + output + ".counts"},
+                                        ZOR_ALLOC_COUNT_LIBRARY);
     ASSERT_EQ(split.exitCode, 0) << split.describe();
     const SampleFileRead thinned = readSampleFile(output + ".split");
     ASSERT_TRUE(thinned.list);
     EXPECT_GE(thinned.downsamples, 2u);
+    unsigned long handlers = 0, allocations = 0;
+    ASSERT_EQ(sscanf(readText(output + ".counts").c_str(), "handlers %lu allocations %lu", &handlers, &allocations), 2);
+    EXPECT_LT(handlers, 3 * thinned.total) << thinned.total << " ticks";
     std::map<int, double> cpu;
     for (unsigned i = 0; i < thinned.list->size(); ++i) {
         quorvex::SSampleBacktraceIterator threads(thinned.list->at(i));
