@@ -315,10 +315,12 @@ void PreloadSampleSource::decodeTraceEnds(const quorvex::SSampleList* samples)
 {
     // The leaves first, in the order of their addresses.
     AddressCollector leaves;
+    size_t traces = 0;
     for (unsigned int i = 0; i < samples->size(); ++i) {
         quorvex::SSampleBacktraceIterator threads(samples->at(i));
         while (threads.hasNext()) {
             const quorvex::backtrace_t& trace = threads.next().trace();
+            ++traces;
             if (!trace.empty())
                 leaves.insert(trace[0]);
         }
@@ -330,6 +332,8 @@ void PreloadSampleSource::decodeTraceEnds(const quorvex::SSampleList* samples)
     // functions, which may now ask the debugger. A trace whose failure may
     // be told in full has every address decoded.
     const bool wholeFailedTraces = verboseUnwindErrors();
+    mTraceEnds.clear();
+    mTraceEnds.reserve(traces);
     mDecodingTraceEnds = true;
     for (unsigned int i = 0; i < samples->size(); ++i) {
         quorvex::SSampleBacktraceIterator threads(samples->at(i));
@@ -338,10 +342,13 @@ void PreloadSampleSource::decodeTraceEnds(const quorvex::SSampleList* samples)
             const quorvex::backtrace_t& trace = backtrace.trace();
             if (trace.empty())
                 continue;
-            firstProgramFrame(trace);
-            bool found = false;
-            if (!threads.wasMainThread())
-                findRootFramesOfThread(trace, found);
+            TraceEnds ends;
+            ends.first = quint32(firstProgramFrame(trace));
+            if (!threads.wasMainThread()) {
+                ends.rootFramesToSkip = findRootFramesOfThread(trace, ends.rootFound);
+                ends.rootKnown = true;
+            }
+            mTraceEnds.insert(traceKey(trace)) = ends;
             if (wholeFailedTraces && backtrace.unwindStatus() != 0) {
                 for (unsigned long address : trace)
                     decodedFrame(address);

@@ -148,7 +148,8 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
         return root;
     }
 
-    const size_t first = firstProgramFrame(trace);
+    const TraceEnds* ends = mTraceEnds.find(traceKey(trace));
+    const size_t first = ends ? ends->first : firstProgramFrame(trace);
 
     // Root to leaf, leaving out the thread library's frames at the root end
     // and never touching trace[first], which is the leaf. The bound is taken

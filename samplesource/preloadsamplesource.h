@@ -363,6 +363,17 @@ private:
     // naming rules, kept for one analysis by the storage of the names.
     InternStringCache mInternedStrings;
     FlatTable<DecodedFrame> mDecodedFrames;
+    // What decodeTraceEnds found of each raw trace, by the trace's address,
+    // so that the tree builders don't look the ends up again.
+    struct TraceEnds
+    {
+        quint32 first = 0;
+        quint32 rootFramesToSkip = 0;
+        bool rootFound = false;
+        bool rootKnown = false;
+    };
+    FlatTable<TraceEnds> mTraceEnds;
+    static quintptr traceKey(const quorvex::backtrace_t& trace) { return reinterpret_cast<quintptr>(&trace); }
     // The inlined callers of all decoded frames, each frame's together.
     std::vector<KeyedPosition> mInlineCallers;
     QList<QPair<Address, Address>> mSamplerRanges;

@@ -96,6 +96,7 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
         mSampleLeaves.clear();
         mRecordTreePlaceholders = false;
         mTreePlaceholders.clear();
+        mTraceEnds.clear();
         mSelfProfilePoints.addPoint(leafs.finish(replaced));
     }
 
@@ -199,8 +200,15 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
 
         unsigned int rootFramesToSkip = 0;
         bool foundRoot = false;
-        if (!hasCallSite && !mainThread)
-            rootFramesToSkip = findRootFramesOfThread(trace->trace(), foundRoot);
+        if (!hasCallSite && !mainThread) {
+            const TraceEnds* ends = mTraceEnds.find(traceKey(trace->trace()));
+            if (ends && ends->rootKnown) {
+                rootFramesToSkip = ends->rootFramesToSkip;
+                foundRoot = ends->rootFound;
+            } else {
+                rootFramesToSkip = findRootFramesOfThread(trace->trace(), foundRoot);
+            }
+        }
         // A thread whose root was found is whole, whatever its status says.
         const bool partial = status != 0 ? !foundRoot : false;
 
