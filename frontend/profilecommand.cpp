@@ -791,10 +791,10 @@ int ProfileRun::run()
         result.ranks[i].samples = samples.last();
     }
     // The file's samples are encoded while the run's last answers come in.
-    std::future<QList<QByteArray>> encodedSamples = std::async(std::launch::async, [samples]() {
-        QList<QByteArray> encoded;
+    std::future<QList<ResultFile::EncodedSamples>> encodedSamples = std::async(std::launch::async, [samples]() {
+        QList<ResultFile::EncodedSamples> encoded;
         for (const QList<Sample>& rank : samples)
-            encoded.append(ResultFile::samplesXml(rank));
+            encoded.append(ResultFile::encodeSamples(rank));
         return encoded;
     });
 

@@ -76,6 +76,11 @@ struct Message
     // the reason in `error`, for anything malformed or unknown.
     static bool fromXml(const QByteArray& xml, const ResponseFactoryPlugin* factory, Message* message,
                         QString* error);
+    // What fromXml does first: a block of samples read by our own reader.
+    // False, with what stopped it in *error, for anything else, and for
+    // anything in a block that reader doesn't know.
+    static bool readSampleBlock(const QByteArray& xml, const ResponseFactoryPlugin* factory, Message* message,
+                                QString* error);
 };
 
 // Keys of the hello message.

@@ -7,6 +7,7 @@
 #include <QXmlStreamWriter>
 
 #include "sample.h"
+#include "xmlreading.h"
 #include "xmlvalues.h"
 #include "xmlwriting.h"
 
@@ -290,6 +291,43 @@ bool SampleBlockResponse::readContent(QXmlStreamReader& reader, QString* error)
         mSamples.append(sample);
     }
     return readEnd(reader, error);
+}
+
+bool SampleBlockResponse::readXml(FastXmlReader& reader)
+{
+    int blockSize = 0;
+    int blockNumber = 0;
+    if (!reader.nameIs(QLatin1String("SampleBlockResponse"))
+        || !reader.attribute(QLatin1String("blockSize")).toInt(&blockSize)
+        || !reader.attribute(QLatin1String("blockNumber")).toInt(&blockNumber)) {
+        reader.raiseError(QStringLiteral("not a block of samples, or its size or number"));
+        return false;
+    }
+    CompactSet<int> ranks;
+    QString badToken;
+    if (!ranks.fromString(reader.attribute(QLatin1String("profiledRanks")).toString(), &badToken)) {
+        reader.raiseError(QStringLiteral("bad profiled ranks"));
+        return false;
+    }
+    mBlockSize = blockSize;
+    mBlockNumber = blockNumber;
+    mCollectingHistograms = reader.attribute(QLatin1String("histograms")) == QLatin1String("yes");
+    mProfiledRanks = ranks;
+    qDeleteAll(mSamples);
+    mSamples.clear();
+    while (reader.readNextStartElement()) {
+        if (!reader.nameIs(QLatin1String("sample"))) {
+            reader.skipCurrentElement();
+            continue;
+        }
+        Sample* sample = new Sample;
+        if (!sample->readXml(reader)) {
+            delete sample;
+            return false;
+        }
+        mSamples.append(sample);
+    }
+    return !reader.hasError();
 }
 
 // SendSamplesResponse

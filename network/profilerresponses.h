@@ -16,6 +16,7 @@
 #include "samplehistogram.h"
 #include "selfprofilepoints.h"
 
+class FastXmlReader;
 class Sample;
 
 // The sampler is armed; sent from within CMD_ZOR_PLAY, before the run.
@@ -150,6 +151,11 @@ public:
     bool collectingHistograms() const { return mCollectingHistograms; }
     const CompactSet<int>& profiledRanks() const { return mProfiledRanks; }
     const QList<Sample*>& samples() const { return mSamples; }
+
+    // Reads the element at which reader stands, as readXml does, with our
+    // own reader, which stops at anything it doesn't know.
+    bool readXml(FastXmlReader& reader);
+    using Response::readXml;
 
 protected:
     void writeContent(QXmlStreamWriter& writer) const override;

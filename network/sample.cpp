@@ -4,10 +4,13 @@
 #include <QSharedPointer>
 #include <QVector>
 #include <algorithm>
+#include <climits>
+#include <cstring>
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
 #include "gpuprofilepsvmodelitem.h"
+#include "xmlreading.h"
 #include "xmlvalues.h"
 #include "xmlwriting.h"
 #include "zorpsvmodelitem.h"
@@ -515,7 +518,135 @@ bool readThread(QXmlStreamReader& reader, SampleThread* thread, QString* error)
     return !reader.hasError();
 }
 
+QString sameString(const QString& text)
+{
+    return text;
+}
+
+// Comma-separated decimal numbers into a sorted list without repeats.
+bool readIntSet(const FastXmlReader::Value& text, QVector<int>* set)
+{
+    set->clear();
+    const char* p = text.data;
+    const char* const end = p + text.size;
+    while (p < end) {
+        const char* comma = static_cast<const char*>(memchr(p, ',', size_t(end - p)));
+        if (!comma)
+            comma = end;
+        int value = 0;
+        if (!FastXmlReader::Value{p, int(comma - p)}.toInt(&value) || (comma != end && comma + 1 == end))
+            return false;
+        set->append(value);
+        p = comma + 1;
+    }
+    std::sort(set->begin(), set->end());
+    set->erase(std::unique(set->begin(), set->end()), set->end());
+    return true;
+}
+
+bool readThread(FastXmlReader& reader, SampleThread* thread)
+{
+    int type = 0;
+    qulonglong cpu = 0;
+    if (!reader.attribute(QLatin1String("tid")).toInt(&thread->tid) || !reader.attribute(QLatin1String("type")).toInt(&type)
+        || type < Sample::MainThread || type > Sample::ParallelRegionThread
+        || !reader.attribute(QLatin1String("cpu")).toULongLong(&cpu)) {
+        reader.raiseError(QStringLiteral("a sample thread's tid, type or CPU time"));
+        return false;
+    }
+    thread->type = static_cast<Sample::ThreadType>(type);
+    thread->cpuTime = cpu;
+    const FastXmlReader::Value allocated = reader.attribute(QLatin1String("allocated"));
+    const FastXmlReader::Value rank = reader.attribute(QLatin1String("ctxRank"));
+    const FastXmlReader::Value pid = reader.attribute(QLatin1String("pid"));
+    if ((!allocated.isNull() && !allocated.toULongLong(&cpu)) || (!rank.isNull() && !rank.toInt(&thread->context.rank))
+        || (!pid.isNull() && !pid.toInt(&thread->context.pid))) {
+        reader.raiseError(QStringLiteral("a sample thread's allocated time, rank or pid"));
+        return false;
+    }
+    if (!allocated.isNull())
+        thread->allocatedCpuTime = cpu;
+    thread->sleeping = reader.attribute(QLatin1String("sleeping")) == QLatin1String("yes");
+    const FastXmlReader::Value instruction = reader.attribute(QLatin1String("instr"));
+    thread->instruction = InstructionQuery(instruction.isNull() ? QString() : reader.sharedString(instruction, &sameString),
+                                           reader.attribute(QLatin1String("implicitMem")) == QLatin1String("yes"));
+    while (reader.readNextStartElement()) {
+        if (reader.nameIs(QLatin1String("tm"))) {
+            qulonglong value = 0;
+            if (!reader.attribute(QLatin1String("v")).toULongLong(&value) || value > ULONG_MAX) {
+                reader.raiseError(QStringLiteral("a bad thread metric value"));
+                return false;
+            }
+            const FastXmlReader::Value id = reader.attribute(QLatin1String("id"));
+            thread->metrics.insert(id.isNull() ? QString() : reader.sharedString(id, &sameString), value);
+        } else if (reader.nameIs(QLatin1String("tree")) && !thread->tree) {
+            ZORPSVModelItem* root = ZORPSVModelItem::readTree(reader);
+            if (!root)
+                return false;
+            thread->tree = QExplicitlySharedDataPointer<TreeHolder>(new TreeHolder(root));
+            continue;
+        }
+        reader.skipCurrentElement();
+    }
+    return !reader.hasError();
+}
+
 } // namespace
+
+bool Sample::readXml(FastXmlReader& reader)
+{
+    SampleData* data = new SampleData;
+    QSharedDataPointer<SampleData> guard(data);
+    const FastXmlReader::Value time = reader.attribute(QLatin1String("t"));
+    if (!reader.attribute(QLatin1String("rank")).toInt(&data->rank)
+        || (!time.isNull() && !time.toLongLong(&data->timestamp))
+        || !readIntSet(reader.attribute(QLatin1String("live")), &data->liveThreads)) {
+        reader.raiseError(QStringLiteral("a sample's rank, time or live threads"));
+        return false;
+    }
+    data->hasTimestamp = !time.isNull();
+    data->repeat = reader.attribute(QLatin1String("repeat")) == QLatin1String("yes");
+    data->ignore = reader.attribute(QLatin1String("ignore")) == QLatin1String("yes");
+    const FastXmlReader::Value codes = reader.attribute(QLatin1String("unwindErrors"));
+    if (!codes.isNull() && codes.size > 0) {
+        for (const QString& code : codes.toString().split(QLatin1Char(','))) {
+            bool ok = false;
+            data->libunwindErrorCodes.append(code.toInt(&ok));
+            if (!ok) {
+                reader.raiseError(QStringLiteral("a bad unwind error code"));
+                return false;
+            }
+        }
+    }
+    while (reader.readNextStartElement()) {
+        if (reader.nameIs(QLatin1String("metric"))) {
+            SampleValue single, mean;
+            if (!sampleValueFromString(reader.attribute(QLatin1String("v")).toString(), &single)
+                || !sampleValueFromString(reader.attribute(QLatin1String("mean")).toString(), &mean)) {
+                reader.raiseError(QStringLiteral("a bad metric value"));
+                return false;
+            }
+            const FastXmlReader::Value id = reader.attribute(QLatin1String("id"));
+            data->metrics.insert(id.isNull() ? QString() : reader.sharedString(id, &sameString),
+                                 ScalarMetric(single, mean));
+            reader.skipCurrentElement();
+        } else if (reader.nameIs(QLatin1String("thread"))) {
+            SampleThread thread;
+            if (!readThread(reader, &thread))
+                return false;
+            data->insert(thread);
+        } else if (reader.nameIs(QLatin1String("histogram")) || reader.nameIs(QLatin1String("gpuTree"))) {
+            reader.raiseError(QStringLiteral("histograms and device trees are read by Qt's reader"));
+            return false;
+        } else {
+            reader.skipCurrentElement();
+        }
+    }
+    if (reader.hasError())
+        return false;
+    d = guard;
+    return true;
+}
 
 bool Sample::readXml(QXmlStreamReader& reader, QString* error)
 {

@@ -16,6 +16,7 @@
 #include "metric.h"
 #include "samplehistogram.h"
 
+class FastXmlReader;
 class QXmlStreamReader;
 class QXmlStreamWriter;
 class XmlWriter;
@@ -111,6 +112,8 @@ public:
     void writeXml(QXmlStreamWriter& writer) const;
     void writeXml(XmlWriter& writer) const;
     bool readXml(QXmlStreamReader& reader, QString* error);
+    // The same with our own reader, which stops at anything it doesn't know.
+    bool readXml(FastXmlReader& reader);
 
     // Equal in everything that travels in the wire form.
     bool operator==(const Sample& other) const;

@@ -4,6 +4,8 @@
 #include "xmlwriting.h"
 
 #include <QCoreApplication>
+
+#include <cstring>
 #include <QStringList>
 #include <QXmlStreamAttributes>
 #include <QXmlStreamReader>
@@ -71,6 +73,54 @@ bool readLineMetrics(QXmlStreamReader& reader, LineMetrics* metrics, QString* er
         return false;
     }
     return true;
+}
+
+bool readLineMetrics(FastXmlReader& reader, LineMetrics* metrics)
+{
+    while (reader.readNextStartElement()) {
+        if (!reader.nameIs(ELEMENT_METRIC)) {
+            reader.skipCurrentElement();
+            continue;
+        }
+        QString entry;
+        if (!reader.readElementText(&entry))
+            return false;
+        if (!metrics->readEntry(entry)) {
+            reader.raiseError(QStringLiteral("bad line metric \"%1\"").arg(entry));
+            return false;
+        }
+    }
+    return !reader.hasError();
+}
+
+// Thread counts as "0=1,4-7=2"; anything else as the text constructor reads it.
+IntProcessMap processThreads(const FastXmlReader::Value& text)
+{
+    IntProcessMap map;
+    const char* p = text.data;
+    const char* const end = p + text.size;
+    const auto number = [&](int* value) {
+        const char* start = p;
+        while (p < end && *p >= '0' && *p <= '9')
+            ++p;
+        return FastXmlReader::Value{start, int(p - start)}.toInt(value);
+    };
+    while (p < end) {
+        int first = 0;
+        int last = 0;
+        int value = 0;
+        if (!number(&first))
+            return IntProcessMap(text.toString());
+        last = first;
+        if (p < end && *p == '-' && (++p, !number(&last)))
+            return IntProcessMap(text.toString());
+        if (p >= end || *p != '=' || (++p, !number(&value)) || (p < end && *p != ',') || last < first)
+            return IntProcessMap(text.toString());
+        if (p < end && ++p == end)
+            return IntProcessMap(text.toString());
+        map.set(first, zor_compact::successor(last), value, true);
+    }
+    return map;
 }
 
 } // namespace
@@ -311,6 +361,92 @@ void ZORPSVModelItem::readListItem(const QString& list, const QString& value)
         counts().activeCore.readEntry(value);
     else if (list == ELEMENT_MAIN_THREAD)
         counts().mainThread.readEntry(value);
+}
+
+ZORPSVModelItem* ZORPSVModelItem::readTree(FastXmlReader& reader)
+{
+    ZORPSVModelItem* root = new ZORPSVModelItem;
+    if (!root->readNode(reader)) {
+        delete root;
+        return nullptr;
+    }
+    return root;
+}
+
+// What readXml reads, in the same order and with the same defaults.
+bool ZORPSVModelItem::readNode(FastXmlReader& reader)
+{
+    const FastXmlReader::Value special = reader.attribute(ATTR_SPECIAL);
+    int value = 0;
+    mSpecial = specialNone;
+    if (!special.isNull()) {
+        if (!special.toInt(&value) || value < specialNone || value > specialOmpMonitor || value == 9) {
+            reader.raiseError(QStringLiteral("bad attributes on call tree node"));
+            return false;
+        }
+        mSpecial = static_cast<Special>(value);
+    }
+    int counters[4] = {0, 0, 0, 0};
+    const FastXmlReader::Value samples = reader.attribute(ATTR_SAMPLES);
+    if (!samples.isNull()) {
+        const char* p = samples.data;
+        const char* const end = p + samples.size;
+        for (int i = 0; i < 4; ++i) {
+            const char* comma = i < 3 ? static_cast<const char*>(memchr(p, ',', size_t(end - p))) : end;
+            if (!comma || !FastXmlReader::Value{p, int(comma - p)}.toInt(&counters[i])) {
+                reader.raiseError(QStringLiteral("bad attributes on call tree node"));
+                return false;
+            }
+            p = comma + 1;
+        }
+    }
+    Position position;
+    const FastXmlReader::Value function = reader.attribute(QLatin1String("function"));
+    if (!function.isNull())
+        position.function = reader.sharedString(function, &PSVModelItem::internString);
+    const FastXmlReader::Value file = reader.attribute(QLatin1String("file"));
+    if (!file.isNull())
+        position.file = reader.sharedString(file, &PSVModelItem::internString);
+    const FastXmlReader::Value line = reader.attribute(QLatin1String("line"));
+    if (!line.isNull() && !line.toInt(&position.line)) {
+        reader.raiseError(QStringLiteral("a line that isn't a number"));
+        return false;
+    }
+    setPosition(position);
+    const FastXmlReader::Value processes = reader.attribute(QLatin1String("processes"));
+    if (!processes.isNull())
+        mProcessThreads = processThreads(processes);
+    if (!reader.attribute(QLatin1String("cuda-thread-counts")).isNull()) {
+        reader.raiseError(QStringLiteral("device threads are read by Qt's reader"));
+        return false;
+    }
+    mCurrentGroup = reader.attribute(QLatin1String("currentGroup")) == QLatin1String("yes");
+    setUnexpectedStop(reader.attribute(QLatin1String("unexpectedStop")) == QLatin1String("yes"));
+    if (mCounts || counters[0] != 0 || counters[1] != 0 || counters[2] != 0 || counters[3] != 0) {
+        Counts& own = counts();
+        own.samples = counters[0];
+        own.selfSamples = counters[1];
+        own.mpiSamples = counters[2];
+        own.sleepingSamples = counters[3];
+    }
+    while (reader.readNextStartElement()) {
+        if (reader.nameIs(XML_NODE)) {
+            ZORPSVModelItem* child = new ZORPSVModelItem(this);
+            if (!child->readNode(reader)) {
+                delete child;
+                return false;
+            }
+        } else if (reader.nameIs(ELEMENT_ACTIVE_CORE)) {
+            if (!readLineMetrics(reader, &counts().activeCore))
+                return false;
+        } else if (reader.nameIs(ELEMENT_MAIN_THREAD)) {
+            if (!readLineMetrics(reader, &counts().mainThread))
+                return false;
+        } else {
+            reader.skipCurrentElement();
+        }
+    }
+    return !reader.hasError();
 }
 
 ZORPSVModelItem* ZORPSVModelItem::readTree(QXmlStreamReader& reader, QString* error)

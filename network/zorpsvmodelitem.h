@@ -15,6 +15,8 @@
 #include "linemetrics.h"
 #include "psvmodelitem.h"
 
+class FastXmlReader;
+
 class ZORPSVModelItem : public PSVModelItem
 {
 public:
@@ -101,6 +103,9 @@ public:
     // Reads the element at which reader stands into a new tree; null on
     // failure, with the reason in *error.
     static ZORPSVModelItem* readTree(QXmlStreamReader& reader, QString* error);
+    // The same with our own reader, which stops at anything it doesn't
+    // know; null then, with the reader's error set.
+    static ZORPSVModelItem* readTree(FastXmlReader& reader);
 
 private:
     // What most nodes of a fresh tree leave at zero and empty, kept apart
@@ -116,6 +121,7 @@ private:
     };
 
     void mergeOwnFields(const ZORPSVModelItem& other);
+    bool readNode(FastXmlReader& reader);
     Counts& counts();
 
     Special mSpecial;

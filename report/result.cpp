@@ -7,6 +7,8 @@
 #include <QXmlStreamWriter>
 #include <QtEndian>
 
+#include <zlib.h>
+
 #include "xmlwriting.h"
 
 namespace ResultFile {
@@ -103,10 +105,46 @@ bool readRank(QXmlStreamReader& r, RankResult* rank, QString* error)
     return true;
 }
 
-QByteArray bodyOf(const Result& result, const QList<QByteArray>& encodedSamples)
+QByteArray samplesXml(const QList<Sample>& samples)
+{
+    QByteArray xml;
+    XmlWriter out(&xml);
+    for (const Sample& sample : samples)
+        sample.writeXml(out);
+    return xml;
+}
+
+// Raw deflate blocks that end on a byte boundary, the last block only
+// where `last`: pieces compressed apart join into one stream.
+ResultFile::EncodedSamples deflatePiece(const QByteArray& xml, bool last)
+{
+    ResultFile::EncodedSamples piece;
+    piece.size = xml.size();
+    piece.adler = quint32(adler32(1, reinterpret_cast<const Bytef*>(xml.constData()), uInt(xml.size())));
+    z_stream stream = {};
+    if (deflateInit2(&stream, 6, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) != Z_OK)
+        qFatal("zlib can't start compressing");
+    piece.deflated.resize(int(deflateBound(&stream, uLong(xml.size()))) + 16);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(xml.constData()));
+    stream.avail_in = uInt(xml.size());
+    stream.next_out = reinterpret_cast<Bytef*>(piece.deflated.data());
+    stream.avail_out = uInt(piece.deflated.size());
+    const int status = deflate(&stream, last ? Z_FINISH : Z_SYNC_FLUSH);
+    if (status != (last ? Z_STREAM_END : Z_OK) || stream.avail_in != 0)
+        qFatal("zlib failed to compress %d bytes", xml.size());
+    piece.deflated.resize(int(stream.total_out));
+    deflateEnd(&stream);
+    return piece;
+}
+
+// The body as qCompress makes it (the length, then a zlib stream) from the
+// XML around the ranks' samples and their pieces compressed ahead.
+QByteArray bodyOf(const Result& result, const QList<ResultFile::EncodedSamples>& encodedSamples)
 {
     QByteArray xml;
     QXmlStreamWriter w(&xml);
+    // Where the samples of each rank go in xml.
+    QVector<int> cuts;
     w.writeStartDocument();
     w.writeStartElement(RootElement);
     writeRun(w, result.run);
@@ -117,13 +155,43 @@ QByteArray bodyOf(const Result& result, const QList<QByteArray>& encodedSamples)
         rank.metricErrors.writeXml(w);
         rank.endMetrics.writeXml(w);
         w.writeStartElement(QStringLiteral("samples"));
-        writeRawXml(w, i < encodedSamples.size() ? encodedSamples.at(i) : ResultFile::samplesXml(rank.samples));
+        // Empty characters close the start tag.
+        w.writeCharacters(QString());
+        cuts.append(xml.size());
         w.writeEndElement();
         w.writeEndElement();
     }
     w.writeEndElement();
     w.writeEndDocument();
-    return xml;
+
+    QList<ResultFile::EncodedSamples> pieces;
+    int from = 0;
+    for (int i = 0; i < cuts.size(); ++i) {
+        pieces.append(deflatePiece(xml.mid(from, cuts.at(i) - from), false));
+        pieces.append(i < encodedSamples.size() ? encodedSamples.at(i)
+                                                : ResultFile::encodeSamples(result.ranks.at(i).samples));
+        from = cuts.at(i);
+    }
+    pieces.append(deflatePiece(xml.mid(from), true));
+
+    qint64 size = 0;
+    uLong adler = 1;
+    QByteArray body(6, '\0');
+    for (const ResultFile::EncodedSamples& piece : pieces) {
+        adler = adler32_combine(adler, piece.adler, z_off_t(piece.size));
+        size += piece.size;
+        body.append(piece.deflated);
+    }
+    if (size > 0xffffffffLL)
+        qFatal("a result of %lld bytes is too large to save", size);
+    qToBigEndian<quint32>(quint32(size), body.data());
+    // The zlib header of the default compression and window.
+    body[4] = char(0x78);
+    body[5] = char(0x9c);
+    char word[4];
+    qToBigEndian<quint32>(quint32(adler), word);
+    body.append(word, 4);
+    return body;
 }
 
 bool parseBody(const QByteArray& xml, Result* result, QString* error)
@@ -173,18 +241,14 @@ QString RunInfo::commandLine() const
     return words.join(QLatin1Char(' '));
 }
 
-QByteArray ResultFile::samplesXml(const QList<Sample>& samples)
+ResultFile::EncodedSamples ResultFile::encodeSamples(const QList<Sample>& samples)
 {
-    QByteArray xml;
-    XmlWriter out(&xml);
-    for (const Sample& sample : samples)
-        sample.writeXml(out);
-    return xml;
+    return deflatePiece(samplesXml(samples), false);
 }
 
-QByteArray ResultFile::encode(const Result& result, const QList<QByteArray>& samples)
+QByteArray ResultFile::encode(const Result& result, const QList<EncodedSamples>& samples)
 {
-    const QByteArray body = qCompress(bodyOf(result, samples), 6);
+    const QByteArray body = bodyOf(result, samples);
     QByteArray data(Magic, sizeof(Magic));
     char word[8];
     qToBigEndian<quint32>(Version, word);
@@ -247,7 +311,8 @@ bool ResultFile::decode(const QByteArray& data, const QString& name, Result* res
     return true;
 }
 
-bool ResultFile::write(const QString& path, const Result& result, QString* error, const QList<QByteArray>& samples)
+bool ResultFile::write(const QString& path, const Result& result, QString* error,
+                       const QList<EncodedSamples>& samples)
 {
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly) || file.write(encode(result, samples)) < 0 || !file.commit()) {

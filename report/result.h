@@ -52,18 +52,24 @@ namespace ResultFile {
 
 extern const quint32 Version;
 
-// The samples of a rank as the body holds them: encoding them is most of
-// the work, which can start as soon as the samples are in.
-QByteArray samplesXml(const QList<Sample>& samples);
+// The samples of a rank as the body holds them, compressed: most of the
+// work of writing a result, which can start as soon as the samples are in.
+struct EncodedSamples
+{
+    QByteArray deflated; // raw deflate blocks, none of them the last
+    quint32 adler = 1; // of the XML
+    qint64 size = 0; // of the XML
+};
+EncodedSamples encodeSamples(const QList<Sample>& samples);
 
-// `samples` holds samplesXml of each rank, in order; ranks beyond it are
+// `samples` holds encodeSamples of each rank, in order; ranks beyond it are
 // encoded here.
-QByteArray encode(const Result& result, const QList<QByteArray>& samples = {});
+QByteArray encode(const Result& result, const QList<EncodedSamples>& samples = {});
 // `name` names the data in messages.
 bool decode(const QByteArray& data, const QString& name, Result* result, QString* error);
 
 // Writes through a temporary file that replaces `path` only when complete.
-bool write(const QString& path, const Result& result, QString* error, const QList<QByteArray>& samples = {});
+bool write(const QString& path, const Result& result, QString* error, const QList<EncodedSamples>& samples = {});
 bool read(const QString& path, Result* result, QString* error);
 
 } // namespace ResultFile

@@ -660,7 +660,35 @@ SymbolTable::SymbolTable()
 
 SymbolTable::~SymbolTable()
 {
+    stopPreparing();
     dwfl_end(mDwfl);
+}
+
+void SymbolTable::prepareInBackground()
+{
+    stopPreparing();
+    std::vector<Dwfl_Module*> modules;
+    dwfl_getmodules(mDwfl, collectModule, &modules, 0);
+    mStopPreparing = false;
+    // Only libdwfl's own state changes meanwhile; no call here reads it
+    // before the thread is joined.
+    mPreparing = std::thread([this, modules]() {
+        for (Dwfl_Module* module : modules) {
+            if (mStopPreparing)
+                return;
+            Dwarf_Addr bias = 0;
+            dwfl_module_getdwarf(module, &bias);
+            dwfl_module_getsymtab(module);
+        }
+    });
+}
+
+void SymbolTable::stopPreparing()
+{
+    if (!mPreparing.joinable())
+        return;
+    mStopPreparing = true;
+    mPreparing.join();
 }
 
 QList<SharedLibrary> SymbolTable::mappedFiles(int pid)
@@ -782,6 +810,7 @@ QByteArray SymbolTable::buildId(const QString& path)
 
 void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems)
 {
+    stopPreparing();
     mLibraries = libraries;
     mUnits.clear();
     mFileNames.clear();
@@ -810,6 +839,7 @@ void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringLis
 
 SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPosition>* inlinedCallers)
 {
+    stopPreparing();
     SymbolPosition result;
     Dwfl_Module* module = dwfl_addrmodule(mDwfl, address);
     if (!module)
@@ -1112,6 +1142,7 @@ bool SymbolTable::symbolAt(Dwfl_Module* module, unsigned long long address, Code
 
 bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bounds)
 {
+    stopPreparing();
     Dwfl_Module* module = dwfl_addrmodule(mDwfl, address);
     if (!module)
         return false;
@@ -1126,6 +1157,7 @@ bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bou
 
 bool SymbolTable::functionAddress(const QString& name, unsigned long long* address)
 {
+    stopPreparing();
     std::vector<Dwfl_Module*> modules;
     dwfl_getmodules(mDwfl, collectModule, &modules, 0);
     const QByteArray wanted = name.toLatin1();
@@ -1147,6 +1179,7 @@ bool SymbolTable::functionAddress(const QString& name, unsigned long long* addre
 
 QByteArray SymbolTable::code(unsigned long long address, unsigned long long length)
 {
+    stopPreparing();
     Dwfl_Module* module = dwfl_addrmodule(mDwfl, address);
     if (!module)
         return QByteArray();

@@ -13,7 +13,9 @@
 #include "linetable.h"
 #include "unitwalk.h"
 
+#include <atomic>
 #include <memory>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -72,6 +74,13 @@ public:
     // Up to `length` bytes of code from the files at `address`, fewer where
     // the code section ends; empty outside any.
     QByteArray code(unsigned long long address, unsigned long long length);
+
+    // Finds and opens the debug information and symbol table of every file
+    // (decompressing sections where they are compressed), the part of a
+    // lookup that costs per file, on a thread of its own, as long as
+    // nothing else is asked: any other call stops it first, waiting at most
+    // for the file at hand. For the time a program runs unwatched.
+    void prepareInBackground();
 
 private:
     struct UnitIndex;
@@ -143,7 +152,11 @@ private:
     // Reads the names and call sites of `function` and those around it.
     void resolve(UnitIndex& index, int function);
 
+    void stopPreparing();
+
     Dwfl* mDwfl;
+    std::thread mPreparing;
+    std::atomic<bool> mStopPreparing{false};
     QList<SharedLibrary> mLibraries;
     // The functions of each compilation unit by address, built as addresses
     // fall into them: a lookup is then a binary search, not a walk.

@@ -22,6 +22,7 @@
 
 #include "constants.h"
 #include "debuggertypes.h"
+#include "envswitch.h"
 #include "exception.h"
 #include "platformnames.h"
 
@@ -683,6 +684,10 @@ Response* GdbDebugger::handleDetach(Command&)
         mDetached = true;
         mStopped = false;
         mSymbolsStale = true;
+        // What the analysis at the run's end would open first.
+        static EnvSwitch reduceMemory("REDUCE_MEMORY_USAGE");
+        if (!reduceMemory.isOn())
+            mSymbols.prepareInBackground();
     }
     return new StatusResponse(StatusResponse::Detached);
 }

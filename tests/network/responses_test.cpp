@@ -7,6 +7,7 @@
 
 #include "constants.h"
 #include "gpuprofilepsvmodelitem.h"
+#include "message.h"
 #include "profilerresponses.h"
 #include "sample.h"
 #include "zorpsvmodelitem.h"
@@ -181,6 +182,124 @@ TEST(Responses, FieldsSurviveTheRoundTrip)
     EXPECT_TRUE(readPlay->notSelected());
     EXPECT_TRUE(std::isnan(readPlay->metrics().value(QStringLiteral("nan")).to_double()));
     EXPECT_EQ(readPlay->metrics().value(QStringLiteral("tiny")).to_double(), 5e-324);
+}
+
+// A block with what our own reader takes, names that need escaping among it.
+SampleBlockResponse* plainBlock()
+{
+    auto block = new SampleBlockResponse(4, 2);
+    block->setCollectingHistogramsFlag(true);
+    block->addProfiledRanks(CompactSet<int>(QStringLiteral("0-3,9")));
+    for (int i = 0; i < 3; ++i) {
+        Sample* sample = new Sample(Sample(MetricDefinitions(), 3), i > 0);
+        sample->backendOnly_setTimestamp(-i);
+        sample->setMetric(QString::fromLatin1(METRIC_CPU_TIME_PERCENT), SampleValue(12.5 * i));
+        ZORPSVModelItem* root = tree();
+        ZORPSVModelItem* odd = new ZORPSVModelItem(
+            root, Position(QStringLiteral("operator<< <\"é\" & '中'>\tx"), QStringLiteral("/s p/ü.cc"), 9, -1));
+        odd->addThreads(0, 2, true, true);
+        odd->addThreads(5, 1, false, false);
+        odd->addThreads(6, 1, false, false);
+        odd->addSampleCounts(3, -1, 0, 2);
+        odd->setSpecial(ZORPSVModelItem::specialOmpMonitor);
+        LineMetrics metrics;
+        metrics.set(QStringLiteral("fp=x"), 0.25);
+        odd->mergeActiveCoreLineMetrics(metrics);
+        odd->mergeMainThreadLineMetrics(metrics);
+        ThreadContext context;
+        context.rank = 3;
+        context.pid = -2;
+        sample->backendOnly_addThread(root, 7, context, InstructionQuery(QStringLiteral("rep movsb"), true),
+                                      Sample::ParallelRegionThread, 18446744073709551615ULL, true);
+        sample->backendOnly_addAllocatedCpuTime(7, 3);
+        sample->backendOnly_addThread(nullptr, 2, ThreadContext(), InstructionQuery(), Sample::MainThread, 0, false);
+        sample->backendOnly_setThreadMetric(7, QString::fromLatin1(METRIC_INSTR_FP), 40);
+        sample->backendOnly_setLiveThreads({ 7, 2, -4 });
+        sample->addLibunwindErrorCode(-3);
+        sample->addLibunwindErrorCode(10);
+        sample->setIgnore(i == 1);
+        block->addSample(sample);
+    }
+    block->addSample(new Sample);
+    return block;
+}
+
+TEST(Responses, OurReaderReadsBlocksOfSamplesAsQtsDoesAndLeavesItTheRest)
+{
+    ZORResponseFactoryPlugin factory;
+    std::unique_ptr<SampleBlockResponse> plain(plainBlock());
+    const QByteArray xml = Message::forResponse(*plain).toXml();
+    Message message;
+    QString error;
+    ASSERT_TRUE(Message::readSampleBlock(xml, &factory, &message, &error)) << qPrintable(error);
+    std::unique_ptr<Response> qts(rebuild(plain->toString(), &error));
+    ASSERT_TRUE(qts) << qPrintable(error);
+    EXPECT_EQ(message.response->toString(), qts->toString());
+    EXPECT_EQ(message.response->toString(), plain->toString());
+
+    // Histograms and device trees are for Qt's reader, and still arrive.
+    SampleBlockResponse rich(1, 0);
+    rich.addSample(richSample(1));
+    const QByteArray richXml = Message::forResponse(rich).toXml();
+    EXPECT_FALSE(Message::readSampleBlock(richXml, &factory, &message, &error));
+    ASSERT_TRUE(Message::fromXml(richXml, &factory, &message, &error)) << qPrintable(error);
+    EXPECT_EQ(message.response->toString(), rich.toString());
+
+    // Cut anywhere before its last '>', a block is refused by both.
+    for (int length = 0; length <= xml.lastIndexOf('>'); ++length) {
+        EXPECT_FALSE(Message::readSampleBlock(xml.left(length), &factory, &message, &error)) << length;
+        EXPECT_FALSE(Message::fromXml(xml.left(length), &factory, &message, &error)) << length;
+    }
+
+    // What our reader refuses: what a message may hold that it doesn't
+    // know, which Qt's reads (true; Qt's stops at the root's end), and
+    // malformed XML, which Qt's refuses as well (false).
+    const QByteArray good = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><message kind=\"response\">"
+                            "<SampleBlockResponse blockSize=\"1\" blockNumber=\"0\"><sample rank=\"0\" t=\"5\">"
+                            "<thread tid=\"1\" type=\"0\" cpu=\"2\"><tree processes=\"0=1\"><node function=\"f\" "
+                            "file=\"a.c\" line=\"3\" processes=\"0=1\"/></tree></thread></sample>"
+                            "</SampleBlockResponse></message>";
+    ASSERT_TRUE(Message::readSampleBlock(good, &factory, &message, &error)) << qPrintable(error);
+    const struct
+    {
+        const char* from;
+        const char* to;
+        bool xml;
+    } cases[] = {
+        { "<sample ", "<!-- a comment --><sample ", true },
+        { "<sample ", "<?pi data?><sample ", true },
+        { "<sample ", "text<![CDATA[<x>]]><sample ", true },
+        { "line=\"3\"", "line='3'", true },
+        { "line=\"3\"", "line=\"+3\"", true },
+        { "function=\"f\"", "function=\"f\ng\"", true },
+        { "encoding=\"UTF-8\"", "encoding=\"utf-8\"", true },
+        { "<?xml version=\"1.0\" encoding=\"UTF-8\"?>", "<!DOCTYPE message>", true },
+        { "</thread>", "</threads>", false },
+        { "</message>", "</message><message/>", true },
+        { "function=\"f\"", "function=\"a<b\"", false },
+        { "function=\"f\"", "function=\"&nope;\"", false },
+        { "function=\"f\"", "function=\"&#0;\"", false },
+        { "function=\"f\"", "function=\"&#xD800;\"", false },
+        { "function=\"f\"", "function=\"\x01\"", false },
+        { "function=\"f\"", "function=\"\xff\"", false },
+        { "function=\"f\"", "function=\"\xc0\xaf\"", false },
+        { "rank=\"0\"", "rank=\"0\" rank=\"1\"", false },
+        { "blockSize=\"1\" ", "blockSize=\"1\"", false },
+        { "rank=\"0\"", "rank=\"99999999999\"", false },
+        { "t=\"5\"", "t=\"soon\"", false },
+        { "<sample ", "<x:sample ", false },
+        { "</tree>", "", false },
+    };
+    for (const auto& c : cases) {
+        QByteArray text = good;
+        text.replace(c.from, c.to);
+        error.clear();
+        EXPECT_FALSE(Message::readSampleBlock(text, &factory, &message, &error)) << c.to;
+        EXPECT_FALSE(error.isEmpty()) << c.to;
+        error.clear();
+        EXPECT_EQ(Message::fromXml(text, &factory, &message, &error), c.xml) << c.to << ": " << qPrintable(error);
+        EXPECT_EQ(error.isEmpty(), c.xml) << c.to;
+    }
 }
 
 TEST(Responses, MalformedMessagesAreRefusedWithAReason)

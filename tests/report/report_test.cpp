@@ -43,6 +43,8 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     MpiCallMetrics mpi(1);
     mpi.addCall(MpiCallMetric(1, QStringLiteral("MPI_Send"), SampleValue(1L), SampleValue(2L), SampleValue(3L), SampleValue(4L)));
     original.ranks[1].endMetrics.setMpiCallMetrics(mpi);
+    // A rank without samples: its compressed piece is empty.
+    original.ranks.append(RankResult());
 
     const QByteArray data = ResultFile::encode(original);
     Result read;
@@ -53,7 +55,8 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     EXPECT_EQ(read.run.commandLine(), QStringLiteral("./zor-example --seconds 2 'it'\\''s quoted'"));
     EXPECT_EQ(read.run.started, original.run.started);
     EXPECT_TRUE(read.run.interrupted);
-    ASSERT_EQ(read.ranks.size(), 2);
+    ASSERT_EQ(read.ranks.size(), 3);
+    EXPECT_TRUE(read.ranks[2].samples.isEmpty());
     EXPECT_EQ(read.ranks[1].rank(), 1);
     EXPECT_EQ(read.ranks[1].samples.size(), 100);
     EXPECT_TRUE(read.ranks[1].samples[7] == original.ranks[1].samples[7]);
