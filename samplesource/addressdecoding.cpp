@@ -268,14 +268,22 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
     findSamplerLibraries();
     AddressCollector collector;
 
+    // The leaves apart: they are decoded as they are, with the ends of the
+    // traces.
+    AddressCollector leaves;
+    size_t traces = 0;
+
     SelfProfile prep(mTharn, QStringLiteral("30.precachePrep"));
     for (unsigned int i = 0; i < samples->size(); ++i) {
         bool missing = false;
         quorvex::SSampleBacktraceIterator threads(samples->at(i));
         while (threads.hasNext()) {
             const quorvex::backtrace_t& trace = threads.next().trace();
+            ++traces;
             if (trace.empty())
                 missing = true;
+            else
+                leaves.insert(trace[0]);
             for (unsigned long address : trace)
                 collector.insert(address);
         }
@@ -307,25 +315,15 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
         ++done;
         reportAnalysisProcessing(DecodeReturnAddresses, done / total);
     }
-    decodeTraceEnds(samples);
+    decodeTraceEnds(samples, leaves.sorted(), traces);
     mSelfProfilePoints.addPoint(decode.finish(done));
 }
 
-void PreloadSampleSource::decodeTraceEnds(const quorvex::SSampleList* samples)
+void PreloadSampleSource::decodeTraceEnds(const quorvex::SSampleList* samples, const std::vector<Address>& leaves,
+                                          size_t traces)
 {
     // The leaves first, in the order of their addresses.
-    AddressCollector leaves;
-    size_t traces = 0;
-    for (unsigned int i = 0; i < samples->size(); ++i) {
-        quorvex::SSampleBacktraceIterator threads(samples->at(i));
-        while (threads.hasNext()) {
-            const quorvex::backtrace_t& trace = threads.next().trace();
-            ++traces;
-            if (!trace.empty())
-                leaves.insert(trace[0]);
-        }
-    }
-    for (Address leaf : leaves.sorted())
+    for (Address leaf : leaves)
         decodeAddress(leaf, PositionLookupAllowed);
 
     // Then each trace's ends as the builders read them, with the same

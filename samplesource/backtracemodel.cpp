@@ -323,22 +323,28 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
     // the recorded program counter.
     const Address used = previous.mnemonic.isEmpty() ? address : previous.address;
     const DecodedFrame& frame = decodedFrame(used);
-    Position position = frame.position;
+    const Position* shown = &frame.position;
+    Position decorated;
     quint32 key = frame.positionKey;
     if (frame.hasInlineCallers)
         addInlineCallers(frame, parent);
     if (mDebugAddresses) {
-        position.function = mInternedStrings.intern(QStringLiteral("%1 (%2T%3 %4, 0x%5)")
-                                                        .arg(position.function)
+        decorated = frame.position;
+        shown = &decorated;
+        decorated.function = mInternedStrings.intern(QStringLiteral("%1 (%2T%3 %4, 0x%5)")
+                                                        .arg(frame.position.function)
                                                         .arg(QLatin1String(previous.mnemonic.isEmpty() ? "!" : ""))
                                                         .arg(QLatin1String(mJumpTargetLeafs.contains(address) ? "J" : ""))
                                                         .arg(used, 0, 16)
                                                         .arg(address, 0, 16));
-        key = PSVModelItem::positionKeyOf(position);
+        key = PSVModelItem::positionKeyOf(decorated);
     }
     // Always a node of its own, even beside a child at the same position.
-    parent = new ZORPSVModelItem(parent, position, key, oneThread());
-    fromCuda = isAddressFromCUDALibrary(used, position.function);
+    if (shown == &frame.position && frame.immortalNames)
+        parent = new ZORPSVModelItem(parent, frame.position, PSVModelItem::ImmortalNames(), key, oneThread());
+    else
+        parent = new ZORPSVModelItem(parent, *shown, key, oneThread());
+    fromCuda = isAddressFromCUDALibrary(used, shown->function);
 }
 
 bool PreloadSampleSource::replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query)

@@ -249,7 +249,7 @@ private:
     // addresses: the leaf, the sampler's frames at the leaf end and the
     // thread library's at the root end, each trace's as the builders walk
     // them.
-    void decodeTraceEnds(const quorvex::SSampleList* samples);
+    void decodeTraceEnds(const quorvex::SSampleList* samples, const std::vector<Address>& leaves, size_t traces);
     DecodedFrame& decodedFrame(Address address);
     void findSamplerLibraries();
     bool isSamplerAddress(Address address) const;
