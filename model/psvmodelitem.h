@@ -196,6 +196,10 @@ private:
     void appendChildPointer(PSVModelItem* child);
     // Forgets the children without touching them.
     void releaseChildPointers();
+    // A fresh node under `parent` (or none): an only child is kept in
+    // place, so that making a path calls into no other library; a parent
+    // with children or an index takes the general way.
+    inline void linkToParent(PSVModelItem* parent);
     // The fields that few nodes set, made on first use.
     PSVModelItemExtra& extra();
     IntProcessMap& cudaThreadsForChange();
@@ -229,14 +233,8 @@ private:
     bool mCudaBrief;
 };
 
-PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, quint32 positionKey,
-                           const IntProcessMap& threads)
-    : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mPosition(position), mExtra(nullptr),
-      mPositionKey(positionKey), mChildCount(0), mCurrentGroup(false), mUnexpectedStop(false),
-      mUnexpectedStopAncestor(false), mCudaBrief(false)
+void PSVModelItem::linkToParent(PSVModelItem* parent)
 {
-    // Built in place, so that making a path calls into no other library;
-    // a parent with children or an index takes the general way.
     if (!parent)
         return;
     if (parent->mChildCount == 0 && !parent->mExtra) {
@@ -245,6 +243,15 @@ PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, quint
     } else {
         parent->addChild(this);
     }
+}
+
+PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, quint32 positionKey,
+                           const IntProcessMap& threads)
+    : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mPosition(position), mExtra(nullptr),
+      mPositionKey(positionKey), mChildCount(0), mCurrentGroup(false), mUnexpectedStop(false),
+      mUnexpectedStopAncestor(false), mCudaBrief(false)
+{
+    linkToParent(parent);
 }
 
 PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, ImmortalNames, quint32 positionKey,
@@ -258,14 +265,7 @@ PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, Immor
     mPosition.file.data_ptr() = const_cast<Position&>(position).file.data_ptr();
     mPosition.line = position.line;
     mPosition.column = position.column;
-    if (!parent)
-        return;
-    if (parent->mChildCount == 0 && !parent->mExtra) {
-        parent->mOnlyChild = this;
-        parent->mChildCount = 1;
-    } else {
-        parent->addChild(this);
-    }
+    linkToParent(parent);
 }
 
 template <typename Frame>
