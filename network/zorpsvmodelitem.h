@@ -41,14 +41,8 @@ public:
     explicit ZORPSVModelItem(ZORPSVModelItem* parent);
     ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position);
     // See the PSVModelItem constructor of the same arguments.
-    ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position, quint32 positionKey,
-                    const IntProcessMap& threads)
-        : PSVModelItem(parent, position, positionKey, threads), mSpecial(specialNone), mCounts(nullptr)
-    {
-    }
-    ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position, ImmortalNames immortal, quint32 positionKey,
-                    const IntProcessMap& threads)
-        : PSVModelItem(parent, position, immortal, positionKey, threads), mSpecial(specialNone), mCounts(nullptr)
+    ZORPSVModelItem(ZORPSVModelItem* parent, const Position* kept, quint32 positionKey, const IntProcessMap& threads)
+        : PSVModelItem(parent, kept, positionKey, threads), mSpecial(specialNone), mCounts(nullptr)
     {
     }
     // A node without parent that starts from the given sample counters.
