@@ -73,7 +73,7 @@ quint64 nameKey(const QString& name)
 quint32 positionKey(const Position& position)
 {
     const quint64 lineAndColumn = (quint64(quint32(position.line)) << 32) | quint32(position.column);
-    return quint32(mix(nameKey(position.function) ^ (lineAndColumn * 0xc2b2ae3d27d4eb4fULL)) >> 16);
+    return quint32(mix(nameKey(position.function) ^ (lineAndColumn * 0xc2b2ae3d27d4eb4fULL)) >> 40);
 }
 
 } // namespace
@@ -410,8 +410,8 @@ PSVModelItem::PSVModelItem() : PSVModelItem(Position())
 }
 
 PSVModelItem::PSVModelItem(const Position& position)
-    : mOnlyChild(nullptr), mParent(nullptr), mExtra(nullptr), mPositionKey(positionKey(position)), mChildCount(0),
-      mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false)
+    : mOnlyChild(nullptr), mParent(nullptr), mExtra(nullptr), mChildCount(0), mPositionKey(positionKey(position)),
+      mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false), mDerivedBits(0)
 {
     mPosition = keptPosition(position, mPositionKey);
 }
@@ -435,8 +435,9 @@ quint32 PSVModelItem::positionKeyOf(const Position& position)
 
 PSVModelItem::PSVModelItem(const PSVModelItem& other)
     : SaxHandler(other), mProcessThreads(other.mProcessThreads), mOnlyChild(nullptr), mParent(nullptr), mPosition(other.mPosition),
-      mExtra(nullptr), mPositionKey(other.mPositionKey), mChildCount(0), mCurrentGroup(other.mCurrentGroup),
-      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor), mCudaBrief(other.mCudaBrief)
+      mExtra(nullptr), mChildCount(0), mPositionKey(other.mPositionKey), mCurrentGroup(other.mCurrentGroup),
+      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor),
+      mCudaBrief(other.mCudaBrief), mDerivedBits(other.mDerivedBits)
 {
     if (other.mExtra) {
         extra().cudaThreads = other.mExtra->cudaThreads;

@@ -167,7 +167,7 @@ public:
     void mapRanks(const QMap<int, int>& ranks);
 
     // What lookups among children compare first, for a position of which
-    // many nodes are made.
+    // many nodes are made: 24 bits.
     static quint32 positionKeyOf(const Position& position);
 
 protected:
@@ -217,19 +217,25 @@ private:
     // Null until a field of it is set: the thread counts on the device,
     // the last device thread group and the index of a wide node's children.
     PSVModelItemExtra* mExtra;
-    // The hash of mPosition, kept so that lookups and merges don't read
-    // the names again.
-    quint32 mPositionKey;
     int mChildCount;
+    // The hash of mPosition, kept so that lookups and merges don't read
+    // the names again. It shares a word with the flags below, which keeps
+    // a node of a fresh tree, made by the million, at 64 bytes.
+    quint32 mPositionKey : 24;
 
 protected:
-    bool mCurrentGroup : 1;
-    bool mUnexpectedStop : 1;
-    bool mUnexpectedStopAncestor : 1;
+    quint32 mCurrentGroup : 1;
+    quint32 mUnexpectedStop : 1;
+    quint32 mUnexpectedStopAncestor : 1;
 
 private:
     // The brief mode of the device thread counts while they live nowhere.
-    bool mCudaBrief : 1;
+    quint32 mCudaBrief : 1;
+
+protected:
+    // Free for a derived node type's own small field; 0 in a fresh node
+    // and copied by the copy constructor.
+    quint32 mDerivedBits : 4;
 };
 
 void PSVModelItem::linkToParent(PSVModelItem* parent)
@@ -247,8 +253,8 @@ void PSVModelItem::linkToParent(PSVModelItem* parent)
 PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position* kept, quint32 positionKey,
                            const IntProcessMap& threads)
     : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mPosition(kept), mExtra(nullptr),
-      mPositionKey(positionKey), mChildCount(0), mCurrentGroup(false), mUnexpectedStop(false),
-      mUnexpectedStopAncestor(false), mCudaBrief(false)
+      mChildCount(0), mPositionKey(positionKey), mCurrentGroup(false), mUnexpectedStop(false),
+      mUnexpectedStopAncestor(false), mCudaBrief(false), mDerivedBits(0)
 {
     linkToParent(parent);
 }
