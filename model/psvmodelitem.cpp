@@ -314,6 +314,18 @@ void PSVModelItem::operator delete(void* memory, std::size_t size)
 
 namespace {
 
+// Names of a run's frames are mostly shared copies: the characters, and
+// even the headers, are read only when the storage differs.
+bool sameName(const QString& a, const QString& b)
+{
+    return const_cast<QString&>(a).data_ptr() == const_cast<QString&>(b).data_ptr() || a == b;
+}
+
+bool sameExactly(const Position& a, const Position& b)
+{
+    return a.line == b.line && a.column == b.column && sameName(a.function, b.function) && sameName(a.file, b.file);
+}
+
 // The kept positions, in shards by key so that threads that make nodes at
 // once seldom wait for each other. Each shard is an open-addressing table:
 // a run asks once for each of its tens of thousands of distinct frames.
@@ -343,7 +355,7 @@ struct KeptPositions
                 const Slot& slot = table[i];
                 if (!slot.position)
                     return nullptr;
-                if (slot.key == key && *slot.position == position)
+                if (slot.key == key && sameExactly(*slot.position, position))
                     return slot.position;
             }
         }
