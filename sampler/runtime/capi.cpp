@@ -10,6 +10,13 @@ using namespace zorsampler;
 
 #define ZS_API extern "C" __attribute__((visibility("default")))
 
+// Read by the back-end through the debugger, so defined here, where the
+// debug information that gives gdb their types is kept.
+extern "C" {
+__attribute__((visibility("default"))) volatile int quorvex_sampling_finished;
+__attribute__((visibility("default"))) char quorvex_sampler_error[1024];
+}
+
 ZS_API int quorvex_init_sampler_now(int numSamples, int intervalMs, const char* path, int allThreads,
                                     unsigned int startOffsetMs, unsigned int stopOffsetMs)
 {
