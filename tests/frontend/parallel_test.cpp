@@ -163,18 +163,26 @@ QString ranksOf(const PSVModelItem* node)
 }
 
 // Every rank in the result with its samples, each call counted as the
-// program made it, the uneven barrier visible as MPI time per rank, the hot
-// function shown as coming from every rank: four ranks whose hosts call zor
-// on a local socket, and two whose hosts call over TCP, as those of other
-// nodes do.
-class MpiRanks : public Parallel, public ::testing::WithParamInterface<bool>
+// program made it with the bytes it sent, the uneven barrier visible as
+// time per rank, the hot function shown as coming from every rank: four MPI
+// ranks whose hosts call zor on a local socket, two whose hosts call over
+// TCP, as those of other nodes do, and two PEs of an OpenSHMEM program found
+// to be one without --shmem.
+enum Launch { FourLocal, TwoOverTcp, ShmemTwoPes };
+
+class MpiRanks : public Parallel, public ::testing::WithParamInterface<Launch>
 {
 };
 
 TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
 {
-    const bool tcp = GetParam();
-    const int n = tcp ? 2 : 4;
+    const bool tcp = GetParam() == TwoOverTcp, shmem = GetParam() == ShmemTwoPes;
+    const QString program = shmem ? QStringLiteral(ZOR_BIN_DIR "/zor-shmem-example") : QStringLiteral(ZOR_MPI_EXAMPLE);
+    if (!QFileInfo::exists(program))
+        GTEST_SKIP() << "no " << qPrintable(program) << " (Open MPI's oshmem builds it)";
+    const int n = GetParam() == FourLocal ? 4 : 2;
+    const QString barrier = shmem ? QStringLiteral("shmem_barrier_all") : QStringLiteral("MPI_Barrier");
+    const QString data = shmem ? QStringLiteral("shmem_long_put") : QStringLiteral("MPI_Allreduce");
     QTemporaryDir dir;
     QTemporaryDir temporary;
     const QString result = dir.filePath(QStringLiteral("mpi.zor"));
@@ -182,7 +190,7 @@ TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
     QStringList args = { "profile", "-n", QString::number(n), "--interval", "5", "-o", result };
     if (tcp)
         args << QStringLiteral("--tcp");
-    const Outcome run = zorBounded(args + QStringList{ "--", ZOR_MPI_EXAMPLE, QString::number(rounds), "10000", "16" },
+    const Outcome run = zorBounded(args + QStringList{ "--", program, QString::number(rounds), "10000", "16" },
                             withTmpdir(temporary.path()), 420000);
     EXPECT_EQ(run.leftBehind, QStringList());
     ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
@@ -204,41 +212,45 @@ TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
         EXPECT_EQ(rank.rank(), i);
         EXPECT_GT(rank.samples.size(), 0);
         const QMap<QString, MpiCounts> calls = mpiCalls(rank);
-        EXPECT_EQ(calls.value("MPI_Init").calls, 1u);
-        EXPECT_EQ(calls.value("MPI_Finalize").calls, 1u);
-        EXPECT_EQ(calls.value("MPI_Allreduce").calls, printed[i]["MPI_Allreduce"]);
-        EXPECT_EQ(calls.value("MPI_Barrier").calls, printed[i]["MPI_Barrier"]);
-        EXPECT_EQ(printed[i]["MPI_Barrier"], quint64(rounds));
-        EXPECT_EQ(calls.value("MPI_Allreduce").sent, quint64(rounds) * 16 * sizeof(double));
-        barrierNs << calls.value("MPI_Barrier").ns;
+        EXPECT_EQ(calls.value("shmem_init").calls, shmem ? 1u : 0u);
+        // Calls that the SHMEM library makes of MPI are its own.
+        EXPECT_EQ(calls.value("MPI_Init").calls + calls.value("MPI_Init_thread").calls, shmem ? 0u : 1u);
+        EXPECT_EQ(calls.value("MPI_Finalize").calls, shmem ? 0u : 1u);
+        EXPECT_EQ(calls.value(data).calls, printed[i][data]);
+        EXPECT_EQ(calls.value(barrier).calls, printed[i][barrier]);
+        EXPECT_EQ(printed[i][barrier], quint64(rounds));
+        EXPECT_EQ(calls.value(data).sent, quint64(rounds) * 16 * (shmem ? sizeof(long) : sizeof(double)));
+        barrierNs << calls.value(barrier).ns;
     }
     // Rank r computes r + 1 steps of some 40 ms before the barrier: rank 0
     // waits there for n - 1 steps a round, the last rank for none. The ranks
     // share two cores, and a barrier among them takes tens of milliseconds,
-    // so the figures are coarse.
+    // so the figures are coarse; a SHMEM barrier spins, so on a loaded
+    // machine PE 1's own wait can be longer still: only PE 0's is certain.
     QString figures = QStringLiteral("barrier ns per rank:");
     quint64 lowerHalf = 0, upperHalf = 0;
     for (int i = 0; i < n; ++i) {
         figures += QStringLiteral(" %1").arg(barrierNs[i]);
         (i < n / 2 ? lowerHalf : upperHalf) += barrierNs[i];
     }
+    EXPECT_GT(barrierNs[0], quint64(rounds) * (n - 1) * 20000000) << qPrintable(figures);
+    const Profile profile(saved);
+    const PSVModelItem* compute = findNode(profile.tree(), QStringLiteral("compute"));
+    ASSERT_NE(compute, nullptr) << foldedStacks(profile).constData();
+    EXPECT_EQ(ranksOf(compute), QStringLiteral("0-%1").arg(n - 1));
+    if (shmem)
+        return;
     EXPECT_GT(2 * lowerHalf, 3 * upperHalf) << qPrintable(figures);
     EXPECT_GT(barrierNs[0], 2 * barrierNs[n - 1]) << qPrintable(figures);
-    EXPECT_GT(barrierNs[0], quint64(rounds) * (n - 1) * 20000000) << qPrintable(figures);
     const MpiCalls table(saved);
     for (const MpiCallTotal& total : table.totals()) {
-        if (total.sum.name == QLatin1String("MPI_Barrier")) {
+        if (total.sum.name == barrier) {
             EXPECT_LT(total.mostRank, n / 2) << qPrintable(figures);
             EXPECT_GE(total.leastRank, n / 2) << qPrintable(figures);
         }
     }
     EXPECT_TRUE(run.err.contains(QLatin1String("MPI time per rank: 0: "))) << qPrintable(run.err);
-
-    const Profile profile(saved);
     EXPECT_EQ(profile.rankCount(), n);
-    const PSVModelItem* compute = findNode(profile.tree(), QStringLiteral("compute"));
-    ASSERT_NE(compute, nullptr) << foldedStacks(profile).constData();
-    EXPECT_EQ(ranksOf(compute), QStringLiteral("0-%1").arg(n - 1));
     // The MPI library's components, loaded in MPI_Init and unloaded in
     // MPI_Finalize, are named: no time in frames of no known object.
     double unknown = 0, total = 0;
@@ -249,59 +261,9 @@ TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
     EXPECT_LT(unknown, 0.02 * total) << foldedStacks(profile).constData();
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, MpiRanks, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& info) { return info.param ? "TwoOverTcp" : "FourLocal"; });
-
-// An OpenSHMEM program through oshrun, two PEs, found to be one without
-// --shmem: each PE's calls counted as the program made them, with the bytes
-// it put and the time it waited, the hot function from both PEs.
-TEST_F(Parallel, ShmemTwoPesCountEveryCall)
-{
-    const QString program = QStringLiteral(ZOR_BIN_DIR "/zor-shmem-example");
-    if (!QFileInfo::exists(program))
-        GTEST_SKIP() << "no " << qPrintable(program) << " (Open MPI's oshmem builds it)";
-    QTemporaryDir dir;
-    QTemporaryDir temporary;
-    const QString result = dir.filePath(QStringLiteral("shmem.zor"));
-    const int rounds = 8;
-    const int count = 16;
-    const Outcome run = zorBounded({ "profile", "-n", "2", "--interval", "5", "--quiet", "-o", result, "--",
-                              program, QString::number(rounds), "10000", QString::number(count) },
-                            withTmpdir(temporary.path()), 280000);
-    EXPECT_EQ(run.leftBehind, QStringList());
-    ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
-    ASSERT_EQ(run.status, 0) << qPrintable(run.err) << qPrintable(run.out);
-
-    const Result saved = savedResult(result);
-    ASSERT_EQ(saved.ranks.size(), 2);
-    const QMap<int, QMap<QString, quint64>> printed = callsPrinted(run.out);
-    ASSERT_EQ(printed.keys(), QList<int>({ 0, 1 })) << qPrintable(run.out);
-    QList<quint64> barrierNs;
-    for (int i = 0; i < 2; ++i) {
-        const RankResult& rank = saved.ranks.at(i);
-        SCOPED_TRACE(QStringLiteral("PE %1").arg(i).toStdString());
-        EXPECT_EQ(rank.rank(), i);
-        EXPECT_GT(rank.samples.size(), 0);
-        const QMap<QString, MpiCounts> calls = mpiCalls(rank);
-        EXPECT_EQ(calls.value("shmem_init").calls, 1u) << qPrintable(QStringList(calls.keys()).join(' '));
-        EXPECT_EQ(calls.value("shmem_long_put").calls, printed[i]["shmem_long_put"]);
-        EXPECT_EQ(calls.value("shmem_long_put").sent, quint64(rounds) * count * sizeof(long));
-        EXPECT_EQ(calls.value("shmem_barrier_all").calls, printed[i]["shmem_barrier_all"]);
-        EXPECT_EQ(printed[i]["shmem_barrier_all"], quint64(rounds));
-        // Calls that the SHMEM library makes of MPI are its own.
-        EXPECT_EQ(calls.value("MPI_Init").calls + calls.value("MPI_Init_thread").calls, 0u);
-        barrierNs << calls.value("shmem_barrier_all").ns;
-    }
-    // PE 0 waits a step of some 40 ms a round for PE 1. The barrier spins,
-    // so on a loaded machine PE 1's own wait can be longer still: only the
-    // wait of PE 0 is certain.
-    EXPECT_GT(barrierNs[0], quint64(rounds) * 20000000) << barrierNs[0] << " " << barrierNs[1];
-
-    const Profile profile(saved);
-    const PSVModelItem* compute = findNode(profile.tree(), QStringLiteral("compute"));
-    ASSERT_NE(compute, nullptr) << foldedStacks(profile).constData();
-    EXPECT_EQ(ranksOf(compute), QStringLiteral("0-1"));
-}
+const char* const launchNames[] = { "FourLocal", "TwoOverTcp", "ShmemTwoPes" };
+INSTANTIATE_TEST_SUITE_P(Launchers, MpiRanks, ::testing::Values(FourLocal, TwoOverTcp, ShmemTwoPes),
+                         [](const ::testing::TestParamInfo<Launch>& info) { return launchNames[info.param]; });
 
 // A rank that calls MPI_Abort, and one that dies of a signal: the run ends
 // with the other ranks' samples, a word on which rank ended how, the

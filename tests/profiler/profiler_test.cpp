@@ -16,7 +16,6 @@
 #include "scripteddebugger.h"
 #include "scriptedsamplesource.h"
 #include "zorprofiler.h"
-#include "zorresponsefactoryplugin.h"
 
 namespace {
 
@@ -502,7 +501,8 @@ TEST_F(Delivery, EndMetricsAndErrorsGoToSelectedRanksOnly)
                      ->hasMpiCallMetrics());
 }
 
-TEST(Entries, TheTwoEntriesOfThePlugIn)
+// The tree server's entry: every run of zor profile loads it (frontend_test).
+TEST(Entries, TheProfilersEntryRefusesToBeUsedOutOfOrder)
 {
     FakeHost host;
     ZORProfiler plugin;
@@ -522,14 +522,6 @@ TEST(Entries, TheTwoEntriesOfThePlugIn)
     TharnMessageHandler* first = plugin.getMessageHandler();
     EXPECT_EQ(codeOf([&] { plugin.init(command, host); }), 20002);
     EXPECT_EQ(plugin.getMessageHandler(), first);
-
-    ZORTreeserver server;
-    EXPECT_EQ(server.getResponseFactoryPlugin(), nullptr);
-    EXPECT_TRUE(server.init(command));
-    EXPECT_TRUE(server.init(command));
-    // The factory of every response (its round trips: responses_test).
-    EXPECT_NE(dynamic_cast<ZORResponseFactoryPlugin*>(server.getResponseFactoryPlugin()), nullptr);
-
 }
 
 } // namespace

@@ -26,7 +26,7 @@ CpuInfo fromText(const std::string& text)
 
 } // namespace
 
-TEST(CpuInfo, CountsFromTextsAndFromExplicitFigures)
+TEST(CpuInfo, CountsFromTexts)
 {
     std::string twoSockets;
     for (int p = 0; p < 16; ++p)
@@ -47,9 +47,6 @@ TEST(CpuInfo, CountsFromTextsAndFromExplicitFigures)
         {"siblings below cores", fromText(block(0, 0, 2, 4) + block(1, 0, 2, 4)), true, 2, 0},
         {"blank first line", fromText("\n" + block(0, 0, 2, 2)), false, 0, 0},
         {"empty", fromText(""), false, 0, 0},
-        // The device adds its real cores a second time.
-        {"explicit 8 and 4", CpuInfo(8, 4), true, 8, 8},
-        {"explicit 4 and 0", CpuInfo(4, 0), true, 4, 0},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(c.info.hasInfo(), c.hasInfo) << c.what;

@@ -400,23 +400,20 @@ TEST(SSampleList, ChooseBetweenEdgeWeights)
     }
 }
 
-TEST(SSampleList, KernelHitsOfDroppedSamplesFollowTheMergeFlag)
+// The dropped sample's kernel hits go with it (nothing asks for them to be
+// merged into the kept one's).
+TEST(SSampleList, KernelHitsOfDroppedSamplesGoWithThem)
 {
-    for (bool merge : {false, true}) {
-        ListFixture f(2, 11);
-        f.list->setMergeGpuKernelListsWhenDownsampling(merge);
-        SSample* a = f.add(1, 1, 1);
-        SSample* b = f.add(2, 1, 2);
-        zor_shared_ptr<SGpuKernelHit> shared(new SGpuKernelHit(1, 1, timespec{1, 0}, timespec{2, 0}));
-        zor_shared_ptr<SGpuKernelHit> own(new SGpuKernelHit(2, 2, timespec{1, 0}, timespec{1, 0}));
-        a->addKernelHit(shared);
-        a->addKernelHit(own);
-        b->addKernelHit(shared);
-        // Merging appends the dropped sample's hits to the kept one's.
-        const std::size_t kept = f.list->chooseBetween(0, 1);
-        const std::size_t keptOwn = kept == 0 ? 2 : 1;
-        EXPECT_EQ(f.list->at(static_cast<unsigned>(kept)).kernelHits().size(), merge ? 3 : keptOwn) << merge;
-    }
+    ListFixture f(2, 11);
+    SSample* a = f.add(1, 1, 1);
+    SSample* b = f.add(2, 1, 2);
+    zor_shared_ptr<SGpuKernelHit> shared(new SGpuKernelHit(1, 1, timespec{1, 0}, timespec{2, 0}));
+    zor_shared_ptr<SGpuKernelHit> own(new SGpuKernelHit(2, 2, timespec{1, 0}, timespec{1, 0}));
+    a->addKernelHit(shared);
+    a->addKernelHit(own);
+    b->addKernelHit(shared);
+    const std::size_t kept = f.list->chooseBetween(0, 1);
+    EXPECT_EQ(f.list->at(static_cast<unsigned>(kept)).kernelHits().size(), kept == 0 ? 2u : 1u);
 }
 
 // With a limit of 4 and 8 samples, samples 0 to 3 end as one survivor and

@@ -46,7 +46,6 @@ TEST(ReadSamples, RandomWholeFileRoundTrip)
 {
     for (unsigned seed = 1; seed <= 4; ++seed) {
         SampleFileBuilder builder(64, 8, seed);
-        builder.list().setMergeGpuKernelListsWhenDownsampling(seed % 2 == 0);
         builder.addRandom({150, 12, 200, 6, 2, 5}); // in the order of SmallFile's
         ASSERT_GT(builder.list().numDownsamples(), 0u);
         builder.header().version = 700 + seed;

@@ -2,39 +2,15 @@
 // stops where the runtime called the region's code, carries the region's id,
 // and the region's call site in the data file continues it into the
 // function that opened the region.
-#include "readsamples.h"
+#include "../../support/programfunctions.h"
+#include "../../support/samplefilereader.h"
 
 #include <QProcess>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
-#include <map>
-
 namespace {
-
-struct Range
-{
-    quint64 low = 0, high = 0;
-    bool contains(quint64 address) const { return address >= low && address < high; }
-};
-
-// The functions of a program that is not position-independent, by name.
-std::map<std::string, Range> functionsOf(const QString& program)
-{
-    QProcess nm;
-    nm.start("nm", {"-S", "--defined-only", program});
-    nm.waitForFinished();
-    std::map<std::string, Range> functions;
-    for (const QByteArray& line : nm.readAllStandardOutput().split('\n')) {
-        const QList<QByteArray> words = line.split(' ');
-        if (words.size() == 4 && (words[2] == "T" || words[2] == "t")) {
-            const quint64 low = words[0].toULongLong(nullptr, 16);
-            functions[words[3].toStdString()] = Range{low, low + words[1].toULongLong(nullptr, 16)};
-        }
-    }
-    return functions;
-}
 
 class Regions : public ::testing::TestWithParam<const char*>
 {
@@ -43,9 +19,9 @@ class Regions : public ::testing::TestWithParam<const char*>
 TEST_P(Regions, WorkersStopAtTheRegionWhoseCallSiteIsTheOpeningFunction)
 {
     const QString program = QString(ZOR_BIN_DIR) + "/zor-omp-example-" + GetParam();
-    std::map<std::string, Range> functions = functionsOf(program);
-    const Range hot = functions["hot_body"], opener = functions["open_region"], main = functions["main"];
-    Range outlined;
+    std::map<std::string, FunctionRange> functions = functionsOf(program);
+    const FunctionRange hot = functions["hot_body"], opener = functions["open_region"], main = functions["main"];
+    FunctionRange outlined;
     for (const auto& f : functions) {
         if (f.first.find("omp_fn") != std::string::npos || f.first.find("omp_outlined") != std::string::npos)
             outlined = f.second;
@@ -67,19 +43,11 @@ TEST_P(Regions, WorkersStopAtTheRegionWhoseCallSiteIsTheOpeningFunction)
     ASSERT_EQ(run.exitCode(), 0) << run.readAllStandardError().toStdString();
     ASSERT_TRUE(run.readAllStandardOutput().endsWith("ok\n"));
 
-    timespec start;
-    int stopReason = 0;
-    unsigned long rebuilds = 0, checks = 0, downsamples = 0;
-    std::uint64_t skipped = 0, resuming = 0, taken = 0;
-    unsigned int spare1 = 0, spare2 = 0;
-    QString omp;
-    bool cuda = false, mpiMultiple = false;
-    QMap<int, quorvex::SCallSite> sites;
-    std::unique_ptr<quorvex::SSampleList> list(quorvex_read_samples(
-        QFile::encodeName(output).constData(), &start, &stopReason, &rebuilds, &checks, &downsamples, &skipped,
-        &resuming, &taken, &spare1, &spare2, omp, &cuda, sites, &mpiMultiple));
-    ASSERT_TRUE(list);
-    EXPECT_EQ(omp, "3");
+    const SampleFileRead file(output.toStdString());
+    ASSERT_TRUE(file.list);
+    const quorvex::SSampleList* list = file.list.get();
+    const QMap<int, quorvex::SCallSite>& sites = file.callSites;
+    EXPECT_EQ(file.ompText, "3");
 
     // One place opens regions, 40 times: its stack runs from open_region,
     // just after the call into the runtime, to main.
