@@ -7,28 +7,7 @@
 
 namespace {
 
-TEST(Command, ValuesAndFlagsFallBackOnlyWhenMissingOrUnconvertible)
-{
-    Command command(QString::fromLatin1(CMD_ZOR_PLAY), QString::fromLatin1(XML_TARGET_PROFILER));
-    command.addParameter(QStringLiteral("n"), 5);
-    command.addParameter(QStringLiteral("on"), QStringLiteral("true"));
-    command.addParameter(QStringLiteral("off"), false);
-    command.addParameter(QStringLiteral("null"), QVariant());
-    command.addParameter(QStringLiteral("map"), QVariantMap());
-
-    EXPECT_EQ(command.getValue(QStringLiteral("n")).toInt(), 5);
-    EXPECT_EQ(command.getValue(QStringLiteral("missing"), 9).toInt(), 9);
-    EXPECT_FALSE(command.getValue(QStringLiteral("missing")).isValid());
-    EXPECT_TRUE(command.getFlagValue(QStringLiteral("on"), false));
-    EXPECT_FALSE(command.getFlagValue(QStringLiteral("off"), true));
-    EXPECT_TRUE(command.getFlagValue(QStringLiteral("null"), true));
-    EXPECT_TRUE(command.getFlagValue(QStringLiteral("map"), true));
-    EXPECT_FALSE(command.getFlagValue(QStringLiteral("missing"), false));
-
-    Command other;
-    EXPECT_NE(other.getUid(), command.getUid());
-}
-
+// How values and flags fall back on their defaults: the profiler's play test.
 TEST(Command, TravelsWithEveryParameterTypeIntact)
 {
     Command command(QString::fromLatin1(CMD_ZOR_SEND_SAMPLES), QString::fromLatin1(XML_TARGET_PROFILER), "run");

@@ -83,6 +83,8 @@ std::vector<std::unique_ptr<Response>> everyResponse()
     play->addOmpNumThreadsString(QStringLiteral("8,4"));
     play->setSingleValueCustomMetric(5, QStringLiteral("custom"), SampleValue(1.25));
     play->setMetric(QString::fromLatin1(METRIC_NUM_DOWNSAMPLES), SampleValue(7UL));
+    play->setMetric(QStringLiteral("nan"), SampleValue(std::nan("")));
+    play->setMetric(QStringLiteral("tiny"), SampleValue(5e-324));
     all.emplace_back(play);
 
     all.emplace_back(new ProfilerProgressResponse(ProfilerProgressResponse::AnalysisProgress, 4, 37));
@@ -151,37 +153,26 @@ TEST(Responses, EveryResponseTheFactoryKnowsComesBackEqual)
     EXPECT_EQ(factory.createResponse(QStringLiteral("NoSuchResponse")), nullptr);
 }
 
-TEST(Responses, FieldsSurviveTheRoundTrip)
+// A sample is equal in everything that travels, the trees and the GPU tree
+// included; two fields looked at through their own accessors, in case
+// equality itself misses them.
+TEST(Responses, ASampleSurvivesTheRoundTrip)
 {
     SampleBlockResponse block(8, 3);
     Sample* original = richSample(42);
     block.addSample(original);
-    block.addProfiledRanks(CompactSet<int>(QStringLiteral("4-7")));
     QString error;
     std::unique_ptr<Response> copy(rebuild(block.toString(), &error));
     auto read = dynamic_cast<SampleBlockResponse*>(copy.get());
-    ASSERT_TRUE(read) << qPrintable(error);
-    EXPECT_EQ(read->blockNumber(), 3);
-    EXPECT_TRUE(read->profiledRanks().contains(6));
-    EXPECT_FALSE(read->profiledRanks().contains(8));
-    ASSERT_EQ(read->samples().size(), 1);
-    // Equal in everything that travels, the trees and the GPU tree included;
-    // two fields looked at through their own accessors, in case equality
-    // itself misses them.
+    ASSERT_TRUE(read && read->samples().size() == 1) << qPrintable(error);
     const Sample& sample = *read->samples().first();
     EXPECT_TRUE(sample == *original);
     EXPECT_EQ(sample.backendOnly_getAllocatedCpuTime(100), 1250000ULL);
     EXPECT_EQ(sample.backendOnly_instruction(101), InstructionQuery(QStringLiteral("rep movsb"), true));
-
-    ProfilerPlayResponse play(1, false, 2, 3, {}, false, true, false, {});
-    play.setMetric(QStringLiteral("nan"), SampleValue(std::nan("")));
-    play.setMetric(QStringLiteral("tiny"), SampleValue(5e-324));
-    std::unique_ptr<Response> playCopy(rebuild(play.toString(), &error));
-    auto readPlay = dynamic_cast<ProfilerPlayResponse*>(playCopy.get());
-    ASSERT_TRUE(readPlay) << qPrintable(error);
-    EXPECT_TRUE(readPlay->notSelected());
-    EXPECT_TRUE(std::isnan(readPlay->metrics().value(QStringLiteral("nan")).to_double()));
-    EXPECT_EQ(readPlay->metrics().value(QStringLiteral("tiny")).to_double(), 5e-324);
+    // A flag that a round trip of text alone would miss, were it never written.
+    std::unique_ptr<Response> play(rebuild(ProfilerPlayResponse(1, false, 2, 3, {}, false, true, false, {}).toString(), &error));
+    ASSERT_TRUE(dynamic_cast<ProfilerPlayResponse*>(play.get())) << qPrintable(error);
+    EXPECT_TRUE(static_cast<ProfilerPlayResponse*>(play.get())->notSelected());
 }
 
 // A block with what our own reader takes, names that need escaping among it.

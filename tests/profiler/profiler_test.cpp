@@ -144,7 +144,7 @@ TEST_F(CommandPath, AttributesFallBackToTheirDefaultsAndRanksAreSelected)
 {
     host.rank = 7;
     run(CMD_ZOR_PLAY, { { "numSamples", "many" }, { "timestamp", "-" }, { "metricDefinitions", "not a map" },
-                        { "cudaEnabled", QVariant() }, { "selectedRanks", "0-3,5" } });
+                        { "cudaEnabled", QVariant() }, { "enableLineMetrics", QVariantMap() }, { "selectedRanks", "0-3,5" } });
     ASSERT_TRUE(playReply());
     const SampleSourceSettings& s = script->settings;
     EXPECT_EQ(std::make_tuple(s.numSamples, s.initialInterval, s.timestamp, s.metrics.isEmpty(), s.cudaEnabled,

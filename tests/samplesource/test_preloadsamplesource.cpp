@@ -29,7 +29,6 @@
 #include "profiler.h"
 #include "profilerresponses.h"
 #include "directoryallocator.h"
-#include "zorprofiler.h"
 #include "sample.h"
 #include "samplefilebuilder.h"
 #include "samplelist.h"
@@ -721,29 +720,8 @@ TEST(PreloadSampleSourceRun, TheRealSamplersFilesOfARealRunLandInTheSampleList)
     EXPECT_TRUE(errors.isEmpty());
 }
 
-TEST(PreloadSampleSourceRun, TheProfilersOwnSourceArmsTheSamplerAndAnswersThePlay)
-{
-    Rig rig;
-    rig.afterDetach([&rig] { rig.finishRun(); });
-    ZORProfiler plugin;
-    Command initCommand;
-    plugin.init(initCommand, rig.host);
-    TharnMessageHandler* handler = plugin.getMessageHandler();
-    Command play(QString::fromLatin1(CMD_ZOR_PLAY), QString::fromLatin1(XML_TARGET_PROFILER));
-    play.addParameter(QStringLiteral("numSamples"), 50);
-    rig.host.deliver(*handler, play);
-
-    EXPECT_TRUE(rig.host.ofKind(FakeHost::ReplyException).isEmpty());
-    const QList<FakeHost::Record> answers = rig.host.responses(ProfilerPlayResponse::staticElementName());
-    ASSERT_EQ(answers.size(), 1);
-    const auto* answer = static_cast<const ProfilerPlayResponse*>(answers.first().response.get());
-    EXPECT_EQ(answer->stopReason(), 2);
-    EXPECT_EQ(rig.host.responses(ProfilerSamplerInitResponse::staticElementName()).size(), 1);
-    EXPECT_TRUE(rig.debugger.calls.contains(QStringLiteral("evaluate:quorvex_ui_stop_sampling()")));
-    // The source went at the end of the command, and its files with it.
-    EXPECT_TRUE(rig.runFiles().isEmpty()) << qPrintable(rig.runFiles().join(' '));
-}
-
+// The profiler's own source at play, and the install path: every run of zor
+// (frontend_test).
 TEST(PlatformPieces, LocksDieWithTheirProcessAndPrivateDirectoriesStayPrivate)
 {
     QTemporaryDir tmp;
