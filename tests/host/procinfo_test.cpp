@@ -1,6 +1,7 @@
-// ProcInfo and the resident size SelfProfile measures, against real
-// processes: this test, a sleeping child, the same child as a zombie, and
-// after it has been reaped.
+// What the product asks of ProcInfo (a process's parent, the list of all)
+// and the resident size SelfProfile measures, against real processes: this
+// test, a sleeping child, the same child as a zombie, and after it has been
+// reaped.
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <unistd.h>
@@ -16,8 +17,6 @@ TEST(ProcInfo, AChildAliveAsAZombieAndGone)
     const int self = int(getpid());
     ChildProcess child;
     const int pid = child.pid();
-    EXPECT_TRUE(ProcInfo::exists(pid) && ProcInfo::alive(pid));
-    EXPECT_EQ(ProcInfo::getName(pid), QStringLiteral("sleep"));
     EXPECT_EQ(ProcInfo::getParent(pid), self);
     const QList<int> all = ProcInfo::getList(0);
     EXPECT_TRUE(all.contains(pid));
@@ -25,19 +24,14 @@ TEST(ProcInfo, AChildAliveAsAZombieAndGone)
     EXPECT_TRUE(std::all_of(all.begin(), all.end(), [](int p) { return p > 0; }));
     EXPECT_GT(SelfProfile::rssForPid(pid), 0);
 
-    // A zombie exists but isn't alive, and has no command line or memory left.
+    // A zombie keeps its parent, and has no memory left.
     child.makeZombie();
-    EXPECT_TRUE(ProcInfo::exists(pid));
-    EXPECT_FALSE(ProcInfo::alive(pid));
     EXPECT_EQ(ProcInfo::getParent(pid), self);
-    EXPECT_TRUE(ProcInfo::getName(pid).isEmpty());
     EXPECT_EQ(SelfProfile::rssForPid(pid), 0);
 
     // Gone: the neutral answers.
     child.reap();
-    EXPECT_FALSE(ProcInfo::exists(pid) || ProcInfo::alive(pid));
     EXPECT_EQ(ProcInfo::getParent(pid), -1);
-    EXPECT_TRUE(ProcInfo::getName(pid).isEmpty());
     EXPECT_FALSE(ProcInfo::getList(0).contains(pid));
     EXPECT_EQ(SelfProfile::rssForPid(pid), 0);
 

@@ -186,12 +186,4 @@ TEST(MessageStream, ResponsesNeedAFactoryOnTheReadingSide)
     EXPECT_TRUE(Message::fromXml(Message::forCancel(1).toXml(), nullptr, &message, &error));
 }
 
-TEST(MessageStream, AClosedPeerEndsTheWait)
-{
-    SocketPair pair;
-    MessageStream receiver(&pair.b, nullptr);
-    pair.a.close();
-    EXPECT_FALSE(receiver.waitForMessage(5000));
-}
-
 } // namespace

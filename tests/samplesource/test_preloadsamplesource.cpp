@@ -3,8 +3,6 @@
 // the analysis lock between processes, kept files and the side files.
 #include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
-#include <QProcess>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -16,8 +14,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "gdbprobe.h"
 
 #include "constants.h"
 #include "envswitch.h"
@@ -664,64 +660,9 @@ TEST(PreloadSampleSourceRun, TheAnalysisLockIsTakenInTurnsAndEachTurnEndsWithAFr
     unsetEnv("KLB_REDUCE_MEMORY_USAGE");
 }
 
-TEST(PreloadSampleSourceRun, TheRealSamplersFilesOfARealRunLandInTheSampleList)
-{
-    if (!samplerPreloadProblem().isEmpty())
-        GTEST_SKIP() << qPrintable(samplerPreloadProblem());
-    // The real sampler, started on its own in a real program by the
-    // variable that names its output, plays the target's side; the scripted
-    // debugger only answers for the debugger.
-    Rig rig;
-    QProcess program;
-    rig.debugger.onCall = [&](const QString& call) {
-        if (!call.startsWith(QLatin1String("evaluate:quorvex_init_sampler_now(")))
-            return;
-        const QString path = call.section(QLatin1Char('"'), 1, 1);
-        rig.debugger.expressions[call.mid(int(strlen("evaluate:")))] = QStringLiteral("0");
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("LD_PRELOAD"), QStringLiteral(ZOR_SAMPLER_LIBRARY));
-        environment.insert(QStringLiteral("ZOR_SAMPLER_OUTPUT"), path);
-        environment.insert(QStringLiteral("ZOR_SAMPLER_OPTIONS"), QStringLiteral("interval=5"));
-        program.setProcessEnvironment(environment);
-        program.setProgram(QStringLiteral(ZOR_EXAMPLE));
-        program.setArguments({QStringLiteral("--seconds"), QStringLiteral("1")});
-        // Not a child of ours: the source lowers its own children's priority,
-        // as it does the debugger's, but never the target's.
-        ASSERT_TRUE(program.startDetached());
-        // Armed when ".running" is there.
-        QElapsedTimer waited;
-        waited.start();
-        while (!QFile::exists(path + QStringLiteral(".running")) && waited.elapsed() < 10000)
-            usleep(1000);
-    };
-    auto source = rig.start();
-    ASSERT_TRUE(QFile::exists(source->runningFile()));
-
-    SampleList list(1000);
-    source->readSamples(list);
-    EXPECT_GT(source->numRawSamples(), 5u);
-    EXPECT_EQ(list.size(), int(source->numRawSamples()));
-    EXPECT_FALSE(source->interrupted());
-    // Samples come in time order and carry the program's threads.
-    long long last = -1;
-    for (const Sample* sample : list) {
-        EXPECT_GE(sample->backendOnly_getTimestamp(), last);
-        last = sample->backendOnly_getTimestamp();
-        EXPECT_FALSE(sample->backendOnly_sampledTids().isEmpty());
-    }
-    EXPECT_GT(source->duration(), 200);
-
-    // Its side files are there for the end of the command, and read.
-    MpiCallMetrics calls(rig.host.rank);
-    source->readMpiCallMetrics(calls);
-    EXPECT_TRUE(calls.isEmpty());
-    MetricErrorMap errors;
-    source->readMetricErrors(errors);
-    EXPECT_TRUE(errors.isEmpty());
-}
-
-// The profiler's own source at play, and the install path: every run of zor
-// (frontend_test).
+// A real sampler's file read by the source (and the profiler's own source at
+// play, and the install path): every run of zor (frontend_test); without a
+// debugger, the real sampler's files read back: the sampler's runtime tests.
 TEST(PlatformPieces, LocksDieWithTheirProcessAndPrivateDirectoriesStayPrivate)
 {
     QTemporaryDir tmp;
