@@ -707,6 +707,12 @@ void SymbolTable::stopPreparing()
     if (!mPreparing.joinable())
         return;
     mStopPreparing = true;
+    // Waited for now: at idle priority on a busy machine the file at hand
+    // could take the program's whole run to finish.
+    if (mPrepareIdle) {
+        sched_param normal{};
+        pthread_setschedparam(mPreparing.native_handle(), SCHED_OTHER, &normal);
+    }
     mPreparing.join();
 }
 
