@@ -88,13 +88,17 @@ int askOtherThreads(std::uint64_t generation)
         // An offer made since the previous tick is this tick's answer. An
         // older one waits for the request below, whose answer takes it back;
         // one made while the request goes out answers it (answerRequest).
-        if (freshOffer(slot)) {
+        const auto tookOffer = [&]() {
+            if (!freshOffer(slot))
+                return false;
             s.asking[count] = slot;
             s.askingTid[count] = tid;
             s.askingHow[count] = AskTookOffer;
             ++count;
+            return true;
+        };
+        if (tookOffer())
             continue;
-        }
         // A thread that ran since the previous tick answers at its CPU
         // timer's next expiry; one that didn't is asked by a signal.
         // Since its last answer, which took some CPU time itself: a
@@ -102,13 +106,9 @@ int askOtherThreads(std::uint64_t generation)
         // has run since, one that sleeps hasn't.
         const timespec cpu = slot->haveCpuTimer.load(std::memory_order_acquire) ? threadCpu(tid) : timespec{-1, 0};
         const bool ran = cpu.tv_sec >= 0 && zs_nanoseconds(zs_difference(cpu, slot->lastCpu)) > 50000LL * s.intervalMs;
-        if (freshOffer(slot)) {
-            s.asking[count] = slot;
-            s.askingTid[count] = tid;
-            s.askingHow[count] = AskTookOffer;
-            ++count;
+        // Or one made while its CPU time was read.
+        if (tookOffer())
             continue;
-        }
         slot->request.store(generation, std::memory_order_release);
         if (!ran && !sendRequest(tid)) {
             // Gone already, or the signal queue is full: not in this sample.
