@@ -666,22 +666,35 @@ SymbolTable::~SymbolTable()
     dwfl_end(mDwfl);
 }
 
-void SymbolTable::prepareInBackground()
+void SymbolTable::prepareInBackground(bool idle)
 {
-    stopPreparing();
     std::vector<Dwfl_Module*> modules;
     dwfl_getmodules(mDwfl, collectModule, &modules, 0);
+    // Idle priority: a program that keeps every core busy ran 4% slower with
+    // this work beside it.
+    mPrepareIdle = idle;
+    if (mPreparing.joinable() && modules == mPreparingModules) {
+        if (idle) {
+            sched_param lowest{};
+            pthread_setschedparam(mPreparing.native_handle(), SCHED_IDLE, &lowest);
+        }
+        return;
+    }
+    stopPreparing();
+    mPreparingModules = modules;
     mStopPreparing = false;
     // Only libdwfl's own state changes meanwhile; no call here reads it
     // before the thread is joined.
     mPreparing = std::thread([this, modules]() {
-        // Only on a core the program leaves idle: a program that keeps every
-        // core busy ran 4% slower with this work beside it.
-        sched_param idle{};
-        pthread_setschedparam(pthread_self(), SCHED_IDLE, &idle);
+        bool idleNow = false;
         for (Dwfl_Module* module : modules) {
             if (mStopPreparing)
                 return;
+            if (mPrepareIdle && !idleNow) {
+                sched_param lowest{};
+                pthread_setschedparam(pthread_self(), SCHED_IDLE, &lowest);
+                idleNow = true;
+            }
             Dwarf_Addr bias = 0;
             dwfl_module_getdwarf(module, &bias);
             dwfl_module_getsymtab(module);

@@ -79,8 +79,10 @@ public:
     // (decompressing sections where they are compressed), the part of a
     // lookup that costs per file, on a thread of its own, as long as
     // nothing else is asked: any other call stops it first, waiting at most
-    // for the file at hand. For the time a program runs unwatched.
-    void prepareInBackground();
+    // for the file at hand. `idle`: at the lowest priority, on a core the
+    // program leaves idle. Asked again over the same files, a preparation
+    // under way goes on, at the new priority.
+    void prepareInBackground(bool idle);
 
 private:
     struct UnitIndex;
@@ -157,6 +159,8 @@ private:
     Dwfl* mDwfl;
     std::thread mPreparing;
     std::atomic<bool> mStopPreparing{false};
+    std::atomic<bool> mPrepareIdle{false};
+    std::vector<Dwfl_Module*> mPreparingModules;
     QList<SharedLibrary> mLibraries;
     // The functions of each compilation unit by address, built as addresses
     // fall into them: a lookup is then a binary search, not a walk.

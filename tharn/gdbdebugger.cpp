@@ -76,6 +76,15 @@ bool isExitReason(const QString& reason)
     return reason.startsWith(QLatin1String("exited"));
 }
 
+// Whether the files' debug information is read while gdb arms the sampler
+// and while the program runs, for a shorter wait at the end, at the price
+// of its memory from the start.
+bool readsAhead()
+{
+    static EnvSwitch reduceMemory("REDUCE_MEMORY_USAGE");
+    return !reduceMemory.isOn();
+}
+
 // gdb in a process group of its own, so that a ^C on the terminal reaches
 // the front-end, which stops the run, and not gdb.
 class GdbProcess : public QProcess
@@ -213,6 +222,10 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
             mBoundaryIp = stack.items.first().second.str(QStringLiteral("addr"));
         watchTarget();
         refreshSymbols();
+        // While gdb arms the sampler this process mostly waits for it, and
+        // the program doesn't run yet: the best time to read ahead.
+        if (readsAhead())
+            mSymbols.prepareInBackground(false);
     } catch (Exception* failure) {
         *error = failure->fullMessage();
         delete failure;
@@ -272,6 +285,22 @@ bool GdbDebugger::startGdb(QString* error)
         mDataDirectory.reset(new QTemporaryDir(QDir::tempPath() + QStringLiteral("/zor-gdb-XXXXXX")));
     if (mDataDirectory->isValid())
         arguments << QStringLiteral("--data-directory=") + mDataDirectory->path();
+    // Settings on the command line: gdb takes them before it reads its first
+    // command, without a round trip each (a millisecond apiece here).
+    // gdb only runs the program and calls into the sampler; positions come
+    // from our own reader. Reading the system's separate debug files would
+    // cost gdb hundreds of milliseconds per start, all before main.
+    QStringList settings;
+    for (const char* setting :
+         {"confirm off", "pagination off", "width 0", "height 0", "print elements 0", "print repeats 0",
+          "unwindonsignal on", "debuginfod enabled off", "breakpoint pending off", "auto-load off",
+          "debug-file-directory"})
+        settings << QStringLiteral("set ") + QLatin1String(setting);
+    for (const QString& name : {gdbSignalName(samplerSignal()), QStringLiteral("SIGPROF")})
+        settings << QStringLiteral("handle %1 nostop noprint pass").arg(name);
+    settings << mDispositionCommands;
+    for (const QString& setting : qAsConst(settings))
+        arguments << QStringLiteral("-iex") << setting;
     mGdb->start(gdb, arguments);
     if (!mGdb->waitForStarted(30000)) {
         *error = QStringLiteral("Can't start the debugger %1: %2").arg(gdb, mGdb->errorString());
@@ -280,20 +309,7 @@ bool GdbDebugger::startGdb(QString* error)
     mGdbBuffer.clear();
     mBroken = false;
     try {
-        for (const char* setting :
-             {"confirm off", "pagination off", "width 0", "height 0", "print elements 0", "print repeats 0",
-              "unwindonsignal on", "debuginfod enabled off", "breakpoint pending off", "auto-load off"})
-            command(QStringLiteral("-gdb-set ") + QLatin1String(setting));
-        for (const QString& name : {gdbSignalName(samplerSignal()), QStringLiteral("SIGPROF")})
-            commandOk(QStringLiteral("-interpreter-exec console ")
-                      + miQuote(QStringLiteral("handle %1 nostop noprint pass").arg(name)));
-        for (const QString& disposition : qAsConst(mDispositionCommands))
-            commandOk(QStringLiteral("-interpreter-exec console ") + miQuote(disposition));
-        // gdb only runs the program and calls into the sampler; positions come
-        // from our own reader. Reading the program's debug information and the
-        // system's separate debug files would cost gdb hundreds of milliseconds
-        // per start (seconds for a large program), all before main.
-        command(QStringLiteral("-gdb-set debug-file-directory"));
+        // Nor the program's own debug information (seconds for a large one).
         const Answer file = command(QStringLiteral("-interpreter-exec console ")
                                     + miQuote(QStringLiteral("file -readnever ") + argumentWord(mProgram.value(0))));
         // What gdb said at its start is its warning that its Python modules
@@ -685,9 +701,8 @@ Response* GdbDebugger::handleDetach(Command&)
         mStopped = false;
         mSymbolsStale = true;
         // What the analysis at the run's end would open first.
-        static EnvSwitch reduceMemory("REDUCE_MEMORY_USAGE");
-        if (!reduceMemory.isOn())
-            mSymbols.prepareInBackground();
+        if (readsAhead())
+            mSymbols.prepareInBackground(true);
     }
     return new StatusResponse(StatusResponse::Detached);
 }

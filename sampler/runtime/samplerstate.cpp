@@ -8,11 +8,6 @@
 #include <type_traits>
 #include <unistd.h>
 
-extern "C" {
-__attribute__((visibility("default"))) volatile int quorvex_sampling_finished;
-__attribute__((visibility("default"))) char quorvex_sampler_error[1024];
-}
-
 namespace zorsampler {
 
 State gState;
