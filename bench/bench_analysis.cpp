@@ -31,6 +31,7 @@
 #include "samplelist.h"
 #include "selfprofilepoints.h"
 #include "tabledebugger.h"
+#include "zorpsvmodelitem.h"
 
 namespace {
 
@@ -161,7 +162,8 @@ int main(int argc, char** argv)
     std::printf("analysis, wall clock: %.1f ms in all, %.1f us per raw sample\n", seconds * 1000,
                 seconds * 1e6 / numSamples);
     std::printf("analysis, CPU time:   %.1f ms in all, %.1f us per raw sample\n", cpu * 1000, cpu * 1e6 / numSamples);
-    std::printf("page faults during the analysis: %ld (%.1f MB of fresh memory)\n", faults, faults * 4096.0 / 1e6);
+    std::printf("page faults during the analysis: %ld (%.1f MB of fresh memory); a node of a tree takes %d bytes\n",
+                faults, faults * 4096.0 / 1e6, int(sizeof(ZORPSVModelItem)));
     std::printf("wall clock beyond the decoding passes (the debugger's answers): %.1f us per raw sample\n",
                 (seconds * 1000 - decodeMs) * 1000 / numSamples);
 

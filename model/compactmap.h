@@ -9,37 +9,84 @@
 #include <QMap>
 
 #include <map>
+#include <utility>
 
 namespace zor_compact {
 
 // A copy-on-write pointer whose null stands for an empty, default object,
 // so that the many empty maps of a tree share nothing and take no part in
-// reference counting across threads.
+// reference counting across threads. An object kept forever is shared
+// without counting at all: a map copied into nodes by the million would
+// otherwise cost two atomic operations per node.
 template <typename T>
 class CowPointer
 {
 public:
-    T* operator->() const { return d ? d.data() : empty(); }
+    CowPointer() : d(nullptr) {}
+    CowPointer(const CowPointer& other) : d(other.d) { ref(d); }
+    CowPointer(CowPointer&& other) noexcept : d(other.d) { other.d = nullptr; }
+    CowPointer& operator=(const CowPointer& other)
+    {
+        if (d != other.d) {
+            T* old = d;
+            d = other.d;
+            ref(d);
+            release(old);
+        }
+        return *this;
+    }
+    CowPointer& operator=(CowPointer&& other) noexcept
+    {
+        std::swap(d, other.d);
+        return *this;
+    }
+    ~CowPointer() { release(d); }
+
+    T* operator->() const { return d ? d : empty(); }
     T* data() const { return operator->(); }
     // Call before any change.
     void detach()
     {
-        if (d)
-            d.detach();
-        else
+        if (!d) {
             d = new T;
+            d->ref.storeRelaxed(1);
+        } else if (d->ref.loadRelaxed() != 1) {
+            T* copy = new T(*d);
+            copy->ref.storeRelaxed(1);
+            release(d);
+            d = copy;
+        }
+    }
+    // The object is never freed from now on, and copies share it without
+    // counting; a change through any of them copies it first.
+    void keepForever()
+    {
+        detach();
+        d->ref.storeRelaxed(Forever);
     }
     bool operator==(const CowPointer& other) const { return d == other.d; }
     bool operator!=(const CowPointer& other) const { return d != other.d; }
 
 private:
+    static const int Forever = -1;
+
+    static void ref(T* object)
+    {
+        if (object && object->ref.loadRelaxed() != Forever)
+            object->ref.ref();
+    }
+    static void release(T* object)
+    {
+        if (object && object->ref.loadRelaxed() != Forever && !object->ref.deref())
+            delete object;
+    }
     static T* empty()
     {
         static T object;
         return &object;
     }
 
-    QExplicitlySharedDataPointer<T> d;
+    T* d;
 };
 
 } // namespace zor_compact
@@ -96,6 +143,9 @@ public:
     const Ranges& ranges() const { return d->mRanges; }
 
     bool isSharedWith(const CompactMap& other) const { return d == other.d; }
+    // For a map copied into many places and changed in none: its storage is
+    // never freed, and copies share it without counting references.
+    void keepForever() { d.keepForever(); }
     bool operator==(const CompactMap& other) const;
     bool operator!=(const CompactMap& other) const { return !(*this == other); }
 

@@ -50,6 +50,13 @@ public:
     // Appends what toString gives, as Latin-1 bytes.
     void appendText(QByteArray* out) const;
 
+    // See CompactMap::keepForever.
+    void keepForever()
+    {
+        Base::keepForever();
+        t.keepForever();
+    }
+
     bool operator==(const IntProcessMap& other) const;
     bool operator!=(const IntProcessMap& other) const { return !(*this == other); }
 

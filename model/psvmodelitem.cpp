@@ -73,7 +73,7 @@ quint64 nameKey(const QString& name)
 quint32 positionKey(const Position& position)
 {
     const quint64 lineAndColumn = (quint64(quint32(position.line)) << 32) | quint32(position.column);
-    return quint32(mix(nameKey(position.function) ^ (lineAndColumn * 0xc2b2ae3d27d4eb4fULL)) >> 16);
+    return quint32(mix(nameKey(position.function) ^ (lineAndColumn * 0xc2b2ae3d27d4eb4fULL)) >> 40);
 }
 
 } // namespace
@@ -145,7 +145,7 @@ public:
         for (size_t i = key & mask; mSlots[i].child; i = (i + 1) & mask) {
             const Slot& slot = mSlots[i];
             if (slot.key == key && (!best || slot.order < best->order)
-                && PSVModelItem::samePosition(slot.child->mPosition, position) && (!accept || accept(slot.child)))
+                && PSVModelItem::samePosition(*slot.child->mPosition, position) && (!accept || accept(slot.child)))
                 best = &slot;
         }
         return best ? best->child : nullptr;
@@ -312,6 +312,103 @@ void PSVModelItem::operator delete(void* memory, std::size_t size)
     cache.lists[sizeClass] = block;
 }
 
+namespace {
+
+// Names of a run's frames are mostly shared copies: the characters, and
+// even the headers, are read only when the storage differs.
+bool sameName(const QString& a, const QString& b)
+{
+    return const_cast<QString&>(a).data_ptr() == const_cast<QString&>(b).data_ptr() || a == b;
+}
+
+bool sameExactly(const Position& a, const Position& b)
+{
+    return a.line == b.line && a.column == b.column && sameName(a.function, b.function) && sameName(a.file, b.file);
+}
+
+// The kept positions, in shards by key so that threads that make nodes at
+// once seldom wait for each other. Each shard is an open-addressing table:
+// a run asks once for each of its tens of thousands of distinct frames.
+struct KeptPositions
+{
+    static const int Shards = 64;
+    // Positions lie side by side in blocks, so that those of a run's
+    // frames, read for every node, take few cache lines.
+    static const int BlockSize = 256;
+    struct Slot
+    {
+        const Position* position = nullptr;
+        quint32 key = 0;
+    };
+    struct Shard
+    {
+        QMutex mutex;
+        std::vector<Slot> table = std::vector<Slot>(64);
+        int size = 0;
+        Position* block = nullptr;
+        int used = BlockSize;
+
+        const Position* find(const Position& position, quint32 key)
+        {
+            const size_t mask = table.size() - 1;
+            for (size_t i = (key / Shards) & mask;; i = (i + 1) & mask) {
+                const Slot& slot = table[i];
+                if (!slot.position)
+                    return nullptr;
+                if (slot.key == key && sameExactly(*slot.position, position))
+                    return slot.position;
+            }
+        }
+        void insert(const Position* position, quint32 key)
+        {
+            const size_t mask = table.size() - 1;
+            size_t i = (key / Shards) & mask;
+            while (table[i].position)
+                i = (i + 1) & mask;
+            table[i].position = position;
+            table[i].key = key;
+        }
+        const Position* keep(const Position& position, quint32 key)
+        {
+            if (2 * (size + 1) > int(table.size())) {
+                std::vector<Slot> old(2 * table.size());
+                old.swap(table);
+                for (const Slot& slot : old) {
+                    if (slot.position)
+                        insert(slot.position, slot.key);
+                }
+            }
+            if (used == BlockSize) {
+                block = static_cast<Position*>(::operator new(BlockSize * sizeof(Position)));
+                used = 0;
+            }
+            const Position* kept = new (block + used++) Position(position);
+            insert(kept, key);
+            ++size;
+            return kept;
+        }
+    };
+    Shard shards[Shards];
+};
+
+KeptPositions& keptPositions()
+{
+    // Never destroyed: nodes point into it until the very end.
+    static KeptPositions* kept = new KeptPositions;
+    return *kept;
+}
+
+} // namespace
+
+const Position* PSVModelItem::keptPosition(const Position& position, quint32 key)
+{
+    KeptPositions::Shard& shard = keptPositions().shards[key % KeptPositions::Shards];
+    QMutexLocker lock(&shard.mutex);
+    if (const Position* kept = shard.find(position, key))
+        return kept;
+    return shard.keep(position, key);
+}
+
 struct PSVModelItemExtra
 {
     IntProcessMap cudaThreads;
@@ -320,16 +417,15 @@ struct PSVModelItemExtra
     PSVChildIndex* childIndex = nullptr;
 };
 
-PSVModelItem::PSVModelItem()
-    : mOnlyChild(nullptr), mParent(nullptr), mExtra(nullptr), mPositionKey(positionKey(Position())), mChildCount(0), mCurrentGroup(false),
-      mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false)
+PSVModelItem::PSVModelItem() : PSVModelItem(Position())
 {
 }
 
 PSVModelItem::PSVModelItem(const Position& position)
-    : mOnlyChild(nullptr), mParent(nullptr), mPosition(position), mExtra(nullptr), mPositionKey(positionKey(position)), mChildCount(0),
-      mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false)
+    : mOnlyChild(nullptr), mParent(nullptr), mExtra(nullptr), mChildCount(0), mPositionKey(positionKey(position)),
+      mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false), mDerivedBits(0)
 {
+    mPosition = keptPosition(position, mPositionKey);
 }
 
 PSVModelItem::PSVModelItem(PSVModelItem* parent) : PSVModelItem()
@@ -351,8 +447,9 @@ quint32 PSVModelItem::positionKeyOf(const Position& position)
 
 PSVModelItem::PSVModelItem(const PSVModelItem& other)
     : SaxHandler(other), mProcessThreads(other.mProcessThreads), mOnlyChild(nullptr), mParent(nullptr), mPosition(other.mPosition),
-      mExtra(nullptr), mPositionKey(other.mPositionKey), mChildCount(0), mCurrentGroup(other.mCurrentGroup),
-      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor), mCudaBrief(other.mCudaBrief)
+      mExtra(nullptr), mChildCount(0), mPositionKey(other.mPositionKey), mCurrentGroup(other.mCurrentGroup),
+      mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor),
+      mCudaBrief(other.mCudaBrief), mDerivedBits(other.mDerivedBits)
 {
     if (other.mExtra) {
         extra().cudaThreads = other.mExtra->cudaThreads;
@@ -544,8 +641,8 @@ void PSVModelItem::detach()
 void PSVModelItem::setPosition(const Position& position)
 {
     const quint32 oldKey = mPositionKey;
-    mPosition = position;
     mPositionKey = positionKey(position);
+    mPosition = keptPosition(position, mPositionKey);
     if (mParent && mParent->mExtra && mParent->mExtra->childIndex)
         mParent->mExtra->childIndex->rekey(this, oldKey);
 }
@@ -618,7 +715,7 @@ QList<Position> PSVModelItem::stack() const
     if (!mParent)
         return positions;
     for (const PSVModelItem* node = this; node; node = node->mParent)
-        positions.prepend(node->mPosition);
+        positions.prepend(*node->mPosition);
     return positions;
 }
 
@@ -630,7 +727,7 @@ QString PSVModelItem::getKernelName() const
     const PSVModelItem* node = this;
     while (node->mParent->mParent && node->mParent->totalCudaThreads() >= 1)
         node = node->mParent;
-    return node->mPosition.function;
+    return node->mPosition->function;
 }
 
 CompactSet<int> PSVModelItem::processes() const
@@ -678,7 +775,7 @@ PSVModelItem* PSVModelItem::findChildIf(const Position& position, bool (*accept)
         return extra.childIndex->find(position, positionKey(position), accept);
     }
     for (PSVModelItem* child : childNodes()) {
-        if (samePosition(child->mPosition, position) && (!accept || accept(child)))
+        if (samePosition(*child->mPosition, position) && (!accept || accept(child)))
             return child;
     }
     return nullptr;
@@ -690,11 +787,11 @@ PSVModelItem* PSVModelItem::findChildLike(const PSVModelItem* node) const
         PSVModelItemExtra& extra = const_cast<PSVModelItem*>(this)->extra();
         if (!extra.childIndex)
             extra.childIndex = new PSVChildIndex(childNodes());
-        return extra.childIndex->find(node->mPosition, node->mPositionKey, nullptr);
+        return extra.childIndex->find(*node->mPosition, node->mPositionKey, nullptr);
     }
     for (PSVModelItem* child : childNodes()) {
         // Different keys settle most comparisons without the names.
-        if (child->mPositionKey == node->mPositionKey && samePosition(child->mPosition, node->mPosition))
+        if (child->mPositionKey == node->mPositionKey && samePosition(*child->mPosition, *node->mPosition))
             return child;
     }
     return nullptr;
@@ -767,12 +864,13 @@ void PSVModelItem::writeXml(XmlWriter& writer) const
 {
     // A root stands for no frame and writes no position.
     if (mParent) {
-        if (!mPosition.function.isEmpty())
-            writer.attribute(ATTR_FUNCTION, mPosition.function);
-        if (!mPosition.file.isEmpty())
-            writer.attribute(ATTR_FILE, mPosition.file);
-        if (mPosition.line > 0)
-            writer.attribute(ATTR_LINE, mPosition.line);
+        const Position& position = *mPosition;
+        if (!position.function.isEmpty())
+            writer.attribute(ATTR_FUNCTION, position.function);
+        if (!position.file.isEmpty())
+            writer.attribute(ATTR_FILE, position.file);
+        if (position.line > 0)
+            writer.attribute(ATTR_LINE, position.line);
     }
     // Kept between nodes (reserved, so that emptying it keeps the room);
     // each node is done with it before its children use it.

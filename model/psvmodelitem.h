@@ -51,19 +51,17 @@ public:
     // These two append the new node to parent's children when parent isn't null.
     explicit PSVModelItem(PSVModelItem* parent);
     PSVModelItem(PSVModelItem* parent, const Position& position);
-    // The node of one more frame on a path being built: its key worked out
-    // ahead by positionKeyOf, and its thread counts shared with the other
-    // nodes of the path. Appended to parent's children.
-    inline PSVModelItem(PSVModelItem* parent, const Position& position, quint32 positionKey,
-                        const IntProcessMap& threads);
-    // The same for a position whose names are immortal (hasImmortalNames):
-    // they are shared without a look at their headers, which a path of
-    // fresh nodes would otherwise fetch from memory for every node.
-    struct ImmortalNames
-    {
-    };
-    inline PSVModelItem(PSVModelItem* parent, const Position& position, ImmortalNames, quint32 positionKey,
-                        const IntProcessMap& threads);
+    // The node of one more frame on a path being built: its position one
+    // that keptPosition handed out, its key worked out ahead by
+    // positionKeyOf, and its thread counts shared with the other nodes of
+    // the path. Appended to parent's children.
+    inline PSVModelItem(PSVModelItem* parent, const Position* kept, quint32 positionKey, const IntProcessMap& threads);
+    // The process's one copy of position, which is never freed: nodes point
+    // at it rather than each hold a copy, so that a node is smaller and
+    // making one copies no names. key is positionKeyOf(position). There are
+    // as many as the distinct positions the process ever saw, a bounded
+    // number (those of a program's code); thread-safe.
+    static const Position* keptPosition(const Position& position, quint32 key);
     // Whether both names of position are kept forever, as
     // InternStringCache::internForever keeps them.
     static bool hasImmortalNames(const Position& position)
@@ -110,7 +108,7 @@ public:
     virtual void addPSVModelItem(PSVModelItem* item, void* context);
 
     PSVModelItem* parent() const { return mParent; }
-    const Position& position() const { return mPosition; }
+    const Position& position() const { return *mPosition; }
     int childCount() const { return mChildCount; }
     // A copy of the list, safe to hold while children move or go.
     QList<PSVModelItem*> children() const;
@@ -169,7 +167,7 @@ public:
     void mapRanks(const QMap<int, int>& ranks);
 
     // What lookups among children compare first, for a position of which
-    // many nodes are made.
+    // many nodes are made: 24 bits.
     static quint32 positionKeyOf(const Position& position);
 
 protected:
@@ -214,23 +212,30 @@ private:
         PSVModelItem** mChildArray;
     };
     PSVModelItem* mParent;
-    Position mPosition;
+    // Never null; see keptPosition.
+    const Position* mPosition;
     // Null until a field of it is set: the thread counts on the device,
     // the last device thread group and the index of a wide node's children.
     PSVModelItemExtra* mExtra;
-    // The hash of mPosition, kept so that lookups and merges don't read
-    // the names again.
-    quint32 mPositionKey;
     int mChildCount;
+    // The hash of mPosition, kept so that lookups and merges don't read
+    // the names again. It shares a word with the flags below, which keeps
+    // a node of a fresh tree, made by the million, at 64 bytes.
+    quint32 mPositionKey : 24;
 
 protected:
-    bool mCurrentGroup;
-    bool mUnexpectedStop;
-    bool mUnexpectedStopAncestor;
+    quint32 mCurrentGroup : 1;
+    quint32 mUnexpectedStop : 1;
+    quint32 mUnexpectedStopAncestor : 1;
 
 private:
     // The brief mode of the device thread counts while they live nowhere.
-    bool mCudaBrief;
+    quint32 mCudaBrief : 1;
+
+protected:
+    // Free for a derived node type's own small field; 0 in a fresh node
+    // and copied by the copy constructor.
+    quint32 mDerivedBits : 4;
 };
 
 void PSVModelItem::linkToParent(PSVModelItem* parent)
@@ -245,26 +250,12 @@ void PSVModelItem::linkToParent(PSVModelItem* parent)
     }
 }
 
-PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, quint32 positionKey,
+PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position* kept, quint32 positionKey,
                            const IntProcessMap& threads)
-    : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mPosition(position), mExtra(nullptr),
-      mPositionKey(positionKey), mChildCount(0), mCurrentGroup(false), mUnexpectedStop(false),
-      mUnexpectedStopAncestor(false), mCudaBrief(false)
+    : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mPosition(kept), mExtra(nullptr),
+      mChildCount(0), mPositionKey(positionKey), mCurrentGroup(false), mUnexpectedStop(false),
+      mUnexpectedStopAncestor(false), mCudaBrief(false), mDerivedBits(0)
 {
-    linkToParent(parent);
-}
-
-PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position& position, ImmortalNames, quint32 positionKey,
-                           const IntProcessMap& threads)
-    : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mExtra(nullptr), mPositionKey(positionKey),
-      mChildCount(0), mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false)
-{
-    // A copy of a name that is never freed counts no reference: taking the
-    // pointer is the whole copy.
-    mPosition.function.data_ptr() = const_cast<Position&>(position).function.data_ptr();
-    mPosition.file.data_ptr() = const_cast<Position&>(position).file.data_ptr();
-    mPosition.line = position.line;
-    mPosition.column = position.column;
     linkToParent(parent);
 }
 

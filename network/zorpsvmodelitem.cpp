@@ -125,27 +125,27 @@ IntProcessMap processThreads(const FastXmlReader::Value& text)
 
 } // namespace
 
-ZORPSVModelItem::ZORPSVModelItem() : mSpecial(specialNone), mCounts(nullptr) {}
+ZORPSVModelItem::ZORPSVModelItem() : mCounts(nullptr) {}
 
 ZORPSVModelItem::ZORPSVModelItem(ZORPSVModelItem* parent)
-    : PSVModelItem(parent), mSpecial(specialNone), mCounts(nullptr)
+    : PSVModelItem(parent), mCounts(nullptr)
 {
 }
 
 ZORPSVModelItem::ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position)
-    : PSVModelItem(parent, position), mSpecial(specialNone), mCounts(nullptr)
+    : PSVModelItem(parent, position), mCounts(nullptr)
 {
 }
 
 ZORPSVModelItem::ZORPSVModelItem(const Position& position, int samples, int selfSamples, int mpiSamples,
                                  int sleepingSamples)
-    : PSVModelItem(position), mSpecial(specialNone), mCounts(nullptr)
+    : PSVModelItem(position), mCounts(nullptr)
 {
     addSampleCounts(samples, selfSamples, mpiSamples, sleepingSamples);
 }
 
 ZORPSVModelItem::ZORPSVModelItem(const ZORPSVModelItem& other)
-    : PSVModelItem(other), mSpecial(other.mSpecial), mCounts(other.mCounts ? new Counts(*other.mCounts) : nullptr)
+    : PSVModelItem(other), mCounts(other.mCounts ? new Counts(*other.mCounts) : nullptr)
 {
 }
 
@@ -256,8 +256,8 @@ Category::OmpCompiler::Enum ZORPSVModelItem::detectOmpRuntime() const
 
 void ZORPSVModelItem::mergeOwnFields(const ZORPSVModelItem& other)
 {
-    if (mSpecial == specialNone)
-        mSpecial = other.mSpecial;
+    if (specialType() == specialNone)
+        setSpecial(other.specialType());
     if (!other.mCounts)
         return;
     const Counts& theirs = *other.mCounts;
@@ -284,8 +284,8 @@ void ZORPSVModelItem::addPSVModelItem(PSVModelItem* item, void* context)
 
 void ZORPSVModelItem::writeExtraXml(XmlWriter& writer) const
 {
-    if (mSpecial != specialNone)
-        writer.attribute(ATTR_SPECIAL, int(mSpecial));
+    if (specialType() != specialNone)
+        writer.attribute(ATTR_SPECIAL, int(specialType()));
     if (!mCounts)
         return;
     const Counts& own = *mCounts;
@@ -318,9 +318,10 @@ bool ZORPSVModelItem::readXml(QXmlStreamReader& reader, QString* error)
 void ZORPSVModelItem::readXmlStreamAttributes(const QXmlStreamAttributes& attributes)
 {
     PSVModelItem::readXmlStreamAttributes(attributes);
-    mSpecial = specialNone;
+    Special special = specialNone;
     if (attributes.hasAttribute(ATTR_SPECIAL))
-        readSpecial(attributes.value(ATTR_SPECIAL), &mSpecial);
+        readSpecial(attributes.value(ATTR_SPECIAL), &special);
+    setSpecial(special);
     int counters[4] = {0, 0, 0, 0};
     if (attributes.hasAttribute(ATTR_SAMPLES) && !readCounters(attributes.value(ATTR_SAMPLES), counters))
         counters[0] = counters[1] = counters[2] = counters[3] = 0;
@@ -378,13 +379,13 @@ bool ZORPSVModelItem::readNode(FastXmlReader& reader)
 {
     const FastXmlReader::Value special = reader.attribute(ATTR_SPECIAL);
     int value = 0;
-    mSpecial = specialNone;
+    setSpecial(specialNone);
     if (!special.isNull()) {
         if (!special.toInt(&value) || value < specialNone || value > specialOmpMonitor || value == 9) {
             reader.raiseError(QStringLiteral("bad attributes on call tree node"));
             return false;
         }
-        mSpecial = static_cast<Special>(value);
+        setSpecial(static_cast<Special>(value));
     }
     int counters[4] = {0, 0, 0, 0};
     const FastXmlReader::Value samples = reader.attribute(ATTR_SAMPLES);

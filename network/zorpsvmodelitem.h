@@ -41,14 +41,8 @@ public:
     explicit ZORPSVModelItem(ZORPSVModelItem* parent);
     ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position);
     // See the PSVModelItem constructor of the same arguments.
-    ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position, quint32 positionKey,
-                    const IntProcessMap& threads)
-        : PSVModelItem(parent, position, positionKey, threads), mSpecial(specialNone), mCounts(nullptr)
-    {
-    }
-    ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position, ImmortalNames immortal, quint32 positionKey,
-                    const IntProcessMap& threads)
-        : PSVModelItem(parent, position, immortal, positionKey, threads), mSpecial(specialNone), mCounts(nullptr)
+    ZORPSVModelItem(ZORPSVModelItem* parent, const Position* kept, quint32 positionKey, const IntProcessMap& threads)
+        : PSVModelItem(parent, kept, positionKey, threads), mCounts(nullptr)
     {
     }
     // A node without parent that starts from the given sample counters.
@@ -80,8 +74,9 @@ public:
     // Whether the node counts more than one sample.
     virtual bool isMultiSamplePSVModel() const;
 
-    void setSpecial(Special special) { mSpecial = special; }
-    Special specialType() const { return mSpecial; }
+    // Kept in the node's derived bits, so that a node stays small.
+    void setSpecial(Special special) { mDerivedBits = quint32(special); }
+    Special specialType() const { return Special(mDerivedBits); }
     ZORPSVModelItem* parentZORModelItem() const;
 
     // The OpenMP runtime that the frames of this subtree show, judged by
@@ -124,7 +119,6 @@ private:
     bool readNode(FastXmlReader& reader);
     Counts& counts();
 
-    Special mSpecial;
     // Null while every count is zero and both line metrics are empty.
     Counts* mCounts;
 };

@@ -48,16 +48,11 @@ ZORPSVModelItem* childAt(const Position& position, ZORPSVModelItem* parent)
 }
 
 // Starts loading what making a node of frame reads beyond the frame itself:
-// the headers of names that are counted when copied, and its inlined
-// callers in the list of them all.
+// its inlined callers in the list of them all.
 void prefetchNames(DecodedFrame* frame, const KeyedPosition* inlineCallers)
 {
     if (!frame)
         return;
-    if (!frame->immortalNames) {
-        __builtin_prefetch(frame->position.function.data_ptr());
-        __builtin_prefetch(frame->position.file.data_ptr());
-    }
     if (frame->hasInlineCallers) {
         const char* callers = reinterpret_cast<const char*>(inlineCallers + frame->inlineCallersAt);
         __builtin_prefetch(callers);
@@ -74,18 +69,18 @@ ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& po
     return new ZORPSVModelItem(parent, position);
 }
 
-ZORPSVModelItem* PreloadSampleSource::frameNode(const Position& position, quint32 key, bool immortal,
+ZORPSVModelItem* PreloadSampleSource::frameNode(const Position& position, quint32 key, const Position*& kept,
                                                 ZORPSVModelItem* parent)
 {
+    if (!kept)
+        kept = PSVModelItem::keptPosition(position, key);
     if (parent->childCount() > 0) {
-        if (ZORPSVModelItem* child = childAt(position, parent)) {
+        if (ZORPSVModelItem* child = childAt(*kept, parent)) {
             child->addThread(mRank, false, false);
             return child;
         }
     }
-    if (immortal)
-        return new ZORPSVModelItem(parent, position, PSVModelItem::ImmortalNames(), key, oneThread());
-    return new ZORPSVModelItem(parent, position, key, oneThread());
+    return new ZORPSVModelItem(parent, kept, key, oneThread());
 }
 
 const IntProcessMap& PreloadSampleSource::oneThread()
@@ -93,6 +88,8 @@ const IntProcessMap& PreloadSampleSource::oneThread()
     if (mOneThreadRank != mRank || mOneThread.isEmpty()) {
         mOneThread = IntProcessMap();
         mOneThread.add(mRank, 1);
+        // Every node of every fresh tree shares it.
+        mOneThread.keepForever();
         mOneThreadRank = mRank;
     }
     return mOneThread;
@@ -100,9 +97,9 @@ const IntProcessMap& PreloadSampleSource::oneThread()
 
 void PreloadSampleSource::addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent)
 {
-    const KeyedPosition* callers = mInlineCallers.data() + frame.inlineCallersAt;
+    KeyedPosition* callers = mInlineCallers.data() + frame.inlineCallersAt;
     for (int i = 0; i < frame.inlineCallerCount; ++i)
-        parent = frameNode(callers[i].position, callers[i].key, callers[i].immortal, parent);
+        parent = frameNode(callers[i].position, callers[i].key, callers[i].kept, parent);
 }
 
 size_t PreloadSampleSource::firstProgramFrame(const quorvex::backtrace_t& trace)
@@ -246,7 +243,8 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
         }
         if (frame.hasInlineCallers)
             addInlineCallers(frame, current);
-        current = frameNode(*position, key, position == &frame.position && frame.immortalNames, current);
+        const Position* keptDecorated = nullptr;
+        current = frameNode(*position, key, position == &frame.position ? frame.kept : keptDecorated, current);
     }
 
     if (!mDebugAddresses)
@@ -322,7 +320,7 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
     // The frame stands at the instruction that was executing, the one before
     // the recorded program counter.
     const Address used = previous.mnemonic.isEmpty() ? address : previous.address;
-    const DecodedFrame& frame = decodedFrame(used);
+    DecodedFrame& frame = decodedFrame(used);
     const Position* shown = &frame.position;
     Position decorated;
     quint32 key = frame.positionKey;
@@ -340,10 +338,12 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
         key = PSVModelItem::positionKeyOf(decorated);
     }
     // Always a node of its own, even beside a child at the same position.
-    if (shown == &frame.position && frame.immortalNames)
-        parent = new ZORPSVModelItem(parent, frame.position, PSVModelItem::ImmortalNames(), key, oneThread());
-    else
-        parent = new ZORPSVModelItem(parent, *shown, key, oneThread());
+    const Position* kept = shown == &frame.position ? frame.kept : nullptr;
+    if (!kept)
+        kept = PSVModelItem::keptPosition(*shown, key);
+    if (shown == &frame.position)
+        frame.kept = kept;
+    parent = new ZORPSVModelItem(parent, kept, key, oneThread());
     fromCuda = isAddressFromCUDALibrary(used, shown->function);
 }
 

@@ -11,10 +11,10 @@
 // A position with its key among a node's children, worked out once.
 struct KeyedPosition
 {
-    KeyedPosition() : key(0), immortal(false) {}
+    KeyedPosition() : key(0), immortal(false), kept(nullptr) {}
     explicit KeyedPosition(const Position& position)
         : position(position), key(PSVModelItem::positionKeyOf(position)),
-          immortal(PSVModelItem::hasImmortalNames(position))
+          immortal(PSVModelItem::hasImmortalNames(position)), kept(nullptr)
     {
     }
 
@@ -22,13 +22,16 @@ struct KeyedPosition
     quint32 key;
     // Both names are kept forever (PSVModelItem::hasImmortalNames).
     bool immortal;
+    // PSVModelItem::keptPosition of position, asked when the first node of
+    // it is made.
+    const Position* kept;
 };
 
 struct DecodedFrame
 {
     DecodedFrame()
         : positionKey(0), inlineCallersAt(0), inlineCallerCount(0), immortalNames(false), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
-          inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), cuda(-1)
+          inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), cuda(-1), kept(nullptr)
     {
     }
 
@@ -62,6 +65,9 @@ struct DecodedFrame
     // asked. Return addresses are decoded one byte back, so this answers
     // for the return address itself.
     signed char cuda;
+    // PSVModelItem::keptPosition of position, asked when the first node of
+    // it is made.
+    const Position* kept;
 };
 
 #endif

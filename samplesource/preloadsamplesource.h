@@ -257,7 +257,8 @@ private:
     void addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent);
     // The child of parent at position, counting one more thread of the
     // rank; made if there is none.
-    ZORPSVModelItem* frameNode(const Position& position, quint32 key, bool immortal, ZORPSVModelItem* parent);
+    // kept is PSVModelItem::keptPosition of position, asked here while null.
+    ZORPSVModelItem* frameNode(const Position& position, quint32 key, const Position*& kept, ZORPSVModelItem* parent);
     // The thread counts of a fresh node: one thread of this rank.
     const IntProcessMap& oneThread();
     void foldUnknownTail(ZORPSVModelItem*& current);

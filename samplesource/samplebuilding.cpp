@@ -316,8 +316,12 @@ Category::OmpCompiler::Enum PreloadSampleSource::scanFreshTree(int tid, const ZO
     // The path first, so that the answers of the frames a few steps ahead
     // can be loaded while one is looked at; it ends early at a fork.
     QVarLengthArray<const PSVModelItem*, 160> path;
-    for (const PSVModelItem* node = root; node; node = node->childCount() > 1 ? nullptr : node->firstChild())
+    // Nodes point at their positions, which lie elsewhere: all of them are
+    // asked for at once.
+    for (const PSVModelItem* node = root; node; node = node->childCount() > 1 ? nullptr : node->firstChild()) {
+        __builtin_prefetch(&node->position());
         path.append(node);
+    }
     const int prefetchDistance = 4;
     for (int i = 0; i < prefetchDistance && i < path.size(); ++i)
         mNameAnswers.prefetch(nameKey(path[i]->position().function));
