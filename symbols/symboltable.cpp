@@ -655,6 +655,21 @@ void SymbolTable::resolve(UnitIndex& index, int function)
     }
 }
 
+namespace {
+
+const char VDSO_COPY_PREFIX[] = "zor-vdso-";
+
+// The copy of the kernel's vDSO: a search for its debug information costs
+// 6 ms and finds none (it is the kernel package's); wanted only where
+// samples land in it.
+bool isVdsoCopy(const char* path)
+{
+    const char* name = path ? std::strrchr(path, '/') : nullptr;
+    return name && std::strncmp(name + 1, VDSO_COPY_PREFIX, std::strlen(VDSO_COPY_PREFIX)) == 0;
+}
+
+}
+
 SymbolTable::SymbolTable()
     : mDwfl(dwfl_begin(&callbacks))
 {
@@ -696,6 +711,12 @@ void SymbolTable::prepareInBackground(bool idle)
                 idleNow = true;
             }
             Dwarf_Addr bias = 0;
+            const char* file = nullptr;
+            dwfl_module_info(module, nullptr, nullptr, nullptr, nullptr, nullptr, &file, nullptr);
+            // The system's libraries are read too: every trace passes through
+            // the C library (a thread's start, main's caller).
+            if (isVdsoCopy(file))
+                continue;
             dwfl_module_getdwarf(module, &bias);
             dwfl_module_getsymtab(module);
         }
@@ -707,6 +728,12 @@ void SymbolTable::stopPreparing()
     if (!mPreparing.joinable())
         return;
     mStopPreparing = true;
+    // Waited for now: at idle priority on a busy machine the file at hand
+    // could take the program's whole run to finish.
+    if (mPrepareIdle) {
+        sched_param normal{};
+        pthread_setschedparam(mPreparing.native_handle(), SCHED_OTHER, &normal);
+    }
     mPreparing.join();
 }
 
@@ -745,7 +772,7 @@ QString vdsoImage(unsigned long long targetSize)
                     size = end - start;
             }
         }
-        static QTemporaryFile file(QDir::temp().filePath(QStringLiteral("zor-vdso-XXXXXX.so")));
+        static QTemporaryFile file(QDir::temp().filePath(QLatin1String(VDSO_COPY_PREFIX) + QStringLiteral("XXXXXX.so")));
         if (size && file.open()
             && file.write(reinterpret_cast<const char*>(base), qint64(size)) == qint64(size) && file.flush())
             copy = &file;

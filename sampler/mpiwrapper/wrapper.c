@@ -8,12 +8,6 @@
 __thread int zw_depth __attribute__((tls_model("initial-exec")));
 int zw_shared_figures;
 
-/* What the back-end asks to tell this wrapper from others. */
-__attribute__((visibility("default"))) int quorvex_zorMpiWrapperVersion(void)
-{
-    return 600;
-}
-
 __attribute__((constructor)) static void zw_load(void)
 {
     quorvex_mpi_register_calls(zw_call_names, zw_figures, zw_call_count);

@@ -516,7 +516,7 @@ int arm(const ArmSettings& settings, bool readConfigFile)
         s.threadIds = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.asking = new ThreadSlot*[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.askingTid = new int[static_cast<std::size_t>(s.threadsPerSample) + 1];
-        s.askingByTimer = new bool[static_cast<std::size_t>(s.threadsPerSample) + 1];
+        s.askingHow = new unsigned char[static_cast<std::size_t>(s.threadsPerSample) + 1];
         s.pendingCapacity = static_cast<unsigned int>(s.threadsPerSample) * PENDING_PER_THREAD;
         s.pending = new PendingAnswer[s.pendingCapacity + 1];
     } catch (const std::bad_alloc&) {

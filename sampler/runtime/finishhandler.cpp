@@ -224,7 +224,9 @@ int finish(int stopReason, bool inSamplingHandler)
     quorvex::SafeMessage message = logLine();
     message.str("stopped (reason ").dec(stopReason).str("), ").udec(s.taken).str(" samples taken, ")
         .udec(s.list->size()).str(" kept, ").udec(s.skipped).str(" skipped, ").udec(s.missedThreads)
-        .str(" thread backtraces missed; results in ").str(s.path).str("\n");
+        .str(" thread backtraces missed; ").udec(s.timerSignalsUnasked.load(std::memory_order_relaxed))
+        .str(" CPU-timer signals found no request, ").udec(s.offersMade.load(std::memory_order_relaxed))
+        .str(" offered their backtrace, ").udec(s.offersTaken).str(" taken; results in ").str(s.path).str("\n");
     writeLog(message);
     return QUORVEX_SAMPLER_OK;
 }

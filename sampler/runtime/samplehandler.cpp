@@ -48,6 +48,12 @@ timespec threadCpu(int tid)
     return t;
 }
 
+bool freshOffer(const ThreadSlot* slot)
+{
+    return slot->offer.load(std::memory_order_acquire) == OfferFull
+        && zs_nanoseconds(zs_difference(slot->offerTakenAt, gState.lastSample)) > 0;
+}
+
 // Sends the request of this tick to the threads whose turn it is; returns
 // how many were asked. A thread that still owes an answer isn't asked again.
 int askOtherThreads(std::uint64_t generation)
@@ -79,6 +85,16 @@ int askOtherThreads(std::uint64_t generation)
         if (position >= take)
             continue;
         const int tid = slot->tid.load(std::memory_order_relaxed);
+        // An offer made since the previous tick is this tick's answer. An
+        // older one waits for the request below, whose answer takes it back;
+        // one made while the request goes out answers it (answerRequest).
+        if (freshOffer(slot)) {
+            s.asking[count] = slot;
+            s.askingTid[count] = tid;
+            s.askingHow[count] = AskTookOffer;
+            ++count;
+            continue;
+        }
         // A thread that ran since the previous tick answers at its CPU
         // timer's next expiry; one that didn't is asked by a signal.
         // Since its last answer, which took some CPU time itself: a
@@ -86,6 +102,13 @@ int askOtherThreads(std::uint64_t generation)
         // has run since, one that sleeps hasn't.
         const timespec cpu = slot->haveCpuTimer.load(std::memory_order_acquire) ? threadCpu(tid) : timespec{-1, 0};
         const bool ran = cpu.tv_sec >= 0 && zs_nanoseconds(zs_difference(cpu, slot->lastCpu)) > 50000LL * s.intervalMs;
+        if (freshOffer(slot)) {
+            s.asking[count] = slot;
+            s.askingTid[count] = tid;
+            s.askingHow[count] = AskTookOffer;
+            ++count;
+            continue;
+        }
         slot->request.store(generation, std::memory_order_release);
         if (!ran && !sendRequest(tid)) {
             // Gone already, or the signal queue is full: not in this sample.
@@ -96,7 +119,7 @@ int askOtherThreads(std::uint64_t generation)
         slot->owesAnswer = true;
         s.asking[count] = slot;
         s.askingTid[count] = tid;
-        s.askingByTimer[count] = ran;
+        s.askingHow[count] = ran ? AskByTimer : AskBySignal;
         ++count;
     }
     return count;
@@ -352,9 +375,19 @@ void takeSample(void* ucontext)
     sample->metrics().setValid();
     for (unsigned int i = 0; i < s.metricCount; ++i)
         sample->metrics().setMetric(i, quorvex::SMetric(s.values[i], wall, s.metrics[i].mode));
-    for (int k = 0; k < count; ++k)
-        s.pending[s.pendingCount++]
-            = PendingAnswer{s.asking[k], s.askingTid[k], s.list->size() - 1, generation, started, s.askingByTimer[k]};
+    for (int k = 0; k < count; ++k) {
+        ThreadSlot* slot = s.asking[k];
+        if (s.askingHow[k] == AskTookOffer) {
+            // Still filling: a stop now leaves this sample out, whole.
+            sample->addThreadBacktrace(slot->offerData, slot->inMpi.load(std::memory_order_relaxed), s.askingTid[k],
+                                       slot->offerCpuInterval, slot->offerSleeping);
+            slot->offer.store(OfferEmpty, std::memory_order_release);
+            ++s.offersTaken;
+            continue;
+        }
+        s.pending[s.pendingCount++] = PendingAnswer{slot, s.askingTid[k], s.list->size() - 1, generation, started,
+                                                    s.askingHow[k] == AskByTimer};
+    }
     s.commitStage.store(CommitNone, std::memory_order_release);
     s.lastSample = started;
     ++s.taken;
@@ -379,23 +412,78 @@ void takeSample(void* ucontext)
     unlock();
 }
 
-void answerRequest(void* ucontext)
+namespace {
+
+void copyBacktrace(ExtendedBacktraceData& to, const ExtendedBacktraceData& from)
+{
+    const std::uint32_t size = from.size < MAX_BACKTRACE_DEPTH ? from.size : MAX_BACKTRACE_DEPTH;
+    std::memcpy(to.frames, from.frames, size * sizeof from.frames[0]);
+    to.size = size;
+    to.unwindStatus = from.unwindStatus;
+    to.stopsAtCallingFrame = from.stopsAtCallingFrame;
+    to.parallelId = from.parallelId;
+}
+
+// The calling thread's backtrace and its CPU time since the previous one;
+// the time when it was taken.
+timespec takeOwnBacktrace(ThreadSlot* slot, void* ucontext, ExtendedBacktraceData& data, timespec& cpuInterval,
+                          bool& sleeping)
+{
+    const timespec cpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
+    const timespec wall = zs_now(CLOCK_MONOTONIC);
+    unwindFromSignalContext(data, ucontext, gState.boundaryIp);
+    cpuInterval = zs_difference(cpu, slot->lastCpu);
+    sleeping = isSleeping(cpuInterval, zs_difference(wall, slot->lastWall));
+    if (sleeping)
+        cpuInterval = sleepingCpu(cpuInterval);
+    slot->lastWall = wall;
+    slot->lastCpu = zs_add(cpu, zs_difference(zs_now(CLOCK_MONOTONIC), wall));
+    return wall;
+}
+
+} // namespace
+
+void answerRequest(void* ucontext, bool ownTimer)
 {
     ThreadSlot* slot = currentSlot();
     if (!slot)
         return;
     const std::uint64_t generation = slot->request.exchange(0, std::memory_order_acq_rel);
-    if (generation == 0)
+    if (generation == 0) {
+        // The tick hasn't asked yet: what the thread does now is offered to
+        // the next one, unless an offer waits there already.
+        if (ownTimer)
+            gState.timerSignalsUnasked.fetch_add(1, std::memory_order_relaxed);
+        if (ownTimer && slot->offer.load(std::memory_order_acquire) == OfferEmpty
+            && gState.phase.load(std::memory_order_acquire) == PhaseArmed) {
+            slot->offerPrevCpu = slot->lastCpu;
+            slot->offerPrevWall = slot->lastWall;
+            slot->offerTakenAt
+                = takeOwnBacktrace(slot, ucontext, slot->offerData, slot->offerCpuInterval, slot->offerSleeping);
+            slot->offer.store(OfferFull, std::memory_order_release);
+            gState.offersMade.fetch_add(1, std::memory_order_relaxed);
+            // Asked meanwhile, by a tick that found no offer yet: the offer
+            // answers.
+            const std::uint64_t late = slot->request.exchange(0, std::memory_order_acq_rel);
+            if (late != 0) {
+                copyBacktrace(slot->data, slot->offerData);
+                slot->cpuInterval = slot->offerCpuInterval;
+                slot->sleeping = slot->offerSleeping;
+                slot->offer.store(OfferEmpty, std::memory_order_relaxed);
+                slot->done.store(late, std::memory_order_release);
+                announceAnswer();
+            }
+        }
         return;
-    const timespec cpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
-    const timespec wall = zs_now(CLOCK_MONOTONIC);
-    unwindFromSignalContext(slot->data, ucontext, gState.boundaryIp);
-    slot->cpuInterval = zs_difference(cpu, slot->lastCpu);
-    slot->sleeping = isSleeping(slot->cpuInterval, zs_difference(wall, slot->lastWall));
-    if (slot->sleeping)
-        slot->cpuInterval = sleepingCpu(slot->cpuInterval);
-    slot->lastWall = wall;
-    slot->lastCpu = zs_add(cpu, zs_difference(zs_now(CLOCK_MONOTONIC), wall));
+    }
+    // The tick looked at the offer before it asked, and left it: this
+    // answer is newer and counts the offer's CPU time too.
+    if (slot->offer.load(std::memory_order_acquire) == OfferFull) {
+        slot->lastCpu = slot->offerPrevCpu;
+        slot->lastWall = slot->offerPrevWall;
+        slot->offer.store(OfferEmpty, std::memory_order_relaxed);
+    }
+    takeOwnBacktrace(slot, ucontext, slot->data, slot->cpuInterval, slot->sleeping);
     slot->done.store(generation, std::memory_order_release);
     announceAnswer();
 }

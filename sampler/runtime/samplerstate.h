@@ -72,6 +72,10 @@ struct MetricPlan
     quorvex::SMetric::NormalisationMode mode;
 };
 
+// How a thread is asked at a tick: by a signal; left to its CPU timer,
+// which is about to expire; or not at all, its timer's offer taken instead.
+enum AskHow { AskBySignal = 0, AskByTimer = 1, AskTookOffer = 2 };
+
 // A thread asked for its backtrace, whose answer goes into the sample at
 // `sampleIndex` when it comes.
 struct PendingAnswer
@@ -145,7 +149,8 @@ struct State
     // The threads asked at this tick.
     ThreadSlot** asking;
     int* askingTid;
-    bool* askingByTimer;
+    // How each is asked (AskHow).
+    unsigned char* askingHow;
     PendingAnswer* pending;
     unsigned int pendingCount;
     unsigned int pendingCapacity;
@@ -186,6 +191,11 @@ struct State
     std::uint64_t skipped;
     std::uint64_t missedThreads;
     std::uint64_t handlerNs;
+    // For the debug log: the threads' CPU-timer signals that found no
+    // request, those of them that made an offer, and the offers taken.
+    std::atomic<std::uint64_t> timerSignalsUnasked;
+    std::atomic<std::uint64_t> offersMade;
+    std::uint64_t offersTaken;
     // The least CPU time that a sleeping thread showed between two answers.
     std::atomic<long long> leastSleepingCpuNs;
 };

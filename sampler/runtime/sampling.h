@@ -27,8 +27,9 @@ void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext);
 
 // In the main thread, at each expiry of the timer.
 void takeSample(void* ucontext);
-// In any other thread, when asked for its backtrace.
-void answerRequest(void* ucontext);
+// In any other thread, when asked for its backtrace, or at the expiry of
+// its own CPU timer (`ownTimer`).
+void answerRequest(void* ucontext, bool ownTimer);
 
 // Puts the sampler's handler in place of whatever the program had for the
 // signal, which stays the program's own disposition.

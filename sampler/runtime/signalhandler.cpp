@@ -68,7 +68,7 @@ void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext)
         if (info->si_code == TIMER_CODE && info->si_value.sival_ptr == &gSignalCookie)
             takeSample(ucontext);
         else
-            answerRequest(ucontext);
+            answerRequest(ucontext, info->si_code == CPU_EVENT_CODE || info->si_value.sival_ptr == &gCpuTimerCookie);
         if (info->si_code == CPU_EVENT_CODE)
             rearmCpuEvent(info->si_fd);
         pthread_setcancelstate(cancelState, nullptr);

@@ -131,6 +131,7 @@ void resetSlot(ThreadSlot* slot)
     slot->request.store(0, std::memory_order_relaxed);
     slot->done.store(0, std::memory_order_relaxed);
     slot->owesAnswer = false;
+    slot->offer.store(OfferEmpty, std::memory_order_relaxed);
     slot->startRoutine = nullptr;
     slot->startArg = nullptr;
     slot->state.store(SlotStarting, std::memory_order_release);

@@ -15,6 +15,7 @@
 namespace zorsampler {
 
 enum SlotState { SlotStarting = 0, SlotLive = 1, SlotDead = 2 };
+enum OfferState { OfferEmpty = 0, OfferFull = 1 };
 
 struct ThreadSlot
 {
@@ -51,6 +52,21 @@ struct ThreadSlot
     ExtendedBacktraceData data;
     timespec cpuInterval = {0, 0};
     bool sleeping = false;
+
+    // A backtrace that the thread's CPU timer took when no request was
+    // waiting, as happens when the sampler's tick comes late: the next tick
+    // takes it instead of asking, so that the timer's signal isn't wasted.
+    // Written by the thread while OfferEmpty, read by the tick while
+    // OfferFull; the thread takes a full one back when it answers a
+    // request, which the tick makes only after looking here.
+    std::atomic<int> offer{OfferEmpty};
+    ExtendedBacktraceData offerData;
+    timespec offerCpuInterval = {0, 0};
+    bool offerSleeping = false;
+    timespec offerTakenAt = {0, 0};
+    // The thread's clocks before the offer, for an answer that takes it back.
+    timespec offerPrevCpu = {0, 0};
+    timespec offerPrevWall = {0, 0};
 
     // A timer on the thread's own CPU clock, whose signal takes the
     // thread's answer where it spends its CPU time. A signal sent to a
