@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdlib>
 #include <iterator>
+#include <set>
 
 #include "envswitch.h"
 
@@ -24,6 +25,37 @@ const unsigned long long LowestCodeAddress = 4096;
 QString hex(unsigned long long value)
 {
     return QString::number(value, 16);
+}
+
+// The first stretch of [from, to) that neither set covers, up to the next
+// byte that one of them does; empty when they cover it all. What
+// (from, to) minus both sets would hold first, without copying them.
+AddressRange firstUncovered(unsigned long long from, unsigned long long to, const CompactSet<unsigned long long>& a,
+                            const CompactSet<unsigned long long>& b)
+{
+    const std::set<AddressRange>* sets[] = {&a.ranges(), &b.ranges()};
+    unsigned long long cursor = from;
+    // Ranges of one set never touch, but those of the two may follow each
+    // other: step over whichever covers the cursor until neither does.
+    for (bool moved = true; moved && cursor < to;) {
+        moved = false;
+        for (const std::set<AddressRange>* set : sets) {
+            const auto above = set->upper_bound(AddressRange(cursor, cursor));
+            if (above != set->begin() && std::prev(above)->end > cursor) {
+                cursor = std::prev(above)->end;
+                moved = true;
+            }
+        }
+    }
+    if (cursor >= to)
+        return AddressRange(to, to);
+    unsigned long long stop = to;
+    for (const std::set<AddressRange>* set : sets) {
+        const auto above = set->upper_bound(AddressRange(cursor, cursor));
+        if (above != set->end() && above->begin < stop)
+            stop = above->begin;
+    }
+    return AddressRange(cursor, stop);
 }
 
 bool isJump(const QString& mnemonic)
@@ -293,13 +325,11 @@ void InstructionCache::ensureDisassembled(unsigned long long address, long long 
     while (cursor < end) {
         // What is still to do is taken anew for each range, since a request
         // for a whole function may have covered more than was asked.
-        CompactSet<unsigned long long> todo;
-        todo.insert(AddressRange(cursor, end), true);
-        todo = todo.minus(mDisassembled).minus(mBlacklist);
-        if (todo.isEmpty())
+        const AddressRange todo = firstUncovered(cursor, end, mDisassembled, mBlacklist);
+        if (todo.empty())
             return;
-        const unsigned long long rangeStart = todo.begin()->begin;
-        const unsigned long long rangeEnd = todo.begin()->end;
+        const unsigned long long rangeStart = todo.begin;
+        const unsigned long long rangeEnd = todo.end;
         cursor = rangeEnd;
         const bool giveUpIfEmpty = stopIfEmpty && firstRange;
         firstRange = false;
@@ -308,11 +338,14 @@ void InstructionCache::ensureDisassembled(unsigned long long address, long long 
             return;
 
         unsigned long long stop = 0;
+        // Timed only for the log: a run asks this once or more per leaf.
         QElapsedTimer timer;
-        timer.start();
+        if (mLog)
+            timer.start();
         QMap<unsigned long long, Instruction> instructions = mDisassembler->disassemble(rangeStart, 0, &stop);
-        logBytesDisassembled(rangeStart, rangeEnd, stop, timer.elapsed(),
-                             QStringLiteral("first disassemble, entire function (range end not used)"));
+        if (mLog)
+            logBytesDisassembled(rangeStart, rangeEnd, stop, timer.elapsed(),
+                                 QStringLiteral("first disassemble, entire function (range end not used)"));
         if (stop == 0)
             stop = rangeStart;
 
@@ -337,9 +370,13 @@ void InstructionCache::ensureDisassembled(unsigned long long address, long long 
             mDisassembled.insert(AddressRange(rangeStart, start), true);
             continue;
         }
-        timer.restart();
+        if (mLog)
+            timer.restart();
+        // A disassembler that finds nothing may leave `stop` as it is.
+        stop = 0;
         instructions = mDisassembler->disassemble(start, static_cast<long long>(rangeEnd - start), &stop);
-        logBytesDisassembled(start, rangeEnd, stop, timer.elapsed(), QStringLiteral("second disassemble"));
+        if (mLog)
+            logBytesDisassembled(start, rangeEnd, stop, timer.elapsed(), QStringLiteral("second disassemble"));
         if (stop == 0) {
             mBlacklist.insert(AddressRange(start, rangeEnd), true);
             if (mLog)

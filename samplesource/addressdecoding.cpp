@@ -292,19 +292,27 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
     }
     // Each distinct address one byte back, where its call lies: the
     // position of a return address. The addresses themselves are read only
-    // at the ends of a trace, which decodeTraceEnds decodes.
-    AddressCollector calls;
-    for (Address address : collector.sorted())
-        calls.insert(address - 1);
-    for (const quorvex::SCallSite& site : callSites) {
-        for (unsigned long address : site.callSite()->trace())
-            calls.insert(Address(address) - 1);
+    // at the ends of a trace, which decodeTraceEnds decodes. One byte back
+    // keeps the order, but for 0, which wraps to the top.
+    std::vector<Address> addresses = collector.sorted();
+    for (Address& address : addresses)
+        --address;
+    if (!addresses.empty() && addresses.front() == ~Address(0))
+        std::rotate(addresses.begin(), addresses.begin() + 1, addresses.end());
+    if (!callSites.isEmpty()) {
+        for (const quorvex::SCallSite& site : callSites) {
+            for (unsigned long address : site.callSite()->trace())
+                addresses.push_back(Address(address) - 1);
+        }
+        std::sort(addresses.begin(), addresses.end());
+        addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
     }
-    const std::vector<Address> addresses = calls.sorted();
     mSelfProfilePoints.addPoint(prep.finish(int(addresses.size())));
 
     SelfProfile decode(mTharn, QStringLiteral("40.decodeReturnAddresses"));
-    mDecodedFrames.reserve(mDecodedFrames.size() + addresses.size() + addresses.size() / 2);
+    // Room for the raw addresses decoded at the ends of the traces too, at
+    // most as many again, so that the table never grows on the way.
+    mDecodedFrames.reserve(mDecodedFrames.size() + 2 * addresses.size());
     const double total = addresses.size();
     int done = 0;
     const size_t ahead = 8;
@@ -332,25 +340,47 @@ void PreloadSampleSource::decodeTraceEnds(const quorvex::SSampleList* samples, c
     const bool wholeFailedTraces = verboseUnwindErrors();
     mTraceEnds.clear();
     mTraceEnds.reserve(traces);
-    mDecodingTraceEnds = true;
+    // The traces first, so that what is read of the traces a few steps ahead
+    // can be loaded while one is looked at: the frames of a run lie scattered
+    // over a table far larger than the caches.
+    std::vector<std::pair<const quorvex::SBacktrace*, bool>> pending;
+    pending.reserve(traces);
     for (unsigned int i = 0; i < samples->size(); ++i) {
         quorvex::SSampleBacktraceIterator threads(samples->at(i));
         while (threads.hasNext()) {
             const quorvex::SBacktrace& backtrace = threads.next();
-            const quorvex::backtrace_t& trace = backtrace.trace();
-            if (trace.empty())
-                continue;
-            TraceEnds ends;
-            ends.first = quint32(firstProgramFrame(trace));
-            if (!threads.wasMainThread()) {
-                ends.rootFramesToSkip = findRootFramesOfThread(trace, ends.rootFound);
-                ends.rootKnown = true;
-            }
-            mTraceEnds.insert(traceKey(trace)) = ends;
-            if (wholeFailedTraces && backtrace.unwindStatus() != 0) {
-                for (unsigned long address : trace)
-                    decodedFrame(address);
-            }
+            if (!backtrace.trace().empty())
+                pending.emplace_back(&backtrace, threads.wasMainThread());
+        }
+    }
+    const auto prefetchEnds = [this](const quorvex::backtrace_t& trace) {
+        const size_t n = trace.size();
+        mDecodedFrames.prefetch(trace[0]);
+        if (n > 1)
+            mDecodedFrames.prefetch(Address(trace[1]) - 1);
+        if (n > 2)
+            mDecodedFrames.prefetch(trace[n - 3]);
+        mTraceEnds.prefetch(traceKey(trace));
+    };
+    const size_t ahead = 4;
+    for (size_t i = 0; i < ahead && i < pending.size(); ++i)
+        prefetchEnds(pending[i].first->trace());
+    mDecodingTraceEnds = true;
+    for (size_t i = 0; i < pending.size(); ++i) {
+        if (i + ahead < pending.size())
+            prefetchEnds(pending[i + ahead].first->trace());
+        const quorvex::SBacktrace& backtrace = *pending[i].first;
+        const quorvex::backtrace_t& trace = backtrace.trace();
+        TraceEnds ends;
+        ends.first = quint32(firstProgramFrame(trace));
+        if (!pending[i].second) {
+            ends.rootFramesToSkip = findRootFramesOfThread(trace, ends.rootFound);
+            ends.rootKnown = true;
+        }
+        mTraceEnds.insert(traceKey(trace)) = ends;
+        if (wholeFailedTraces && backtrace.unwindStatus() != 0) {
+            for (unsigned long address : trace)
+                decodedFrame(address);
         }
     }
     mDecodingTraceEnds = false;

@@ -313,8 +313,19 @@ void PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
 void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent, InstructionQuery& query,
                                       bool& fromCuda)
 {
-    const InstructionCache::PreviousInstruction previous =
-        mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
+    LeafAnswer* known = nullptr;
+    InstructionCache::PreviousInstruction asked;
+    if (mKeepLeafAnswers) {
+        known = &mLeafAnswers.insert(address);
+        if (!known->known) {
+            known->previous =
+                mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
+            known->known = true;
+        }
+    } else {
+        asked = mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
+    }
+    const InstructionCache::PreviousInstruction& previous = known ? known->previous : asked;
     query.instruction = previous.mnemonic;
     query.implicitMemory = previous.implicitMemory;
     // The frame stands at the instruction that was executing, the one before
@@ -344,7 +355,13 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
     if (shown == &frame.position)
         frame.kept = kept;
     parent = new ZORPSVModelItem(parent, kept, key, oneThread());
-    fromCuda = isAddressFromCUDALibrary(used, shown->function);
+    if (known && shown == &frame.position) {
+        if (known->fromCuda < 0)
+            known->fromCuda = isAddressFromCUDALibrary(used, shown->function) ? 1 : 0;
+        fromCuda = known->fromCuda == 1;
+    } else {
+        fromCuda = isAddressFromCUDALibrary(used, shown->function);
+    }
 }
 
 bool PreloadSampleSource::replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query)

@@ -396,6 +396,18 @@ private:
     // debugger.
     bool mDecodingTraceEnds = false;
     QVarLengthArray<QPair<int, PSVModelItem*>, 32> mSampleLeaves;
+    // While the placeholders of a run are replaced, what each distinct leaf
+    // address gives, worked out once: many leaves share an address, and the
+    // instruction cache doesn't change meanwhile.
+    struct LeafAnswer
+    {
+        InstructionCache::PreviousInstruction previous;
+        bool known = false;
+        // Whether the frame shown lies in accelerator code; -1 until asked.
+        signed char fromCuda = -1;
+    };
+    FlatTable<LeafAnswer> mLeafAnswers;
+    bool mKeepLeafAnswers = false;
 };
 
 // Lowers the priority of this process and of its children to the least, so

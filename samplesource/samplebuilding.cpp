@@ -76,6 +76,17 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     {
         SelfProfile leafs(mTharn, QStringLiteral("80.samples-leafs"));
         int replaced = 0;
+        // The answers for the leaves, asked in the order of their addresses,
+        // in which the cache's lookups walk memory just walked.
+        mLeafAnswers.clear();
+        mLeafAnswers.reserve(mLeafAddresses.size());
+        for (Address address : mLeafAddresses) {
+            LeafAnswer& answer = mLeafAnswers.insert(address);
+            answer.previous =
+                mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
+            answer.known = true;
+        }
+        mKeepLeafAnswers = true;
         for (Sample* sample : samples) {
             mSampleLeaves.clear();
             for (int tid : sample->sampledTidList()) {
@@ -94,6 +105,8 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
                 populateLineMetrics(mMetricDefinitions, *sample);
         }
         mSampleLeaves.clear();
+        mKeepLeafAnswers = false;
+        mLeafAnswers.clear();
         mRecordTreePlaceholders = false;
         mTreePlaceholders.clear();
         mTraceEnds.clear();

@@ -129,7 +129,9 @@ public:
             result.insert(address, it.key() == address ? instructionAt(*it, false) : Instruction(QStringLiteral("(bad)"), QString()));
             address = it.key() + it->length;
         }
-        *end = address == start ? 0 : address;
+        // Nothing read leaves *end as it was: the caller's 0 stands.
+        if (address != start)
+            *end = address;
         return result;
     }
     int id() override { return mId; }
