@@ -402,6 +402,10 @@ KeptPositions& keptPositions()
 
 const Position* PSVModelItem::keptPosition(const Position& position, quint32 key)
 {
+    // The key leaves the file out, and a run may have many positions that
+    // differ only there (unknown frames named after their library): the
+    // store tells them apart by the file too.
+    key = quint32(mix(key ^ nameKey(position.file)));
     KeptPositions::Shard& shard = keptPositions().shards[key % KeptPositions::Shards];
     QMutexLocker lock(&shard.mutex);
     if (const Position* kept = shard.find(position, key))
