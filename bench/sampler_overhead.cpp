@@ -78,9 +78,11 @@ bool runOnce(const Setting& setting, long rounds, const std::string& dir, Result
         env.push_back("LD_PRELOAD=" + setting.library);
     if (setting.intervalMs > 0) {
         env.push_back("ZOR_SAMPLER_OUTPUT=" + output);
-        // Room for every sample of a run of up to 3 seconds, so that the
-        // interval stays as asked; one worker thread besides the main one.
-        const int samples = 3000 / setting.intervalMs + 1;
+        // Room for every sample of a run of up to 12 seconds, so that the
+        // interval stays as asked and no backtrace is thinned away from the
+        // count even when a busy machine stretches a 3-second run; one
+        // worker thread besides the main one.
+        const int samples = 12000 / setting.intervalMs + 1;
         env.push_back("ZOR_SAMPLER_OPTIONS=interval=" + std::to_string(setting.intervalMs)
                       + ",samples=" + std::to_string(samples) + ",threads=1");
     }
