@@ -80,7 +80,9 @@ bool isThreadLibraryRoot(const QString& outer, const QString& inner)
 class AddressCollector
 {
 public:
-    AddressCollector() : mSlots(1 << 16, Empty), mShift(64 - 16), mCount(0), mHasEmpty(false) {}
+    // Small at first: a short run has a few hundred addresses, and a large
+    // table costs a page fault per page.
+    AddressCollector() : mSlots(1 << 10, Empty), mShift(64 - 10), mCount(0), mHasEmpty(false) {}
 
     void insert(Address address)
     {
