@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "childprocess.h"
-#include "envswitch.h"
 #include "fakehost.h"
 #include "preloadsamplesourceutils.h"
 #include "selfprofile.h"
+#include "testenv.h"
 
 namespace {
 
@@ -36,16 +36,11 @@ protected:
     {
         previousHandler = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) { capturedMessages.append(message); });
         capturedMessages.clear();
-        setReportSwitch(nullptr);
+        setSwitch("ZOR_TIME_ZOR_BACKEND", QString());
         host.rank = 3;
         host.self = int(getpid());
     }
     void TearDown() override { qInstallMessageHandler(previousHandler); }
-    static void setReportSwitch(const char* value)
-    {
-        value ? setenv("ZOR_TIME_ZOR_BACKEND", value, 1) : unsetenv("ZOR_TIME_ZOR_BACKEND");
-        ++g_cacheSerial;
-    }
 
     FakeHost host;
     QtMessageHandler previousHandler = nullptr;
@@ -87,10 +82,10 @@ TEST_F(SelfProfileTest, MeasuresTimeGrowthAndTheNode)
 
 TEST_F(SelfProfileTest, TheSwitchPrintsOneReportLine)
 {
-    setReportSwitch("off");
+    setSwitch("ZOR_TIME_ZOR_BACKEND", QStringLiteral("off"));
     SelfProfile(host, QStringLiteral("quiet")).finish(1);
     EXPECT_TRUE(capturedMessages.isEmpty());
-    setReportSwitch("1");
+    setSwitch("ZOR_TIME_ZOR_BACKEND", QStringLiteral("1"));
     const SelfProfilePoint point = SelfProfile(host, QStringLiteral("70.decodeLeafAddresses")).finish(42);
     ASSERT_EQ(capturedMessages.size(), 1);
     // One line that names the phase and ends with what it handled.

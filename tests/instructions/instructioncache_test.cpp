@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 #include <random>
 
-#include "envswitch.h"
+#include "../support/testenv.h"
 #include "instructioncache.h"
 #include "scripteddisassembler.h"
 
@@ -236,8 +236,7 @@ TEST_F(InstructionCacheTest, OnlyNearBackwardJumpsAndShortInstructionsCount)
 TEST(InstructionCache, DisassembleAndItsLog)
 {
     QTemporaryDir directory;
-    setenv("ZOR_DISASSEMBLY_LOGS", QFile::encodeName(directory.path()).constData(), 1);
-    ++g_cacheSerial;
+    setSwitch("ZOR_DISASSEMBLY_LOGS", directory.path());
     {
         ScriptedDisassembler code(5);
         layOutProgram(code);
@@ -251,12 +250,10 @@ TEST(InstructionCache, DisassembleAndItsLog)
         EXPECT_TRUE(code.violations.isEmpty()) << code.violations.join(QLatin1Char('\n')).toStdString();
     }
     // A log directory that doesn't exist logs nothing.
-    setenv("ZOR_DISASSEMBLY_LOGS", "/nonexistent/zor-logs", 1);
-    ++g_cacheSerial;
+    setSwitch("ZOR_DISASSEMBLY_LOGS", QStringLiteral("/nonexistent/zor-logs"));
     ScriptedDisassembler code;
     EXPECT_FALSE(InstructionCache(&code).isLogging());
-    unsetenv("ZOR_DISASSEMBLY_LOGS");
-    ++g_cacheSerial;
+    setSwitch("ZOR_DISASSEMBLY_LOGS", QString());
 
     QFile log(directory.filePath(QStringLiteral("5.log")));
     ASSERT_TRUE(log.open(QIODevice::ReadOnly));

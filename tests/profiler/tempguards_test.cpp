@@ -3,19 +3,13 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 
-#include "envswitch.h"
 #include "exception.h"
 #include "fakehost.h"
 #include "scripteddebugger.h"
 #include "tempguards.h"
+#include "testenv.h"
 
 namespace {
-
-void setDebugAnalysis(const char* value)
-{
-    value ? setenv("ZOR_DEBUG_ANALYSIS", value, 1) : unsetenv("ZOR_DEBUG_ANALYSIS");
-    ++g_cacheSerial;
-}
 
 // The debug mode seen inside a guarded scope that starts with `before` and
 // is left normally or by an exception; either way it must end as it began.
@@ -38,17 +32,17 @@ bool modeInside(bool before, bool throwing = false)
 
 TEST(DebugModeGuard, SwitchesOffForTheScopeUnlessDebugAnalysisSaysOtherwise)
 {
-    setDebugAnalysis(nullptr);
+    setSwitch("ZOR_DEBUG_ANALYSIS", QString());
     for (bool throwing : {false, true})
         EXPECT_FALSE(modeInside(true, throwing) || modeInside(false, throwing));
     // Debug analysis asked for keeps the mode on, and never turns it on;
     // which spellings ask for it: EnvSwitch's test.
-    setDebugAnalysis("yes");
+    setSwitch("ZOR_DEBUG_ANALYSIS", QStringLiteral("yes"));
     EXPECT_TRUE(modeInside(true));
     EXPECT_FALSE(modeInside(false));
-    setDebugAnalysis("off");
+    setSwitch("ZOR_DEBUG_ANALYSIS", QStringLiteral("off"));
     EXPECT_FALSE(modeInside(true));
-    setDebugAnalysis(nullptr);
+    setSwitch("ZOR_DEBUG_ANALYSIS", QString());
 }
 
 // The language guard sets C and puts the language back on success and on

@@ -21,6 +21,7 @@
 #include "samplefilebuilder.h"
 #include "samplelist.h"
 #include "tabledebugger.h"
+#include "testenv.h"
 #include "zorpsvmodelitem.h"
 
 namespace {
@@ -332,8 +333,7 @@ void collectWarnings(QtMsgType type, const QMessageLogContext&, const QString& t
 
 TEST_F(Analysis, UnwindFailuresAreCountedPerStatusWithSomeTraces)
 {
-    qputenv("KLB_VERBOSE_UNWIND_ERRORS", "");
-    ++g_cacheSerial;
+    setSwitch("KLB_VERBOSE_UNWIND_ERRORS", QStringLiteral(""));
     debugger.frame(0x401010, QStringLiteral("compute"), QStringLiteral("calc.c"), 9);
     // Status 8 in 7 samples with 3 distinct traces, status 10 with 6
     // distinct ones; status 7 is told only in debug mode.
@@ -358,8 +358,7 @@ TEST_F(Analysis, UnwindFailuresAreCountedPerStatusWithSomeTraces)
     const QtMessageHandler previous = qInstallMessageHandler(collectWarnings);
     source->printUnwindErrors();
     qInstallMessageHandler(previous);
-    qunsetenv("KLB_VERBOSE_UNWIND_ERRORS");
-    ++g_cacheSerial;
+    setSwitch("KLB_VERBOSE_UNWIND_ERRORS", QString());
     ASSERT_EQ(gWarnings.size(), 1 + 3 + 1 + 6);
     EXPECT_EQ(gWarnings.at(0), QStringLiteral("Quorvex Sampler: 3 libunwind: Unsupported operation or bad value (7/15 samples)"));
     EXPECT_EQ(gWarnings.at(1), QStringLiteral("[0x401010 compute (calc.c:9), 0x403005 main (main.c:8)]"));
@@ -462,11 +461,9 @@ TEST_F(Analysis, GpuTreesShareOutEachSampleByItsKernels)
 
 TEST_F(Analysis, WithTheLatencySwitchOnlyLatencySamplesAreStalls)
 {
-    qputenv("KLB_USE_GPU_LATENCY_STALLS", "1");
-    ++g_cacheSerial;
+    setSwitch("KLB_USE_GPU_LATENCY_STALLS", QStringLiteral("1"));
     makeSource();
-    qunsetenv("KLB_USE_GPU_LATENCY_STALLS");
-    ++g_cacheSerial;
+    setSwitch("KLB_USE_GPU_LATENCY_STALLS", QString());
     quorvex::SSample* raw = sample({0x403005});
     auto hit = kernelHit(1, 3);
     hit->setSamplingRecordInfo(0, 10, 1024);

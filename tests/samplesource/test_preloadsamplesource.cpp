@@ -31,20 +31,9 @@
 #include "samplevalue.h"
 #include "scripteddebugger.h"
 #include "syscalls.h"
+#include "testenv.h"
 
 namespace {
-
-void setEnv(const char* name, const QString& value)
-{
-    qputenv(name, value.toLocal8Bit());
-    ++g_cacheSerial;
-}
-
-void unsetEnv(const char* name)
-{
-    qunsetenv(name);
-    ++g_cacheSerial;
-}
 
 void touch(const QString& path, const QByteArray& contents = QByteArray())
 {
@@ -82,7 +71,7 @@ struct Rig
 
     Rig()
     {
-        setEnv("TMPDIR", tmp.path());
+        setSwitch("TMPDIR", tmp.path());
         host.debugger = &debugger;
         host.rank = 3;
         host.target = 4242;
@@ -92,7 +81,7 @@ struct Rig
         debugger.libraries = {SharedLibrary(QStringLiteral("/usr/lib/libc.so.6"), 0x1000, 0x2000)};
         debugger.onCall = [this](const QString& call) { script(call); };
     }
-    ~Rig() { unsetEnv("TMPDIR"); }
+    ~Rig() { setSwitch("TMPDIR", QString()); }
 
     QString userTemp() const { return tmp.path() + QStringLiteral("/zor-") + QString::number(getuid()); }
     // The files of sources in the user's directory, pid files aside.
@@ -583,12 +572,12 @@ TEST(PreloadSampleSourceRun, KeptFilesGoIntoADirectoryOrBesideTheOriginals)
         SCOPED_TRACE(intoDirectory ? "directory" : "beside");
         Rig rig;
         QTemporaryDir keep;
-        setEnv("ZOR_KEEP_SAMPLES_FILES", intoDirectory ? keep.path() : QStringLiteral("not a directory"));
+        setSwitch("ZOR_KEEP_SAMPLES_FILES", intoDirectory ? keep.path() : QStringLiteral("not a directory"));
         auto source = rig.start();
         rig.afterDetach([&rig] { rig.finishRun(); });
         SampleList list(100);
         source->readSamples(list);
-        unsetEnv("ZOR_KEEP_SAMPLES_FILES");
+        setSwitch("ZOR_KEEP_SAMPLES_FILES", QString());
 
         const QString stem = source->sampleFile();
         const QString name = QFileInfo(stem).fileName();
@@ -609,14 +598,14 @@ TEST(PreloadSampleSourceRun, TheAnalysisLockIsTakenInTurnsAndEachTurnEndsWithAFr
     // same moment; each tells a pipe when it got the lock and when it lets
     // go, holding the lock a while in between.
     QTemporaryDir shared;
-    setEnv("TMPDIR", shared.path());
-    setEnv("KLB_REDUCE_MEMORY_USAGE", QStringLiteral("1"));
+    setSwitch("TMPDIR", shared.path());
+    setSwitch("KLB_REDUCE_MEMORY_USAGE", QStringLiteral("1"));
     int events[2];
     ASSERT_EQ(pipe(events), 0);
     auto analyse = [&](char name) {
         Rig rig;
         // Both in the same private directory, where the lock lies.
-        setEnv("TMPDIR", shared.path());
+        setSwitch("TMPDIR", shared.path());
         auto source = rig.start();
         rig.afterDetach([&rig] { rig.finishRun(); });
         rig.host.onLog = [&](const QString& line) {
@@ -657,7 +646,7 @@ TEST(PreloadSampleSourceRun, TheAnalysisLockIsTakenInTurnsAndEachTurnEndsWithAFr
     close(events[0]);
     // One after the other, whoever came first: never two holders at once.
     EXPECT_TRUE(sequence == "aGaUbGbU" || sequence == "bGbUaGaU") << sequence;
-    unsetEnv("KLB_REDUCE_MEMORY_USAGE");
+    setSwitch("KLB_REDUCE_MEMORY_USAGE", QString());
 }
 
 // A real sampler's file read by the source (and the profiler's own source at
