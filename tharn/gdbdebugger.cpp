@@ -382,10 +382,13 @@ void GdbDebugger::readGdb(int timeoutMs)
 {
     mGdb->waitForReadyRead(timeoutMs);
     mGdbBuffer += mGdb->readAllStandardOutput();
-    // gdb writes event records a character at a time (a detach writes about a
-    // thousand); reading each as it comes would wake the host for every one,
-    // taking the processor from the program that has just started to run.
-    if (!mGdbBuffer.isEmpty() && !mGdbBuffer.endsWith('\n')) {
+    // gdb writes its records a character at a time (a detach writes about a
+    // thousand). While the program runs, reading each as it comes would wake
+    // the host for every one, taking the processor from the program: they
+    // gather for a millisecond. While it stands stopped, as gdb arms the
+    // sampler, the answer is read as it comes, without that millisecond per
+    // command.
+    if ((!mStopped || mDetaching) && !mGdbBuffer.isEmpty() && !mGdbBuffer.endsWith('\n')) {
         const timespec pause{0, 1000000};
         nanosleep(&pause, nullptr);
         mGdb->waitForReadyRead(0);
@@ -696,7 +699,14 @@ Response* GdbDebugger::handleDetach(Command&)
     if (mTargetGone)
         return new StatusResponse(StatusResponse::TargetGone);
     if (!mDetached) {
-        commandOk(QStringLiteral("-target-detach"));
+        mDetaching = true;
+        try {
+            commandOk(QStringLiteral("-target-detach"));
+        } catch (...) {
+            mDetaching = false;
+            throw;
+        }
+        mDetaching = false;
         mDetached = true;
         mStopped = false;
         mSymbolsStale = true;

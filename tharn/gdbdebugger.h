@@ -157,6 +157,8 @@ private:
     int mTargetPid = 0;
     bool mTargetGone = false;
     bool mDetached = false;
+    // While gdb detaches, the program starts to run again.
+    bool mDetaching = false;
     QString mExitStatus;
     QString mBoundaryIp;
     // The program's output, and its input, through descriptors that gdb
