@@ -1,6 +1,7 @@
 // Positions, inlined callers, function bounds and disassembly of this very
 // program, checked against known lines and against binutils' addr2line over
-// many addresses; decoding of known bytes in AT&T syntax.
+// many addresses; decoding of known bytes in AT&T syntax; PLT entries as
+// functions of their own.
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -11,6 +12,7 @@
 #include <sys/auxv.h>
 #include <unistd.h>
 
+#include "instructioncache.h"
 #include "symboldisassembler.h"
 #include "symboltable.h"
 
@@ -204,7 +206,10 @@ TEST_F(Symbols, PltEntriesNamedAsObjdumpLabelsThem)
                                               QStringLiteral(".plt.got"), self.path()});
     ASSERT_TRUE(objdump.waitForFinished(60000));
     // "000000000000b040 <strdup@plt>:" starts each entry; the middle of
-    // the entry is asked for.
+    // the entry is asked for. A program counter at an entry's start ran
+    // nothing before it there: the entry before is another function.
+    SymbolDisassembler disassembler(table, 0);
+    InstructionCache cache(&disassembler);
     int entries = 0;
     for (const QString& line : QString::fromLocal8Bit(objdump.readAllStandardOutput()).split(QLatin1Char('\n'))) {
         if (!line.endsWith(QLatin1String("@plt>:")) || line.contains(QLatin1Char('-')))
@@ -215,6 +220,8 @@ TEST_F(Symbols, PltEntriesNamedAsObjdumpLabelsThem)
         EXPECT_EQ(p.function.toStdString(), (demangledName(name) + QLatin1String("@plt")).toStdString());
         EXPECT_TRUE(p.hasSymbol);
         EXPECT_EQ(p.line, 0);
+        EXPECT_EQ(cache.previousAddressAndInstruction(self.start() + at, InstructionCache::DisassemblyLookupAllowed).address,
+                  self.start() + at) << name.toStdString();
         ++entries;
     }
     EXPECT_GT(entries, 10);
