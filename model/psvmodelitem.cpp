@@ -194,7 +194,8 @@ namespace {
 // and is handed out again from there. Blocks are never returned to the
 // system: trees come and go by the million, and what one run's trees held
 // the next run's trees take again. A thread that ends leaves its lists to
-// the depot, from which any thread refills.
+// the depot, from which any thread refills, and the unused rest of its
+// chunk too.
 #if defined(__SANITIZE_ADDRESS__)
 const bool PoolsEnabled = false; // so that the sanitizer sees every node
 #else
@@ -214,6 +215,9 @@ struct PoolDepot
     QMutex mutex;
     // Whole lists as threads left them, so that no list is walked.
     std::vector<FreeBlock*> lists[PoolClasses];
+    // The untouched ends of the chunks of threads that ended: a thread
+    // that builds trees for one analysis leaves most of a chunk.
+    std::vector<std::pair<char*, char*>> rests;
 };
 
 PoolDepot& depot()
@@ -246,6 +250,9 @@ struct PoolCacheReturn
                 shared.lists[c].push_back(tPoolCache.lists[c]);
             tPoolCache.lists[c] = nullptr;
         }
+        if (tPoolCache.next && std::size_t(tPoolCache.end - tPoolCache.next) >= PoolClasses * PoolGranule)
+            shared.rests.emplace_back(tPoolCache.next, tPoolCache.end);
+        tPoolCache.next = tPoolCache.end = nullptr;
     }
     void touch() {}
 };
@@ -263,8 +270,15 @@ void* refill(int sizeClass, std::size_t blockSize)
             cache.lists[sizeClass] = list->next;
             return list;
         }
+        tPoolCacheReturn.touch();
+        if (!shared.rests.empty()) {
+            const std::pair<char*, char*> rest = shared.rests.back();
+            shared.rests.pop_back();
+            cache.next = rest.first + blockSize;
+            cache.end = rest.second;
+            return rest.first;
+        }
     }
-    tPoolCacheReturn.touch();
     // The pages come in with the mapping, in one call: faulting them in one
     // by one as nodes land on them costs a large share of building trees.
     void* mapped = mmap(nullptr, PoolChunk, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);

@@ -84,6 +84,20 @@ public:
     // table costs a page fault per page.
     AddressCollector() : mSlots(1 << 10, Empty), mShift(64 - 10), mCount(0), mHasEmpty(false) {}
 
+    // The addresses of one trace. The table is far larger than the first
+    // level cache: the slots of the addresses a few steps ahead are loaded
+    // while one is looked at.
+    void insertAll(const unsigned long* addresses, size_t count)
+    {
+        const size_t ahead = 8;
+        for (size_t i = 0; i < count && i < ahead; ++i)
+            __builtin_prefetch(&mSlots[slot(addresses[i])]);
+        for (size_t i = 0; i < count; ++i) {
+            if (i + ahead < count)
+                __builtin_prefetch(&mSlots[slot(addresses[i + ahead])]);
+            insert(addresses[i]);
+        }
+    }
     void insert(Address address)
     {
         if (address == Empty) {
@@ -112,10 +126,11 @@ private:
     // The slot marker; the address itself is told by a flag.
     static constexpr Address Empty = ~Address(0);
 
+    size_t slot(Address address) const { return size_t((address * 0x9E3779B97F4A7C15ULL) >> mShift); }
     void insertNew(Address address)
     {
         const size_t mask = mSlots.size() - 1;
-        for (size_t i = (address * 0x9E3779B97F4A7C15ULL) >> mShift;; i = (i + 1) & mask) {
+        for (size_t i = slot(address);; i = (i + 1) & mask) {
             if (mSlots[i] == address)
                 return;
             if (mSlots[i] == Empty) {
@@ -286,8 +301,7 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
                 missing = true;
             else
                 leaves.insert(trace[0]);
-            for (unsigned long address : trace)
-                collector.insert(address);
+            collector.insertAll(trace.data(), trace.size());
         }
         if (missing)
             ++mMissingBacktraceSamples;
@@ -312,9 +326,11 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
     mSelfProfilePoints.addPoint(prep.finish(int(addresses.size())));
 
     SelfProfile decode(mTharn, QStringLiteral("40.decodeReturnAddresses"));
-    // Room for the raw addresses decoded at the ends of the traces too, at
-    // most as many again, so that the table never grows on the way.
-    mDecodedFrames.reserve(mDecodedFrames.size() + 2 * addresses.size());
+    // Room for the raw addresses decoded at the ends of the traces too: the
+    // leaves, and a few frames of the thread library at the roots. A table
+    // twice as large as needed costs a page fault for every 64 slots.
+    const std::vector<Address> leafAddresses = leaves.sorted();
+    mDecodedFrames.reserve(mDecodedFrames.size() + addresses.size() + leafAddresses.size() + 256);
     const double total = addresses.size();
     int done = 0;
     const size_t ahead = 8;
@@ -325,7 +341,7 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
         ++done;
         reportAnalysisProcessing(DecodeReturnAddresses, done / total);
     }
-    decodeTraceEnds(samples, leaves.sorted(), traces);
+    decodeTraceEnds(samples, leafAddresses, traces);
     mSelfProfilePoints.addPoint(decode.finish(done));
 }
 
@@ -442,8 +458,9 @@ unsigned int PreloadSampleSource::findRootFramesOfThread(const quorvex::backtrac
     unsigned int skip = unsigned(size + 1 - i);
     // The sampler starts the program's threads through a wrapper of its
     // own, which stands right below start_thread and is no frame of the
-    // program.
-    for (int wrapper = i - 2; wrapper > 0 && decodedFrame(trace[wrapper]).samplerFrame; --wrapper)
+    // program. Its frame is a return address, read one byte back as the
+    // tree builders read it: that position is known already.
+    for (int wrapper = i - 2; wrapper > 0 && decodedFrame(Address(trace[wrapper]) - 1).samplerFrame; --wrapper)
         ++skip;
     return skip;
 }

@@ -72,15 +72,20 @@ ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& po
 ZORPSVModelItem* PreloadSampleSource::frameNode(const Position& position, quint32 key, const Position*& kept,
                                                 ZORPSVModelItem* parent)
 {
-    if (!kept)
-        kept = PSVModelItem::keptPosition(position, key);
+    // Trees are built on several threads at once: two of them may both ask
+    // for the kept position, which comes out the same for both.
+    const Position* known = __atomic_load_n(&kept, __ATOMIC_ACQUIRE);
+    if (!known) {
+        known = PSVModelItem::keptPosition(position, key);
+        __atomic_store_n(&kept, known, __ATOMIC_RELEASE);
+    }
     if (parent->childCount() > 0) {
-        if (ZORPSVModelItem* child = childAt(*kept, parent)) {
+        if (ZORPSVModelItem* child = childAt(*known, parent)) {
             child->addThread(mRank, false, false);
             return child;
         }
     }
-    return new ZORPSVModelItem(parent, kept, key, oneThread());
+    return new ZORPSVModelItem(parent, known, key, mOneThread);
 }
 
 const IntProcessMap& PreloadSampleSource::oneThread()
@@ -120,6 +125,26 @@ size_t PreloadSampleSource::firstProgramFrame(const quorvex::backtrace_t& trace)
 ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::SBacktrace& backtrace,
                                                                  bool partialTrace, unsigned int rootFramesToSkip,
                                                                  QString* instruction, bool* accelerator)
+{
+    oneThread();
+    TreeLeaf leaf;
+    ZORPSVModelItem* root = buildPath(backtrace, partialTrace, rootFramesToSkip, instruction, accelerator, leaf);
+    noteTreeLeaf(root, leaf);
+    return root;
+}
+
+void PreloadSampleSource::noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& leaf)
+{
+    if (!leaf.placeholder)
+        return;
+    mNewLeafAddresses.push_back(leaf.address);
+    if (mRecordTreePlaceholders)
+        mTreePlaceholders.insert(reinterpret_cast<quintptr>(root)) = leaf.placeholder;
+}
+
+ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backtrace, bool partialTrace,
+                                                unsigned int rootFramesToSkip, QString* instruction,
+                                                bool* accelerator, TreeLeaf& leafOut)
 {
     *instruction = QString();
     *accelerator = false;
@@ -186,9 +211,13 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
             && decodedFrame(Address(trace[index - 1]) - 1).position.function == frame.position.function)
             continue;
         if (!inAccelerator) {
-            if (frame.cuda < 0)
-                frame.cuda = isAddressFromCUDALibrary(returnAddress, frame.position.function) ? 1 : 0;
-            inAccelerator = frame.cuda == 1;
+            // Asked once per frame, by whichever builder comes first.
+            signed char cuda = __atomic_load_n(&frame.cuda, __ATOMIC_RELAXED);
+            if (cuda < 0) {
+                cuda = isAddressFromCUDALibrary(returnAddress, frame.position.function) ? 1 : 0;
+                __atomic_store_n(&frame.cuda, cuda, __ATOMIC_RELAXED);
+            }
+            inAccelerator = cuda == 1;
         }
         const Position* position = &frame.position;
         quint32 key = frame.positionKey;
@@ -253,11 +282,10 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
     if (first < n) {
         if (!backtrace.inMpi()) {
             const Address leaf = trace[first];
-            mNewLeafAddresses.push_back(leaf);
             current = new PlaceholderZORPSVModelItem(current, leaf, inAccelerator);
             current->addThread(rank, false, false);
-            if (mRecordTreePlaceholders)
-                mTreePlaceholders.insert(reinterpret_cast<quintptr>(root)) = current;
+            leafOut.placeholder = current;
+            leafOut.address = leaf;
             *instruction = QStringLiteral("leaf-placeholder");
         } else {
             const Address address = Address(trace[first]) - 1;
@@ -313,6 +341,7 @@ void PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
 void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent, InstructionQuery& query,
                                       bool& fromCuda)
 {
+    const IntProcessMap& oneThreadOfRank = oneThread();
     LeafAnswer* known = nullptr;
     InstructionCache::PreviousInstruction asked;
     if (mKeepLeafAnswers) {
@@ -354,7 +383,7 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
         kept = PSVModelItem::keptPosition(*shown, key);
     if (shown == &frame.position)
         frame.kept = kept;
-    parent = new ZORPSVModelItem(parent, kept, key, oneThread());
+    parent = new ZORPSVModelItem(parent, kept, key, oneThreadOfRank);
     if (known && shown == &frame.position) {
         if (known->fromCuda < 0)
             known->fromCuda = isAddressFromCUDALibrary(used, shown->function) ? 1 : 0;

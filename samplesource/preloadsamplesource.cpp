@@ -403,7 +403,7 @@ void PreloadSampleSource::constructSystemSharedLibrariesList(const QList<SharedL
 }
 
 bool PreloadSampleSource::isAddressInLibraries(unsigned long long address,
-                                               QMap<unsigned long long, unsigned long long> libraries)
+                                               const QMap<unsigned long long, unsigned long long>& libraries)
 {
     // The last library that starts at or below the address.
     auto it = libraries.upperBound(address);
@@ -418,14 +418,19 @@ bool PreloadSampleSource::isAddressFromSystemSharedLibrary(unsigned long long ad
     return isAddressInLibraries(address, mSystemLibraries);
 }
 
-bool PreloadSampleSource::isAddressFromCUDALibrary(unsigned long long address, const QString& functionName)
+bool PreloadSampleSource::isAddressFromCUDALibrary(unsigned long long address, const QString& functionName) const
 {
     if (!mCudaLibraries.isEmpty())
         return isAddressInLibraries(address, mCudaLibraries);
-    static const QRegExp runtimeName(QStringLiteral("cu[A-Z][a-z].*"), Qt::CaseSensitive);
+    // The driver's entry points: "cu", a capital, a small letter (cuMemcpy).
+    const auto inRange = [&functionName](int at, char low, char high) {
+        const ushort c = functionName.at(at).unicode();
+        return c >= ushort(low) && c <= ushort(high);
+    };
     return functionName.startsWith(QLatin1String("cuda")) || functionName.startsWith(QLatin1String("__cuda"))
         || functionName.startsWith(QLatin1String("CU_ETID_"))
-        || (functionName.startsWith(QLatin1String("cu")) && runtimeName.exactMatch(functionName));
+        || (functionName.size() >= 4 && functionName.startsWith(QLatin1String("cu")) && inRange(2, 'A', 'Z')
+            && inRange(3, 'a', 'z'));
 }
 
 // ---------------------------------------------------------------------------

@@ -162,9 +162,11 @@ public:
     // Start of sampling.
     bool isFirstOnNode();
     void constructSystemSharedLibrariesList(const QList<SharedLibrary>& libraries);
-    bool isAddressInLibraries(unsigned long long address, QMap<unsigned long long, unsigned long long> libraries);
+    static bool isAddressInLibraries(unsigned long long address,
+                                     const QMap<unsigned long long, unsigned long long>& libraries);
     bool isAddressFromSystemSharedLibrary(unsigned long long address);
-    bool isAddressFromCUDALibrary(unsigned long long address, const QString& functionName);
+    // Thread-safe: tree builders ask it.
+    bool isAddressFromCUDALibrary(unsigned long long address, const QString& functionName) const;
 
     // Progress of the analysis, `fraction` of the phase done.
     void reportAnalysisProcessing(AnalysisPhase phase, double fraction);
@@ -190,6 +192,9 @@ public:
     bool replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query, PSVModelItem** newLeaf);
 
     // Raw samples to analysed ones.
+    // How many threads build the trees of a run: 0 (the default) decides by
+    // the run's size and the processor cores this process may use.
+    void setTreeBuilders(int builders) { mTreeBuilders = builders; }
     Sample* createSample(const quorvex::SSample& raw, timespec start, const QMap<int, quorvex::SCallSite>& callSites,
                          const quorvex::SSample* previous);
     void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample);
@@ -254,12 +259,51 @@ private:
     void findSamplerLibraries();
     bool isSamplerAddress(Address address) const;
     bool isMpiWrapperAddress(Address address) const;
+    // The leaf placeholder of a fresh tree and the address it stands for.
+    struct TreeLeaf
+    {
+        ZORPSVModelItem* placeholder = nullptr;
+        Address address = 0;
+    };
+    // The tree of one thread of a raw sample, built apart from the rest of
+    // the sample, which depends on the samples before it.
+    struct ThreadTree
+    {
+        ZORPSVModelItem* root = nullptr;
+        TreeLeaf leaf;
+        QString instruction;
+        bool accelerator = false;
+        bool hasCallSite = false;
+        bool regionCaller = false;
+    };
+    // Builds the tree of every thread of raw, in the order of
+    // SSampleBacktraceIterator, into trees. It writes nothing shared, so
+    // that several samples' trees may be built at once, but for the lazily
+    // filled fields of the decoded frames, which it fills atomically. The
+    // debug-address mode's names are interned, which is not thread-safe.
+    void buildTrees(const quorvex::SSample& raw, const QMap<int, quorvex::SCallSite>& callSites, ThreadTree* trees);
+    // The sample of raw from its trees, with what depends on the samples
+    // before it (thread classes, unwinding errors, counts).
+    Sample* finishSample(const quorvex::SSample& raw, timespec start, const quorvex::SSample* previous,
+                         ThreadTree* trees);
+    // The trunk phase: the trees of the raw samples on `builders` threads,
+    // the samples finished in their order.
+    void buildSampleTrunks(SampleList& samples, const quorvex::SSampleList* raw,
+                           const QMap<int, quorvex::SCallSite>& callSites, int builders);
+    int treeBuildersFor(const quorvex::SSampleList* raw) const;
+    // createPSVModelForBacktrace's work, as buildTrees may do it: the leaf
+    // goes to leaf rather than to the lists of the source.
+    ZORPSVModelItem* buildPath(const quorvex::SBacktrace& backtrace, bool partialTrace,
+                               unsigned int rootFramesToSkip, QString* instruction, bool* accelerator,
+                               TreeLeaf& leaf);
+    void noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& leaf);
     void addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent);
     // The child of parent at position, counting one more thread of the
     // rank; made if there is none.
     // kept is PSVModelItem::keptPosition of position, asked here while null.
     ZORPSVModelItem* frameNode(const Position& position, quint32 key, const Position*& kept, ZORPSVModelItem* parent);
-    // The thread counts of a fresh node: one thread of this rank.
+    // The thread counts of a fresh node: one thread of this rank. Asked
+    // before trees are built, which read mOneThread itself.
     const IntProcessMap& oneThread();
     void foldUnknownTail(ZORPSVModelItem*& current);
     void recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace, const quorvex::SSample* previous);
@@ -267,7 +311,8 @@ private:
     Category::OmpCompiler::Enum scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify);
     bool classifyByFrame(int tid, const Category::NameFacts& facts, const Category::NameFacts& parentFacts,
                          bool nearRoot);
-    void markRegionCaller(ZORPSVModelItem* root, int depth);
+    // Whether a frame was marked.
+    static bool markRegionCaller(ZORPSVModelItem* root, int depth);
     void dropStartupFrame(ZORPSVModelItem* root);
     // Valid until the next call.
     const NameAnswers& answersFor(const QString& function);
@@ -408,6 +453,7 @@ private:
     };
     FlatTable<LeafAnswer> mLeafAnswers;
     bool mKeepLeafAnswers = false;
+    int mTreeBuilders = 0;
 };
 
 // Lowers the priority of this process and of its children to the least, so

@@ -16,8 +16,17 @@
 #include "timespec_utils.h"
 #include "zorpsvmodelitem.h"
 
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstring>
+#include <exception>
+#include <memory>
+#include <mutex>
 #include <optional>
+#include <sched.h>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -38,7 +47,177 @@ bool sameTrace(const quorvex::backtrace_t& a, const quorvex::backtrace_t& b)
     return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(a[0])) == 0);
 }
 
+// Below this many frames in a run, starting a second builder costs about
+// what it saves (building a tree takes about 0.1 us per frame).
+const size_t FramesForTwoBuilders = 10000;
+const int MostTreeBuilders = 4;
+
+int usableCores()
+{
+    cpu_set_t cores;
+    if (sched_getaffinity(0, sizeof cores, &cores) != 0)
+        return 1;
+    return CPU_COUNT(&cores);
+}
+
+// The samples of a trunk phase with several builders: each builder takes
+// the next sample not taken yet, and the thread that finishes the samples
+// in their order builds one itself whenever the next in order isn't ready.
+class TrunkWork
+{
+public:
+    explicit TrunkWork(unsigned int size) : mSize(size), mDone(new std::atomic<bool>[size])
+    {
+        for (unsigned int i = 0; i < size; ++i)
+            mDone[i].store(false, std::memory_order_relaxed);
+    }
+
+    // The next sample to build; size when none is left.
+    unsigned int take()
+    {
+        if (mStopped.load(std::memory_order_relaxed))
+            return mSize;
+        return std::min(mNext.fetch_add(1, std::memory_order_relaxed), mSize);
+    }
+    void built(unsigned int i)
+    {
+        mDone[i].store(true, std::memory_order_release);
+        // Taken and left before the notification, so that a waiter that
+        // found the sample unbuilt is asleep by now.
+        { std::lock_guard<std::mutex> lock(mMutex); }
+        mChanged.notify_all();
+    }
+    bool isBuilt(unsigned int i) const { return mDone[i].load(std::memory_order_acquire); }
+    // Until sample i is built or a builder failed.
+    void waitFor(unsigned int i)
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mChanged.wait(lock, [&] { return isBuilt(i) || mFailure; });
+    }
+    void fail(std::exception_ptr failure)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (!mFailure)
+                mFailure = failure;
+        }
+        stop();
+        mChanged.notify_all();
+    }
+    void stop() { mStopped.store(true, std::memory_order_relaxed); }
+    std::exception_ptr failure()
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mFailure;
+    }
+
+private:
+    const unsigned int mSize;
+    std::unique_ptr<std::atomic<bool>[]> mDone;
+    std::atomic<unsigned int> mNext{0};
+    std::atomic<bool> mStopped{false};
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::exception_ptr mFailure;
+};
+
 } // namespace
+
+int PreloadSampleSource::treeBuildersFor(const quorvex::SSampleList* raw) const
+{
+    // That mode interns names as trees are built.
+    if (mDebugAddresses)
+        return 1;
+    if (mTreeBuilders > 0)
+        return mTreeBuilders;
+    const int cores = usableCores();
+    if (cores < 2)
+        return 1;
+    size_t frames = 0;
+    for (unsigned int i = 0; i < raw->size() && frames < FramesForTwoBuilders; ++i) {
+        quorvex::SSampleBacktraceIterator threads(raw->at(i));
+        while (threads.hasNext())
+            frames += threads.next().trace().size();
+    }
+    return frames < FramesForTwoBuilders ? 1 : std::min(cores, MostTreeBuilders);
+}
+
+void PreloadSampleSource::buildSampleTrunks(SampleList& samples, const quorvex::SSampleList* raw,
+                                            const QMap<int, quorvex::SCallSite>& callSites, int builders)
+{
+    const unsigned int size = raw->size();
+    oneThread();
+    if (builders <= 1 || size < 2) {
+        for (unsigned int i = 0; i < size; ++i) {
+            samples.addSample(createSample(raw->at(i), mStartTime, callSites, i == 0 ? nullptr : &raw->at(i - 1)));
+            reportAnalysisProcessing(BuildSampleTrunks, double(i + 1) / size);
+        }
+        return;
+    }
+
+    // Where the trees of each sample go, in the order of
+    // SSampleBacktraceIterator.
+    std::vector<size_t> firstTree(size + 1, 0);
+    for (unsigned int i = 0; i < size; ++i)
+        firstTree[i + 1] = firstTree[i] + 1 + raw->at(i).otherThreads().count();
+    std::vector<ThreadTree> trees(firstTree[size]);
+    TrunkWork work(size);
+    const auto build = [&](unsigned int i) { buildTrees(raw->at(i), callSites, &trees[firstTree[i]]); };
+
+    // The helpers end with the phase, also when it fails: then the trees
+    // that were built and not yet taken into a sample go too.
+    unsigned int finished = 0;
+    std::vector<std::thread> helpers;
+    const auto cleanUp = [&]() {
+        work.stop();
+        for (std::thread& helper : helpers)
+            helper.join();
+        helpers.clear();
+        for (unsigned int i = finished; i < size; ++i) {
+            if (!work.isBuilt(i))
+                continue;
+            for (size_t t = firstTree[i]; t < firstTree[i + 1]; ++t)
+                delete trees[t].root;
+        }
+    };
+    try {
+        for (int h = 1; h < builders; ++h) {
+            helpers.emplace_back([&]() {
+                try {
+                    for (unsigned int i = work.take(); i < size; i = work.take()) {
+                        build(i);
+                        work.built(i);
+                    }
+                } catch (...) {
+                    work.fail(std::current_exception());
+                }
+            });
+        }
+        bool allTaken = false;
+        for (; finished < size; ++finished) {
+            while (!work.isBuilt(finished)) {
+                const unsigned int next = allTaken ? size : work.take();
+                if (next < size) {
+                    build(next);
+                    work.built(next);
+                    continue;
+                }
+                allTaken = true;
+                work.waitFor(finished);
+                if (std::exception_ptr failure = work.failure())
+                    std::rethrow_exception(failure);
+            }
+            samples.addSample(finishSample(raw->at(finished), mStartTime,
+                                           finished == 0 ? nullptr : &raw->at(finished - 1),
+                                           &trees[firstTree[finished]]));
+            reportAnalysisProcessing(BuildSampleTrunks, double(finished + 1) / size);
+        }
+    } catch (...) {
+        cleanUp();
+        throw;
+    }
+    cleanUp();
+}
 
 void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSampleList* raw,
                                              const QMap<int, quorvex::SCallSite>& callSites)
@@ -53,10 +232,9 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     {
         SelfProfile trunks(mTharn, QStringLiteral("50.samples-trunk"));
         const unsigned int size = raw->size();
+        buildSampleTrunks(samples, raw, callSites, treeBuildersFor(raw));
         for (unsigned int i = 0; i < size; ++i) {
-            const quorvex::SSample& sample = raw->at(i);
-            samples.addSample(createSample(sample, mStartTime, callSites, i == 0 ? nullptr : &raw->at(i - 1)));
-            const timespec stamp = sample.getTimestamp();
+            const timespec stamp = raw->at(i).getTimestamp();
             const bool zero = stamp.tv_sec == 0 && stamp.tv_nsec == 0;
             const bool previousZero = previousStamp.tv_sec == 0 && previousStamp.tv_nsec == 0;
             if (!zero && !previousZero) {
@@ -66,7 +244,6 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
                 ++intervals;
             }
             previousStamp = stamp;
-            reportAnalysisProcessing(BuildSampleTrunks, double(i + 1) / size);
         }
         mSelfProfilePoints.addPoint(trunks.finish(int(size)));
     }
@@ -173,30 +350,26 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
                                           const QMap<int, quorvex::SCallSite>& callSites,
                                           const quorvex::SSample* previous)
 {
-    Sample* sample = new Sample(mMetricDefinitions, mRank);
-    sample->setIgnore(mIgnoreSamples);
-    sample->backendOnly_setTimestamp(PreloadSampleSourceUtils::msFromTimespec(raw.getTimestamp(), start));
-    if (raw.otherThreads().count() > mMaxBacktracesPerSample)
-        mMaxBacktracesPerSample = raw.otherThreads().count();
+    oneThread();
+    QVarLengthArray<ThreadTree, 32> trees(1 + raw.otherThreads().count());
+    buildTrees(raw, callSites, trees.data());
+    return finishSample(raw, start, previous, trees.data());
+}
 
-    ThreadContext context;
-    context.rank = mRank;
-    context.pid = mTargetPid;
+void PreloadSampleSource::buildTrees(const quorvex::SSample& raw, const QMap<int, quorvex::SCallSite>& callSites,
+                                     ThreadTree* trees)
+{
     quorvex::SSampleBacktraceIterator threads(raw);
-    while (threads.hasNext()) {
+    for (ThreadTree* tree = trees; threads.hasNext(); ++tree) {
         const quorvex::SBacktrace& backtrace = threads.next();
         const int status = backtrace.unwindStatus();
-        if (status != 0)
-            recordUnwindStatus(*sample, backtrace, previous);
         const bool mainThread = threads.wasMainThread();
-        Sample::ThreadType threadType = mainThread ? Sample::MainThread : Sample::OtherThread;
 
         // A worker's trace that stops at its region continues with the
         // stack that opened the region. Only such a trace is copied.
         const quorvex::SBacktrace* trace = &backtrace;
         // Made only when needed: an empty backtrace takes heap memory ahead.
         std::optional<quorvex::SBacktrace> extended;
-        bool hasCallSite = false;
         int siteFrames = 0;
         if (backtrace.stopsAtCallingFrame()) {
             const auto site = callSites.constFind(backtrace.parallelId());
@@ -204,16 +377,14 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
                 extended.emplace(backtrace);
                 extended->appendTrace(site->callSite()->trace());
                 trace = &*extended;
-                hasCallSite = true;
+                tree->hasCallSite = true;
                 siteFrames = int(site->callSite()->trace().size());
-                if (threadType == Sample::OtherThread)
-                    threadType = Sample::ParallelRegionThread;
             }
         }
 
         unsigned int rootFramesToSkip = 0;
         bool foundRoot = false;
-        if (!hasCallSite && !mainThread) {
+        if (!tree->hasCallSite && !mainThread) {
             const TraceEnds* ends = mTraceEnds.find(traceKey(trace->trace()));
             if (ends && ends->rootKnown) {
                 rootFramesToSkip = ends->rootFramesToSkip;
@@ -225,22 +396,49 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
         // A thread whose root was found is whole, whatever its status says.
         const bool partial = status != 0 ? !foundRoot : false;
 
-        QString instruction;
-        bool accelerator = false;
-        ZORPSVModelItem* root = createPSVModelForBacktrace(*trace, partial, rootFramesToSkip, &instruction, &accelerator);
-
+        ZORPSVModelItem* root =
+            buildPath(*trace, partial, rootFramesToSkip, &tree->instruction, &tree->accelerator, tree->leaf);
+        tree->root = root;
         if (backtrace.stopsAtCallingFrame())
-            markRegionCaller(root, hasCallSite ? siteFrames : 0);
+            tree->regionCaller = markRegionCaller(root, tree->hasCallSite ? siteFrames : 0);
 
         if (root->childCount() == 0) {
             ZORPSVModelItem* error = new ZORPSVModelItem(
                 root, Position(QStringLiteral("%1 [error]").arg(QLatin1String(ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION))));
             error->addThread(mRank, false, false);
         }
+    }
+}
+
+Sample* PreloadSampleSource::finishSample(const quorvex::SSample& raw, timespec start,
+                                          const quorvex::SSample* previous, ThreadTree* trees)
+{
+    Sample* sample = new Sample(mMetricDefinitions, mRank);
+    sample->setIgnore(mIgnoreSamples);
+    sample->backendOnly_setTimestamp(PreloadSampleSourceUtils::msFromTimespec(raw.getTimestamp(), start));
+    if (raw.otherThreads().count() > mMaxBacktracesPerSample)
+        mMaxBacktracesPerSample = raw.otherThreads().count();
+
+    ThreadContext context;
+    context.rank = mRank;
+    context.pid = mTargetPid;
+    quorvex::SSampleBacktraceIterator threads(raw);
+    for (ThreadTree* tree = trees; threads.hasNext(); ++tree) {
+        const quorvex::SBacktrace& backtrace = threads.next();
+        const int status = backtrace.unwindStatus();
+        if (status != 0)
+            recordUnwindStatus(*sample, backtrace, previous);
+        const bool mainThread = threads.wasMainThread();
+        const Sample::ThreadType threadType = mainThread ? Sample::MainThread
+            : tree->hasCallSite                         ? Sample::ParallelRegionThread
+                                                        : Sample::OtherThread;
+        ZORPSVModelItem* root = tree->root;
+        noteTreeLeaf(root, tree->leaf);
+        if (tree->regionCaller)
+            mHasOmpRegions = true;
 
         // The runtime of the tree and, for a thread of no class yet, its
-        // class, in one walk. The mark and the error frame above change
-        // neither.
+        // class, in one walk. The mark and the error frame change neither.
         const int tid = backtrace.tid();
         const bool unclassified = !isTidClassified(tid);
         if (unclassified && mainThread)
@@ -255,7 +453,7 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
         else
             ++mAwakeCounts[tid];
 
-        if ((mainThread || hasCallSite) && status == 0)
+        if ((mainThread || tree->hasCallSite) && status == 0)
             dropStartupFrame(root);
 
         const timespec& cpu = backtrace.cpuTime();
@@ -264,8 +462,8 @@ Sample* PreloadSampleSource::createSample(const quorvex::SSample& raw, timespec 
         // Accelerator threads always count as sleeping: their time is the
         // device's.
         const bool sleeping = mAcceleratorTids.contains(tid) ? true : backtrace.isSleeping();
-        sample->backendOnly_addThread(root, tid, context, InstructionQuery(instruction, accelerator), threadType,
-                                      cpuNanoseconds, sleeping);
+        sample->backendOnly_addThread(root, tid, context, InstructionQuery(tree->instruction, tree->accelerator),
+                                      threadType, cpuNanoseconds, sleeping);
     }
 
     QSet<int> live;
@@ -360,7 +558,7 @@ Category::OmpCompiler::Enum PreloadSampleSource::scanFreshTree(int tid, const ZO
     return runtime;
 }
 
-void PreloadSampleSource::markRegionCaller(ZORPSVModelItem* root, int depth)
+bool PreloadSampleSource::markRegionCaller(ZORPSVModelItem* root, int depth)
 {
     // The frame that opened the region: the last of the call site's frames
     // if it has a line, else the first of the worker's own.
@@ -370,13 +568,13 @@ void PreloadSampleSource::markRegionCaller(ZORPSVModelItem* root, int depth)
         above = node;
         node = node->childCount() > 0 ? static_cast<ZORPSVModelItem*>(node->firstChild()) : nullptr;
         if (!node && level + 1 < depth)
-            return;
+            return false;
     }
     ZORPSVModelItem* marked = above && above->position().hasFileAndLine() ? above : node;
     if (!marked)
-        return;
+        return false;
     marked->setSpecial(ZORPSVModelItem::specialRegionCaller);
-    mHasOmpRegions = true;
+    return true;
 }
 
 void PreloadSampleSource::dropStartupFrame(ZORPSVModelItem* root)

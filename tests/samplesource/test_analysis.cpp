@@ -8,8 +8,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <QXmlStreamWriter>
+
 #include <cmath>
 #include <memory>
+#include <random>
 
 #include "constants.h"
 #include "envswitch.h"
@@ -141,6 +144,9 @@ protected:
         QFile running(source->runningFile());
         ASSERT_TRUE(running.open(QIODevice::WriteOnly));
         running.close();
+        // Several builders even for a few samples, so that every case here
+        // goes through the hand-over of trees between threads.
+        source->setTreeBuilders(2);
         EXPECT_FALSE(source->readSamples(list));
         for (Sample* s : list)
             samples.append(s);
@@ -540,6 +546,69 @@ TEST_F(Analysis, TheDebuggerIsAskedOncePerAddressAndNeverWhileTreesAreBuilt)
             source->createSample(builder.list().at(i), timespec{0, 0}, sites, i ? &builder.list().at(i - 1) : nullptr));
         EXPECT_FALSE(built->backendOnly_sampledTids().isEmpty());
     }
+}
+
+TEST_F(Analysis, TreesBuiltOnSeveralThreadsAreThoseBuiltOnOne)
+{
+    // Threads that come and go, sleep, fail to unwind, work in regions and
+    // call into the runtimes: their classes, counts and reports depend on
+    // the samples before, whichever thread built a tree.
+    const QStringList runtimes = {QStringLiteral("progress_engine"), QStringLiteral("gomp_thread_start"),
+                                  QStringLiteral("cuEventSynchronize"), QStringLiteral("poll")};
+    for (int r = 0; r < runtimes.size(); ++r)
+        debugger.frame(0x420005 + 0x100 * r, runtimes.at(r));
+    for (int f = 0; f < 40; ++f) {
+        const unsigned long address = 0x410005 + 0x100 * f;
+        debugger.frame(address, QStringLiteral("f%1").arg(f), QStringLiteral("f.c"), f + 1);
+        if (f % 4 == 0)
+            debugger.inlineAt(address - 1, {PositionResponse(QStringLiteral("g%1").arg(f), QStringLiteral("g.c"), 3, true)});
+    }
+    Frames site = {0x410005, 0x403005, START_MAIN};
+    BacktraceData siteTrace = zortest::makeBacktraceData(site);
+    builder.callSites().emplace_back(7, MAIN_TID, &siteTrace, 0);
+    std::mt19937 random(5);
+    const auto frames = [&](bool worker) {
+        Frames trace;
+        for (unsigned depth = random() % 30; depth > 0; --depth)
+            trace.push_back(random() % 9 == 0 ? LIBM + random() % 64 : 0x410005 + 0x100 * (random() % 40));
+        if (worker && random() % 4 != 0) {
+            if (random() % 2)
+                trace.push_back(0x420005 + 0x100 * (random() % runtimes.size()));
+            trace.insert(trace.end(), {START_THREAD, CLONE3});
+        }
+        return trace;
+    };
+    const int statuses[] = {0, 0, 0, 8, 10, 102};
+    for (int s = 0; s < 60; ++s) {
+        Frames main = frames(false);
+        main.insert(main.end(), {0x403005, START_MAIN});
+        quorvex::SSample* raw = sample(main, statuses[random() % 6]);
+        for (int tid = 101; tid < 108; ++tid) {
+            if (random() % 5 != 0)
+                thread(raw, tid, frames(true), random() % 2, statuses[random() % 6], tid == 107, random() % 2 ? 7 : 9);
+        }
+    }
+    const auto analyse = [&](int builders, bool& regions) {
+        PreloadSampleSource analysis(host, 100, 10, MetricDefinitions(), 0, 0, 0, false, false, false);
+        analysis.setTreeBuilders(builders);
+        SampleList analysed(100);
+        QMap<int, quorvex::SCallSite> sites;
+        for (const quorvex::SCallSite& callSite : builder.callSites())
+            sites.insert(callSite.parallelId(), callSite);
+        analysis.populateSampleList(analysed, &builder.list(), sites);
+        regions = analysis.hasOmpRegions();
+        QByteArray wire;
+        QXmlStreamWriter writer(&wire);
+        for (const Sample* analysedSample : analysed)
+            analysedSample->writeXml(writer);
+        qDeleteAll(analysed);
+        return wire;
+    };
+    bool regionsOnOne = false, regionsOnThree = true;
+    const QByteArray onOne = analyse(1, regionsOnOne);
+    EXPECT_TRUE(onOne.contains("OpenMP worker thread"));
+    EXPECT_EQ(analyse(3, regionsOnThree), onOne);
+    EXPECT_EQ(regionsOnThree, regionsOnOne);
 }
 
 } // namespace

@@ -232,9 +232,11 @@ double seconds(const timespec& t)
 // The two threads of zor-example do equal work (the shares of their hot
 // functions: frontend_test): at a short interval, with a list short enough
 // to be thinned several times, each still holds half the CPU time, though
-// the worker answers at its own pace and so only in some samples; and its
-// pace slows down with the main thread's, its signals (counted by the
-// handler counter) no more than one a tick.
+// the worker answers at its own pace and so only in some samples, what it
+// ran after its last answer comes only as it ends, and on a busy machine an
+// answer may be under way while its sample is thinned; and its pace slows
+// down with the main thread's, its signals (counted by the handler counter)
+// no more than one a tick.
 TEST(SamplerRun, AThinnedListKeepsEachThreadsShareOfTheCpuTime)
 {
     TempDir dir;
@@ -259,7 +261,7 @@ TEST(SamplerRun, AThinnedListKeepsEachThreadsShareOfTheCpuTime)
         }
     }
     ASSERT_EQ(cpu.size(), 2u);
-    EXPECT_NEAR(100 * cpu[run.pid] / (cpu.begin()->second + cpu.rbegin()->second), 50, 3.0)
+    EXPECT_NEAR(100 * cpu[run.pid] / (cpu.begin()->second + cpu.rbegin()->second), 50, 2.0)
         << "main " << cpu[run.pid] << " s of " << cpu.begin()->second + cpu.rbegin()->second << " s";
 }
 
