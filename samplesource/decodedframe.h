@@ -11,10 +11,10 @@
 // A position with its key among a node's children, worked out once.
 struct KeyedPosition
 {
-    KeyedPosition() : key(0), immortal(false), kept(nullptr) {}
+    KeyedPosition() : key(0), immortal(false), telling(false), kept(nullptr) {}
     explicit KeyedPosition(const Position& position)
         : position(position), key(PSVModelItem::positionKeyOf(position)),
-          immortal(PSVModelItem::hasImmortalNames(position)), kept(nullptr)
+          immortal(PSVModelItem::hasImmortalNames(position)), telling(false), kept(nullptr)
     {
     }
 
@@ -22,6 +22,9 @@ struct KeyedPosition
     quint32 key;
     // Both names are kept forever (PSVModelItem::hasImmortalNames).
     bool immortal;
+    // The naming rules could tell a thread's class or runtime by this name:
+    // a tree without such a frame needs no walk for them.
+    bool telling;
     // PSVModelItem::keptPosition of position, asked when the first node of
     // it is made.
     const Position* kept;
@@ -31,7 +34,7 @@ struct DecodedFrame
 {
     DecodedFrame()
         : positionKey(0), inlineCallersAt(0), inlineCallerCount(0), immortalNames(false), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
-          inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), cuda(-1), kept(nullptr)
+          inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), telling(false), cuda(-1), kept(nullptr)
     {
     }
 
@@ -61,6 +64,8 @@ struct DecodedFrame
     // Lies in the MPI or SHMEM wrapper, whose functions call on into the
     // library's of the same names.
     bool inMpiWrapper;
+    // As KeyedPosition::telling, for position.
+    bool telling;
     // Whether the address one byte above lies in accelerator code; -1 until
     // asked. Return addresses are decoded one byte back, so this answers
     // for the return address itself.

@@ -308,7 +308,10 @@ private:
     void foldUnknownTail(ZORPSVModelItem*& current);
     void recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace, const quorvex::SSample* previous);
     Category::OmpCompiler::Enum detectOmpRuntime(const ZORPSVModelItem* root);
-    Category::OmpCompiler::Enum scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify);
+    // mayTell false: no frame of the tree is telling (DecodedFrame::telling),
+    // so the rules have nothing to find in it.
+    Category::OmpCompiler::Enum scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify,
+                                              bool mayTell = true);
     bool classifyByFrame(int tid, const Category::NameFacts& facts, const Category::NameFacts& parentFacts,
                          bool nearRoot);
     // Whether a frame was marked.
@@ -317,6 +320,7 @@ private:
     // Valid until the next call.
     const NameAnswers& answersFor(const QString& function);
     static std::uint64_t nameKey(const QString& function);
+    static bool isTelling(const NameAnswers& answers);
     QString programDisplayName();
 
     void lookForMpiWrapper();

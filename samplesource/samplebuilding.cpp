@@ -516,8 +516,11 @@ Category::OmpCompiler::Enum PreloadSampleSource::detectOmpRuntime(const ZORPSVMo
     return Category::OmpCompiler::Unknown;
 }
 
-Category::OmpCompiler::Enum PreloadSampleSource::scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify)
+Category::OmpCompiler::Enum PreloadSampleSource::scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify,
+                                                               bool mayTell)
 {
+    if (!mayTell)
+        return Category::OmpCompiler::Unknown;
     // What detectOmpRuntime and classifyNonMainTid find, walking a tree that
     // is one path once and asking the rules once per frame.
     static const Category::NameFacts noParent = Category::factsOf(QString());
