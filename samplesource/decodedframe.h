@@ -11,10 +11,10 @@
 // A position with its key among a node's children, worked out once.
 struct KeyedPosition
 {
-    KeyedPosition() : key(0), immortal(false), telling(false), kept(nullptr) {}
+    KeyedPosition() : key(0), immortal(false), kept(nullptr) {}
     explicit KeyedPosition(const Position& position)
         : position(position), key(PSVModelItem::positionKeyOf(position)),
-          immortal(PSVModelItem::hasImmortalNames(position)), telling(false), kept(nullptr)
+          immortal(PSVModelItem::hasImmortalNames(position)), kept(nullptr)
     {
     }
 
@@ -22,9 +22,6 @@ struct KeyedPosition
     quint32 key;
     // Both names are kept forever (PSVModelItem::hasImmortalNames).
     bool immortal;
-    // The naming rules could tell a thread's class or runtime by this name:
-    // a tree without such a frame needs no walk for them.
-    bool telling;
     // PSVModelItem::keptPosition of position, asked when the first node of
     // it is made.
     const Position* kept;
@@ -64,7 +61,9 @@ struct DecodedFrame
     // Lies in the MPI or SHMEM wrapper, whose functions call on into the
     // library's of the same names.
     bool inMpiWrapper;
-    // As KeyedPosition::telling, for position.
+    // The naming rules could tell a thread's class or runtime by the name
+    // of position or of one of its inlined callers: a tree without such a
+    // frame needs no walk for them.
     bool telling;
     // Whether the address one byte above lies in accelerator code; -1 until
     // asked. Return addresses are decoded one byte back, so this answers

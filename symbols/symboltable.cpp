@@ -1,4 +1,5 @@
 #include "symboltable.h"
+#include "debugcache.h"
 #include "linetable.h"
 #include "dwarfreader.h"
 
@@ -30,7 +31,7 @@ char* debuginfoPath = nullptr;
 
 const Dwfl_Callbacks callbacks = {
     dwfl_build_id_find_elf,
-    dwfl_standard_find_debuginfo,
+    DebugCache::findDebuginfo,
     dwfl_offline_section_address,
     &debuginfoPath,
 };
