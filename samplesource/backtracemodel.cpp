@@ -128,7 +128,9 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
 {
     oneThread();
     TreeLeaf leaf;
-    ZORPSVModelItem* root = buildPath(backtrace, partialTrace, rootFramesToSkip, instruction, accelerator, leaf);
+    bool mayTell = true;
+    ZORPSVModelItem* root =
+        buildPath(backtrace, partialTrace, rootFramesToSkip, instruction, accelerator, leaf, mayTell);
     noteTreeLeaf(root, leaf);
     return root;
 }
@@ -144,10 +146,13 @@ void PreloadSampleSource::noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& le
 
 ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backtrace, bool partialTrace,
                                                 unsigned int rootFramesToSkip, QString* instruction,
-                                                bool* accelerator, TreeLeaf& leafOut)
+                                                bool* accelerator, TreeLeaf& leafOut, bool& mayTell)
 {
     *instruction = QString();
     *accelerator = false;
+    // Names made here, and those of the debug-address mode, are not
+    // judged ahead: the rules look at them.
+    mayTell = partialTrace || mDebugAddresses;
     const int rank = mRank;
     ZORPSVModelItem* root = new ZORPSVModelItem;
     root->addThread(rank, false, false);
@@ -167,6 +172,7 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backt
         ZORPSVModelItem* none =
             new ZORPSVModelItem(current, Position(QStringLiteral("%1 [no stack trace]").arg(unknownName())));
         none->addThread(rank, false, false);
+        mayTell = true;
         return root;
     }
 
@@ -264,6 +270,7 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backt
                 ZORPSVModelItem* parent = current->parentZORModelItem();
                 ZORPSVModelItem* replacement = new ZORPSVModelItem(parent, run);
                 replacement->addThread(rank, false, false);
+                mayTell = true;
                 delete current;
                 current = replacement;
             }
@@ -272,12 +279,13 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backt
         }
         if (frame.hasInlineCallers)
             addInlineCallers(frame, current);
+        mayTell = mayTell || frame.telling;
         const Position* keptDecorated = nullptr;
         current = frameNode(*position, key, position == &frame.position ? frame.kept : keptDecorated, current);
     }
 
-    if (!mDebugAddresses)
-        foldUnknownTail(current);
+    if (!mDebugAddresses && foldUnknownTail(current))
+        mayTell = true;
 
     if (first < n) {
         if (!backtrace.inMpi()) {
@@ -290,6 +298,8 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backt
         } else {
             const Address address = Address(trace[first]) - 1;
             Position position = decodeAddress(address, PositionLookupForbidden);
+            const DecodedFrame* decoded = mDecodedFrames.find(address);
+            mayTell = mayTell || !decoded || decoded->telling;
             if (mDebugAddresses) {
                 position.function = mInternedStrings.intern(QStringLiteral("%1 (0x%2, 0x%3)")
                                                                 .arg(position.function)
@@ -310,7 +320,7 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backt
     return root;
 }
 
-void PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
+bool PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
 {
     int climbed = 0;
     ZORPSVModelItem* stop = current;
@@ -321,7 +331,7 @@ void PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
         ++climbed;
     }
     if (!stop || climbed <= MaxUnfoldedTailFrames)
-        return;
+        return false;
     // The frame above the run goes with it on purpose: its file and line
     // live on in the folded node, its name doesn't.
     const Position above = stop->position();
@@ -336,6 +346,7 @@ void PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
     current = new ZORPSVModelItem(current, Position(QStringLiteral("%1 [x %2+]").arg(unknownName()).arg(MaxUnfoldedTailFrames),
                                                     PathString(above.file), above.line, -1));
     current->addThread(mRank, false, false);
+    return true;
 }
 
 void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent, InstructionQuery& query,

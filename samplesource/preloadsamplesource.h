@@ -275,6 +275,8 @@ private:
         bool accelerator = false;
         bool hasCallSite = false;
         bool regionCaller = false;
+        // Whether scanFreshTree may find anything in the tree.
+        bool mayTell = true;
     };
     // Builds the tree of every thread of raw, in the order of
     // SSampleBacktraceIterator, into trees. It writes nothing shared, so
@@ -292,10 +294,11 @@ private:
                            const QMap<int, quorvex::SCallSite>& callSites, int builders);
     int treeBuildersFor(const quorvex::SSampleList* raw) const;
     // createPSVModelForBacktrace's work, as buildTrees may do it: the leaf
-    // goes to leaf rather than to the lists of the source.
+    // goes to leaf rather than to the lists of the source. mayTell: whether
+    // a frame of the path is telling (DecodedFrame::telling) or named here.
     ZORPSVModelItem* buildPath(const quorvex::SBacktrace& backtrace, bool partialTrace,
                                unsigned int rootFramesToSkip, QString* instruction, bool* accelerator,
-                               TreeLeaf& leaf);
+                               TreeLeaf& leaf, bool& mayTell);
     void noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& leaf);
     void addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent);
     // The child of parent at position, counting one more thread of the
@@ -305,10 +308,14 @@ private:
     // The thread counts of a fresh node: one thread of this rank. Asked
     // before trees are built, which read mOneThread itself.
     const IntProcessMap& oneThread();
-    void foldUnknownTail(ZORPSVModelItem*& current);
+    // Whether a run was folded.
+    bool foldUnknownTail(ZORPSVModelItem*& current);
     void recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace, const quorvex::SSample* previous);
     Category::OmpCompiler::Enum detectOmpRuntime(const ZORPSVModelItem* root);
-    Category::OmpCompiler::Enum scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify);
+    // mayTell false: no frame of the tree is telling (DecodedFrame::telling),
+    // so the rules have nothing to find in it.
+    Category::OmpCompiler::Enum scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify,
+                                              bool mayTell = true);
     bool classifyByFrame(int tid, const Category::NameFacts& facts, const Category::NameFacts& parentFacts,
                          bool nearRoot);
     // Whether a frame was marked.
@@ -317,6 +324,7 @@ private:
     // Valid until the next call.
     const NameAnswers& answersFor(const QString& function);
     static std::uint64_t nameKey(const QString& function);
+    static bool isTelling(const NameAnswers& answers);
     QString programDisplayName();
 
     void lookForMpiWrapper();

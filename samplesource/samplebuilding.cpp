@@ -397,7 +397,8 @@ void PreloadSampleSource::buildTrees(const quorvex::SSample& raw, const QMap<int
         const bool partial = status != 0 ? !foundRoot : false;
 
         ZORPSVModelItem* root =
-            buildPath(*trace, partial, rootFramesToSkip, &tree->instruction, &tree->accelerator, tree->leaf);
+            buildPath(*trace, partial, rootFramesToSkip, &tree->instruction, &tree->accelerator, tree->leaf,
+                      tree->mayTell);
         tree->root = root;
         if (backtrace.stopsAtCallingFrame())
             tree->regionCaller = markRegionCaller(root, tree->hasCallSite ? siteFrames : 0);
@@ -406,6 +407,7 @@ void PreloadSampleSource::buildTrees(const quorvex::SSample& raw, const QMap<int
             ZORPSVModelItem* error = new ZORPSVModelItem(
                 root, Position(QStringLiteral("%1 [error]").arg(QLatin1String(ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION))));
             error->addThread(mRank, false, false);
+            tree->mayTell = true;
         }
     }
 }
@@ -443,7 +445,7 @@ Sample* PreloadSampleSource::finishSample(const quorvex::SSample& raw, timespec 
         const bool unclassified = !isTidClassified(tid);
         if (unclassified && mainThread)
             mMainTids.insert(tid);
-        const Category::OmpCompiler::Enum runtime = scanFreshTree(tid, root, unclassified && !mainThread);
+        const Category::OmpCompiler::Enum runtime = scanFreshTree(tid, root, unclassified && !mainThread, tree->mayTell);
         if (runtime != Category::OmpCompiler::Unknown)
             mOmpRuntimes.insert(runtime);
         if (threadType == Sample::ParallelRegionThread)
@@ -516,8 +518,11 @@ Category::OmpCompiler::Enum PreloadSampleSource::detectOmpRuntime(const ZORPSVMo
     return Category::OmpCompiler::Unknown;
 }
 
-Category::OmpCompiler::Enum PreloadSampleSource::scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify)
+Category::OmpCompiler::Enum PreloadSampleSource::scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify,
+                                                               bool mayTell)
 {
+    if (!mayTell)
+        return Category::OmpCompiler::Unknown;
     // What detectOmpRuntime and classifyNonMainTid find, walking a tree that
     // is one path once and asking the rules once per frame.
     static const Category::NameFacts noParent = Category::factsOf(QString());

@@ -3,6 +3,7 @@
 #include "preloadsamplesource.h"
 
 #include <QFileInfo>
+#include <QVarLengthArray>
 
 #include "debugger.h"
 #include "sample.h"
@@ -44,6 +45,17 @@ const PreloadSampleSource::NameAnswers& PreloadSampleSource::answersFor(const QS
     answers.facts = Category::factsOf(function);
     answers.runtime = Category::ompRuntimeOfFunction(function);
     return answers;
+}
+
+bool PreloadSampleSource::isTelling(const NameAnswers& answers)
+{
+    // What classifyByFrame and the search for a runtime look for; a frame
+    // below one that runs region bodies is told by its parent.
+    const Category::NameFacts& facts = answers.facts;
+    return answers.runtime != Category::OmpCompiler::Unknown || facts.ompWorker || facts.mpiWorker
+        || facts.runsRegionBodies || facts.category == Category::OmpRegion
+        || facts.category == Category::OmpWorkerEntry || facts.category == Category::OmpWait
+        || facts.category == Category::Accelerator;
 }
 
 std::uint64_t PreloadSampleSource::nameKey(const QString& function)
@@ -135,68 +147,94 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
         delete fallback;
     }
 
-    const int rank = mRank;
-    const Position programPosition(programDisplayName(), QString(), -1, -1);
+    // Every tree gets the same few frames on top: their positions are kept
+    // once, and each thread's class is told once.
+    const auto kept = [](const Position& position) {
+        return PSVModelItem::keptPosition(position, PSVModelItem::positionKeyOf(position));
+    };
+    const Position* programKept = kept(Position(programDisplayName(), QString(), -1, -1));
+    const Position* mainKept = kept(mainPosition);
+    const IntProcessMap& threads = oneThread();
+    const auto frameAt = [&](const Position* position, const ZORPSVModelItem* counted) {
+        ZORPSVModelItem* frame = new ZORPSVModelItem(nullptr, position, PSVModelItem::positionKeyOf(*position), threads);
+        if (counted) {
+            frame->addSampleCounts(counted->sampleCount(), counted->selfSampleCount(), counted->mpiSampleCount(),
+                                   counted->sleepingSampleCount());
+        }
+        return frame;
+    };
+    struct ThreadClass
+    {
+        const Position* position;
+        ZORPSVModelItem::Special special;
+    };
+    QHash<int, ThreadClass> classes;
+    const auto classOf = [&](int tid) {
+        auto known = classes.constFind(tid);
+        if (known != classes.constEnd())
+            return *known;
+        const bool monitor = mMonitorTids.contains(tid);
+        ThreadClass found = {nullptr, ZORPSVModelItem::specialNone};
+        auto choose = [&](const char* name, ZORPSVModelItem::Special type) {
+            found.position = kept(Position(QLatin1String(name)));
+            found.special = type;
+        };
+        if (mOmpTids.contains(tid) && monitor)
+            choose("[OpenMP monitor thread]", ZORPSVModelItem::specialOmpMonitor);
+        else if (mOmpTids.contains(tid))
+            choose("[OpenMP worker thread]", ZORPSVModelItem::specialOmpWorker);
+        else if (mMpiTids.contains(tid) && monitor)
+            choose("[MPI monitor thread]", ZORPSVModelItem::specialMpiMonitor);
+        else if (mMpiTids.contains(tid))
+            choose("[MPI worker thread]", ZORPSVModelItem::specialMpiWorker);
+        else if (mAcceleratorTids.contains(tid) && monitor)
+            choose("[Accelerator monitor thread]", ZORPSVModelItem::specialAcceleratorMonitor);
+        else if (mAcceleratorTids.contains(tid))
+            choose("[Accelerator worker thread]", ZORPSVModelItem::specialAcceleratorWorker);
+        else if (mMainTids.contains(tid))
+            found = {mainKept, ZORPSVModelItem::specialMainFrame};
+        classes.insert(tid, found);
+        return found;
+    };
+    // The entry frames of threads of no class, by name.
+    FlatTable<const Position*> entries;
+
     for (Sample* sample : samples) {
         for (int tid : sample->sampledTidList()) {
             ZORPSVModelItem* root = sample->backendOnly_mutablePsvModel(tid);
             if (!root)
                 continue;
-            const bool monitor = mMonitorTids.contains(tid);
-            QString text;
-            ZORPSVModelItem::Special special = ZORPSVModelItem::specialNone;
-            auto choose = [&](const char* name, ZORPSVModelItem::Special type) {
-                text = QLatin1String(name);
-                special = type;
-            };
-            if (sample->backendOnly_threadType(tid) == Sample::ParallelRegionThread)
-                special = ZORPSVModelItem::specialMainFrame;
-            else if (mOmpTids.contains(tid) && monitor)
-                choose("[OpenMP monitor thread]", ZORPSVModelItem::specialOmpMonitor);
-            else if (mOmpTids.contains(tid))
-                choose("[OpenMP worker thread]", ZORPSVModelItem::specialOmpWorker);
-            else if (mMpiTids.contains(tid) && monitor)
-                choose("[MPI monitor thread]", ZORPSVModelItem::specialMpiMonitor);
-            else if (mMpiTids.contains(tid))
-                choose("[MPI worker thread]", ZORPSVModelItem::specialMpiWorker);
-            else if (mAcceleratorTids.contains(tid) && monitor)
-                choose("[Accelerator monitor thread]", ZORPSVModelItem::specialAcceleratorMonitor);
-            else if (mAcceleratorTids.contains(tid))
-                choose("[Accelerator worker thread]", ZORPSVModelItem::specialAcceleratorWorker);
-            else if (mMainTids.contains(tid))
-                special = ZORPSVModelItem::specialMainFrame;
-
-            ZORPSVModelItem* frame = nullptr;
-            if (special != ZORPSVModelItem::specialNone) {
-                frame = new ZORPSVModelItem(special == ZORPSVModelItem::specialMainFrame ? mainPosition : Position(text),
-                                            root->sampleCount(), root->selfSampleCount(), root->mpiSampleCount(),
-                                            root->sleepingSampleCount());
-                frame->setSpecial(special);
-            }
-            if (frame) {
-                frame->addThread(rank, false, false);
+            ThreadClass threadClass = sample->backendOnly_threadType(tid) == Sample::ParallelRegionThread
+                ? ThreadClass{mainKept, ZORPSVModelItem::specialMainFrame}
+                : classOf(tid);
+            if (threadClass.special != ZORPSVModelItem::specialNone) {
+                ZORPSVModelItem* frame = frameAt(threadClass.position, root);
+                frame->setSpecial(threadClass.special);
                 moveChildren(root, frame);
                 root->addChild(frame);
             } else {
                 // A thread of no class shows its entry frame twice: once
                 // marked, holding the stack, and once as itself.
-                for (PSVModelItem* child : root->children()) {
+                QVarLengthArray<PSVModelItem*, 4> children;
+                for (PSVModelItem* child : root->childNodes())
+                    children.append(child);
+                for (PSVModelItem* child : children) {
                     ZORPSVModelItem* node = static_cast<ZORPSVModelItem*>(child);
                     if (node->specialType() == ZORPSVModelItem::specialThreadEntry)
                         continue;
-                    ZORPSVModelItem* entry = new ZORPSVModelItem(
-                        Position(node->position().function), node->sampleCount(), node->selfSampleCount(),
-                        node->mpiSampleCount(), node->sleepingSampleCount());
+                    const QString& function = node->position().function;
+                    const Position*& position = entries.insert(nameKey(function));
+                    if (!position)
+                        position = kept(Position(function));
+                    ZORPSVModelItem* entry = frameAt(position, node);
                     entry->setSpecial(ZORPSVModelItem::specialThreadEntry);
-                    entry->addThread(rank, false, false);
                     node->detach();
                     entry->addChild(node);
                     root->addChild(entry);
                 }
             }
 
-            ZORPSVModelItem* program = new ZORPSVModelItem(programPosition, 0, 0, 0, 0);
-            program->addThread(rank, false, false);
+            ZORPSVModelItem* program = frameAt(programKept, nullptr);
             program->setSpecial(ZORPSVModelItem::specialProgramFrame);
             moveChildren(root, program);
             root->addChild(program);
