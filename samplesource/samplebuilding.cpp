@@ -224,6 +224,7 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
                                              const QMap<int, quorvex::SCallSite>& callSites)
 {
     PreloadSampleSourceUtils::correctSparseMetrics(raw, mMetricDefinitions);
+    mSampleWorkers = treeBuildersFor(raw);
     precacheLineAndInstructionInfo(raw, callSites);
     mRecordTreePlaceholders = true;
 
@@ -233,7 +234,6 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     {
         SelfProfile trunks(mTharn, QStringLiteral("50.samples-trunk"));
         const unsigned int size = raw->size();
-        mSampleWorkers = treeBuildersFor(raw);
         buildSampleTrunks(samples, raw, callSites, mSampleWorkers);
         for (unsigned int i = 0; i < size; ++i) {
             const timespec stamp = raw->at(i).getTimestamp();
