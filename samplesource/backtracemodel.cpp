@@ -128,7 +128,8 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
 {
     oneThread();
     TreeLeaf leaf;
-    ZORPSVModelItem* root = buildPath(backtrace, partialTrace, rootFramesToSkip, instruction, accelerator, leaf);
+    ZORPSVModelItem* root =
+        buildPath(backtrace.trace(), backtrace.inMpi(), partialTrace, rootFramesToSkip, instruction, accelerator, leaf);
     noteTreeLeaf(root, leaf);
     return root;
 }
@@ -142,7 +143,7 @@ void PreloadSampleSource::noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& le
         mTreePlaceholders.insert(reinterpret_cast<quintptr>(root)) = leaf.placeholder;
 }
 
-ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backtrace, bool partialTrace,
+ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trace, bool inMpi, bool partialTrace,
                                                 unsigned int rootFramesToSkip, QString* instruction,
                                                 bool* accelerator, TreeLeaf& leafOut)
 {
@@ -152,7 +153,6 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backt
     ZORPSVModelItem* root = new ZORPSVModelItem;
     root->addThread(rank, false, false);
     ZORPSVModelItem* current = root;
-    const quorvex::backtrace_t& trace = backtrace.trace();
     const size_t n = trace.size();
 
     ZORPSVModelItem* partialNode = nullptr;
@@ -280,7 +280,7 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backt
         foldUnknownTail(current);
 
     if (first < n) {
-        if (!backtrace.inMpi()) {
+        if (!inMpi) {
             const Address leaf = trace[first];
             current = new PlaceholderZORPSVModelItem(current, leaf, inAccelerator);
             current->addThread(rank, false, false);
