@@ -60,11 +60,10 @@ QJsonArray metrics(const Profile& profile)
     QJsonArray rows;
     rows.append(pair(QStringLiteral("Started"), result.run.started.toString(Qt::ISODate)));
     rows.append(pair(QStringLiteral("Exit status"), QString::number(result.run.exitStatus)));
-    rows.append(pair(QStringLiteral("Samples per process"), QString::number(result.run.samplesPerProcess)));
-    rows.append(pair(QStringLiteral("Sampling interval"), QStringLiteral("%1 ms").arg(result.run.intervalMs)));
-    const QMap<QString, double> mix = profile.instructionMix();
-    for (auto it = mix.constBegin(); it != mix.constEnd(); ++it)
-        rows.append(pair(QStringLiteral("Instruction mix: %1").arg(it.key()), QStringLiteral("%1%").arg(*it, 0, 'f', 1)));
+    rows.append(pair(QStringLiteral("Samples"), samplingFacts(result).text));
+    for (const InstructionClassShare& share : profile.instructionMix())
+        rows.append(pair(QStringLiteral("CPU time running %1 instructions").arg(share.name),
+                         QStringLiteral("%1% (%2)").arg(share.percent).arg(share.examples.join(QLatin1String(", ")))));
     const QMap<int, double> mpi = profile.mpiShare();
     for (auto it = mpi.constBegin(); it != mpi.constEnd(); ++it)
         rows.append(pair(QStringLiteral("Rank %1: main thread in MPI").arg(it.key()), formatPercent(*it, 1)));

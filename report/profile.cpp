@@ -6,6 +6,7 @@
 
 #include "constants.h"
 #include "flattree.h"
+#include "instructioncategories.h"
 #include "treemerger.h"
 
 namespace {
@@ -64,6 +65,14 @@ QString classLabel(const Sample& sample, int tid, const QVector<const PSVModelIt
             return name.mid(1, name.size() - 2);
     }
     return OtherThreadLabel;
+}
+
+// Whether a sample's instruction is one, rather than a mark of the analysis
+// for a thread in MPI, on an accelerator or without a leaf.
+bool isInstruction(const QString& mnemonic)
+{
+    return !mnemonic.isEmpty() && mnemonic != QLatin1String("mpi") && mnemonic != QLatin1String("accel")
+        && mnemonic != QLatin1String("leaf-placeholder");
 }
 
 template <class Figure>
@@ -159,14 +168,10 @@ void Profile::build()
             for (int tid : sample.sampledTidList()) {
                 const quint64 cpu = sample.backendOnly_cpuTime(tid);
                 mCpuNs += cpu;
-                const QMap<QString, unsigned long> metrics = sample.threadMetrics(tid);
-                if (!sample.backendOnly_isSleeping(tid)) {
-                    for (auto m = metrics.constBegin(); m != metrics.constEnd(); ++m) {
-                        if (m.key().startsWith(QLatin1String("instr_"))) {
-                            mMix[m.key()].first += m.value();
-                            ++mMix[m.key()].second;
-                        }
-                    }
+                if (cpu > 0 && !sample.backendOnly_isSleeping(tid)) {
+                    const InstructionQuery& query = sample.backendOnly_instruction(tid);
+                    if (isInstruction(query.instruction))
+                        mInstructionNs[qMakePair(query.instruction, query.implicitMemory)] += cpu;
                 }
                 if (sample.backendOnly_threadType(tid) == Sample::MainThread) {
                     QPair<int, int>& mpi = mMpi[rank.rank()];
@@ -332,16 +337,71 @@ QList<ActivityRow> Profile::activity(int buckets, bool perRank) const
     return rows;
 }
 
-QMap<QString, double> Profile::instructionMix() const
+QList<InstructionClassShare> Profile::instructionMix() const
 {
-    QMap<QString, double> mix;
-    bool any = false;
-    for (auto it = mMix.constBegin(); it != mMix.constEnd(); ++it) {
-        mix.insert(it.key(), it->first / std::max(1, it->second));
-        any = any || it->first > 0;
+    // The classes in the order in which an instruction of several goes to
+    // the first: a vector float instruction is a float one too, and one that
+    // touches memory on the side (a call, a push) is counted by its kind.
+    static const char* const names[] = { "vector floating point", "scalar floating point", "vector integer",
+                                         "scalar integer", "branch", "memory", "no class" };
+    const int classes = int(sizeof names / sizeof *names);
+    QVector<quint64> ns(classes);
+    QVector<QMap<quint64, QString>> byTime(classes);
+    QHash<QString, quint64> mnemonicNs;
+    quint64 total = 0;
+    for (auto it = mInstructionNs.constBegin(); it != mInstructionNs.constEnd(); ++it) {
+        const unsigned int categories = instructionCategories(it.key().first);
+        const int c = categories & FloatVectorCategory ? 0
+            : categories & FloatCategory               ? 1
+            : categories & IntVectorCategory           ? 2
+            : categories & IntCategory                 ? 3
+            : categories & BranchCategory              ? 4
+            : categories & MemCategory || it.key().second ? 5
+                                                          : 6;
+        ns[c] += *it;
+        total += *it;
+        mnemonicNs[QString::number(c) + QLatin1Char(' ') + it.key().first] += *it;
     }
-    // A run whose instructions weren't decoded has the metrics, all zero.
-    return any ? mix : QMap<QString, double>();
+    if (total == 0)
+        return {};
+    for (auto it = mnemonicNs.constBegin(); it != mnemonicNs.constEnd(); ++it) {
+        const int space = it.key().indexOf(QLatin1Char(' '));
+        byTime[it.key().left(space).toInt()].insertMulti(*it, it.key().mid(space + 1));
+    }
+
+    // Whole percents by the largest remainders, so that they add up to 100.
+    QVector<int> percent(classes);
+    QVector<int> order(classes);
+    int given = 0;
+    for (int c = 0; c < classes; ++c) {
+        percent[c] = int(ns[c] * 100 / total);
+        given += percent[c];
+        order[c] = c;
+    }
+    std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
+        return (ns[a] * 100) % total > (ns[b] * 100) % total;
+    });
+    for (int i = 0; given < 100 && i < classes; ++i, ++given)
+        ++percent[order[i]];
+
+    QList<InstructionClassShare> mix;
+    for (int c = 0; c < classes; ++c) {
+        if (percent[c] == 0)
+            continue;
+        InstructionClassShare share;
+        share.name = QLatin1String(names[c]);
+        share.percent = percent[c];
+        const QMap<quint64, QString>& mnemonics = byTime[c];
+        for (auto it = mnemonics.constEnd(); it != mnemonics.constBegin() && share.examples.size() < 3;)
+            share.examples << *--it;
+        mix << share;
+    }
+    // Largest first; the instructions of no class stay last.
+    std::stable_sort(mix.begin(), mix.end(), [](const InstructionClassShare& a, const InstructionClassShare& b) {
+        const bool aNone = a.name == QLatin1String("no class"), bNone = b.name == QLatin1String("no class");
+        return aNone != bNone ? bNone : a.percent > b.percent;
+    });
+    return mix;
 }
 
 QMap<int, double> Profile::mpiShare() const

@@ -14,6 +14,7 @@
 #include <QList>
 #include <QMap>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 #include <memory>
@@ -57,6 +58,14 @@ struct ActivityRow
     QVector<double> busy;
 };
 
+// One class of instructions in the instruction mix.
+struct InstructionClassShare
+{
+    QString name;
+    double percent = 0;
+    QStringList examples; // its commonest mnemonics, commonest first
+};
+
 struct UnwindFigures
 {
     int threadSamples = 0;
@@ -91,9 +100,11 @@ public:
     // Rows per rank and class when `perRank`, else per class over all ranks;
     // `buckets` stretches of equal length.
     QList<ActivityRow> activity(int buckets, bool perRank) const;
-    // Mean instruction mix of threads on a processor, in percent, by metric
-    // identifier; empty when the run has none.
-    QMap<QString, double> instructionMix() const;
+    // How the CPU time of the thread-samples splits by the class of the
+    // instruction that each was running, each instruction in one class, the
+    // ones in none last; the shares add up to 100. Empty when the run has no
+    // instructions.
+    QList<InstructionClassShare> instructionMix() const;
     // Share of the main threads' samples that were inside MPI, per rank;
     // empty when no rank was ever in MPI.
     QMap<int, double> mpiShare() const;
@@ -125,7 +136,7 @@ private:
     UnwindFigures mUnwind;
     QList<FunctionFigure> mFunctions;
     QList<LineFigure> mLines;
-    QMap<QString, QPair<double, int>> mMix; // metric to sum of percentages and count
+    QHash<QPair<QString, bool>, quint64> mInstructionNs; // CPU time by mnemonic and implicit memory
     QMap<int, QPair<int, int>> mMpi;        // rank to main-thread samples in MPI and in all
     QVector<ThreadSample> mThreadSamples;
 };

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "mpicalls.h"
+#include "constants.h"
 #include "profile.h"
 
 namespace {
@@ -68,19 +69,48 @@ QStringList wrap(const QString& head, const QStringList& items)
     return lines;
 }
 
-const struct
+// Breaks a sentence into lines of at most SummaryWidth columns, indented.
+QStringList wrapWords(const QString& text)
 {
-    const char* id;
-    const char* name;
-} InstructionNames[] = {
-    { "instr_fp", "floating point" },     { "instr_vector_fp", "vector floating point" },
-    { "instr_int", "integer" },           { "instr_vector_int", "vector integer" },
-    { "instr_mem", "memory" },            { "instr_branch", "branch" },
-    { "instr_scalar_fp", "scalar floating point" }, { "instr_scalar_int", "scalar integer" },
-    { "instr_implicit_mem", "implicit memory" },    { "instr_other", "other" },
-};
+    QStringList lines;
+    QString line = QStringLiteral(" ");
+    for (const QString& word : text.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        if (line.size() + 1 + word.size() > SummaryWidth && line.size() > 1) {
+            lines << line;
+            line = QStringLiteral(" ");
+        }
+        line += QLatin1Char(' ') + word;
+    }
+    lines << fit(line, SummaryWidth);
+    return lines;
+}
 
 } // namespace
+
+SamplingFacts samplingFacts(const Result& result)
+{
+    // Each process keeps at most a number of samples: past it, every other
+    // one goes and the interval doubles.
+    SamplingFacts facts;
+    int most = 0, thinnings = 0;
+    for (const RankResult& rank : result.ranks) {
+        const int taken = rank.play.sampleCount();
+        facts.fewest = facts.fewest < 0 ? taken : std::min(facts.fewest, taken);
+        most = std::max(most, taken);
+        thinnings = std::max(thinnings, rank.play.metrics().value(QLatin1String(METRIC_NUM_DOWNSAMPLES)).to_int());
+    }
+    facts.fewest = std::max(facts.fewest, 0);
+    const int interval = result.run.intervalMs;
+    QString count = facts.fewest == most ? plural(most, "sample", "samples")
+                                         : QStringLiteral("%1-%2 samples").arg(facts.fewest).arg(most);
+    if (result.ranks.size() > 1)
+        count += QStringLiteral(" per process");
+    if (thinnings > 0 && thinnings < 20)
+        facts.text = QStringLiteral("%1 every %2 ms (%3 ms at first)").arg(count).arg(interval << thinnings).arg(interval);
+    else
+        facts.text = QStringLiteral("%1 every %2 ms").arg(count).arg(interval);
+    return facts;
+}
 
 QString formatDuration(double ns)
 {
@@ -108,14 +138,20 @@ QString textSummary(const Profile& profile, int top)
     QStringList out;
 
     out << fit(QStringLiteral("zor: %1").arg(run.commandLine()), SummaryWidth);
-    QString facts = QStringLiteral("%1, %2, ran %3, %4 per process every %5 ms, %6 CPU time")
+    const SamplingFacts sampling = samplingFacts(profile.result());
+    QString facts = QStringLiteral("%1, %2, ran %3, %4, %5 CPU time")
                         .arg(plural(profile.rankCount(), "rank", "ranks"))
                         .arg(plural(profile.threadCount(), "thread", "threads"))
                         .arg(formatDuration(double(run.wallMs > 0 ? run.wallMs : profile.durationMs()) * 1e6))
-                        .arg(plural(run.samplesPerProcess, "sample", "samples"))
-                        .arg(run.intervalMs)
+                        .arg(sampling.text)
                         .arg(formatDuration(cpu));
     out << fit(facts, SummaryWidth);
+    // Two standard deviations of a share of one half.
+    if (sampling.fewest > 0 && sampling.fewest < 400)
+        out << fit(QStringLiteral("With %1 a share may be off by up to %2 points; --interval MS takes more.")
+                       .arg(plural(sampling.fewest, "sample", "samples"))
+                       .arg(std::lround(100 / std::sqrt(double(sampling.fewest)))),
+                   SummaryWidth);
     if (run.interrupted)
         out << QStringLiteral("Sampling was stopped early.");
     if (run.exitStatus != 0)
@@ -139,6 +175,26 @@ QString textSummary(const Profile& profile, int top)
     }
     if (functions.isEmpty())
         out << QStringLiteral("  (no samples with a call stack)");
+    // Code without symbols, all of a library's in one line, is worth naming.
+    quint64 unnamedNs = 0;
+    QStringList unnamedIn;
+    static const QString unknown = QLatin1String(ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION);
+    for (const FunctionFigure& f : profile.functions()) {
+        if (!f.function.startsWith(unknown))
+            continue;
+        unnamedNs += f.selfNs;
+        const int from = f.function.indexOf(QLatin1String(" from "));
+        const QString library = from < 0 ? QString() : f.function.mid(from + 6).section(QLatin1Char(' '), 0, 0);
+        if (!library.isEmpty() && !unnamedIn.contains(library) && f.selfNs * 100 >= profile.cpuNs())
+            unnamedIn << library;
+    }
+    if (unnamedNs * 10 >= profile.cpuNs() && unnamedNs > 0) {
+        const QString where = unnamedIn.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(unnamedIn.join(QLatin1String(", ")));
+        out << wrapWords(QStringLiteral("%1 of the CPU time is in code without symbols%2. Debug symbols for it (on "
+                                        "Debian, a -dbgsym or -dbg package) would name its functions and lines.")
+                             .arg(formatPercent(unnamedNs, cpu))
+                             .arg(where));
+    }
 
     QList<LineFigure> lines;
     for (const LineFigure& l : profile.lines(top)) {
@@ -179,15 +235,19 @@ QString textSummary(const Profile& profile, int top)
         }
     }
 
-    const QMap<QString, double> mix = profile.instructionMix();
+    // Each class with its commonest mnemonics, since the classes are narrower
+    // than their names may suggest (a 32-bit mov or an lea is in none).
     QStringList mixItems;
-    for (const auto& name : InstructionNames) {
-        const auto it = mix.constFind(QLatin1String(name.id));
-        if (it != mix.constEnd())
-            mixItems << QStringLiteral("%1% %2").arg(std::lround(*it)).arg(QLatin1String(name.name));
+    for (const InstructionClassShare& share : profile.instructionMix()) {
+        const bool none = share.name == QLatin1String("no class");
+        mixItems << QStringLiteral("%1% %2 (%3)")
+                        .arg(share.percent)
+                        .arg(none ? QStringLiteral("in no class") : share.name)
+                        .arg(QStringList(share.examples.mid(0, none ? 3 : 2)).join(QLatin1String(", ")));
     }
     if (!mixItems.isEmpty())
-        out << QString() << wrap(QStringLiteral("Instruction mix:"), mixItems);
+        out << QString() << QStringLiteral("Instruction mix: CPU time by the instruction that each thread was running")
+            << wrap(QStringLiteral("   "), mixItems);
 
     const QMap<int, double> mpi = profile.mpiShare();
     if (!mpi.isEmpty()) {

@@ -6,11 +6,20 @@
 #include <QString>
 
 class Profile;
+struct Result;
 
 const int SummaryWidth = 100;
 
 // `top`: how many functions and lines to list.
 QString textSummary(const Profile& profile, int top);
+
+// How many samples the figures rest on, and how often they were taken.
+struct SamplingFacts
+{
+    int fewest = -1; // of any process
+    QString text;    // "623 samples every 20 ms (5 ms at first)"
+};
+SamplingFacts samplingFacts(const Result& result);
 
 // Shared with the other reports.
 QString formatDuration(double nanoseconds);

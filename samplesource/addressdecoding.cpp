@@ -219,6 +219,9 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
     frame.inlineCallerCount = quint16(callers.size());
     frame.hasInlineCallers = !callers.isEmpty();
     mInlineCallers.insert(mInlineCallers.end(), callers.begin(), callers.end());
+    frame.telling = isTelling(answersFor(position.function));
+    for (const KeyedPosition& caller : callers)
+        frame.telling = frame.telling || isTelling(answersFor(caller.position.function));
     frame.hasLineInfo = position.hasFileAndLine();
     frame.unknownPrefix = position.function.startsWith(unknownName());
     frame.exactlyUnknown = position.function == unknownName();

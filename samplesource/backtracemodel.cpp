@@ -128,8 +128,9 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
 {
     oneThread();
     TreeLeaf leaf;
-    ZORPSVModelItem* root =
-        buildPath(backtrace.trace(), backtrace.inMpi(), partialTrace, rootFramesToSkip, instruction, accelerator, leaf);
+    bool mayTell = true;
+    ZORPSVModelItem* root = buildPath(backtrace.trace(), backtrace.inMpi(), partialTrace, rootFramesToSkip,
+                                      instruction, accelerator, leaf, mayTell);
     noteTreeLeaf(root, leaf);
     return root;
 }
@@ -145,10 +146,13 @@ void PreloadSampleSource::noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& le
 
 ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trace, bool inMpi, bool partialTrace,
                                                 unsigned int rootFramesToSkip, QString* instruction,
-                                                bool* accelerator, TreeLeaf& leafOut)
+                                                bool* accelerator, TreeLeaf& leafOut, bool& mayTell)
 {
     *instruction = QString();
     *accelerator = false;
+    // Names made here, and those of the debug-address mode, are not
+    // judged ahead: the rules look at them.
+    mayTell = partialTrace || mDebugAddresses;
     const int rank = mRank;
     ZORPSVModelItem* root = new ZORPSVModelItem;
     root->addThread(rank, false, false);
@@ -167,6 +171,7 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
         ZORPSVModelItem* none =
             new ZORPSVModelItem(current, Position(QStringLiteral("%1 [no stack trace]").arg(unknownName())));
         none->addThread(rank, false, false);
+        mayTell = true;
         return root;
     }
 
@@ -264,6 +269,7 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
                 ZORPSVModelItem* parent = current->parentZORModelItem();
                 ZORPSVModelItem* replacement = new ZORPSVModelItem(parent, run);
                 replacement->addThread(rank, false, false);
+                mayTell = true;
                 delete current;
                 current = replacement;
             }
@@ -272,12 +278,13 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
         }
         if (frame.hasInlineCallers)
             addInlineCallers(frame, current);
+        mayTell = mayTell || frame.telling;
         const Position* keptDecorated = nullptr;
         current = frameNode(*position, key, position == &frame.position ? frame.kept : keptDecorated, current);
     }
 
-    if (!mDebugAddresses)
-        foldUnknownTail(current);
+    if (!mDebugAddresses && foldUnknownTail(current))
+        mayTell = true;
 
     if (first < n) {
         if (!inMpi) {
@@ -290,6 +297,8 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
         } else {
             const Address address = Address(trace[first]) - 1;
             Position position = decodeAddress(address, PositionLookupForbidden);
+            const DecodedFrame* decoded = mDecodedFrames.find(address);
+            mayTell = mayTell || !decoded || decoded->telling;
             if (mDebugAddresses) {
                 position.function = mInternedStrings.intern(QStringLiteral("%1 (0x%2, 0x%3)")
                                                                 .arg(position.function)
@@ -310,7 +319,7 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
     return root;
 }
 
-void PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
+bool PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
 {
     int climbed = 0;
     ZORPSVModelItem* stop = current;
@@ -321,7 +330,7 @@ void PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
         ++climbed;
     }
     if (!stop || climbed <= MaxUnfoldedTailFrames)
-        return;
+        return false;
     // The frame above the run goes with it on purpose: its file and line
     // live on in the folded node, its name doesn't.
     const Position above = stop->position();
@@ -336,6 +345,7 @@ void PreloadSampleSource::foldUnknownTail(ZORPSVModelItem*& current)
     current = new ZORPSVModelItem(current, Position(QStringLiteral("%1 [x %2+]").arg(unknownName()).arg(MaxUnfoldedTailFrames),
                                                     PathString(above.file), above.line, -1));
     current->addThread(mRank, false, false);
+    return true;
 }
 
 void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent, InstructionQuery& query,
@@ -344,8 +354,22 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
     const IntProcessMap& oneThreadOfRank = oneThread();
     LeafAnswer* known = nullptr;
     InstructionCache::PreviousInstruction asked;
-    if (mKeepLeafAnswers) {
+    if (mKeepLeafAnswers)
+        known = mLeafAnswers.find(address);
+    if (known && known->frame && !mDebugAddresses) {
+        // Everything was worked out ahead: this reads only, as several
+        // threads may do at once.
+        query.instruction = known->previous.mnemonic;
+        query.implicitMemory = known->previous.implicitMemory;
+        if (known->frame->hasInlineCallers)
+            addInlineCallers(*known->frame, parent);
+        parent = new ZORPSVModelItem(parent, known->kept, known->frame->positionKey, oneThreadOfRank);
+        fromCuda = known->fromCuda == 1;
+        return;
+    }
+    if (mKeepLeafAnswers && !known)
         known = &mLeafAnswers.insert(address);
+    if (known) {
         if (!known->known) {
             known->previous =
                 mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);

@@ -31,7 +31,7 @@ struct DecodedFrame
 {
     DecodedFrame()
         : positionKey(0), inlineCallersAt(0), inlineCallerCount(0), immortalNames(false), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
-          inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), cuda(-1), kept(nullptr)
+          inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), telling(false), cuda(-1), kept(nullptr)
     {
     }
 
@@ -61,6 +61,10 @@ struct DecodedFrame
     // Lies in the MPI or SHMEM wrapper, whose functions call on into the
     // library's of the same names.
     bool inMpiWrapper;
+    // The naming rules could tell a thread's class or runtime by the name
+    // of position or of one of its inlined callers: a tree without such a
+    // frame needs no walk for them.
+    bool telling;
     // Whether the address one byte above lies in accelerator code; -1 until
     // asked. Return addresses are decoded one byte back, so this answers
     // for the return address itself.

@@ -275,6 +275,8 @@ private:
         bool accelerator = false;
         bool hasCallSite = false;
         bool regionCaller = false;
+        // Whether scanFreshTree may find anything in the tree.
+        bool mayTell = true;
     };
     // Builds the tree of every thread of raw, in the order of
     // SSampleBacktraceIterator, into trees. It writes nothing shared, so
@@ -293,10 +295,11 @@ private:
     // For a run of that many frames in its traces.
     int treeBuildersFor(size_t frames) const;
     // createPSVModelForBacktrace's work, as buildTrees may do it: the leaf
-    // goes to leaf rather than to the lists of the source.
+    // goes to leaf rather than to the lists of the source. mayTell: whether
+    // a frame of the path is telling (DecodedFrame::telling) or named here.
     ZORPSVModelItem* buildPath(const quorvex::backtrace_t& trace, bool inMpi, bool partialTrace,
                                unsigned int rootFramesToSkip, QString* instruction, bool* accelerator,
-                               TreeLeaf& leaf);
+                               TreeLeaf& leaf, bool& mayTell);
     void noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& leaf);
     void addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent);
     // The child of parent at position, counting one more thread of the
@@ -306,10 +309,14 @@ private:
     // The thread counts of a fresh node: one thread of this rank. Asked
     // before trees are built, which read mOneThread itself.
     const IntProcessMap& oneThread();
-    void foldUnknownTail(ZORPSVModelItem*& current);
+    // Whether a run was folded.
+    bool foldUnknownTail(ZORPSVModelItem*& current);
     void recordUnwindStatus(Sample& sample, const quorvex::SBacktrace& backtrace, const quorvex::SSample* previous);
     Category::OmpCompiler::Enum detectOmpRuntime(const ZORPSVModelItem* root);
-    Category::OmpCompiler::Enum scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify);
+    // mayTell false: no frame of the tree is telling (DecodedFrame::telling),
+    // so the rules have nothing to find in it.
+    Category::OmpCompiler::Enum scanFreshTree(int tid, const ZORPSVModelItem* root, bool classify,
+                                              bool mayTell = true);
     bool classifyByFrame(int tid, const Category::NameFacts& facts, const Category::NameFacts& parentFacts,
                          bool nearRoot);
     // Whether a frame was marked.
@@ -318,6 +325,7 @@ private:
     // Valid until the next call.
     const NameAnswers& answersFor(const QString& function);
     static std::uint64_t nameKey(const QString& function);
+    static bool isTelling(const NameAnswers& answers);
     QString programDisplayName();
 
     void lookForMpiWrapper();
@@ -429,9 +437,8 @@ private:
     FlatTable<NameAnswers> mNameAnswers;
     std::deque<QString> mAnsweredNames;
     // While a run is analysed: the leaf placeholder of each tree built, by
-    // the tree's root, and the leaves of the sample whose placeholders were
-    // just replaced, by thread; both spare a walk down a deep tree whose
-    // nodes have long left the cache.
+    // the tree's root, which spares a walk down a deep tree whose nodes have
+    // long left the cache.
     FlatTable<ZORPSVModelItem*> mTreePlaceholders;
     // The thread counts of a fresh node, one thread of mOneThreadRank,
     // shared by all of them.
@@ -441,7 +448,6 @@ private:
     // While the ends of the traces are decoded: decodedFrame may ask the
     // debugger.
     bool mDecodingTraceEnds = false;
-    QVarLengthArray<QPair<int, PSVModelItem*>, 32> mSampleLeaves;
     // While the placeholders of a run are replaced, what each distinct leaf
     // address gives, worked out once: many leaves share an address, and the
     // instruction cache doesn't change meanwhile.
@@ -451,9 +457,22 @@ private:
         bool known = false;
         // Whether the frame shown lies in accelerator code; -1 until asked.
         signed char fromCuda = -1;
+        // Where all of them were worked out ahead, so that threads may read
+        // them at once: the frame shown and its kept position.
+        const DecodedFrame* frame = nullptr;
+        const Position* kept = nullptr;
     };
     FlatTable<LeafAnswer> mLeafAnswers;
     bool mKeepLeafAnswers = false;
+    // The answers for every leaf of the run, worked out in the order of
+    // their addresses, before the placeholders are replaced.
+    void answerLeaves();
+    // populateLineMetrics, with the leaves just made of the sample's threads.
+    void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample,
+                             const QVarLengthArray<QPair<int, PSVModelItem*>, 32>& leaves);
+    // How many threads the work on finished samples may use (the leaves, the
+    // class frames): as many as built the trees.
+    int mSampleWorkers = 1;
     int mTreeBuilders = 0;
 };
 

@@ -3,10 +3,16 @@
 #include "preloadsamplesource.h"
 
 #include <QFileInfo>
+#include <QVarLengthArray>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
 
 #include "debugger.h"
 #include "sample.h"
 #include "samplelist.h"
+#include "sampleworkers.h"
 #include "tharninterface.h"
 #include "zorpsvmodelitem.h"
 
@@ -44,6 +50,17 @@ const PreloadSampleSource::NameAnswers& PreloadSampleSource::answersFor(const QS
     answers.facts = Category::factsOf(function);
     answers.runtime = Category::ompRuntimeOfFunction(function);
     return answers;
+}
+
+bool PreloadSampleSource::isTelling(const NameAnswers& answers)
+{
+    // What classifyByFrame and the search for a runtime look for; a frame
+    // below one that runs region bodies is told by its parent.
+    const Category::NameFacts& facts = answers.facts;
+    return answers.runtime != Category::OmpCompiler::Unknown || facts.ompWorker || facts.mpiWorker
+        || facts.runsRegionBodies || facts.category == Category::OmpRegion
+        || facts.category == Category::OmpWorkerEntry || facts.category == Category::OmpWait
+        || facts.category == Category::Accelerator;
 }
 
 std::uint64_t PreloadSampleSource::nameKey(const QString& function)
@@ -118,7 +135,7 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
 {
     const QString name = mDebugger->mainFunctionName();
     Position mainPosition(name, QString(), 1, -1);
-    PositionResponse* response = mDebugger->positionOfFunction(name);
+    const std::unique_ptr<PositionResponse> response(mDebugger->positionOfFunction(name));
     if (response && response->hasFileAndLine()) {
         mainPosition.file = mInternedStrings.intern(response->file);
         mainPosition.line = response->line;
@@ -135,72 +152,104 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
         delete fallback;
     }
 
-    const int rank = mRank;
-    const Position programPosition(programDisplayName(), QString(), -1, -1);
-    for (Sample* sample : samples) {
+    // Every tree gets the same few frames on top: their positions are kept
+    // once, and each thread's class is told once.
+    const auto kept = [](const Position& position) {
+        return PSVModelItem::keptPosition(position, PSVModelItem::positionKeyOf(position));
+    };
+    const Position* programKept = kept(Position(programDisplayName(), QString(), -1, -1));
+    const Position* mainKept = kept(mainPosition);
+    const IntProcessMap& threads = oneThread();
+    const auto frameAt = [&](const Position* position, const ZORPSVModelItem* counted) {
+        ZORPSVModelItem* frame = new ZORPSVModelItem(nullptr, position, PSVModelItem::positionKeyOf(*position), threads);
+        if (counted) {
+            frame->addSampleCounts(counted->sampleCount(), counted->selfSampleCount(), counted->mpiSampleCount(),
+                                   counted->sleepingSampleCount());
+        }
+        return frame;
+    };
+    struct ThreadClass
+    {
+        const Position* position;
+        ZORPSVModelItem::Special special;
+    };
+    // Each thread that works on the samples keeps its own answers.
+    const int workers = std::max(1, mSampleWorkers);
+    std::vector<QHash<int, ThreadClass>> classesOf(workers);
+    const auto classOf = [&](int tid, int worker) {
+        QHash<int, ThreadClass>& classes = classesOf[worker];
+        auto known = classes.constFind(tid);
+        if (known != classes.constEnd())
+            return *known;
+        const bool monitor = mMonitorTids.contains(tid);
+        ThreadClass found = {nullptr, ZORPSVModelItem::specialNone};
+        auto choose = [&](const char* name, ZORPSVModelItem::Special type) {
+            found.position = kept(Position(QLatin1String(name)));
+            found.special = type;
+        };
+        if (mOmpTids.contains(tid) && monitor)
+            choose("[OpenMP monitor thread]", ZORPSVModelItem::specialOmpMonitor);
+        else if (mOmpTids.contains(tid))
+            choose("[OpenMP worker thread]", ZORPSVModelItem::specialOmpWorker);
+        else if (mMpiTids.contains(tid) && monitor)
+            choose("[MPI monitor thread]", ZORPSVModelItem::specialMpiMonitor);
+        else if (mMpiTids.contains(tid))
+            choose("[MPI worker thread]", ZORPSVModelItem::specialMpiWorker);
+        else if (mAcceleratorTids.contains(tid) && monitor)
+            choose("[Accelerator monitor thread]", ZORPSVModelItem::specialAcceleratorMonitor);
+        else if (mAcceleratorTids.contains(tid))
+            choose("[Accelerator worker thread]", ZORPSVModelItem::specialAcceleratorWorker);
+        else if (mMainTids.contains(tid))
+            found = {mainKept, ZORPSVModelItem::specialMainFrame};
+        classes.insert(tid, found);
+        return found;
+    };
+    // The entry frames of threads of no class, by name.
+    std::vector<FlatTable<const Position*>> entriesOf(workers);
+
+    // Each sample's trees are its own: the samples are shared out.
+    const std::vector<Sample*> finished(samples.begin(), samples.end());
+    runOnSampleWorkers(finished.size(), workers, [&](size_t i, int worker) {
+        Sample* sample = finished[i];
+        FlatTable<const Position*>& entries = entriesOf[worker];
         for (int tid : sample->sampledTidList()) {
             ZORPSVModelItem* root = sample->backendOnly_mutablePsvModel(tid);
             if (!root)
                 continue;
-            const bool monitor = mMonitorTids.contains(tid);
-            QString text;
-            ZORPSVModelItem::Special special = ZORPSVModelItem::specialNone;
-            auto choose = [&](const char* name, ZORPSVModelItem::Special type) {
-                text = QLatin1String(name);
-                special = type;
-            };
-            if (sample->backendOnly_threadType(tid) == Sample::ParallelRegionThread)
-                special = ZORPSVModelItem::specialMainFrame;
-            else if (mOmpTids.contains(tid) && monitor)
-                choose("[OpenMP monitor thread]", ZORPSVModelItem::specialOmpMonitor);
-            else if (mOmpTids.contains(tid))
-                choose("[OpenMP worker thread]", ZORPSVModelItem::specialOmpWorker);
-            else if (mMpiTids.contains(tid) && monitor)
-                choose("[MPI monitor thread]", ZORPSVModelItem::specialMpiMonitor);
-            else if (mMpiTids.contains(tid))
-                choose("[MPI worker thread]", ZORPSVModelItem::specialMpiWorker);
-            else if (mAcceleratorTids.contains(tid) && monitor)
-                choose("[Accelerator monitor thread]", ZORPSVModelItem::specialAcceleratorMonitor);
-            else if (mAcceleratorTids.contains(tid))
-                choose("[Accelerator worker thread]", ZORPSVModelItem::specialAcceleratorWorker);
-            else if (mMainTids.contains(tid))
-                special = ZORPSVModelItem::specialMainFrame;
-
-            ZORPSVModelItem* frame = nullptr;
-            if (special != ZORPSVModelItem::specialNone) {
-                frame = new ZORPSVModelItem(special == ZORPSVModelItem::specialMainFrame ? mainPosition : Position(text),
-                                            root->sampleCount(), root->selfSampleCount(), root->mpiSampleCount(),
-                                            root->sleepingSampleCount());
-                frame->setSpecial(special);
-            }
-            if (frame) {
-                frame->addThread(rank, false, false);
+            ThreadClass threadClass = sample->backendOnly_threadType(tid) == Sample::ParallelRegionThread
+                ? ThreadClass{mainKept, ZORPSVModelItem::specialMainFrame}
+                : classOf(tid, worker);
+            if (threadClass.special != ZORPSVModelItem::specialNone) {
+                ZORPSVModelItem* frame = frameAt(threadClass.position, root);
+                frame->setSpecial(threadClass.special);
                 moveChildren(root, frame);
                 root->addChild(frame);
             } else {
                 // A thread of no class shows its entry frame twice: once
                 // marked, holding the stack, and once as itself.
-                for (PSVModelItem* child : root->children()) {
+                QVarLengthArray<PSVModelItem*, 4> children;
+                for (PSVModelItem* child : root->childNodes())
+                    children.append(child);
+                for (PSVModelItem* child : children) {
                     ZORPSVModelItem* node = static_cast<ZORPSVModelItem*>(child);
                     if (node->specialType() == ZORPSVModelItem::specialThreadEntry)
                         continue;
-                    ZORPSVModelItem* entry = new ZORPSVModelItem(
-                        Position(node->position().function), node->sampleCount(), node->selfSampleCount(),
-                        node->mpiSampleCount(), node->sleepingSampleCount());
+                    const QString& function = node->position().function;
+                    const Position*& position = entries.insert(nameKey(function));
+                    if (!position)
+                        position = kept(Position(function));
+                    ZORPSVModelItem* entry = frameAt(position, node);
                     entry->setSpecial(ZORPSVModelItem::specialThreadEntry);
-                    entry->addThread(rank, false, false);
                     node->detach();
                     entry->addChild(node);
                     root->addChild(entry);
                 }
             }
 
-            ZORPSVModelItem* program = new ZORPSVModelItem(programPosition, 0, 0, 0, 0);
-            program->addThread(rank, false, false);
+            ZORPSVModelItem* program = frameAt(programKept, nullptr);
             program->setSpecial(ZORPSVModelItem::specialProgramFrame);
             moveChildren(root, program);
             root->addChild(program);
         }
-    }
-    delete response;
+    });
 }

@@ -101,6 +101,15 @@ QMap<unsigned long long, Instruction> SymbolDisassembler::disassemble(unsigned l
         decode(reinterpret_cast<const unsigned char*>(bytes.constData()), size_t(bytes.size()), from, end);
     if (wholeFunction && !result.isEmpty())
         result.begin()->symbolStart = true;
+    // Functions that start inside a range: a program counter at the first
+    // instruction of one ran nothing before it there.
+    if (!wholeFunction && !result.isEmpty()) {
+        for (unsigned long long start : mSymbols.functionStarts(from, *end)) {
+            const auto at = result.find(start);
+            if (at != result.end())
+                at->symbolStart = true;
+        }
+    }
     return result;
 }
 

@@ -1,4 +1,5 @@
 #include "symboltable.h"
+#include "debugcache.h"
 #include "linetable.h"
 #include "dwarfreader.h"
 
@@ -30,7 +31,7 @@ char* debuginfoPath = nullptr;
 
 const Dwfl_Callbacks callbacks = {
     dwfl_build_id_find_elf,
-    dwfl_standard_find_debuginfo,
+    DebugCache::findDebuginfo,
     dwfl_offline_section_address,
     &debuginfoPath,
 };
@@ -1006,7 +1007,7 @@ SymbolTable::Plt& SymbolTable::plt(Dwfl_Module* module)
     return *slot;
 }
 
-bool SymbolTable::pltName(Dwfl_Module* module, unsigned long long address, QString* name)
+bool SymbolTable::pltName(Dwfl_Module* module, unsigned long long address, QString* name, FunctionBounds* entryBounds)
 {
     Plt& table = plt(module);
     const unsigned long long at = address - table.bias;
@@ -1018,6 +1019,11 @@ bool SymbolTable::pltName(Dwfl_Module* module, unsigned long long address, QStri
     if (!section)
         return false;
     *name = QString::fromLatin1(section->name);
+    if (entryBounds) {
+        const unsigned long long entry = section->start + (at - section->start) / section->entrySize * section->entrySize;
+        entryBounds->start = entry + table.bias;
+        entryBounds->end = std::min(entry + section->entrySize, section->end) + table.bias;
+    }
     if (!table.x86_64)
         return true;
     if (!table.gotRead) {
@@ -1113,6 +1119,20 @@ void SymbolTable::forEachCodeSymbol(Dwfl_Module* module, Add add)
     }
 }
 
+void SymbolTable::buildCodeSymbols(Dwfl_Module* module, CodeSymbols* symbols)
+{
+    symbols->built = true;
+    std::vector<CodeSymbol>& sorted = symbols->sorted;
+    sorted.reserve(size_t(std::max(dwfl_module_getsymtab(module), 0)));
+    forEachCodeSymbol(module, [&](const CodeSymbol& symbol) { sorted.push_back(symbol); });
+    std::sort(sorted.begin(), sorted.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
+        return a.start != b.start ? a.start < b.start : a.before(b);
+    });
+    sorted.erase(std::unique(sorted.begin(), sorted.end(),
+                             [](const CodeSymbol& a, const CodeSymbol& b) { return a.start == b.start; }),
+                 sorted.end());
+}
+
 bool SymbolTable::symbolAt(Dwfl_Module* module, unsigned long long address, CodeSymbol* found)
 {
     // The symbol of an address is found among the last few symbols that
@@ -1121,18 +1141,8 @@ bool SymbolTable::symbolAt(Dwfl_Module* module, unsigned long long address, Code
     // address where the larger does.
     constexpr int searched = 16;
     CodeSymbols& symbols = mCodeSymbols[module];
-    if (!symbols.built && ++symbols.asked > 1) {
-        symbols.built = true;
-        std::vector<CodeSymbol>& sorted = symbols.sorted;
-        sorted.reserve(size_t(std::max(dwfl_module_getsymtab(module), 0)));
-        forEachCodeSymbol(module, [&](const CodeSymbol& symbol) { sorted.push_back(symbol); });
-        std::sort(sorted.begin(), sorted.end(), [](const CodeSymbol& a, const CodeSymbol& b) {
-            return a.start != b.start ? a.start < b.start : a.before(b);
-        });
-        sorted.erase(std::unique(sorted.begin(), sorted.end(),
-                                 [](const CodeSymbol& a, const CodeSymbol& b) { return a.start == b.start; }),
-                     sorted.end());
-    }
+    if (!symbols.built && ++symbols.asked > 1)
+        buildCodeSymbols(module, &symbols);
     const CodeSymbol* first = nullptr;
     const CodeSymbol* last = nullptr;
     CodeSymbol nearest[searched];
@@ -1192,6 +1202,13 @@ bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bou
     Dwfl_Module* module = dwfl_addrmodule(mDwfl, address);
     if (!module)
         return false;
+    // Each PLT entry is a function of its own, without a symbol: the bytes
+    // before a program counter at its start belong to the entry before.
+    QString name;
+    if (pltName(module, address, &name, bounds)) {
+        bounds->name = name;
+        return true;
+    }
     CodeSymbol symbol;
     if (!symbolAt(module, address, &symbol) || symbol.size == 0 || !symbol.function)
         return false;
@@ -1199,6 +1216,35 @@ bool SymbolTable::functionBounds(unsigned long long address, FunctionBounds* bou
     bounds->end = symbol.start + symbol.size;
     bounds->name = demangledName(QString::fromLatin1(symbol.name));
     return true;
+}
+
+std::vector<unsigned long long> SymbolTable::functionStarts(unsigned long long from, unsigned long long to)
+{
+    stopPreparing();
+    std::vector<unsigned long long> starts;
+    Dwfl_Module* module = dwfl_addrmodule(mDwfl, from);
+    if (!module || to <= from)
+        return starts;
+    const Plt& table = plt(module);
+    for (const Plt::Section& section : table.sections) {
+        const unsigned long long start = section.start + table.bias, end = section.end + table.bias;
+        if (end <= from || start >= to)
+            continue;
+        unsigned long long entry = from <= start ? start : start + (from - start + section.entrySize - 1) / section.entrySize * section.entrySize;
+        for (; entry < std::min(end, to); entry += section.entrySize)
+            starts.push_back(entry);
+    }
+    CodeSymbols& symbols = mCodeSymbols[module];
+    if (!symbols.built)
+        buildCodeSymbols(module, &symbols);
+    auto it = std::lower_bound(symbols.sorted.begin(), symbols.sorted.end(), from,
+                               [](const CodeSymbol& s, unsigned long long a) { return s.start < a; });
+    for (; it != symbols.sorted.end() && it->start < to; ++it) {
+        if (it->function && it->size > 0)
+            starts.push_back(it->start);
+    }
+    std::sort(starts.begin(), starts.end());
+    return starts;
 }
 
 bool SymbolTable::functionAddress(const QString& name, unsigned long long* address)

@@ -18,6 +18,7 @@
 #include <thread>
 #include <unordered_map>
 #include <vector>
+#include <vector>
 
 struct Dwfl;
 struct Dwfl_Module;
@@ -69,6 +70,9 @@ public:
     SymbolPosition position(unsigned long long address, QList<SymbolPosition>* inlinedCallers = nullptr);
     // The function around `address` by the ELF symbol table; false outside any.
     bool functionBounds(unsigned long long address, FunctionBounds* bounds);
+    // Where functions start in [from, to), ascending, by the ELF symbol
+    // table and the PLT entries of the module at `from`.
+    std::vector<unsigned long long> functionStarts(unsigned long long from, unsigned long long to);
     // Where the function `name` starts; false when no module defines it.
     bool functionAddress(const QString& name, unsigned long long* address);
     // Up to `length` bytes of code from the files at `address`, fewer where
@@ -140,14 +144,16 @@ private:
     };
     template <class Add>
     static void forEachCodeSymbol(Dwfl_Module* module, Add add);
+    static void buildCodeSymbols(Dwfl_Module* module, CodeSymbols* symbols);
     bool symbolAt(Dwfl_Module* module, unsigned long long address, CodeSymbol* symbol);
     // The PLT sections of a module and the GOT slots their entries jump
     // through, read on first use.
     struct Plt;
     Plt& plt(Dwfl_Module* module);
     // "name@plt" for an address in a PLT entry, the section's name where
-    // the entry's target isn't known; false outside the PLT.
-    bool pltName(Dwfl_Module* module, unsigned long long address, QString* name);
+    // the entry's target isn't known, and the entry's bounds; false outside
+    // the PLT.
+    bool pltName(Dwfl_Module* module, unsigned long long address, QString* name, FunctionBounds* entry = nullptr);
     // File `file` of the unit's line table, as an absolute path.
     QString unitFile(UnitIndex& index, unsigned long long file);
     int functionAt(UnitIndex& index, unsigned long long pc);

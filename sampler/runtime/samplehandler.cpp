@@ -89,7 +89,10 @@ int askOtherThreads(std::uint64_t generation)
         // older one waits for the request below, whose answer takes it back;
         // one made while the request goes out answers it (answerRequest).
         const auto tookOffer = [&]() {
-            if (!freshOffer(slot))
+            // Claimed, or the thread, as it ends, takes it back.
+            int full = OfferFull;
+            if (!freshOffer(slot)
+                || !slot->offer.compare_exchange_strong(full, OfferTaking, std::memory_order_acq_rel))
                 return false;
             s.asking[count] = slot;
             s.askingTid[count] = tid;
@@ -149,26 +152,67 @@ void askPendingBySignal()
     }
 }
 
+namespace {
+
+// The CPU time that threads ran between their last backtrace and their end
+// goes to that backtrace, the nearest of what they did then.
+void addExitCpuTimes()
+{
+    State& s = gState;
+    const unsigned int size = s.list->size();
+    const unsigned int oldest = size > EXIT_CPU_SEARCH ? size - EXIT_CPU_SEARCH : 0;
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+        if (!slot->exitCpuOwed.load(std::memory_order_acquire))
+            continue;
+        const int tid = slot->tid.load(std::memory_order_relaxed);
+        for (unsigned int k = size; k-- > oldest;) {
+            if (s.list->at(k).addThreadCpuTime(tid, slot->exitCpu, UNWIND_NOT_ANSWERED))
+                break;
+        }
+        slot->exitCpuOwed.store(false, std::memory_order_release);
+    }
+}
+
+} // namespace
+
 void collectAnswers(const timespec& current, bool giveUpAll)
 {
     State& s = gState;
+    addExitCpuTimes();
     for (unsigned int i = 0; i < s.pendingCount;) {
         const PendingAnswer& answer = s.pending[i];
         ThreadSlot* slot = answer.slot;
         const bool inMpi = slot->inMpi.load(std::memory_order_relaxed);
         s.sampleBeingAddedTo = answer.sampleIndex;
         s.commitStage.store(CommitAdding, std::memory_order_release);
+        bool keep = false;
         if (slot->done.load(std::memory_order_acquire) == answer.generation) {
-            s.list->at(answer.sampleIndex)
-                .addThreadBacktrace(slot->data, inMpi, answer.tid, slot->cpuInterval, slot->sleeping);
+            SSample& sample = s.list->at(answer.sampleIndex);
+            if (answer.marked) {
+                sample.mergeThreadBacktrace(slot->data, inMpi, answer.tid, slot->cpuInterval, slot->sleeping,
+                                            s.random);
+                --s.missedThreads;
+            } else {
+                sample.addThreadBacktrace(slot->data, inMpi, answer.tid, slot->cpuInterval, slot->sleeping);
+            }
         } else if (slot->state.load(std::memory_order_acquire) == SlotDead) {
-            // Ended before it could answer.
+            // Ended before it could answer; what it ran since its last
+            // backtrace it left as it ended.
+        } else if (answer.marked) {
+            keep = true;
         } else if (giveUpAll || zs_nanoseconds(zs_difference(current, answer.askedAt)) >= answerDeadlineNs()) {
             // Withdraw the request, so that a late handler leaves the slot
-            // alone, and say in the sample that the answer is missing.
-            slot->request.exchange(0, std::memory_order_acq_rel);
-            ++s.missedThreads;
-            s.list->at(answer.sampleIndex).addThreadBacktrace(s.missingTrace, inMpi, answer.tid, timespec{0, 0}, false);
+            // alone. One that the thread has taken already is being
+            // answered: it is waited for, or, when its sample is about to
+            // be thinned or written, marked missing there until it comes.
+            const bool answering = slot->request.exchange(0, std::memory_order_acq_rel) == 0;
+            keep = answering;
+            if (!answering || giveUpAll) {
+                ++s.missedThreads;
+                s.list->at(answer.sampleIndex)
+                    .addThreadBacktrace(s.missingTrace, inMpi, answer.tid, timespec{0, 0}, false);
+                s.pending[i].marked = answering;
+            }
         } else {
             PendingAnswer& waiting = s.pending[i];
             if (waiting.byTimer
@@ -183,11 +227,13 @@ void collectAnswers(const timespec& current, bool giveUpAll)
                     slot->cpuAtTick = cpu;
                 }
             }
-            s.commitStage.store(CommitNone, std::memory_order_release);
+            keep = true;
+        }
+        s.commitStage.store(CommitNone, std::memory_order_release);
+        if (keep) {
             ++i;
             continue;
         }
-        s.commitStage.store(CommitNone, std::memory_order_release);
         slot->owesAnswer = false;
         s.pending[i] = s.pending[--s.pendingCount];
     }
@@ -332,7 +378,8 @@ void takeSample(void* ucontext)
         ++s.skipped;
         return;
     }
-    if (s.phase.load(std::memory_order_acquire) != PhaseArmed) {
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || s.mainTid == 0) {
+        // A tick that came as the sampling thread ended without another.
         unlock();
         return;
     }
@@ -373,6 +420,15 @@ void takeSample(void* ucontext)
                                            mainSleeping ? sleepingCpu(mainCpuInterval) : mainCpuInterval,
                                            mainSleeping);
     sample->metrics().setValid();
+    if (downsampled) {
+        // The answers still awaited for thinned samples: each pair of
+        // neighbours became one, at half the index.
+        for (unsigned int i = 0; i < s.pendingCount; ++i) {
+            const unsigned int moved = s.pending[i].sampleIndex / 2;
+            const unsigned int kept = s.sizeBeforeCommit / 2;
+            s.pending[i].sampleIndex = moved < kept || kept == 0 ? moved : kept - 1;
+        }
+    }
     for (unsigned int i = 0; i < s.metricCount; ++i)
         sample->metrics().setMetric(i, quorvex::SMetric(s.values[i], wall, s.metrics[i].mode));
     for (int k = 0; k < count; ++k) {
@@ -386,7 +442,7 @@ void takeSample(void* ucontext)
             continue;
         }
         s.pending[s.pendingCount++] = PendingAnswer{slot, s.askingTid[k], s.list->size() - 1, generation, started,
-                                                    s.askingHow[k] == AskByTimer};
+                                                    s.askingHow[k] == AskByTimer, false};
     }
     s.commitStage.store(CommitNone, std::memory_order_release);
     s.lastSample = started;

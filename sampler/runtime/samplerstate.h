@@ -37,6 +37,9 @@ const int MAX_THREADS_PER_SAMPLE = 4096;
 // that can't run its handler takes so long: one that is stopped, or waits
 // for a lock that the interrupted main thread holds.
 const long long ANSWER_DEADLINE_NS = 50 * 1000 * 1000;
+// How many of the newest samples are searched for the backtrace of a thread
+// that has ended, to add what it ran after it.
+const unsigned int EXIT_CPU_SEARCH = 256;
 // Pending answers kept, per thread that a sample may hold.
 const int PENDING_PER_THREAD = 64;
 // A thread that used less CPU than this share of the wall time since its
@@ -87,6 +90,9 @@ struct PendingAnswer
     timespec askedAt;
     // Left to the thread's CPU timer, not asked by a signal yet.
     bool byTimer;
+    // Marked missing in its sample while the thread was already answering:
+    // the answer, when it comes, joins that sample wherever thinning put it.
+    bool marked;
 };
 
 // Everything the sampler keeps. Zero-initialised, with no constructor to
@@ -272,8 +278,10 @@ void noteNotSampled(const char* errorsPath, const char* reason);
 bool makeOutputPath(const char* pattern, pid_t pid, int image, char* out, std::size_t size);
 
 // The thread that the timer's signal goes to is ending: another live
-// thread takes the samples from now on.
+// thread takes the samples from now on, or, where none has started
+// running yet, the first that does (takeOverTimer, as it starts).
 void moveTimerOffThisThread();
+void takeOverTimer();
 
 } // namespace zorsampler
 

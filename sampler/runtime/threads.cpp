@@ -120,8 +120,28 @@ bool startCpuEvent(ThreadSlot* slot, int tid, int intervalMs)
     return true;
 }
 
+// What the ending thread ran since its last backtrace, an offer that no
+// tick will take now included, left for the next tick.
+void leaveExitCpu(ThreadSlot* slot)
+{
+    const State& s = gState;
+    const int tid = slot->tid.load(std::memory_order_relaxed);
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || !s.allThreads || tid == s.mainTid || tid == s.pid)
+        return;
+    timespec since = slot->lastCpu;
+    int full = OfferFull;
+    if (slot->offer.compare_exchange_strong(full, OfferEmpty, std::memory_order_acq_rel))
+        since = slot->offerPrevCpu;
+    timespec now;
+    if (clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now) != 0 || zs_nanoseconds(zs_difference(now, since)) <= 0)
+        return;
+    slot->exitCpu = zs_difference(now, since);
+    slot->exitCpuOwed.store(true, std::memory_order_release);
+}
+
 void resetSlot(ThreadSlot* slot)
 {
+    slot->exitCpuOwed.store(false, std::memory_order_relaxed);
     slot->tid.store(0, std::memory_order_relaxed);
     slot->programBlocksSignal.store(false, std::memory_order_relaxed);
     slot->inMpi.store(false, std::memory_order_relaxed);
@@ -167,7 +187,10 @@ void startCurrentThread(ThreadSlot* slot)
     zs_program_blocks_ours = blocked || slot->programBlocksSignal.load(std::memory_order_relaxed);
     zs_unblock_ours();
     tlsSlot = slot;
-    slot->state.store(SlotLive, std::memory_order_release);
+    // Seen live by a sampling thread that ends, or seeing that it has ended
+    // without finding another to take the samples.
+    slot->state.store(SlotLive, std::memory_order_seq_cst);
+    takeOverTimer();
     if (gState.phase.load(std::memory_order_acquire) == PhaseArmed && gState.allThreads && getpid() == gState.pid)
         startCpuTimer(slot, gState.intervalMs);
 }
@@ -255,8 +278,11 @@ void endCurrentThread()
     if (!slot)
         return;
     tlsSlot = nullptr;
+    // From here on the thread's handler leaves the slot alone.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     stopCpuTimer(slot);
     endThreadUnwinding();
+    leaveExitCpu(slot);
     slot->state.store(SlotDead, std::memory_order_release);
     announceAnswer();
 }
@@ -265,7 +291,8 @@ ThreadSlot* acquireSlot()
 {
     if (tryLock(LockRecycling)) {
         for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
-            if (slot->state.load(std::memory_order_acquire) == SlotDead && !slot->owesAnswer) {
+            if (slot->state.load(std::memory_order_acquire) == SlotDead && !slot->owesAnswer
+                && !slot->exitCpuOwed.load(std::memory_order_acquire)) {
                 resetSlot(slot);
                 unlock();
                 return slot;

@@ -15,7 +15,8 @@
 namespace zorsampler {
 
 enum SlotState { SlotStarting = 0, SlotLive = 1, SlotDead = 2 };
-enum OfferState { OfferEmpty = 0, OfferFull = 1 };
+// OfferTaking: the tick has claimed a full offer and is copying it.
+enum OfferState { OfferEmpty = 0, OfferFull = 1, OfferTaking = 2 };
 
 struct ThreadSlot
 {
@@ -90,6 +91,11 @@ struct ThreadSlot
     // clock, for the CPU time and the sleeping flag of the next one.
     timespec lastCpu = {0, 0};
     timespec lastWall = {0, 0};
+    // The CPU time that the thread ran after its last backtrace, left by
+    // the thread as it ends for the tick to add to that backtrace; the slot
+    // isn't reused while it is owed.
+    timespec exitCpu = {0, 0};
+    std::atomic<bool> exitCpuOwed{false};
 };
 
 // The head of the registry.

@@ -168,26 +168,58 @@ void SSample::combineThreads(const SSample& other, drand48_data& random)
                 mThreadList.push_back(theirs.tid());
             continue;
         }
-        // In both: the backtrace that stands for the pair is drawn in
-        // proportion to the CPU time each stands for, which is what the
-        // thread spent where each was taken; one that wasn't answered
-        // gives way to one that was.
-        const double ours = timespec_toDouble(mine->cpuTime());
-        const double theirTime = timespec_toDouble(theirs.cpuTime());
         timespec total = mine->cpuTime();
         timespec_add(total, theirs.cpuTime());
-        bool takeTheirs;
-        if (ours + theirTime > 0) {
-            double r = 0;
-            drand48_r(&random, &r);
-            takeTheirs = theirTime / (ours + theirTime) > r;
-        } else {
-            takeTheirs = mine->unwindStatus() != 0 && theirs.unwindStatus() == 0;
-        }
-        if (takeTheirs)
+        if (takesOver(*mine, theirs.cpuTime(), theirs.unwindStatus(), random))
             *mine = theirs;
         mine->cpuTime() = total;
     }
+}
+
+bool SSample::takesOver(const SBacktrace& mine, const timespec& theirCpu, int theirStatus, drand48_data& random)
+{
+    // In both: the backtrace that stands for the pair is drawn in proportion
+    // to the CPU time each stands for, which is what the thread spent where
+    // each was taken; one that wasn't answered gives way to one that was.
+    const double ours = timespec_toDouble(mine.cpuTime());
+    const double theirs = timespec_toDouble(theirCpu);
+    if (ours + theirs > 0) {
+        double r = 0;
+        drand48_r(&random, &r);
+        return theirs / (ours + theirs) > r;
+    }
+    return mine.unwindStatus() != 0 && theirStatus == 0;
+}
+
+void SSample::mergeThreadBacktrace(const ExtendedBacktraceData& bt, bool inMpi, int tid, const timespec& cpuTime,
+                                   bool sleeping, drand48_data& random)
+{
+    for (std::size_t i = 0; i < mOtherThreads.count(); ++i) {
+        SBacktrace& mine = mOtherThreads[i];
+        if (mine.tid() != tid)
+            continue;
+        timespec total = mine.cpuTime();
+        timespec_add(total, cpuTime);
+        if (takesOver(mine, cpuTime, static_cast<int>(bt.unwindStatus), random))
+            mine.set(bt, inMpi, tid, total, sleeping);
+        else
+            mine.cpuTime() = total;
+        return;
+    }
+    if (mOtherThreads.hasRoom())
+        mOtherThreads.addBacktrace(bt, inMpi, tid, cpuTime, sleeping);
+}
+
+bool SSample::addThreadCpuTime(int tid, const timespec& cpuTime, int unanswered)
+{
+    for (std::size_t i = 0; i < mOtherThreads.count(); ++i) {
+        SBacktrace& mine = mOtherThreads[i];
+        if (mine.tid() == tid && mine.unwindStatus() != unanswered) {
+            timespec_add(mine.cpuTime(), cpuTime);
+            return true;
+        }
+    }
+    return false;
 }
 
 bool SSample::read_timespec(int fd, timespec* out)

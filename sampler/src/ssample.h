@@ -67,6 +67,13 @@ public:
     // The threads of both: CPU times add up by thread id, and a thread
     // sampled on both sides keeps one backtrace, drawn by CPU time.
     void combineThreads(const SSample& other, drand48_data& random);
+    // A thread's backtrace that comes after its sample was thinned: it
+    // joins the one here as combineThreads would join them.
+    void mergeThreadBacktrace(const ExtendedBacktraceData& bt, bool inMpi, int tid, const timespec& cpuTime,
+                              bool sleeping, drand48_data& random);
+    // Adds CPU time to the thread's backtrace here, when it has one that
+    // isn't just a mark (status `unanswered`) for a missing answer.
+    bool addThreadCpuTime(int tid, const timespec& cpuTime, int unanswered);
 
     void writeToFile(int fd) const;
     bool readFromFile(int fd);
@@ -75,6 +82,7 @@ public:
     static bool read_timespec(int fd, timespec* out);
 
 private:
+    static bool takesOver(const SBacktrace& mine, const timespec& theirCpu, int theirStatus, drand48_data& random);
     SBacktrace mMainThreadTrace;
     SMetrics mMetrics;
     timespec mTimestamp;

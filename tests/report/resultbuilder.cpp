@@ -70,6 +70,7 @@ RankResult exampleRank(int rank, int count, long long durationMs)
         ThreadSpec mainThread{ tidBase, Sample::MainThread, stretchNs,
                                { QStringLiteral("main@%1:140").arg(file), QStringLiteral("run_plan@%1:90").arg(file),
                                  mainLeaf.arg(file) } };
+        mainThread.instruction = main < 5 ? QStringLiteral("vaddpd") : main < 8 ? QStringLiteral("imulq") : QStringLiteral("movq");
         const bool waiting = i < count / 5;
         const QString workerLeaf = i % 4 < 3 ? QStringLiteral("spin_delta@%1:55") : QStringLiteral("spin_epsilon@%1:56");
         ThreadSpec worker{ tidBase + 1, Sample::OtherThread, waiting ? 0ULL : stretchNs,
@@ -77,8 +78,6 @@ RankResult exampleRank(int rank, int count, long long durationMs)
                              QStringLiteral("worker@%1:120").arg(file),
                              waiting ? QStringLiteral("pthread_cond_wait") : workerLeaf.arg(file) },
                            waiting };
-        worker.metrics.insert(QString::fromLatin1(METRIC_INSTR_INT), 60);
-        worker.metrics.insert(QString::fromLatin1(METRIC_INSTR_BRANCH), 20);
         result.samples.append(makeSample(rank, t, { mainThread, worker }, QStringLiteral("zor-example")));
     }
     return result;

@@ -30,6 +30,8 @@ Sample makeSample(int rank, long long timeMs, const QList<ThreadSpec>& threads, 
 // `durationMs`; the main thread splits its time 50 : 30 : 20 between
 // spin_alpha, spin_beta and spin_gamma, a worker 75 : 25 between
 // spin_delta and spin_epsilon and waits through the first fifth of the run.
+// The main thread runs vaddpd in spin_alpha, imulq in spin_beta and movq in
+// spin_gamma, the worker addq.
 RankResult exampleRank(int rank, int count = 100, long long durationMs = 2000);
 Result exampleResult(int ranks = 1);
 

@@ -309,8 +309,12 @@ TEST_F(Analysis, ThreadsOfTheRuntimesAreSortedAndMonitorsFound)
         // deeper down it is the program's own call.
         thread(raw, 106, {0x401010, 0x409005, START_THREAD, CLONE3});
         thread(raw, 107, {0x401010, 0x40a005, 0x404005, START_THREAD, CLONE3});
+        // The runtime's entry point only as an inlined caller.
+        thread(raw, 108, {0x401010, 0x40b005, START_THREAD, CLONE3}, i < 3);
     }
     debugger.frame(0x404005, QStringLiteral("worker"), QStringLiteral("work.c"), 7);
+    debugger.frame(0x40b005, QStringLiteral("team_loop"), QStringLiteral("team.c"), 12);
+    debugger.inlineAt(0x40b004, {PositionResponse(QStringLiteral("gomp_thread_start"), QStringLiteral("team.c"), 3, true)});
     run();
 
     const Sample* last = samples.at(4);
@@ -326,6 +330,7 @@ TEST_F(Analysis, ThreadsOfTheRuntimesAreSortedAndMonitorsFound)
     EXPECT_EQ(classFrame(106), QStringLiteral("[Accelerator worker thread]"));
     EXPECT_TRUE(last->backendOnly_isSleeping(106));
     EXPECT_EQ(classFrame(107), QStringLiteral("worker"));
+    EXPECT_EQ(classFrame(108), QStringLiteral("[OpenMP worker thread]"));
     EXPECT_EQ(classFrame(MAIN_TID), QStringLiteral("main"));
 }
 

@@ -1,16 +1,19 @@
 // Positions, inlined callers, function bounds and disassembly of this very
 // program, checked against known lines and against binutils' addr2line over
-// many addresses; decoding of known bytes in AT&T syntax.
+// many addresses; decoding of known bytes in AT&T syntax; PLT entries as
+// functions of their own.
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QtGlobal>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
 #include <sys/auxv.h>
 #include <unistd.h>
 
+#include "instructioncache.h"
 #include "symboldisassembler.h"
 #include "symboltable.h"
 
@@ -204,7 +207,10 @@ TEST_F(Symbols, PltEntriesNamedAsObjdumpLabelsThem)
                                               QStringLiteral(".plt.got"), self.path()});
     ASSERT_TRUE(objdump.waitForFinished(60000));
     // "000000000000b040 <strdup@plt>:" starts each entry; the middle of
-    // the entry is asked for.
+    // the entry is asked for. A program counter at an entry's start ran
+    // nothing before it there: the entry before is another function.
+    SymbolDisassembler disassembler(table, 0);
+    InstructionCache cache(&disassembler);
     int entries = 0;
     for (const QString& line : QString::fromLocal8Bit(objdump.readAllStandardOutput()).split(QLatin1Char('\n'))) {
         if (!line.endsWith(QLatin1String("@plt>:")) || line.contains(QLatin1Char('-')))
@@ -215,9 +221,78 @@ TEST_F(Symbols, PltEntriesNamedAsObjdumpLabelsThem)
         EXPECT_EQ(p.function.toStdString(), (demangledName(name) + QLatin1String("@plt")).toStdString());
         EXPECT_TRUE(p.hasSymbol);
         EXPECT_EQ(p.line, 0);
+        EXPECT_EQ(cache.previousAddressAndInstruction(self.start() + at, InstructionCache::DisassemblyLookupAllowed).address,
+                  self.start() + at) << name.toStdString();
         ++entries;
     }
     EXPECT_GT(entries, 10);
+}
+
+// A program whose debug information lies beside it in a compressed file, as
+// distributions ship it: lines come through the plain copy kept between
+// runs, also once the original is gone; a damaged copy is made anew; with
+// the cache off, no copy is made.
+TEST_F(Symbols, CompressedSeparateDebugFileIsReadThroughItsKeptCopy)
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("objcopy")).isEmpty())
+        GTEST_SKIP() << "no objcopy to split debug information with";
+    const SharedLibrary self = selfExecutable(table.libraries());
+    ASSERT_FALSE(self.path().isEmpty());
+    QTemporaryDir dir;
+    const QString program = dir.filePath(QStringLiteral("program"));
+    const QString debug = dir.filePath(QStringLiteral("program.debug"));
+    const auto objcopy = [](const QStringList& arguments) {
+        return QProcess::execute(QStringLiteral("objcopy"), arguments) == 0;
+    };
+    ASSERT_TRUE(objcopy({QStringLiteral("--only-keep-debug"), QStringLiteral("--compress-debug-sections=zlib"),
+                         self.path(), debug}));
+    ASSERT_TRUE(objcopy({QStringLiteral("--strip-debug"), QStringLiteral("--add-gnu-debuglink=") + debug, self.path(),
+                         program}));
+    const QString cache = dir.filePath(QStringLiteral("cache"));
+    const auto address = reinterpret_cast<unsigned long long>(&zorSymbolsKnownFunction);
+    // The line of the first instruction that has one.
+    const auto lineSeen = [&]() {
+        SymbolTable stripped;
+        stripped.setLibraries({SharedLibrary(program, self.start(), self.end())});
+        for (unsigned long long a = address; a < address + 64; ++a) {
+            const SymbolPosition p = stripped.position(a);
+            if (p.line > 0)
+                return p.line;
+        }
+        return 0;
+    };
+    const auto copies = [&]() { return QDir(cache).entryInfoList({QStringLiteral("*.debug")}, QDir::Files); };
+
+    const QByteArray setting = qgetenv("ZOR_DEBUG_CACHE");
+    qputenv("ZOR_DEBUG_CACHE", cache.toLocal8Bit());
+    EXPECT_EQ(lineSeen(), lineOf("KNOWN_LINE"));
+    ASSERT_EQ(copies().size(), 1);
+    const QString copy = copies().first().absoluteFilePath();
+    EXPECT_GT(copies().first().size(), QFileInfo(debug).size());
+    const QByteArray compressed = [&]() {
+        QFile file(debug);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }();
+    ASSERT_TRUE(QFile::remove(debug));
+    EXPECT_EQ(lineSeen(), lineOf("KNOWN_LINE"));
+
+    // Damaged, and the original back.
+    QFile damaged(copy);
+    ASSERT_TRUE(damaged.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    damaged.write(compressed.left(4096));
+    damaged.close();
+    QFile original(debug);
+    ASSERT_TRUE(original.open(QIODevice::WriteOnly));
+    original.write(compressed);
+    original.close();
+    EXPECT_EQ(lineSeen(), lineOf("KNOWN_LINE"));
+    EXPECT_GT(QFileInfo(copy).size(), compressed.size());
+
+    ASSERT_TRUE(QFile::remove(copy));
+    qputenv("ZOR_DEBUG_CACHE", "off");
+    EXPECT_EQ(lineSeen(), lineOf("KNOWN_LINE"));
+    EXPECT_TRUE(copies().isEmpty());
+    qputenv("ZOR_DEBUG_CACHE", setting);
 }
 
 TEST(SymbolDisassembler, KnownBytesInAttSyntax)
