@@ -229,6 +229,20 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     // The worker's strip is blank while it waits.
     const QString worker = lines.filter(QStringLiteral("other threads")).value(0);
     EXPECT_TRUE(worker.contains(QRegExp(QStringLiteral("\\| {12}#{48}\\|  80% busy")))) << qPrintable(worker);
+    EXPECT_FALSE(text.contains(QLatin1String("waited for programs"))) << qPrintable(text);
+
+    // A shell that waits for the program doing the work, in code without symbols.
+    Result shell = exampleResult(0);
+    RankResult rank = exampleRank(0, 0);
+    for (int i = 0; i < 8; ++i) {
+        const bool waiting = i % 4 != 0;
+        rank.samples << makeSample(0, 10 * i, { { 1, Sample::MainThread, 1000, { "main", "<unknown> from sh", waiting ? "__waitpid" : "<unknown> from sh" }, waiting } });
+    }
+    shell.ranks << rank;
+    const QString waits = textSummary(Profile(shell), 5);
+    for (const char* expected : { "The program waited for programs that it started through 75.0% of the run",
+                                  "(in __waitpid)", "code without symbols (sh)" })
+        EXPECT_TRUE(waits.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(waits);
 }
 
 TEST(Reports, HtmlPageIsSelfContainedAndCarriesTheTree)
