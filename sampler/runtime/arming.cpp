@@ -394,36 +394,79 @@ int finishBeforeExec()
     return s.phase.load(std::memory_order_acquire) == PhaseFinished ? s.image + 1 : s.image;
 }
 
+namespace {
+
+bool lockForTimer()
+{
+    // The lock keeps the sampling handler away while the target changes.
+    for (int attempt = 0; !tryLock(LockRecycling); ++attempt) {
+        if (attempt == 1000)
+            return false;
+        const timespec pause = {0, 100000};
+        zs_real_nanosleep(&pause, nullptr);
+    }
+    return true;
+}
+
+int liveThreadBut(int self)
+{
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+        const int tid = slot->tid.load(std::memory_order_relaxed);
+        if (slot->state.load(std::memory_order_seq_cst) == SlotLive && tid != self)
+            return tid;
+    }
+    return 0;
+}
+
+// The sampling thread is `tid` from now on, with a timer of its own.
+bool retarget(int tid)
+{
+    State& s = gState;
+    timer_t timer;
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || !createTimer(tid, timer))
+        return false;
+    timer_delete(s.timer);
+    s.timer = timer;
+    clock_gettime(zs_thread_cpu_clock(tid), &s.mainLastCpu);
+    __atomic_store_n(&s.mainTid, tid, __ATOMIC_SEQ_CST);
+    setTimer(s.intervalMs, s.intervalMs);
+    quorvex::SafeMessage message = logLine();
+    message.str("thread ").dec(tid).str(" takes the samples from now on\n");
+    writeLog(message);
+    return true;
+}
+
+} // namespace
+
 void moveTimerOffThisThread()
 {
     State& s = gState;
     const int self = currentTid();
-    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || getpid() != s.pid || self != s.mainTid)
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || getpid() != s.pid || self != s.mainTid
+        || !lockForTimer())
         return;
-    // The lock keeps the sampling handler away while the target changes.
-    for (int attempt = 0; !tryLock(LockRecycling); ++attempt) {
-        if (attempt == 1000)
-            return;
-        const timespec pause = {0, 100000};
-        zs_real_nanosleep(&pause, nullptr);
+    int next = liveThreadBut(self);
+    if (!next) {
+        // The threads that were started may not have run yet: the first to
+        // run takes the samples, unless it was seen running here after all.
+        __atomic_store_n(&s.mainTid, 0, __ATOMIC_SEQ_CST);
+        next = liveThreadBut(self);
     }
-    int next = 0;
-    for (ThreadSlot* slot = firstSlot(); slot && !next; slot = slot->next) {
-        const int tid = slot->tid.load(std::memory_order_relaxed);
-        if (slot->state.load(std::memory_order_acquire) == SlotLive && tid != self)
-            next = tid;
+    if (!next || !retarget(next)) {
+        __atomic_store_n(&s.mainTid, 0, __ATOMIC_SEQ_CST);
+        setTimer(0, 0);
     }
-    timer_t timer;
-    if (next && s.phase.load(std::memory_order_acquire) == PhaseArmed && createTimer(next, timer)) {
-        timer_delete(s.timer);
-        s.timer = timer;
-        s.mainTid = next;
-        clock_gettime(zs_thread_cpu_clock(next), &s.mainLastCpu);
-        setTimer(s.intervalMs, s.intervalMs);
-        quorvex::SafeMessage message = logLine();
-        message.str("thread ").dec(self).str(" ends; thread ").dec(next).str(" takes the samples from now on\n");
-        writeLog(message);
-    }
+    unlock();
+}
+
+void takeOverTimer()
+{
+    State& s = gState;
+    if (__atomic_load_n(&s.mainTid, __ATOMIC_SEQ_CST) != 0 || s.phase.load(std::memory_order_acquire) != PhaseArmed
+        || getpid() != s.pid || !lockForTimer())
+        return;
+    if (__atomic_load_n(&s.mainTid, __ATOMIC_SEQ_CST) == 0)
+        retarget(currentTid());
     unlock();
 }
 

@@ -378,7 +378,8 @@ void takeSample(void* ucontext)
         ++s.skipped;
         return;
     }
-    if (s.phase.load(std::memory_order_acquire) != PhaseArmed) {
+    if (s.phase.load(std::memory_order_acquire) != PhaseArmed || s.mainTid == 0) {
+        // A tick that came as the sampling thread ended without another.
         unlock();
         return;
     }

@@ -278,8 +278,10 @@ void noteNotSampled(const char* errorsPath, const char* reason);
 bool makeOutputPath(const char* pattern, pid_t pid, int image, char* out, std::size_t size);
 
 // The thread that the timer's signal goes to is ending: another live
-// thread takes the samples from now on.
+// thread takes the samples from now on, or, where none has started
+// running yet, the first that does (takeOverTimer, as it starts).
 void moveTimerOffThisThread();
+void takeOverTimer();
 
 } // namespace zorsampler
 

@@ -187,7 +187,10 @@ void startCurrentThread(ThreadSlot* slot)
     zs_program_blocks_ours = blocked || slot->programBlocksSignal.load(std::memory_order_relaxed);
     zs_unblock_ours();
     tlsSlot = slot;
-    slot->state.store(SlotLive, std::memory_order_release);
+    // Seen live by a sampling thread that ends, or seeing that it has ended
+    // without finding another to take the samples.
+    slot->state.store(SlotLive, std::memory_order_seq_cst);
+    takeOverTimer();
     if (gState.phase.load(std::memory_order_acquire) == PhaseArmed && gState.allThreads && getpid() == gState.pid)
         startCpuTimer(slot, gState.intervalMs);
 }

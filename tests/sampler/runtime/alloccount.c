@@ -2,8 +2,13 @@
 // handler (the sampler's own too) runs inside a wrapper that marks the
 // thread; allocations made while the mark is set are counted. At exit the
 // counts go to $ZOR_ALLOC_COUNT_OUTPUT: "handlers N\nallocations M\n".
+// With $ZOR_LATE_THREAD_START_MS, it stands in front of pthread_create too,
+// and every new thread starts (the sampler's part of its start included)
+// that many milliseconds late, as on a machine too busy to run it.
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <pthread.h>
+#include <unistd.h>
 #include <signal.h>
 #include <stdatomic.h>
 #include <stdio.h>
@@ -36,6 +41,37 @@ int posix_memalign(void** out, size_t a, size_t n)
     return (*out = __libc_memalign(a, n)) ? 0 : 12;
 }
 void free(void* p) { __libc_free(p); }
+
+struct late_start
+{
+    void* (*start)(void*);
+    void* arg;
+    useconds_t delay;
+};
+
+static void* start_late(void* argument)
+{
+    const struct late_start late = *(struct late_start*)argument;
+    __libc_free(argument);
+    usleep(late.delay);
+    return late.start(late.arg);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg)
+{
+    static int (*next)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    if (!next)
+        next = (int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*))dlsym(RTLD_NEXT, "pthread_create");
+    const char* ms = getenv("ZOR_LATE_THREAD_START_MS");
+    struct late_start* late = ms ? __libc_malloc(sizeof *late) : NULL;
+    if (!late)
+        return next(thread, attr, start, arg);
+    *late = (struct late_start){start, arg, (useconds_t)(1000 * atoi(ms))};
+    const int result = next(thread, attr, start_late, late);
+    if (result != 0)
+        __libc_free(late);
+    return result;
+}
 
 static void wrapper(int sig, siginfo_t* info, void* context)
 {

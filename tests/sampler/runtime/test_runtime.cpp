@@ -431,10 +431,10 @@ TEST(SamplerRun, DeathBySignalKeepsTheSamples)
 }
 
 // Threads that block every signal, a main thread that waits for all of them
-// in sigwait and a signalfd, a main thread that leaves before its workers:
-// every thread that runs is sampled, and the program's signals and masks
-// are as it set them; with CPU-clock timers too, where the kernel refuses
-// events on the threads' CPU time.
+// in sigwait and a signalfd, a main thread that leaves before its workers,
+// even before they have started to run: every thread that runs is sampled,
+// and the program's signals and masks are as it set them; with CPU-clock
+// timers too, where the kernel refuses events on the threads' CPU time.
 TEST(SamplerRun, EveryThreadIsSampledWhateverItsMask)
 {
     const struct
@@ -442,17 +442,22 @@ TEST(SamplerRun, EveryThreadIsSampledWhateverItsMask)
         const char* mode;
         std::size_t threads;
         const char* options;
-    } cases[] = {{"masked", 3, "interval=2"},
-                 {"sigwait", 2, "interval=2"},
-                 {"main-exit", 2, "interval=2"},
-                 {"masked", 3, "interval=2,cpuevents=0"},
-                 {"main-exit", 2, "interval=2,cpuevents=0"}};
+        int lateStartMs;
+    } cases[] = {{"masked", 3, "interval=2", 0},
+                 {"sigwait", 2, "interval=2", 0},
+                 {"main-exit", 2, "interval=2", 0},
+                 {"main-exit", 2, "interval=2", 100},
+                 {"masked", 3, "interval=2,cpuevents=0", 0},
+                 {"main-exit", 2, "interval=2,cpuevents=0", 0}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.mode) + " " + c.options);
+        SCOPED_TRACE(std::string(c.mode) + " " + c.options + " threads late by " + std::to_string(c.lateStartMs));
         TempDir dir;
         const std::string path = dir.file("samples");
-        const ProgramRun run = runSampled({ZOR_TARGET, c.mode},
-                                          {"ZOR_SAMPLER_OUTPUT=" + path, std::string("ZOR_SAMPLER_OPTIONS=") + c.options});
+        std::vector<std::string> env = {"ZOR_SAMPLER_OUTPUT=" + path, std::string("ZOR_SAMPLER_OPTIONS=") + c.options};
+        if (c.lateStartMs)
+            env.push_back("ZOR_LATE_THREAD_START_MS=" + std::to_string(c.lateStartMs));
+        const ProgramRun run
+            = runSampled({ZOR_TARGET, c.mode}, env, c.lateStartMs ? ZOR_ALLOC_COUNT_LIBRARY : std::string());
         EXPECT_EQ(run.exitCode, 0) << run.describe();
         EXPECT_EQ(run.out, "ok\n");
         EXPECT_EQ(run.err, "");
