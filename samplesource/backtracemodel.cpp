@@ -355,8 +355,22 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
     const IntProcessMap& oneThreadOfRank = oneThread();
     LeafAnswer* known = nullptr;
     InstructionCache::PreviousInstruction asked;
-    if (mKeepLeafAnswers) {
+    if (mKeepLeafAnswers)
+        known = mLeafAnswers.find(address);
+    if (known && known->frame && !mDebugAddresses) {
+        // Everything was worked out ahead: this reads only, as several
+        // threads may do at once.
+        query.instruction = known->previous.mnemonic;
+        query.implicitMemory = known->previous.implicitMemory;
+        if (known->frame->hasInlineCallers)
+            addInlineCallers(*known->frame, parent);
+        parent = new ZORPSVModelItem(parent, known->kept, known->frame->positionKey, oneThreadOfRank);
+        fromCuda = known->fromCuda == 1;
+        return;
+    }
+    if (mKeepLeafAnswers && !known)
         known = &mLeafAnswers.insert(address);
+    if (known) {
         if (!known->known) {
             known->previous =
                 mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);

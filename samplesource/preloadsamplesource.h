@@ -436,9 +436,8 @@ private:
     FlatTable<NameAnswers> mNameAnswers;
     std::deque<QString> mAnsweredNames;
     // While a run is analysed: the leaf placeholder of each tree built, by
-    // the tree's root, and the leaves of the sample whose placeholders were
-    // just replaced, by thread; both spare a walk down a deep tree whose
-    // nodes have long left the cache.
+    // the tree's root, which spares a walk down a deep tree whose nodes have
+    // long left the cache.
     FlatTable<ZORPSVModelItem*> mTreePlaceholders;
     // The thread counts of a fresh node, one thread of mOneThreadRank,
     // shared by all of them.
@@ -448,7 +447,6 @@ private:
     // While the ends of the traces are decoded: decodedFrame may ask the
     // debugger.
     bool mDecodingTraceEnds = false;
-    QVarLengthArray<QPair<int, PSVModelItem*>, 32> mSampleLeaves;
     // While the placeholders of a run are replaced, what each distinct leaf
     // address gives, worked out once: many leaves share an address, and the
     // instruction cache doesn't change meanwhile.
@@ -458,9 +456,22 @@ private:
         bool known = false;
         // Whether the frame shown lies in accelerator code; -1 until asked.
         signed char fromCuda = -1;
+        // Where all of them were worked out ahead, so that threads may read
+        // them at once: the frame shown and its kept position.
+        const DecodedFrame* frame = nullptr;
+        const Position* kept = nullptr;
     };
     FlatTable<LeafAnswer> mLeafAnswers;
     bool mKeepLeafAnswers = false;
+    // The answers for every leaf of the run, worked out in the order of
+    // their addresses, before the placeholders are replaced.
+    void answerLeaves();
+    // populateLineMetrics, with the leaves just made of the sample's threads.
+    void populateLineMetrics(const MetricDefinitions& definitions, Sample& sample,
+                             const QVarLengthArray<QPair<int, PSVModelItem*>, 32>& leaves);
+    // How many threads the work on finished samples may use (the leaves, the
+    // class frames): as many as built the trees.
+    int mSampleWorkers = 1;
     int mTreeBuilders = 0;
 };
 

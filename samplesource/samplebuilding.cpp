@@ -6,6 +6,7 @@
 #include "envswitch.h"
 #include "gpuprofilepsvmodelitem.h"
 #include "preloadsamplesourceutils.h"
+#include "sampleworkers.h"
 #include "profilerresponses.h"
 #include "resample.h"
 #include "sample.h"
@@ -232,7 +233,8 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     {
         SelfProfile trunks(mTharn, QStringLiteral("50.samples-trunk"));
         const unsigned int size = raw->size();
-        buildSampleTrunks(samples, raw, callSites, treeBuildersFor(raw));
+        mSampleWorkers = treeBuildersFor(raw);
+        buildSampleTrunks(samples, raw, callSites, mSampleWorkers);
         for (unsigned int i = 0; i < size; ++i) {
             const timespec stamp = raw->at(i).getTimestamp();
             const bool zero = stamp.tv_sec == 0 && stamp.tv_nsec == 0;
@@ -252,20 +254,16 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
 
     {
         SelfProfile leafs(mTharn, QStringLiteral("80.samples-leafs"));
-        int replaced = 0;
-        // The answers for the leaves, asked in the order of their addresses,
-        // in which the cache's lookups walk memory just walked.
-        mLeafAnswers.clear();
-        mLeafAnswers.reserve(mLeafAddresses.size());
-        for (Address address : mLeafAddresses) {
-            LeafAnswer& answer = mLeafAnswers.insert(address);
-            answer.previous =
-                mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
-            answer.known = true;
-        }
+        answerLeaves();
         mKeepLeafAnswers = true;
-        for (Sample* sample : samples) {
-            mSampleLeaves.clear();
+        // Each sample's trees are its own, and the answers were all worked
+        // out ahead: the samples are shared out among the threads.
+        std::vector<Sample*> finished(samples.begin(), samples.end());
+        std::atomic<int> replaced{0};
+        const bool lineMetrics = mLineMetricsEnabled && !mIgnoreSamples;
+        runOnSampleWorkers(finished.size(), mDebugAddresses ? 1 : mSampleWorkers, [&](size_t i, int) {
+            Sample* sample = finished[i];
+            QVarLengthArray<QPair<int, PSVModelItem*>, 32> leaves;
             for (int tid : sample->sampledTidList()) {
                 ZORPSVModelItem* model = sample->backendOnly_mutablePsvModel(tid);
                 if (!model)
@@ -274,20 +272,19 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
                 PSVModelItem* leaf = nullptr;
                 if (replaceTailFramePlaceholder(model, query, &leaf)) {
                     sample->backendOnly_setInstruction(tid, query);
-                    mSampleLeaves.append(qMakePair(tid, leaf));
-                    ++replaced;
+                    leaves.append(qMakePair(tid, leaf));
                 }
             }
-            if (mLineMetricsEnabled && !mIgnoreSamples)
-                populateLineMetrics(mMetricDefinitions, *sample);
-        }
-        mSampleLeaves.clear();
+            replaced.fetch_add(leaves.size(), std::memory_order_relaxed);
+            if (lineMetrics)
+                populateLineMetrics(mMetricDefinitions, *sample, leaves);
+        });
         mKeepLeafAnswers = false;
         mLeafAnswers.clear();
         mRecordTreePlaceholders = false;
         mTreePlaceholders.clear();
         mTraceEnds.clear();
-        mSelfProfilePoints.addPoint(leafs.finish(replaced));
+        mSelfProfilePoints.addPoint(leafs.finish(replaced.load()));
     }
 
     SelfProfile post(mTharn, QStringLiteral("90.post"));
@@ -602,7 +599,37 @@ void PreloadSampleSource::dropStartupFrame(ZORPSVModelItem* root)
     root->addChild(grandchild);
 }
 
+void PreloadSampleSource::answerLeaves()
+{
+    // In the order of their addresses, in which the cache's lookups walk
+    // memory just walked.
+    mLeafAnswers.clear();
+    mLeafAnswers.reserve(mLeafAddresses.size());
+    oneThread();
+    for (Address address : mLeafAddresses) {
+        LeafAnswer& answer = mLeafAnswers.insert(address);
+        answer.previous =
+            mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
+        answer.known = true;
+        // The frame stands at the instruction that was executing, the one
+        // before the recorded program counter.
+        const Address used = answer.previous.mnemonic.isEmpty() ? address : answer.previous.address;
+        DecodedFrame& frame = decodedFrame(used);
+        if (!frame.kept)
+            frame.kept = PSVModelItem::keptPosition(frame.position, frame.positionKey);
+        answer.frame = &frame;
+        answer.kept = frame.kept;
+        answer.fromCuda = isAddressFromCUDALibrary(used, frame.position.function) ? 1 : 0;
+    }
+}
+
 void PreloadSampleSource::populateLineMetrics(const MetricDefinitions& definitions, Sample& sample)
+{
+    populateLineMetrics(definitions, sample, {});
+}
+
+void PreloadSampleSource::populateLineMetrics(const MetricDefinitions& definitions, Sample& sample,
+                                              const QVarLengthArray<QPair<int, PSVModelItem*>, 32>& leaves)
 {
     if (!cpuInstructionMetricsSupported(definitions))
         return;
@@ -613,7 +640,7 @@ void PreloadSampleSource::populateLineMetrics(const MetricDefinitions& definitio
         if (sample.backendOnly_isSleeping(tid))
             continue;
         PSVModelItem* leaf = nullptr;
-        for (const auto& known : qAsConst(mSampleLeaves)) {
+        for (const auto& known : leaves) {
             if (known.first == tid)
                 leaf = known.second;
         }

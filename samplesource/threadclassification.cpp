@@ -5,9 +5,14 @@
 #include <QFileInfo>
 #include <QVarLengthArray>
 
+#include <algorithm>
+#include <memory>
+#include <vector>
+
 #include "debugger.h"
 #include "sample.h"
 #include "samplelist.h"
+#include "sampleworkers.h"
 #include "tharninterface.h"
 #include "zorpsvmodelitem.h"
 
@@ -130,7 +135,7 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
 {
     const QString name = mDebugger->mainFunctionName();
     Position mainPosition(name, QString(), 1, -1);
-    PositionResponse* response = mDebugger->positionOfFunction(name);
+    const std::unique_ptr<PositionResponse> response(mDebugger->positionOfFunction(name));
     if (response && response->hasFileAndLine()) {
         mainPosition.file = mInternedStrings.intern(response->file);
         mainPosition.line = response->line;
@@ -168,8 +173,11 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
         const Position* position;
         ZORPSVModelItem::Special special;
     };
-    QHash<int, ThreadClass> classes;
-    const auto classOf = [&](int tid) {
+    // Each thread that works on the samples keeps its own answers.
+    const int workers = std::max(1, mSampleWorkers);
+    std::vector<QHash<int, ThreadClass>> classesOf(workers);
+    const auto classOf = [&](int tid, int worker) {
+        QHash<int, ThreadClass>& classes = classesOf[worker];
         auto known = classes.constFind(tid);
         if (known != classes.constEnd())
             return *known;
@@ -197,16 +205,20 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
         return found;
     };
     // The entry frames of threads of no class, by name.
-    FlatTable<const Position*> entries;
+    std::vector<FlatTable<const Position*>> entriesOf(workers);
 
-    for (Sample* sample : samples) {
+    // Each sample's trees are its own: the samples are shared out.
+    const std::vector<Sample*> finished(samples.begin(), samples.end());
+    runOnSampleWorkers(finished.size(), workers, [&](size_t i, int worker) {
+        Sample* sample = finished[i];
+        FlatTable<const Position*>& entries = entriesOf[worker];
         for (int tid : sample->sampledTidList()) {
             ZORPSVModelItem* root = sample->backendOnly_mutablePsvModel(tid);
             if (!root)
                 continue;
             ThreadClass threadClass = sample->backendOnly_threadType(tid) == Sample::ParallelRegionThread
                 ? ThreadClass{mainKept, ZORPSVModelItem::specialMainFrame}
-                : classOf(tid);
+                : classOf(tid, worker);
             if (threadClass.special != ZORPSVModelItem::specialNone) {
                 ZORPSVModelItem* frame = frameAt(threadClass.position, root);
                 frame->setSpecial(threadClass.special);
@@ -239,6 +251,5 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
             moveChildren(root, program);
             root->addChild(program);
         }
-    }
-    delete response;
+    });
 }
