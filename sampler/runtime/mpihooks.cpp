@@ -81,8 +81,8 @@ std::uint64_t takeMpiTimeNs()
         // is still to count. The two readings are not atomic together, and
         // the clocks of two cores may differ slightly: a count never goes
         // back.
-        std::uint64_t total = slot->mpiTicks.load(std::memory_order_relaxed);
-        if (slot->inMpi.load(std::memory_order_relaxed)) {
+        std::uint64_t total = slot->mpiTicks.load(std::memory_order_acquire);
+        if (slot->inMpi.load(std::memory_order_acquire)) {
             const std::uint64_t start = slot->mpiCallStart.load(std::memory_order_relaxed);
             if (now > start)
                 total += now - start;
@@ -129,20 +129,29 @@ ZS_API unsigned long long quorvex_mpi_enter(void)
 {
     const std::uint64_t now = mpiTicks();
     if (ThreadSlot* slot = currentSlot()) {
+        // The start first: a sample in between takes the flag with the
+        // start of this call, never of the previous one.
         slot->mpiCallStart.store(now, std::memory_order_relaxed);
-        slot->inMpi.store(true, std::memory_order_relaxed);
+        slot->inMpi.store(true, std::memory_order_release);
     }
     return now;
 }
 
 ZS_API unsigned long long quorvex_mpi_leave(unsigned long long start)
 {
+    // Out of MPI before the end is read: a sample in between counts the call
+    // up to its own reading, short of the end that the call's figures show,
+    // and never the call twice (once in the total, once as still running),
+    // however long the thread is kept from running here.
+    ThreadSlot* slot = currentSlot();
+    if (slot)
+        slot->inMpi.store(false, std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     const std::uint64_t now = mpiTicks();
-    if (ThreadSlot* slot = currentSlot()) {
+    if (slot) {
         // Only this thread writes its total.
         const std::uint64_t spent = now > start ? now - start : 0;
-        slot->mpiTicks.store(slot->mpiTicks.load(std::memory_order_relaxed) + spent, std::memory_order_relaxed);
-        slot->inMpi.store(false, std::memory_order_relaxed);
+        slot->mpiTicks.store(slot->mpiTicks.load(std::memory_order_relaxed) + spent, std::memory_order_release);
     }
     return now;
 }
