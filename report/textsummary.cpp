@@ -148,7 +148,15 @@ QString textSummary(const Profile& profile, int top)
                         .arg(formatDuration(cpu));
     out << fit(facts, SummaryWidth);
     // Two standard deviations of a share of one half.
-    if (sampling.fewest > 0 && sampling.fewest < 10)
+    // A program that execs ends its sampling, not its run.
+    const qint64 sampledMs = run.wallMs > 0 ? run.wallMs : profile.durationMs();
+    const bool execed = !run.interrupted && run.programMs - sampledMs > std::max<qint64>(500, sampledMs / 5);
+    if (sampling.fewest == 0 && !execed)
+        out << fit(QStringLiteral("No samples: the program ended within its first interval of %1 ms; "
+                                  "try a shorter --interval.")
+                       .arg(run.intervalMs),
+                   SummaryWidth);
+    else if (sampling.fewest > 0 && sampling.fewest < 10)
         out << QStringLiteral("Too few samples for the shares to mean much; a shorter --interval takes more.");
     else if (sampling.fewest > 0 && sampling.fewest < 400)
         out << fit(QStringLiteral("With %1 a share may be off by up to %2 points; a shorter --interval takes more.")
@@ -160,6 +168,11 @@ QString textSummary(const Profile& profile, int top)
     if (run.exitStatus != 0)
         out << QStringLiteral("The program exited with status %1.").arg(run.exitStatus);
 
+    if (execed)
+        out << wrapWords(QStringLiteral("Sampling ended %1 before the program did, most likely because it replaced "
+                                        "itself with another program (exec), which zor does not follow: to see that "
+                                        "program's time, profile it directly.")
+                             .arg(formatDuration(double(run.programMs - sampledMs) * 1e6)));
     QString waitedIn;
     const double waited = profile.childWaitShare(&waitedIn);
     if (waited >= 0.25)
