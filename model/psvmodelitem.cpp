@@ -15,6 +15,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <sys/mman.h>
 #include <vector>
@@ -212,7 +213,7 @@ struct FreeBlock
 
 struct PoolDepot
 {
-    QMutex mutex;
+    std::mutex mutex;
     // Whole lists as threads left them, so that no list is walked.
     std::vector<FreeBlock*> lists[PoolClasses];
     // The untouched ends of the chunks of threads that ended: a thread
@@ -244,7 +245,7 @@ struct PoolCacheReturn
     ~PoolCacheReturn()
     {
         PoolDepot& shared = depot();
-        QMutexLocker lock(&shared.mutex);
+        std::lock_guard<std::mutex> lock(shared.mutex);
         for (int c = 0; c < PoolClasses; ++c) {
             if (tPoolCache.lists[c])
                 shared.lists[c].push_back(tPoolCache.lists[c]);
@@ -263,7 +264,7 @@ void* refill(int sizeClass, std::size_t blockSize)
     PoolCache& cache = tPoolCache;
     {
         PoolDepot& shared = depot();
-        QMutexLocker lock(&shared.mutex);
+        std::lock_guard<std::mutex> lock(shared.mutex);
         if (!shared.lists[sizeClass].empty()) {
             FreeBlock* list = shared.lists[sizeClass].back();
             shared.lists[sizeClass].pop_back();
@@ -356,7 +357,7 @@ struct KeptPositions
     };
     struct Shard
     {
-        QMutex mutex;
+        std::mutex mutex;
         std::vector<Slot> table = std::vector<Slot>(64);
         int size = 0;
         Position* block = nullptr;
@@ -421,7 +422,7 @@ const Position* PSVModelItem::keptPosition(const Position& position, quint32 key
     // store tells them apart by the file too.
     key = quint32(mix(key ^ nameKey(position.file)));
     KeptPositions::Shard& shard = keptPositions().shards[key % KeptPositions::Shards];
-    QMutexLocker lock(&shard.mutex);
+    std::lock_guard<std::mutex> lock(shard.mutex);
     if (const Position* kept = shard.find(position, key))
         return kept;
     return shard.keep(position, key);

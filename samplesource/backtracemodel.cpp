@@ -129,8 +129,8 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
     oneThread();
     TreeLeaf leaf;
     bool mayTell = true;
-    ZORPSVModelItem* root =
-        buildPath(backtrace, partialTrace, rootFramesToSkip, instruction, accelerator, leaf, mayTell);
+    ZORPSVModelItem* root = buildPath(backtrace.trace(), backtrace.inMpi(), partialTrace, rootFramesToSkip,
+                                      instruction, accelerator, leaf, mayTell);
     noteTreeLeaf(root, leaf);
     return root;
 }
@@ -144,7 +144,7 @@ void PreloadSampleSource::noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& le
         mTreePlaceholders.insert(reinterpret_cast<quintptr>(root)) = leaf.placeholder;
 }
 
-ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backtrace, bool partialTrace,
+ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trace, bool inMpi, bool partialTrace,
                                                 unsigned int rootFramesToSkip, QString* instruction,
                                                 bool* accelerator, TreeLeaf& leafOut, bool& mayTell)
 {
@@ -157,7 +157,6 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backt
     ZORPSVModelItem* root = new ZORPSVModelItem;
     root->addThread(rank, false, false);
     ZORPSVModelItem* current = root;
-    const quorvex::backtrace_t& trace = backtrace.trace();
     const size_t n = trace.size();
 
     ZORPSVModelItem* partialNode = nullptr;
@@ -288,7 +287,7 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::SBacktrace& backt
         mayTell = true;
 
     if (first < n) {
-        if (!backtrace.inMpi()) {
+        if (!inMpi) {
             const Address leaf = trace[first];
             current = new PlaceholderZORPSVModelItem(current, leaf, inAccelerator);
             current->addThread(rank, false, false);

@@ -292,11 +292,12 @@ private:
     // the samples finished in their order.
     void buildSampleTrunks(SampleList& samples, const quorvex::SSampleList* raw,
                            const QMap<int, quorvex::SCallSite>& callSites, int builders);
-    int treeBuildersFor(const quorvex::SSampleList* raw) const;
+    // For a run of that many frames in its traces.
+    int treeBuildersFor(size_t frames) const;
     // createPSVModelForBacktrace's work, as buildTrees may do it: the leaf
     // goes to leaf rather than to the lists of the source. mayTell: whether
     // a frame of the path is telling (DecodedFrame::telling) or named here.
-    ZORPSVModelItem* buildPath(const quorvex::SBacktrace& backtrace, bool partialTrace,
+    ZORPSVModelItem* buildPath(const quorvex::backtrace_t& trace, bool inMpi, bool partialTrace,
                                unsigned int rootFramesToSkip, QString* instruction, bool* accelerator,
                                TreeLeaf& leaf, bool& mayTell);
     void noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& leaf);

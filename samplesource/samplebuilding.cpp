@@ -15,6 +15,7 @@
 #include "ssamplelist.h"
 #include "tharninterface.h"
 #include "timespec_utils.h"
+#include "zor_assert.h"
 #include "zorpsvmodelitem.h"
 
 #include <algorithm>
@@ -24,7 +25,6 @@
 #include <exception>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <sched.h>
 #include <thread>
 #include <vector>
@@ -124,23 +124,16 @@ private:
 
 } // namespace
 
-int PreloadSampleSource::treeBuildersFor(const quorvex::SSampleList* raw) const
+int PreloadSampleSource::treeBuildersFor(size_t frames) const
 {
     // That mode interns names as trees are built.
     if (mDebugAddresses)
         return 1;
     if (mTreeBuilders > 0)
         return mTreeBuilders;
-    const int cores = usableCores();
-    if (cores < 2)
+    if (frames < FramesForTwoBuilders)
         return 1;
-    size_t frames = 0;
-    for (unsigned int i = 0; i < raw->size() && frames < FramesForTwoBuilders; ++i) {
-        quorvex::SSampleBacktraceIterator threads(raw->at(i));
-        while (threads.hasNext())
-            frames += threads.next().trace().size();
-    }
-    return frames < FramesForTwoBuilders ? 1 : std::min(cores, MostTreeBuilders);
+    return std::min(usableCores(), MostTreeBuilders);
 }
 
 void PreloadSampleSource::buildSampleTrunks(SampleList& samples, const quorvex::SSampleList* raw,
@@ -224,6 +217,14 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
                                              const QMap<int, quorvex::SCallSite>& callSites)
 {
     PreloadSampleSourceUtils::correctSparseMetrics(raw, mMetricDefinitions);
+
+    size_t frames = 0;
+    for (unsigned int i = 0; i < raw->size(); ++i) {
+        quorvex::SSampleBacktraceIterator threads(raw->at(i));
+        while (threads.hasNext())
+            frames += threads.next().trace().size();
+    }
+    const int builders = treeBuildersFor(frames);
     precacheLineAndInstructionInfo(raw, callSites);
     mRecordTreePlaceholders = true;
 
@@ -233,8 +234,8 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     {
         SelfProfile trunks(mTharn, QStringLiteral("50.samples-trunk"));
         const unsigned int size = raw->size();
-        mSampleWorkers = treeBuildersFor(raw);
-        buildSampleTrunks(samples, raw, callSites, mSampleWorkers);
+        mSampleWorkers = builders;
+        buildSampleTrunks(samples, raw, callSites, builders);
         for (unsigned int i = 0; i < size; ++i) {
             const timespec stamp = raw->at(i).getTimestamp();
             const bool zero = stamp.tv_sec == 0 && stamp.tv_nsec == 0;
@@ -363,39 +364,41 @@ void PreloadSampleSource::buildTrees(const quorvex::SSample& raw, const QMap<int
         const bool mainThread = threads.wasMainThread();
 
         // A worker's trace that stops at its region continues with the
-        // stack that opened the region. Only such a trace is copied.
-        const quorvex::SBacktrace* trace = &backtrace;
-        // Made only when needed: an empty backtrace takes heap memory ahead.
-        std::optional<quorvex::SBacktrace> extended;
+        // stack that opened the region. Only such a trace is copied, into a
+        // plain list of frames: a backtrace's copy writes shared state.
+        const quorvex::backtrace_t* trace = &backtrace.trace();
+        quorvex::backtrace_t extended;
         int siteFrames = 0;
         if (backtrace.stopsAtCallingFrame()) {
             const auto site = callSites.constFind(backtrace.parallelId());
             if (site != callSites.constEnd() && site->callSite()->unwindStatus() != UNW_ZOR_NOT_SET) {
-                extended.emplace(backtrace);
-                extended->appendTrace(site->callSite()->trace());
-                trace = &*extended;
+                const quorvex::backtrace_t& siteTrace = site->callSite()->trace();
+                ZOR_ASSERT(!siteTrace.empty());
+                extended.reserve(trace->size() + siteTrace.size());
+                extended.assign(trace->begin(), trace->end());
+                extended.insert(extended.end(), siteTrace.begin(), siteTrace.end());
+                trace = &extended;
                 tree->hasCallSite = true;
-                siteFrames = int(site->callSite()->trace().size());
+                siteFrames = int(siteTrace.size());
             }
         }
 
         unsigned int rootFramesToSkip = 0;
         bool foundRoot = false;
         if (!tree->hasCallSite && !mainThread) {
-            const TraceEnds* ends = mTraceEnds.find(traceKey(trace->trace()));
+            const TraceEnds* ends = mTraceEnds.find(traceKey(*trace));
             if (ends && ends->rootKnown) {
                 rootFramesToSkip = ends->rootFramesToSkip;
                 foundRoot = ends->rootFound;
             } else {
-                rootFramesToSkip = findRootFramesOfThread(trace->trace(), foundRoot);
+                rootFramesToSkip = findRootFramesOfThread(*trace, foundRoot);
             }
         }
         // A thread whose root was found is whole, whatever its status says.
         const bool partial = status != 0 ? !foundRoot : false;
 
-        ZORPSVModelItem* root =
-            buildPath(*trace, partial, rootFramesToSkip, &tree->instruction, &tree->accelerator, tree->leaf,
-                      tree->mayTell);
+        ZORPSVModelItem* root = buildPath(*trace, backtrace.inMpi(), partial, rootFramesToSkip, &tree->instruction,
+                                          &tree->accelerator, tree->leaf, tree->mayTell);
         tree->root = root;
         if (backtrace.stopsAtCallingFrame())
             tree->regionCaller = markRegionCaller(root, tree->hasCallSite ? siteFrames : 0);
