@@ -188,7 +188,7 @@ QString textSummary(const Profile& profile, int top)
             functions.append(f);
     }
     out << QString() << QStringLiteral("Top functions by self time (share of all CPU time)");
-    out << QStringLiteral("   self   total  %1 where").arg(QStringLiteral("function"), -48);
+    out << QStringLiteral("   self   total  %1 hottest line").arg(QStringLiteral("function"), -48);
     for (const FunctionFigure& f : functions) {
         out << fit(QStringLiteral("%1 %2  %3 %4")
                        .arg(formatPercent(f.selfNs, cpu), 7)
