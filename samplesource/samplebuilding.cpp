@@ -51,6 +51,7 @@ bool sameTrace(const quorvex::backtrace_t& a, const quorvex::backtrace_t& b)
 // Below this many frames in a run, starting a second builder costs about
 // what it saves (building a tree takes about 0.1 us per frame).
 const size_t FramesForTwoBuilders = 10000;
+const size_t FramesForSampleWorkers = 200000;
 const int MostTreeBuilders = 4;
 
 int usableCores()
@@ -224,7 +225,12 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
         while (threads.hasNext())
             frames += threads.next().trace().size();
     }
-    mSampleWorkers = treeBuildersFor(frames);
+    const int builders = treeBuildersFor(frames);
+    // The other phases' work on a sample is a fraction of building its
+    // trees: a second thread of theirs pays only on a large run, and on a
+    // small one waiting for a busy core to start it costs more than it
+    // saves. A number of builders that was set holds for them too.
+    mSampleWorkers = mTreeBuilders > 0 || frames >= FramesForSampleWorkers ? builders : 1;
     precacheLineAndInstructionInfo(raw, callSites);
     mRecordTreePlaceholders = true;
 
@@ -234,7 +240,7 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     {
         SelfProfile trunks(mTharn, QStringLiteral("50.samples-trunk"));
         const unsigned int size = raw->size();
-        buildSampleTrunks(samples, raw, callSites, mSampleWorkers);
+        buildSampleTrunks(samples, raw, callSites, builders);
         for (unsigned int i = 0; i < size; ++i) {
             const timespec stamp = raw->at(i).getTimestamp();
             const bool zero = stamp.tv_sec == 0 && stamp.tv_nsec == 0;
