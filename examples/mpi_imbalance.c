@@ -9,7 +9,9 @@
  *   zor-mpi-example [ITERATIONS [UNITS [COUNT]]]   (defaults 20, 400, 16)
  *
  * UNITS is the work of one compute step. On stdout it prints, per rank, the
- * calls it made: "rank R calls MPI_Allreduce N MPI_Barrier N".
+ * calls it made: "rank R calls MPI_Allreduce N MPI_Barrier N", and the time
+ * it spent in MPI_Barrier by its own clock: "rank R spent NS ns in
+ * MPI_Barrier".
  *
  *   --abort R      rank R calls MPI_Abort in the second round, before its
  *                  barrier and a fifth of a second after the others reach it
@@ -35,6 +37,13 @@ __attribute__((noinline)) void compute(long units)
     sink = x;
 }
 
+static long long now_ns(void)
+{
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return t.tv_sec * 1000000000LL + t.tv_nsec;
+}
+
 __attribute__((noinline)) void uneven_compute(int rank, long units)
 {
     compute((rank + 1) * units);
@@ -58,6 +67,7 @@ int main(int argc, char** argv)
     double local[64], global[64];
     const int n = numbers[2] > 0 && numbers[2] <= 64 ? (int)numbers[2] : 16;
     long allreduces = 0, barriers = 0;
+    long long barrierNs = 0;
     for (long round = 0; round < numbers[0]; ++round) {
         compute(numbers[1]);
         for (int i = 0; i < n; ++i)
@@ -73,10 +83,13 @@ int main(int argc, char** argv)
                 MPI_Abort(MPI_COMM_WORLD, 3);
             raise(SIGSEGV);
         }
+        const long long before = now_ns();
         MPI_Barrier(MPI_COMM_WORLD);
+        barrierNs += now_ns() - before;
         ++barriers;
     }
     printf("rank %d calls MPI_Allreduce %ld MPI_Barrier %ld\n", rank, allreduces, barriers);
+    printf("rank %d spent %lld ns in MPI_Barrier\n", rank, barrierNs);
     fflush(stdout);
     MPI_Finalize();
     return global[0] < 0;

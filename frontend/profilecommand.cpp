@@ -775,6 +775,10 @@ int ProfileRun::run()
     // Only the user's stop counts: a program that ends also ends a run.
     result.run.interrupted = mStopping;
     result.run.wallMs = duration;
+    for (HostConnection* host : qAsConst(mHosts)) {
+        if (host->targetEnded())
+            result.run.programMs = std::max(result.run.programMs, mClock.elapsed() - host->msSinceTargetEnded());
+    }
 
     // The same number of samples from every rank, on one time axis.
     Command send(QString::fromLatin1(CMD_ZOR_SEND_SAMPLES), QString::fromLatin1(XML_TARGET_PROFILER));

@@ -1,5 +1,6 @@
 #include "profile.h"
 
+#include <QRegularExpression>
 #include <QSet>
 
 #include <algorithm>
@@ -73,6 +74,14 @@ bool isInstruction(const QString& mnemonic)
 {
     return !mnemonic.isEmpty() && mnemonic != QLatin1String("mpi") && mnemonic != QLatin1String("accel")
         && mnemonic != QLatin1String("leaf-placeholder");
+}
+
+// The C library's ways of waiting for a child process, by the names its
+// debug information gives them.
+bool isWaitForChild(const QString& function)
+{
+    static const QRegularExpression names(QStringLiteral("^(__GI_)?_*(wait|wait3|wait4|waitpid|waitid|libc_wait)( \\[inlined\\])?$"));
+    return names.match(function).hasMatch();
 }
 
 template <class Figure>
@@ -151,6 +160,16 @@ void Profile::build()
                 }
                 threadSamples.append({ rank.rank(), tid, beginMs, beginMs + stretchMs, sample.backendOnly_cpuTime(tid),
                                        classLabel(sample, tid, paths.value(0)) });
+                if (sample.backendOnly_threadType(tid) == Sample::MainThread) {
+                    ++mChildWait.second;
+                    if (sleeping && !paths.isEmpty() && !paths.first().isEmpty()) {
+                        const QString& leaf = paths.first().last()->position().function;
+                        if (isWaitForChild(leaf)) {
+                            ++mChildWait.first;
+                            mChildWaitFunction = leaf;
+                        }
+                    }
+                }
             }
         }
         merger.add(rankTree);
@@ -402,6 +421,13 @@ QList<InstructionClassShare> Profile::instructionMix() const
         return aNone != bNone ? bNone : a.percent > b.percent;
     });
     return mix;
+}
+
+double Profile::childWaitShare(QString* function) const
+{
+    if (function)
+        *function = mChildWaitFunction;
+    return mChildWait.second > 0 ? double(mChildWait.first) / mChildWait.second : 0.0;
 }
 
 QMap<int, double> Profile::mpiShare() const

@@ -105,6 +105,9 @@ public:
     // ones in none last; the shares add up to 100. Empty when the run has no
     // instructions.
     QList<InstructionClassShare> instructionMix() const;
+    // Share of the main threads' samples that waited for a child process,
+    // whose own work isn't sampled; `function` gets the function waited in.
+    double childWaitShare(QString* function = nullptr) const;
     // Share of the main threads' samples that were inside MPI, per rank;
     // empty when no rank was ever in MPI.
     QMap<int, double> mpiShare() const;
@@ -138,6 +141,8 @@ private:
     QList<LineFigure> mLines;
     QHash<QPair<QString, bool>, quint64> mInstructionNs; // CPU time by mnemonic and implicit memory
     QMap<int, QPair<int, int>> mMpi;        // rank to main-thread samples in MPI and in all
+    QPair<int, int> mChildWait;             // main-thread samples waiting for a child, and all
+    QString mChildWaitFunction;
     QVector<ThreadSample> mThreadSamples;
 };
 

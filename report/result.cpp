@@ -38,6 +38,8 @@ void writeRun(QXmlStreamWriter& w, const RunInfo& run)
     w.writeAttribute(QStringLiteral("exitStatus"), QString::number(run.exitStatus));
     if (run.interrupted)
         w.writeAttribute(QStringLiteral("interrupted"), QStringLiteral("yes"));
+    if (run.programMs > 0)
+        w.writeAttribute(QStringLiteral("programMs"), QString::number(run.programMs));
     for (const QString& argument : run.arguments)
         w.writeTextElement(QStringLiteral("arg"), argument);
     w.writeEndElement();
@@ -54,6 +56,8 @@ bool readRun(QXmlStreamReader& r, RunInfo* run, QString* error)
     run->samplesPerProcess = a.value(QLatin1String("samples")).toInt(&ok[2]);
     run->exitStatus = a.value(QLatin1String("exitStatus")).toInt(&ok[3]);
     run->interrupted = a.value(QLatin1String("interrupted")) == QLatin1String("yes");
+    // Not in files of older versions.
+    run->programMs = std::max(0LL, a.value(QLatin1String("programMs")).toLongLong());
     ok[4] = run->started.isValid();
     for (bool b : ok) {
         if (!b) {

@@ -20,6 +20,9 @@ struct RunInfo
     QStringList arguments;
     QDateTime started; // UTC
     qint64 wallMs = 0; // from the start of the program to its end
+    // From the start of sampling to the program's end as zor saw it, which
+    // may be later than sampling's end (after an exec); 0 if not known.
+    qint64 programMs = 0;
     int intervalMs = 20;
     int samplesPerProcess = 1000;
     int exitStatus = 0;

@@ -69,17 +69,18 @@ QStringList wrap(const QString& head, const QStringList& items)
     return lines;
 }
 
-// Breaks a sentence into lines of at most SummaryWidth columns, indented.
-QStringList wrapWords(const QString& text)
+// Breaks sentences into lines of at most SummaryWidth columns, each
+// starting with `indent`.
+QStringList wrapWords(const QString& text, const QString& indent = QString())
 {
     QStringList lines;
-    QString line = QStringLiteral(" ");
+    QString line = indent;
     for (const QString& word : text.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
-        if (line.size() + 1 + word.size() > SummaryWidth && line.size() > 1) {
+        if (line.size() + 1 + word.size() > SummaryWidth && line.size() > indent.size()) {
             lines << line;
-            line = QStringLiteral(" ");
+            line = indent;
         }
-        line += QLatin1Char(' ') + word;
+        line += (line.size() > indent.size() ? QStringLiteral(" ") : QString()) + word;
     }
     lines << fit(line, SummaryWidth);
     return lines;
@@ -147,8 +148,18 @@ QString textSummary(const Profile& profile, int top)
                         .arg(formatDuration(cpu));
     out << fit(facts, SummaryWidth);
     // Two standard deviations of a share of one half.
-    if (sampling.fewest > 0 && sampling.fewest < 400)
-        out << fit(QStringLiteral("With %1 a share may be off by up to %2 points; --interval MS takes more.")
+    // A program that execs ends its sampling, not its run.
+    const qint64 sampledMs = run.wallMs > 0 ? run.wallMs : profile.durationMs();
+    const bool execed = !run.interrupted && run.programMs - sampledMs > std::max<qint64>(500, sampledMs / 5);
+    if (sampling.fewest == 0 && !execed)
+        out << fit(QStringLiteral("No samples: the program ended within its first interval of %1 ms; "
+                                  "try a shorter --interval.")
+                       .arg(run.intervalMs),
+                   SummaryWidth);
+    else if (sampling.fewest > 0 && sampling.fewest < 10)
+        out << QStringLiteral("Too few samples for the shares to mean much; a shorter --interval takes more.");
+    else if (sampling.fewest > 0 && sampling.fewest < 400)
+        out << fit(QStringLiteral("With %1 a share may be off by up to %2 points; a shorter --interval takes more.")
                        .arg(plural(sampling.fewest, "sample", "samples"))
                        .arg(std::lround(100 / std::sqrt(double(sampling.fewest)))),
                    SummaryWidth);
@@ -157,6 +168,19 @@ QString textSummary(const Profile& profile, int top)
     if (run.exitStatus != 0)
         out << QStringLiteral("The program exited with status %1.").arg(run.exitStatus);
 
+    if (execed)
+        out << wrapWords(QStringLiteral("Sampling ended %1 before the program did, most likely because it replaced "
+                                        "itself with another program (exec), which zor does not follow: to see that "
+                                        "program's time, profile it directly.")
+                             .arg(formatDuration(double(run.programMs - sampledMs) * 1e6)));
+    QString waitedIn;
+    const double waited = profile.childWaitShare(&waitedIn);
+    if (waited >= 0.25)
+        out << wrapWords(QStringLiteral("The program waited for programs that it started through %1 of the run (in %2). "
+                                        "zor samples only the program that it starts: to see their time, profile "
+                                        "them directly.")
+                             .arg(formatPercent(waited, 1), waitedIn));
+
     QList<FunctionFigure> functions;
     // Functions that would show 0.0% self time are left out.
     for (const FunctionFigure& f : profile.functions(top)) {
@@ -164,7 +188,7 @@ QString textSummary(const Profile& profile, int top)
             functions.append(f);
     }
     out << QString() << QStringLiteral("Top functions by self time (share of all CPU time)");
-    out << QStringLiteral("   self   total  %1 where").arg(QStringLiteral("function"), -48);
+    out << QStringLiteral("   self   total  %1 hottest line").arg(QStringLiteral("function"), -48);
     for (const FunctionFigure& f : functions) {
         out << fit(QStringLiteral("%1 %2  %3 %4")
                        .arg(formatPercent(f.selfNs, cpu), 7)
@@ -193,7 +217,8 @@ QString textSummary(const Profile& profile, int top)
         out << wrapWords(QStringLiteral("%1 of the CPU time is in code without symbols%2. Debug symbols for it (on "
                                         "Debian, a -dbgsym or -dbg package) would name its functions and lines.")
                              .arg(formatPercent(unnamedNs, cpu))
-                             .arg(where));
+                             .arg(where),
+                         QStringLiteral("  "));
     }
 
     QList<LineFigure> lines;

@@ -11,6 +11,7 @@
 
 #include "constants.h"
 #include "debugger.h"
+#include "sampleworkers.h"
 #include "selfprofile.h"
 #include "ssamplelist.h"
 #include "tempguards.h"
@@ -107,6 +108,15 @@ public:
         if ((mCount + 1) * 2 > mSlots.size())
             grow();
         insertNew(address);
+    }
+    // Adds the addresses of other.
+    void merge(const AddressCollector& other)
+    {
+        for (Address slot : other.mSlots) {
+            if (slot != Empty)
+                insert(slot);
+        }
+        mHasEmpty = mHasEmpty || other.mHasEmpty;
     }
     std::vector<Address> sorted() const
     {
@@ -286,28 +296,45 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
 {
     TempDisableDebugMode quiet(&mTharn);
     findSamplerLibraries();
-    AddressCollector collector;
-
-    // The leaves apart: they are decoded as they are, with the ends of the
-    // traces.
-    AddressCollector leaves;
-    size_t traces = 0;
-
+    // The samples are shared out among the threads that will build the
+    // trees, each gathering into tables of its own.
+    struct Gathered
+    {
+        AddressCollector addresses;
+        // The leaves apart: they are decoded as they are, with the ends of
+        // the traces.
+        AddressCollector leaves;
+        size_t traces = 0;
+        unsigned long missingSamples = 0;
+    };
     SelfProfile prep(mTharn, QStringLiteral("30.precachePrep"));
-    for (unsigned int i = 0; i < samples->size(); ++i) {
+    std::vector<Gathered> gathered(size_t(std::max(1, mSampleWorkers)));
+    runOnSampleWorkers(samples->size(), int(gathered.size()), [&](size_t i, int worker) {
+        Gathered& mine = gathered[size_t(worker)];
         bool missing = false;
-        quorvex::SSampleBacktraceIterator threads(samples->at(i));
+        quorvex::SSampleBacktraceIterator threads(samples->at(unsigned(i)));
         while (threads.hasNext()) {
             const quorvex::backtrace_t& trace = threads.next().trace();
-            ++traces;
+            ++mine.traces;
             if (trace.empty())
                 missing = true;
             else
-                leaves.insert(trace[0]);
-            collector.insertAll(trace.data(), trace.size());
+                mine.leaves.insert(trace[0]);
+            mine.addresses.insertAll(trace.data(), trace.size());
         }
         if (missing)
-            ++mMissingBacktraceSamples;
+            ++mine.missingSamples;
+    });
+    AddressCollector& collector = gathered[0].addresses;
+    AddressCollector& leaves = gathered[0].leaves;
+    size_t traces = 0;
+    for (size_t w = 0; w < gathered.size(); ++w) {
+        if (w > 0) {
+            collector.merge(gathered[w].addresses);
+            leaves.merge(gathered[w].leaves);
+        }
+        traces += gathered[w].traces;
+        mMissingBacktraceSamples += gathered[w].missingSamples;
     }
     // Each distinct address one byte back, where its call lies: the
     // position of a return address. The addresses themselves are read only

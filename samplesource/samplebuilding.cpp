@@ -231,7 +231,7 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
         while (threads.hasNext())
             frames += threads.next().trace().size();
     }
-    const int builders = treeBuildersFor(frames);
+    mSampleWorkers = treeBuildersFor(frames);
     precacheLineAndInstructionInfo(raw, callSites);
     mRecordTreePlaceholders = true;
 
@@ -241,8 +241,7 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     {
         SelfProfile trunks(mTharn, QStringLiteral("50.samples-trunk"));
         const unsigned int size = raw->size();
-        mSampleWorkers = builders;
-        buildSampleTrunks(samples, raw, callSites, builders);
+        buildSampleTrunks(samples, raw, callSites, mSampleWorkers);
         for (unsigned int i = 0; i < size; ++i) {
             const timespec stamp = raw->at(i).getTimestamp();
             const bool zero = stamp.tv_sec == 0 && stamp.tv_nsec == 0;

@@ -36,6 +36,7 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     Result original = exampleResult(2);
     original.run.exitStatus = 3;
     original.run.interrupted = true;
+    original.run.programMs = 4000;
     original.run.arguments << QStringLiteral("it's quoted");
     MetricErrorMap errors;
     errors[QStringLiteral("instr_fp")].insert(1, MetricError(QStringLiteral("instr_fp"), 1, QStringLiteral("no"), 1));
@@ -55,6 +56,7 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     EXPECT_EQ(read.run.commandLine(), QStringLiteral("./zor-example --seconds 2 'it'\\''s quoted'"));
     EXPECT_EQ(read.run.started, original.run.started);
     EXPECT_TRUE(read.run.interrupted);
+    EXPECT_EQ(read.run.programMs, 4000);
     ASSERT_EQ(read.ranks.size(), 3);
     EXPECT_TRUE(read.ranks[2].samples.isEmpty());
     EXPECT_EQ(read.ranks[1].rank(), 1);
@@ -229,6 +231,25 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     // The worker's strip is blank while it waits.
     const QString worker = lines.filter(QStringLiteral("other threads")).value(0);
     EXPECT_TRUE(worker.contains(QRegExp(QStringLiteral("\\| {12}#{48}\\|  80% busy")))) << qPrintable(worker);
+    EXPECT_FALSE(text.contains(QLatin1String("waited for programs"))) << qPrintable(text);
+    EXPECT_FALSE(text.contains(QLatin1String("Sampling ended"))) << qPrintable(text);
+    // A program that went on after sampling ended (an exec).
+    Result execs = exampleResult(1);
+    execs.run.programMs = 4000;
+    EXPECT_TRUE(textSummary(Profile(execs), 5).contains(QLatin1String("Sampling ended 1.99 s before the program did")));
+
+    // A shell that waits for the program doing the work, in code without symbols.
+    Result shell = exampleResult(0);
+    RankResult rank = exampleRank(0, 0);
+    for (int i = 0; i < 8; ++i) {
+        const bool waiting = i % 4 != 0;
+        rank.samples << makeSample(0, 10 * i, { { 1, Sample::MainThread, 1000, { "main", "<unknown> from sh", waiting ? "__waitpid" : "<unknown> from sh" }, waiting } });
+    }
+    shell.ranks << rank;
+    const QString waits = textSummary(Profile(shell), 5);
+    for (const char* expected : { "The program waited for programs that it started through 75.0% of the run",
+                                  "(in __waitpid)", "code without symbols (sh)" })
+        EXPECT_TRUE(waits.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(waits);
 }
 
 TEST(Reports, HtmlPageIsSelfContainedAndCarriesTheTree)
