@@ -134,6 +134,14 @@ void SSampleList::downsample()
         if (kept != i)
             mSamples[i] = mSamples[kept];
     }
+    // An odd one out joins the last survivor rather than taking its time
+    // with it.
+    if (oldSize % 2 != 0 && downsampledSize > 0) {
+        const std::size_t last = downsampledSize - 1;
+        const std::size_t kept = chooseBetween(last, oldSize - 1);
+        if (kept != last)
+            mSamples[last] = mSamples[kept];
+    }
     for (std::uint32_t j = downsampledSize; j < oldSize; ++j)
         mSamples[j].invalidate();
 
