@@ -44,7 +44,7 @@ SelfProfilePoint SelfProfile::finish(int elements)
 
     unsigned long long total = 0;
     unsigned long long free = 0;
-    PreloadSampleSourceUtils::parseSysMemInfo(PreloadSampleSourceUtils::readSysMemInfo(), total, free);
+    PreloadSampleSourceUtils::readSysMem(total, free);
     const unsigned long long used = total - free;
 
     static EnvSwitch report("TIME_ZOR_BACKEND");

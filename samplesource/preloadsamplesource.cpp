@@ -697,7 +697,10 @@ void PreloadSampleSource::reportAnalysisProcessing(AnalysisPhase phase, double f
     if (gained <= 3)
         return;
     mReportedProgress = percent;
-    const short memory = PreloadSampleSourceUtils::calcSysMemUsage(PreloadSampleSourceUtils::readSysMemInfo());
+    unsigned long long total = 0;
+    unsigned long long free = 0;
+    PreloadSampleSourceUtils::readSysMem(total, free);
+    const short memory = PreloadSampleSourceUtils::sysMemUsage(total, free);
     ProfilerProgressResponse progress(ProfilerProgressResponse::AnalysisProgress, gained, memory);
     mTharn.sendResponse(&progress);
     mTharn.flushResponses();

@@ -41,6 +41,11 @@ public:
     // The percentage of memory in use, buffers and cache counted as free;
     // 0 when the lines don't tell.
     static short calcSysMemUsage(const QStringList& lines);
+    // The same from the file's text, and from the file itself, read as it
+    // is now (false when it can't be read).
+    static void parseSysMemInfo(const char* text, unsigned long long& total, unsigned long long& free);
+    static bool readSysMem(unsigned long long& total, unsigned long long& free);
+    static short sysMemUsage(unsigned long long total, unsigned long long free);
 
     // The objects of the sampler's "PATH.modules" list, each over the span
     // its file's loadable segments cover from its load address. Objects

@@ -113,6 +113,12 @@ TEST(SysMemInfo, ParsesTheLinesThatCountAndReadsThisNode)
     EXPECT_TRUE(node.first().startsWith(QStringLiteral("MemTotal:")) && node.last().isEmpty());
     EXPECT_GT(Utils::calcSysMemUsage(node), 0);
     EXPECT_LT(Utils::calcSysMemUsage(node), 100);
+    // The file read in place gives the same total.
+    unsigned long long fromLines = 0;
+    Utils::parseSysMemInfo(node, fromLines, free);
+    ASSERT_TRUE(Utils::readSysMem(total, free));
+    EXPECT_EQ(total, fromLines);
+    EXPECT_GT(Utils::sysMemUsage(total, free), 0);
 }
 
 } // namespace
