@@ -26,6 +26,7 @@
 #include <memory>
 #include <mutex>
 #include <sched.h>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -175,17 +176,23 @@ void PreloadSampleSource::buildSampleTrunks(SampleList& samples, const quorvex::
         }
     };
     try {
-        for (int h = 1; h < builders; ++h) {
-            helpers.emplace_back([&]() {
-                try {
-                    for (unsigned int i = work.take(); i < size; i = work.take()) {
-                        build(i);
-                        work.built(i);
-                    }
-                } catch (...) {
-                    work.fail(std::current_exception());
+        const auto help = [&]() {
+            try {
+                for (unsigned int i = work.take(); i < size; i = work.take()) {
+                    build(i);
+                    work.built(i);
                 }
-            });
+            } catch (...) {
+                work.fail(std::current_exception());
+            }
+        };
+        for (int h = 1; h < builders; ++h) {
+            try {
+                helpers.emplace_back(help);
+            } catch (const std::system_error&) {
+                // A helper that can't start leaves its share to this thread.
+                break;
+            }
         }
         bool allTaken = false;
         for (; finished < size; ++finished) {
