@@ -621,6 +621,8 @@ void PreloadSampleSource::answerLeaves()
     const bool asked = mLeafQuestions.asked && !mLeafQuestions.stale
         && mLeafQuestions.previous.size() == mLeafQuestions.leaves.size();
     const std::vector<Address>& foreseen = mLeafQuestions.leaves;
+    std::vector<LeafAnswer*> answers;
+    answers.reserve(mLeafAddresses.size());
     size_t next = 0;
     for (Address address : mLeafAddresses) {
         LeafAnswer& answer = mLeafAnswers.insert(address);
@@ -632,17 +634,26 @@ void PreloadSampleSource::answerLeaves()
             answer.previous =
                 mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
         answer.known = true;
-        // The frame stands at the instruction that was executing, the one
-        // before the recorded program counter.
-        const Address used = answer.previous.mnemonic.isEmpty() ? address : answer.previous.address;
-        DecodedFrame& frame = decodedFrame(used);
-        if (!frame.kept)
-            frame.kept = PSVModelItem::keptPosition(frame.position, frame.positionKey);
-        answer.frame = &frame;
-        answer.kept = frame.kept;
-        answer.fromCuda = isAddressFromCUDALibrary(used, frame.position.function) ? 1 : 0;
+        answers.push_back(&answer);
     }
     mLeafQuestions.clear();
+    // The frames shown, on the sample workers: the table of answers is full
+    // and moves no more, and two leaves may share a frame.
+    runOnSampleWorkers(answers.size(), mDebugAddresses ? 1 : mSampleWorkers, [&](size_t i, int) {
+        LeafAnswer& answer = *answers[i];
+        // The frame stands at the instruction that was executing, the one
+        // before the recorded program counter.
+        const Address used = answer.previous.mnemonic.isEmpty() ? mLeafAddresses[i] : answer.previous.address;
+        DecodedFrame& frame = decodedFrame(used);
+        const Position* kept = __atomic_load_n(&frame.kept, __ATOMIC_ACQUIRE);
+        if (!kept) {
+            kept = PSVModelItem::keptPosition(frame.position, frame.positionKey);
+            __atomic_store_n(&frame.kept, kept, __ATOMIC_RELEASE);
+        }
+        answer.frame = &frame;
+        answer.kept = kept;
+        answer.fromCuda = isAddressFromCUDALibrary(used, frame.position.function) ? 1 : 0;
+    });
 }
 
 int PreloadSampleSource::replaceLeaves()
