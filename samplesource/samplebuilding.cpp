@@ -13,6 +13,7 @@
 #include "samplelist.h"
 #include "selfprofile.h"
 #include "ssamplelist.h"
+#include "tempguards.h"
 #include "tharninterface.h"
 #include "timespec_utils.h"
 #include "zor_assert.h"
@@ -241,6 +242,20 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     precacheLineAndInstructionInfo(raw, callSites);
     mRecordTreePlaceholders = true;
 
+    // The leaves' questions to the debugger go beside the trunk, which never
+    // asks it; the thread ends with the trunk, also when the trunk fails.
+    std::unique_ptr<TempDisableDebugMode> quiet(new TempDisableDebugMode(&mTharn));
+    startLeafQuestions();
+    struct JoinLeafQuestions
+    {
+        std::thread& thread;
+        ~JoinLeafQuestions()
+        {
+            if (thread.joinable())
+                thread.join();
+        }
+    } joinLeafQuestions{mLeafQuestions.thread};
+
     timespec intervalSum = {0, 0};
     unsigned long long intervals = 0;
     timespec previousStamp = {0, 0};
@@ -264,6 +279,7 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     }
 
     disassembleAndDecodeLeafAddresses();
+    quiet.reset();
 
     {
         SelfProfile leafs(mTharn, QStringLiteral("80.samples-leafs"));
