@@ -258,7 +258,7 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     }
     shell.ranks << rank;
     const QString waits = textSummary(Profile(shell), 5);
-    for (const char* expected : { "1 process, 2 threads", "parallel region threads (1)|",
+    for (const char* expected : { "1 process, 2 threads", "OpenMP worker thread (1)   |",
                                   "The program waited for programs that it started through 75.0% of the run",
                                   "(in __waitpid)", "code without symbols (sh)" })
         EXPECT_TRUE(waits.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(waits);
