@@ -153,15 +153,21 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
     }
 
     // Every tree gets the same few frames on top: their positions are kept
-    // once, and each thread's class is told once.
-    const auto kept = [](const Position& position) {
-        return PSVModelItem::keptPosition(position, PSVModelItem::positionKeyOf(position));
+    // once, with their keys, and each thread's class is told once.
+    struct KeptFrame
+    {
+        const Position* position = nullptr;
+        quint32 key = 0;
     };
-    const Position* programKept = kept(Position(programDisplayName(), QString(), -1, -1));
-    const Position* mainKept = kept(mainPosition);
+    const auto keptFrame = [](const Position& position) {
+        const quint32 key = PSVModelItem::positionKeyOf(position);
+        return KeptFrame{PSVModelItem::keptPosition(position, key), key};
+    };
+    const KeptFrame programKept = keptFrame(Position(programDisplayName(), QString(), -1, -1));
+    const KeptFrame mainKept = keptFrame(mainPosition);
     const IntProcessMap& threads = oneThread();
-    const auto frameAt = [&](const Position* position, const ZORPSVModelItem* counted) {
-        ZORPSVModelItem* frame = new ZORPSVModelItem(nullptr, position, PSVModelItem::positionKeyOf(*position), threads);
+    const auto frameAt = [&](const KeptFrame& position, const ZORPSVModelItem* counted) {
+        ZORPSVModelItem* frame = new ZORPSVModelItem(nullptr, position.position, position.key, threads);
         if (counted) {
             frame->addSampleCounts(counted->sampleCount(), counted->selfSampleCount(), counted->mpiSampleCount(),
                                    counted->sleepingSampleCount());
@@ -170,7 +176,7 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
     };
     struct ThreadClass
     {
-        const Position* position;
+        KeptFrame position;
         ZORPSVModelItem::Special special;
     };
     // Each thread that works on the samples keeps its own answers.
@@ -182,9 +188,9 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
         if (known != classes.constEnd())
             return *known;
         const bool monitor = mMonitorTids.contains(tid);
-        ThreadClass found = {nullptr, ZORPSVModelItem::specialNone};
+        ThreadClass found = {{nullptr, 0}, ZORPSVModelItem::specialNone};
         auto choose = [&](const char* name, ZORPSVModelItem::Special type) {
-            found.position = kept(Position(QLatin1String(name)));
+            found.position = keptFrame(Position(QLatin1String(name)));
             found.special = type;
         };
         if (mOmpTids.contains(tid) && monitor)
@@ -205,13 +211,13 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
         return found;
     };
     // The entry frames of threads of no class, by name.
-    std::vector<FlatTable<const Position*>> entriesOf(workers);
+    std::vector<FlatTable<KeptFrame>> entriesOf(workers);
 
     // Each sample's trees are its own: the samples are shared out.
     const std::vector<Sample*> finished(samples.begin(), samples.end());
     runOnSampleWorkers(finished.size(), workers, [&](size_t i, int worker) {
         Sample* sample = finished[i];
-        FlatTable<const Position*>& entries = entriesOf[worker];
+        FlatTable<KeptFrame>& entries = entriesOf[worker];
         // The trees' tops lie scattered over memory long left by the
         // caches: the roots of the sample are loaded together, then their
         // first frames.
@@ -249,9 +255,9 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
                     if (node->specialType() == ZORPSVModelItem::specialThreadEntry)
                         continue;
                     const QString& function = node->position().function;
-                    const Position*& position = entries.insert(nameKey(function));
-                    if (!position)
-                        position = kept(Position(function));
+                    KeptFrame& position = entries.insert(nameKey(function));
+                    if (!position.position)
+                        position = keptFrame(Position(function));
                     ZORPSVModelItem* entry = frameAt(position, node);
                     entry->setSpecial(ZORPSVModelItem::specialThreadEntry);
                     node->detach();
