@@ -62,6 +62,9 @@ public:
     int exitSignal() const { return mExitSignal; }
     // Whether the host could tell how the program ended.
     bool exitStatusKnown() const { return mExitStatusKnown; }
+    // CPU time of the processes that the program started and waited for;
+    // -1 if not known.
+    qint64 childrenCpuMs() const { return mChildrenCpuMs; }
     // Milliseconds since the program ended.
     qint64 msSinceTargetEnded() const { return mTargetEndedAt.isValid() ? mTargetEndedAt.elapsed() : 0; }
 
@@ -99,6 +102,7 @@ private:
     QElapsedTimer mTargetEndedAt;
     int mExitCode = 0;
     int mExitSignal = 0;
+    qint64 mChildrenCpuMs = -1;
     QString mBroken;
 };
 

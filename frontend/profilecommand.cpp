@@ -778,6 +778,8 @@ int ProfileRun::run()
     for (HostConnection* host : qAsConst(mHosts)) {
         if (host->targetEnded())
             result.run.programMs = std::max(result.run.programMs, mClock.elapsed() - host->msSinceTargetEnded());
+        if (host->childrenCpuMs() >= 0)
+            result.run.childrenCpuMs = std::max<qint64>(result.run.childrenCpuMs, 0) + host->childrenCpuMs();
     }
 
     // The same number of samples from every rank, on one time axis.

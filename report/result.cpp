@@ -40,6 +40,8 @@ void writeRun(QXmlStreamWriter& w, const RunInfo& run)
         w.writeAttribute(QStringLiteral("interrupted"), QStringLiteral("yes"));
     if (run.programMs > 0)
         w.writeAttribute(QStringLiteral("programMs"), QString::number(run.programMs));
+    if (run.childrenCpuMs >= 0)
+        w.writeAttribute(QStringLiteral("childrenCpuMs"), QString::number(run.childrenCpuMs));
     for (const QString& argument : run.arguments)
         w.writeTextElement(QStringLiteral("arg"), argument);
     w.writeEndElement();
@@ -58,6 +60,10 @@ bool readRun(QXmlStreamReader& r, RunInfo* run, QString* error)
     run->interrupted = a.value(QLatin1String("interrupted")) == QLatin1String("yes");
     // Not in files of older versions.
     run->programMs = std::max(0LL, a.value(QLatin1String("programMs")).toLongLong());
+    bool childrenKnown = false;
+    run->childrenCpuMs = a.value(QLatin1String("childrenCpuMs")).toLongLong(&childrenKnown);
+    if (!childrenKnown || run->childrenCpuMs < 0)
+        run->childrenCpuMs = -1;
     ok[4] = run->started.isValid();
     for (bool b : ok) {
         if (!b) {

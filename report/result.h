@@ -23,6 +23,9 @@ struct RunInfo
     // From the start of sampling to the program's end as zor saw it, which
     // may be later than sampling's end (after an exec); 0 if not known.
     qint64 programMs = 0;
+    // CPU time of the processes that the program started and waited for,
+    // which zor doesn't sample; -1 if not known.
+    qint64 childrenCpuMs = -1;
     int intervalMs = 20;
     int samplesPerProcess = 1000;
     int exitStatus = 0;

@@ -12,7 +12,7 @@
 namespace {
 
 const int StripWidth = 60;
-const int LabelWidth = 26;
+const int LabelWidth = 27;
 
 // Cuts text to `width` columns, marking the cut; `keepEnd` keeps the end,
 // which tells more of a path.
@@ -86,7 +86,170 @@ QStringList wrapWords(const QString& text, const QString& indent = QString())
     return lines;
 }
 
+bool isIdentifierChar(QChar c)
+{
+    return c.isLetterOrNumber() || c == QLatin1Char('_');
+}
+
+// The operator symbol that starts at `at` after the word "operator", so
+// that "operator<<" or "operator()" isn't taken for brackets.
+int operatorSymbolLength(const QString& name, int at)
+{
+    static const char* const symbols[] = { "()", "[]", "<=>", "->*", "<<=", ">>=", "<<", ">>", "<=", ">=", "==", "!=",
+                                           "&&", "||", "++", "--", "->", "+=", "-=", "*=", "/=", "%=", "&=", "|=",
+                                           "^=", "<", ">", "+", "-", "*", "/", "%", "&", "|", "^", "~", "!", "=", "," };
+    for (const char* symbol : symbols) {
+        if (name.midRef(at).startsWith(QLatin1String(symbol)))
+            return int(qstrlen(symbol));
+    }
+    return 0;
+}
+
+// Replaces what lies inside brackets ("<...>", "(...)") from `level` deep
+// on; the words "operator" and "(anonymous namespace)" are kept whole.
+QString collapseBrackets(const QString& name, int level)
+{
+    static const QString anonymous = QStringLiteral("(anonymous namespace)");
+    static const QString op = QStringLiteral("operator");
+    QString out;
+    int depth = 0;
+    bool inside = false; // within a collapsed pair
+    for (int i = 0; i < name.size(); ++i) {
+        const QChar c = name.at(i);
+        if (name.midRef(i).startsWith(anonymous)) {
+            if (!inside)
+                out += anonymous;
+            i += anonymous.size() - 1;
+            continue;
+        }
+        if (name.midRef(i).startsWith(op) && (i == 0 || !isIdentifierChar(name.at(i - 1)))) {
+            int end = i + op.size();
+            if (end == name.size() || !isIdentifierChar(name.at(end))) {
+                while (end < name.size() && name.at(end) == QLatin1Char(' ') && operatorSymbolLength(name, end + 1) > 0)
+                    ++end;
+                end += operatorSymbolLength(name, end);
+                if (!inside)
+                    out += name.mid(i, end - i);
+                i = end - 1;
+                continue;
+            }
+        }
+        if (c == QLatin1Char('<') || c == QLatin1Char('(')) {
+            ++depth;
+            if (depth == level && !inside) {
+                const QChar close = c == QLatin1Char('<') ? QLatin1Char('>') : QLatin1Char(')');
+                const bool empty = i + 1 < name.size() && name.at(i + 1) == close;
+                out += c;
+                if (!empty)
+                    out += QLatin1String("...");
+                inside = true;
+                continue;
+            }
+        } else if (c == QLatin1Char('>') || c == QLatin1Char(')')) {
+            if (depth == level && inside) {
+                out += c;
+                inside = false;
+                --depth;
+                continue;
+            }
+            depth = std::max(0, depth - 1);
+        }
+        if (!inside)
+            out += c;
+    }
+    return out;
+}
+
+// A return type before the name: a space outside brackets before the
+// parameters, where no "operator" (new, a conversion) comes first.
+QString withoutReturnType(const QString& name)
+{
+    int depth = 0;
+    for (int i = 0; i < name.size(); ++i) {
+        const QChar c = name.at(i);
+        if (depth == 0 && (c == QLatin1Char('(') || name.midRef(i).startsWith(QLatin1String("operator"))))
+            return name;
+        if (c == QLatin1Char('<'))
+            ++depth;
+        else if (c == QLatin1Char('>'))
+            --depth;
+        else if (depth == 0 && c == QLatin1Char(' '))
+            return name.mid(i + 1);
+    }
+    return name;
+}
+
+// Drops outer qualifiers ("std::", a class) until the name fits `width`
+// with "..." before it.
+QString withoutOuterScopes(const QString& name, int width)
+{
+    QString rest = name;
+    while (rest.size() + 3 > width) {
+        int depth = 0, cut = -1;
+        for (int i = 0; i + 1 < rest.size() && cut < 0; ++i) {
+            const QChar c = rest.at(i);
+            if (c == QLatin1Char('<') || c == QLatin1Char('('))
+                ++depth;
+            else if (c == QLatin1Char('>') || c == QLatin1Char(')'))
+                --depth;
+            else if (depth == 0 && c == QLatin1Char(':') && rest.at(i + 1) == QLatin1Char(':'))
+                cut = i + 2;
+        }
+        if (cut < 0)
+            break;
+        rest = rest.mid(cut);
+    }
+    return rest.size() == name.size() ? name : QLatin1String("...") + rest;
+}
+
+// What an unwind status means, for a reader who doesn't know the unwinder.
+QString unwindStatusWords(int code)
+{
+    switch (code) {
+    case 6:
+        return QStringLiteral("an invalid instruction address");
+    case 7:
+        return QStringLiteral("a bad frame");
+    case 10:
+        return QStringLiteral("code without unwind information");
+    case 100:
+        return QStringLiteral("a stack deeper than the sampler keeps");
+    case 101:
+        return QStringLiteral("a thread's stack was not taken in time");
+    case 105:
+        return QStringLiteral("threads clashed while their stacks were taken");
+    case 106:
+        return QStringLiteral("no frames");
+    case 107:
+        return QStringLiteral("the unwinder met unreadable memory");
+    default:
+        return code <= 10 ? QStringLiteral("an unwinder error") : QStringLiteral("a sampler error");
+    }
+}
+
 } // namespace
+
+QString shortFunctionName(const QString& name, int width)
+{
+    if (name.size() <= width)
+        return name;
+    static const QString inlined = QStringLiteral(" [inlined]");
+    const bool isInlined = name.endsWith(inlined);
+    const QString base = isInlined ? name.left(name.size() - inlined.size()) : name;
+    const QString suffix = isInlined ? inlined : QString();
+    const int room = width - suffix.size();
+    // "<unknown> from ..." and the like are not C++ names.
+    if (room <= 3 || base.startsWith(QLatin1Char('<')) || base.startsWith(QLatin1Char('[')))
+        return fit(name, width);
+    QString shorter = collapseBrackets(base, 2);
+    if (shorter.size() > room)
+        shorter = collapseBrackets(base, 1);
+    if (shorter.size() > room)
+        shorter = withoutReturnType(shorter);
+    if (shorter.size() > room)
+        shorter = withoutOuterScopes(shorter, room);
+    return fit(shorter, room, true) + suffix;
+}
 
 SamplingFacts samplingFacts(const Result& result)
 {
@@ -141,7 +304,8 @@ QString textSummary(const Profile& profile, int top)
     out << fit(QStringLiteral("zor: %1").arg(run.commandLine()), SummaryWidth);
     const SamplingFacts sampling = samplingFacts(profile.result());
     QString facts = QStringLiteral("%1, %2, ran %3, %4, %5 CPU time")
-                        .arg(plural(profile.rankCount(), "rank", "ranks"))
+                        .arg(profile.rankCount() > 1 ? plural(profile.rankCount(), "rank", "ranks")
+                                                     : QStringLiteral("1 process"))
                         .arg(plural(profile.threadCount(), "thread", "threads"))
                         .arg(formatDuration(double(run.wallMs > 0 ? run.wallMs : profile.durationMs()) * 1e6))
                         .arg(sampling.text)
@@ -173,9 +337,17 @@ QString textSummary(const Profile& profile, int top)
                                         "itself with another program (exec), which zor does not follow: to see that "
                                         "program's time, profile it directly.")
                              .arg(formatDuration(double(run.programMs - sampledMs) * 1e6)));
+    // What the program's children did, as the ended program tells it.
+    const double childrenNs = double(run.childrenCpuMs) * 1e6;
+    const bool busyChildren = run.childrenCpuMs >= 100 && childrenNs >= 0.1 * cpu;
+    if (busyChildren)
+        out << wrapWords(QStringLiteral("Processes that the program started used %1 of CPU time beside its own %2. "
+                                        "zor samples only the program that it starts, not the processes that it "
+                                        "starts (fork, exec), so their time is in none of the figures below.")
+                             .arg(formatDuration(childrenNs), formatDuration(cpu)));
     QString waitedIn;
     const double waited = profile.childWaitShare(&waitedIn);
-    if (waited >= 0.25)
+    if (waited >= 0.25 && !busyChildren)
         out << wrapWords(QStringLiteral("The program waited for programs that it started through %1 of the run (in %2). "
                                         "zor samples only the program that it starts: to see their time, profile "
                                         "them directly.")
@@ -193,7 +365,7 @@ QString textSummary(const Profile& profile, int top)
         out << fit(QStringLiteral("%1 %2  %3 %4")
                        .arg(formatPercent(f.selfNs, cpu), 7)
                        .arg(formatPercent(f.totalNs, cpu), 7)
-                       .arg(fit(f.function, 48), -48)
+                       .arg(shortFunctionName(f.function, 48), -48)
                        .arg(where(f.file, f.line)),
                    SummaryWidth);
     }
@@ -230,11 +402,10 @@ QString textSummary(const Profile& profile, int top)
         out << QString() << QStringLiteral("Hottest source lines");
         out << QStringLiteral("   self  %1 function").arg(QStringLiteral("line"), -40);
         for (const LineFigure& l : lines) {
-            out << fit(QStringLiteral("%1  %2 %3")
-                           .arg(formatPercent(l.selfNs, cpu), 7)
-                           .arg(fit(where(l.file, l.line), 40, true), -40)
-                           .arg(l.function),
-                       SummaryWidth);
+            out << QStringLiteral("%1  %2 %3")
+                       .arg(formatPercent(l.selfNs, cpu), 7)
+                       .arg(fit(where(l.file, l.line), 40, true), -40)
+                       .arg(shortFunctionName(l.function, SummaryWidth - 50));
         }
     }
 
@@ -252,9 +423,10 @@ QString textSummary(const Profile& profile, int top)
                 strip += shade(busy);
                 sum += busy;
             }
-            const QString label = QStringLiteral("%1 (%2)").arg(row.label).arg(row.threads);
-            out << QStringLiteral("  %1|%2| %3 busy")
-                       .arg(fit(label, LabelWidth), -LabelWidth)
+            // The count of threads stays when a long class name is cut.
+            const QString count = QStringLiteral(" (%1)").arg(row.threads);
+            out << QStringLiteral("  %1|%2|%3 busy")
+                       .arg(fit(row.label, LabelWidth - count.size()) + count, -LabelWidth)
                        .arg(strip)
                        .arg(QStringLiteral("%1%").arg(std::lround(100 * sum / row.busy.size())), 4);
         }
@@ -303,20 +475,20 @@ QString textSummary(const Profile& profile, int top)
         out << QString() << mpiCalls.summaryLines(top, SummaryWidth);
 
     const UnwindFigures unwind = profile.unwindFigures();
-    QString unwindLine;
     if (unwind.failed == 0) {
-        unwindLine = QStringLiteral("Unwind problems: none");
+        out << QString() << QStringLiteral("Unwind problems: none");
     } else {
         QStringList codes;
         for (auto it = unwind.byCode.constBegin(); it != unwind.byCode.constEnd() && codes.size() < 4; ++it)
-            codes << QStringLiteral("%1 x%2").arg(it.key()).arg(it.value());
+            codes << QStringLiteral("status %1 x%2: %3").arg(it.key()).arg(it.value()).arg(unwindStatusWords(it.key()));
         if (unwind.byCode.size() > codes.size())
             codes << QStringLiteral("...");
-        unwindLine = QStringLiteral("Unwind problems: %1 of %2 stacks (status %3); details: ZOR_VERBOSE_UNWIND_ERRORS=1")
-                         .arg(unwind.failed)
-                         .arg(unwind.threadSamples)
-                         .arg(codes.join(QStringLiteral(", ")));
+        out << QString()
+            << wrapWords(QStringLiteral("Unwind problems: %1 of %2 stacks (%3); ZOR_VERBOSE_UNWIND_ERRORS=1 before "
+                                        "zor prints the stacks.")
+                             .arg(unwind.failed)
+                             .arg(unwind.threadSamples)
+                             .arg(codes.join(QStringLiteral("; "))));
     }
-    out << QString() << fit(unwindLine, SummaryWidth);
     return out.join(QLatin1Char('\n')) + QLatin1Char('\n');
 }

@@ -21,6 +21,11 @@ struct SamplingFacts
 };
 SamplingFacts samplingFacts(const Result& result);
 
+// A function's name cut to `width` columns keeping what tells it apart: a
+// C++ name loses its template arguments and parameters, then its return
+// type, before its front is cut; " [inlined]" stays.
+QString shortFunctionName(const QString& name, int width);
+
 // Shared with the other reports.
 QString formatDuration(double nanoseconds);
 QString formatPercent(double part, double whole);

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <mutex>
 #include <shared_mutex>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "constants.h"
@@ -199,6 +201,12 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
 
     QList<PositionResponse*> inlined;
     PositionResponse* response = mDebugger->positionOfAddress(address, 0, &inlined);
+    return notePositionAnswer(address, response, inlined);
+}
+
+Position PreloadSampleSource::notePositionAnswer(Address address, PositionResponse* response,
+                                                 QList<PositionResponse*>& inlined)
+{
     Position position;
     QVector<KeyedPosition> callers;
     if (!inlined.isEmpty()) {
@@ -209,6 +217,7 @@ Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup
                                                    InternStringCache::internForever(caller->file), caller->line, -1)));
             delete caller;
         }
+        inlined.clear();
         position.function = response->function + QLatin1String(" [inlined]");
     } else {
         position.function = response->function;
@@ -405,6 +414,8 @@ void PreloadSampleSource::prepareDecoding(const quorvex::SSampleList* samples,
     mDecodedFrames.reserve(mDecodedFrames.size() + mPlan.returns.size() + mPlan.leaves.size() + 256);
     mTraceEnds.clear();
     mTraceEnds.reserve(traces);
+    mLeafQuestions.clear();
+    mLeafQuestions.leaves.reserve(traces);
     mSelfProfilePoints.addPoint(prep.finish(int(mPlan.returns.size())));
 }
 
@@ -465,6 +476,10 @@ void PreloadSampleSource::decodeTraceEnds(const quorvex::SBacktrace& backtrace, 
         ends.rootKnown = true;
     }
     mTraceEnds.insert(traceKey(trace)) = ends;
+    // The leaf that the tree of the trace will have, but for a trace in
+    // MPI, whose last frame is a call.
+    if (ends.first < trace.size() && !backtrace.inMpi())
+        mLeafQuestions.leaves.push_back(trace[ends.first]);
     if (wholeFailedTraces && backtrace.unwindStatus() != 0) {
         for (unsigned long address : trace)
             decodedFrame(address);
@@ -472,37 +487,151 @@ void PreloadSampleSource::decodeTraceEnds(const quorvex::SBacktrace& backtrace, 
     tDecodingTraceEnds = false;
 }
 
+void PreloadSampleSource::LeafQuestions::clear()
+{
+    for (PendingPosition& pending : positions) {
+        delete pending.response;
+        qDeleteAll(pending.inlined);
+    }
+    positions.clear();
+    leaves.clear();
+    shown.clear();
+    viaJump.clear();
+    asked = false;
+    failure = nullptr;
+}
+
+void PreloadSampleSource::askLeafQuestions()
+{
+    std::vector<Address>& leaves = mLeafQuestions.leaves;
+    std::sort(leaves.begin(), leaves.end());
+    leaves.erase(std::unique(leaves.begin(), leaves.end()), leaves.end());
+    mLeafQuestions.shown.resize(leaves.size());
+    mLeafQuestions.viaJump.resize(leaves.size());
+    // In the order of their addresses, as the cache's disassembly walks
+    // the code forwards.
+    for (size_t i = 0; i < leaves.size(); ++i) {
+        const InstructionCache::PreviousInstruction previous =
+            mInstructionCache.previousAddressAndInstruction(leaves[i], InstructionCache::DisassemblyLookupAllowed);
+        mLeafQuestions.shown[i] = previous.mnemonic.isEmpty() ? leaves[i] : previous.address;
+        mLeafQuestions.viaJump[i] = previous.viaJump;
+    }
+    std::vector<Address> shown = mLeafQuestions.shown;
+    std::sort(shown.begin(), shown.end());
+    shown.erase(std::unique(shown.begin(), shown.end()), shown.end());
+    for (Address address : shown) {
+        if (mDecodedFrames.find(address))
+            continue;
+        PendingPosition pending{address, nullptr, {}};
+        mLeafQuestions.positions.push_back(pending);
+        PendingPosition& kept = mLeafQuestions.positions.back();
+        kept.response = mDebugger->positionOfAddress(address, 0, &kept.inlined);
+    }
+    mLeafQuestions.asked = true;
+}
+
+namespace {
+
+// Below this many leaves their questions take less than a thread's start
+// on a busy machine.
+const size_t LeavesForOwnThread = 256;
+
+} // namespace
+
+void PreloadSampleSource::startLeafQuestions()
+{
+    // One builder that was set means one thread for all.
+    if (mTreeBuilders == 1 || mLeafQuestions.leaves.size() < LeavesForOwnThread)
+        return;
+    try {
+        mLeafQuestions.thread = std::thread([this]() {
+            try {
+                askLeafQuestions();
+            } catch (...) {
+                mLeafQuestions.failure = std::current_exception();
+            }
+        });
+    } catch (const std::system_error&) {
+        // Asked after the trunk instead.
+    }
+}
+
+void PreloadSampleSource::finishLeafQuestions()
+{
+    if (mLeafQuestions.thread.joinable())
+        mLeafQuestions.thread.join();
+    if (std::exception_ptr failure = mLeafQuestions.failure) {
+        mLeafQuestions.clear();
+        std::rethrow_exception(failure);
+    }
+}
+
 void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
 {
     TempDisableDebugMode quiet(&mTharn);
-    QOrderedSet<unsigned long long> decodedLeafs;
+    finishLeafQuestions();
     std::sort(mNewLeafAddresses.begin(), mNewLeafAddresses.end());
-    for (Address leaf : mNewLeafAddresses)
-        mLeafAddresses.insert(mLeafAddresses.end(), leaf);
+    mNewLeafAddresses.erase(std::unique(mNewLeafAddresses.begin(), mNewLeafAddresses.end()), mNewLeafAddresses.end());
+    const size_t before = mLeafAddresses.size();
+    mLeafAddresses.insert(mLeafAddresses.end(), mNewLeafAddresses.begin(), mNewLeafAddresses.end());
+    std::inplace_merge(mLeafAddresses.begin(), mLeafAddresses.begin() + std::ptrdiff_t(before), mLeafAddresses.end());
+    mLeafAddresses.erase(std::unique(mLeafAddresses.begin(), mLeafAddresses.end()), mLeafAddresses.end());
     std::vector<Address>().swap(mNewLeafAddresses);
 
+    // The leaves foreseen were asked ahead, with the debugger's answers for
+    // their positions; any other leaf is asked now.
+    if (!mLeafQuestions.asked)
+        askLeafQuestions();
+    const std::vector<Address>& foreseen = mLeafQuestions.leaves;
     SelfProfile disassemble(mTharn, QStringLiteral("60.disassembleLeafAddresses"));
+    std::vector<Address> decodedLeafs;
+    decodedLeafs.reserve(mLeafAddresses.size());
     const double total = mLeafAddresses.size();
     int done = 0;
-    for (unsigned long long address : mLeafAddresses) {
-        const InstructionCache::PreviousInstruction previous =
-            mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupAllowed);
-        decodedLeafs.insert(previous.mnemonic.isEmpty() ? address : previous.address);
-        if (previous.viaJump)
-            mJumpTargetLeafs.insert(address);
+    size_t next = 0;
+    for (Address address : mLeafAddresses) {
+        // Both lists ascend.
+        while (next < foreseen.size() && foreseen[next] < address)
+            ++next;
+        if (next < foreseen.size() && foreseen[next] == address) {
+            decodedLeafs.push_back(mLeafQuestions.shown[next]);
+            if (mLeafQuestions.viaJump[next])
+                mJumpTargetLeafs.insert(address);
+        } else {
+            const InstructionCache::PreviousInstruction previous =
+                mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupAllowed);
+            decodedLeafs.push_back(previous.mnemonic.isEmpty() ? address : previous.address);
+            if (previous.viaJump)
+                mJumpTargetLeafs.insert(address);
+        }
         ++done;
         reportAnalysisProcessing(DisassembleLeafAddresses, done / total);
     }
+    std::sort(decodedLeafs.begin(), decodedLeafs.end());
+    decodedLeafs.erase(std::unique(decodedLeafs.begin(), decodedLeafs.end()), decodedLeafs.end());
     mSelfProfilePoints.addPoint(disassemble.finish(done));
 
     SelfProfile decode(mTharn, QStringLiteral("70.decodeLeafAddresses"));
     const double leafs = decodedLeafs.size();
     done = 0;
-    for (unsigned long long address : decodedLeafs) {
-        decodeAddress(address, PositionLookupAllowed);
+    std::vector<PendingPosition>& answered = mLeafQuestions.positions;
+    next = 0;
+    for (Address address : decodedLeafs) {
+        while (next < answered.size() && answered[next].address < address)
+            ++next;
+        if (next < answered.size() && answered[next].address == address && answered[next].response
+            && !mDecodedFrames.find(address)) {
+            PendingPosition& pending = answered[next];
+            PositionResponse* response = pending.response;
+            pending.response = nullptr;
+            notePositionAnswer(address, response, pending.inlined);
+        } else {
+            decodeAddress(address, PositionLookupAllowed);
+        }
         ++done;
         reportAnalysisProcessing(DecodeLeafAddresses, done / leafs);
     }
+    mLeafQuestions.clear();
     mSelfProfilePoints.addPoint(decode.finish(done));
 }
 

@@ -21,9 +21,11 @@
 #include <QVarLengthArray>
 #include <ctime>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <shared_mutex>
+#include <thread>
 #include <vector>
 
 #include "category.h"
@@ -195,7 +197,8 @@ public:
 
     // Raw samples to analysed ones.
     // How many threads build the trees of a run: 0 (the default) decides by
-    // the run's size and the processor cores this process may use.
+    // the run's size and the processor cores this process may use; 1 keeps
+    // the whole analysis on the calling thread.
     void setTreeBuilders(int builders) { mTreeBuilders = builders; }
     Sample* createSample(const quorvex::SSample& raw, timespec start, const QMap<int, quorvex::SCallSite>& callSites,
                          const quorvex::SSample* previous);
@@ -263,6 +266,20 @@ private:
     // addresses: the leaf, the sampler's frames at the leaf end and the
     // thread library's at the root end, as the builders walk them.
     void decodeTraceEnds(const quorvex::SBacktrace& backtrace, bool mainThread, bool wholeFailedTraces);
+    // The rest of decodeAddress once the debugger answered: takes the
+    // answers.
+    Position notePositionAnswer(Address address, PositionResponse* response, QList<PositionResponse*>& inlined);
+    // The debugger's questions of the leaves that decodeTraceEnds foresaw:
+    // their disassembly and the positions of the instructions before them,
+    // the answers kept for disassembleAndDecodeLeafAddresses. Nothing that
+    // the tree builders read is written: it may run beside them, on the one
+    // thread that uses the debugger meanwhile.
+    void askLeafQuestions();
+    // askLeafQuestions on a thread of its own while the trunk's trees are
+    // built, where the leaves are many enough; finishLeafQuestions waits for
+    // it and throws what it threw.
+    void startLeafQuestions();
+    void finishLeafQuestions();
     DecodedFrame& decodedFrame(Address address);
     void findSamplerLibraries();
     bool isSamplerAddress(Address address) const;
@@ -385,9 +402,10 @@ private:
     bool mDebugAddresses;
     bool mUseGpuLatencyStalls;
     bool mLineMetricsEnabled;
-    QOrderedSet<unsigned long long> mLeafAddresses;
-    // Leaves of trees built since the last disassembly, gathered apart:
-    // sorted once, they go into the ordered set in a fraction of the time.
+    // Every leaf of the run, ascending and distinct.
+    std::vector<Address> mLeafAddresses;
+    // Leaves of trees built since the last disassembly, gathered apart and
+    // merged into the list above once.
     std::vector<Address> mNewLeafAddresses;
     QSet<unsigned long long> mJumpTargetLeafs;
     int mRank;
@@ -495,6 +513,29 @@ private:
         const Position* kept = nullptr;
     };
     FlatTable<LeafAnswer> mLeafAnswers;
+    // The leaves' questions asked ahead (askLeafQuestions).
+    struct PendingPosition
+    {
+        Address address;
+        PositionResponse* response;
+        QList<PositionResponse*> inlined;
+    };
+    struct LeafQuestions
+    {
+        // The leaves foreseen, ascending and distinct, and for each the
+        // address whose position it shows and whether a jump led there.
+        std::vector<Address> leaves;
+        std::vector<Address> shown;
+        std::vector<bool> viaJump;
+        // The debugger's answers for the shown addresses not decoded yet,
+        // ascending.
+        std::vector<PendingPosition> positions;
+        bool asked = false;
+        std::thread thread;
+        std::exception_ptr failure;
+        void clear();
+    };
+    LeafQuestions mLeafQuestions;
     bool mKeepLeafAnswers = false;
     // The answers for every leaf of the run, worked out in the order of
     // their addresses, before the placeholders are replaced.

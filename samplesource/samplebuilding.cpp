@@ -13,6 +13,7 @@
 #include "samplelist.h"
 #include "selfprofile.h"
 #include "ssamplelist.h"
+#include "tempguards.h"
 #include "tharninterface.h"
 #include "timespec_utils.h"
 #include "zor_assert.h"
@@ -324,7 +325,21 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     mSampleWorkers = mTreeBuilders > 0 || frames >= FramesForSampleWorkers ? builders : 1;
     prepareDecoding(raw, callSites);
     mRecordTreePlaceholders = true;
-    decodeAndBuildSampleTrunks(samples, raw, callSites, builders, []() {});
+
+    // Once the decoding is done, the leaves' questions to the debugger go
+    // beside the rest of the trunk, which never asks it; the thread ends
+    // with the trunk, also when the trunk fails.
+    std::unique_ptr<TempDisableDebugMode> quiet(new TempDisableDebugMode(&mTharn));
+    struct JoinLeafQuestions
+    {
+        std::thread& thread;
+        ~JoinLeafQuestions()
+        {
+            if (thread.joinable())
+                thread.join();
+        }
+    } joinLeafQuestions{mLeafQuestions.thread};
+    decodeAndBuildSampleTrunks(samples, raw, callSites, builders, [this]() { startLeafQuestions(); });
 
     timespec intervalSum = {0, 0};
     unsigned long long intervals = 0;
@@ -346,6 +361,7 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     }
 
     disassembleAndDecodeLeafAddresses();
+    quiet.reset();
 
     {
         SelfProfile leafs(mTharn, QStringLiteral("80.samples-leafs"));

@@ -479,7 +479,7 @@ void GdbDebugger::watchTarget()
     connect(mPidfdNotifier, &QSocketNotifier::activated, this, &GdbDebugger::pidfdReadable);
 }
 
-QString GdbDebugger::zombieStatus() const
+QString GdbDebugger::zombieStatus()
 {
     QFile stat(QStringLiteral("/proc/%1/stat").arg(mTargetPid));
     if (!stat.open(QIODevice::ReadOnly))
@@ -488,6 +488,13 @@ QString GdbDebugger::zombieStatus() const
     const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
     if (fields.value(0) != "Z" && fields.value(0) != "X")
         return QString();
+    // Fields 16 and 17, the children's user and system time in clock ticks:
+    // what the program's children did, which the sampler doesn't see.
+    bool user = false, system = false;
+    const qint64 ticks = fields.value(13).toLongLong(&user) + fields.value(14).toLongLong(&system);
+    const long perSecond = sysconf(_SC_CLK_TCK);
+    if (user && system && perSecond > 0 && mChildrenCpuMs < 0)
+        mChildrenCpuMs = ticks * 1000 / perSecond;
     // Field 52 of the whole line, the 50th after the name.
     bool ok = false;
     const int code = fields.value(49).trimmed().toInt(&ok);

@@ -65,6 +65,9 @@ public:
     int gdbPid() const { return mGdb ? int(mGdb->processId()) : 0; }
     bool isTargetGone() const { return mTargetGone; }
     bool isDetached() const { return mDetached; }
+    // CPU time of the processes that the ended program started and waited
+    // for, in milliseconds; -1 if not known.
+    qint64 childrenCpuMs() const { return mChildrenCpuMs; }
     QString programPath() const { return mProgram.value(0); }
     // Asked before each reattach: whether the program is being stopped from
     // outside, so that it may spin while gdb attaches.
@@ -134,7 +137,7 @@ private:
     void watchTarget();
     void noteTargetGone(const QString& status);
     // How the target ended when it is a zombie; empty while it lives.
-    QString zombieStatus() const;
+    QString zombieStatus();
     void lowerTargetPriority();
     std::function<bool()> mLowerTargetFirst;
     // Whether the target has ended or ends within `waitMs`; noted if so.
@@ -160,6 +163,9 @@ private:
     // While gdb detaches, the program starts to run again.
     bool mDetaching = false;
     QString mExitStatus;
+    // CPU time of the processes that the program started and waited for,
+    // read from the ended program; -1 if not known.
+    qint64 mChildrenCpuMs = -1;
     QString mBoundaryIp;
     // The program's output, and its input, through descriptors that gdb
     // hands down to it: [0] standard output, [1] standard error, read here.

@@ -187,7 +187,10 @@ int main(int argc, char** argv)
     // so that what was sampled still comes back.
     QObject::connect(&debugger, &GdbDebugger::targetExited, &tharn, [&](const QString& status) {
         tharn.logDebug(QStringLiteral("the program %1").arg(status));
-        stream.send(Message::forValues(Message::TargetExit, {{QStringLiteral("status"), status}}));
+        QVariantMap values = {{QStringLiteral("status"), status}};
+        if (debugger.childrenCpuMs() >= 0)
+            values.insert(QStringLiteral("childrenCpuMs"), debugger.childrenCpuMs());
+        stream.send(Message::forValues(Message::TargetExit, values));
         stream.flush();
         if (debugger.isDetached() && tharn.isTargetMonitoring())
             tharn.stopRun();

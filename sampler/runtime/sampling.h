@@ -14,9 +14,15 @@ namespace zorsampler {
 // requests sent to the other threads.
 const int TIMER_CODE = SI_TIMER;
 const int REQUEST_CODE = SI_QUEUE;
-// And a thread's event on its CPU time (threads.h), which stops after each
-// expiry until it is armed again.
+// And a thread's event on its CPU time (threads.h), which is allowed a
+// batch of expiries at a time: the last of a batch comes as POLL_HUP and
+// stops the event until it is armed again, the others as POLL_IN.
 const int CPU_EVENT_CODE = POLL_HUP;
+const int CPU_EVENT_BATCH_CODE = POLL_IN;
+inline bool isCpuEventCode(int code)
+{
+    return code == CPU_EVENT_CODE || code == CPU_EVENT_BATCH_CODE;
+}
 // si_value of every instance the sampler sends: the address of this.
 extern const char gSignalCookie;
 // What the timer on a thread's own CPU clock carries instead.

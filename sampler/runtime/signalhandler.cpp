@@ -68,7 +68,7 @@ void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext)
         if (info->si_code == TIMER_CODE && info->si_value.sival_ptr == &gSignalCookie)
             takeSample(ucontext);
         else
-            answerRequest(ucontext, info->si_code == CPU_EVENT_CODE || info->si_value.sival_ptr == &gCpuTimerCookie);
+            answerRequest(ucontext, isCpuEventCode(info->si_code) || info->si_value.sival_ptr == &gCpuTimerCookie);
         if (info->si_code == CPU_EVENT_CODE)
             rearmCpuEvent(info->si_fd);
         pthread_setcancelstate(cancelState, nullptr);
@@ -99,7 +99,7 @@ extern "C" int zs_is_sampler_instance(int sig, const siginfo_t* info)
 {
     if (sig != zs_sampler_signal() || !info)
         return 0;
-    if (info->si_code == CPU_EVENT_CODE)
+    if (isCpuEventCode(info->si_code))
         return isCpuEventFd(info->si_fd);
     return (info->si_code == TIMER_CODE || info->si_code == REQUEST_CODE)
         && (info->si_value.sival_ptr == &gSignalCookie || info->si_value.sival_ptr == &gCpuTimerCookie);

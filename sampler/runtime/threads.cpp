@@ -35,6 +35,13 @@ ZS_TLS ThreadSlot* tlsSlot;
 enum CpuEvents { CpuEventsUntried, CpuEventsAll, CpuEventsUserOnly, CpuEventsRefused };
 std::atomic<int> gCpuEvents{CpuEventsUntried};
 
+// Expiries an event may have before its thread's handler arms it again.
+// Arming costs a system call and a timer's restart, as dear as the signal
+// itself on some machines, so it is done once a batch; a thread that holds
+// the signal back gathers no more than a batch of them, far from the
+// queue's limit, beyond which the kernel would send a SIGIO.
+const int CPU_EVENT_BATCH = 8;
+
 // Every descriptor number that ever held one of the events.
 const int MAX_EVENT_FD = 1 << 16;
 std::atomic<std::uint64_t> gEventFds[MAX_EVENT_FD / 64];
@@ -107,11 +114,7 @@ bool startCpuEvent(ThreadSlot* slot, int tid, int intervalMs)
         return false;
     }
     markEventFd(fd);
-    // One expiry at a time, armed again when the thread has taken its
-    // signal: a thread that holds the signal back (in a handler of the
-    // program's that blocks it) doesn't gather a queue of them, which at
-    // the user's limit would turn into a SIGIO.
-    if (fcntl(fd, F_SETFL, flags | O_ASYNC) != 0 || ioctl(fd, PERF_EVENT_IOC_REFRESH, 1) != 0) {
+    if (fcntl(fd, F_SETFL, flags | O_ASYNC) != 0 || ioctl(fd, PERF_EVENT_IOC_REFRESH, CPU_EVENT_BATCH) != 0) {
         close(fd);
         return false;
     }
@@ -254,7 +257,7 @@ void rearmCpuEvent(int fd)
 {
     const ThreadSlot* slot = tlsSlot;
     if (slot && slot->haveCpuTimer.load(std::memory_order_acquire) && slot->cpuEventFd == fd)
-        ioctl(fd, PERF_EVENT_IOC_REFRESH, 1);
+        ioctl(fd, PERF_EVENT_IOC_REFRESH, CPU_EVENT_BATCH);
 }
 
 bool isCpuEventFd(int fd)

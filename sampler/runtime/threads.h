@@ -116,12 +116,13 @@ void stopCpuTimer(ThreadSlot* slot);
 // Makes every thread's event fire each `intervalMs` of its CPU time from
 // now on; their timers stay as they are. Safe in a signal handler.
 void setCpuEventPeriods(int intervalMs);
-// After the signal of the calling thread's event from the descriptor `fd`.
+// After the last signal of a batch of the calling thread's event from the
+// descriptor `fd`.
 void rearmCpuEvent(int fd);
-// Whether the sampler's signal with POLL_HUP from the descriptor `fd` is
-// one of the events above. A descriptor stays known as the sampler's once
-// it was one, so that a signal still queued as the thread ends is not
-// taken for the program's.
+// Whether the sampler's signal with POLL_IN or POLL_HUP from the descriptor
+// `fd` is one of the events above. A descriptor stays known as the
+// sampler's once it was one, so that a signal still queued as the thread
+// ends is not taken for the program's.
 bool isCpuEventFd(int fd);
 // In a child made by fork: the events are the parent's threads'.
 void dropCpuTimersAfterFork();

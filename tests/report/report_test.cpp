@@ -37,6 +37,7 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     original.run.exitStatus = 3;
     original.run.interrupted = true;
     original.run.programMs = 4000;
+    original.run.childrenCpuMs = 2800;
     original.run.arguments << QStringLiteral("it's quoted");
     MetricErrorMap errors;
     errors[QStringLiteral("instr_fp")].insert(1, MetricError(QStringLiteral("instr_fp"), 1, QStringLiteral("no"), 1));
@@ -220,7 +221,7 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
                                   "main thread (2)", "other threads (2)",
                                   "28% vector floating point (vaddpd), 17% scalar integer (imulq), 11% memory (movq),",
                                   "Time in MPI: 0.5% of the main threads' time (least 0.0% on rank 1, most 1.0% on rank 0)",
-                                  "Unwind problems: 1 of 399 stacks (status 102 x1)" })
+                                  "Unwind problems: 1 of 399 stacks (status 102 x1: a sampler error);" })
         EXPECT_TRUE(text.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(text);
     // Top 5: spin_delta first, at a third of all CPU time.
     const int top = lines.indexOf(QRegExp(QStringLiteral("^Top functions.*")));
@@ -230,26 +231,61 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     EXPECT_TRUE(lines.value(top + 7).isEmpty()) << "more than the top 5";
     // The worker's strip is blank while it waits.
     const QString worker = lines.filter(QStringLiteral("other threads")).value(0);
-    EXPECT_TRUE(worker.contains(QRegExp(QStringLiteral("\\| {12}#{48}\\|  80% busy")))) << qPrintable(worker);
+    EXPECT_TRUE(worker.contains(QRegExp(QStringLiteral("\\| {12}#{48}\\| 80% busy")))) << qPrintable(worker);
     EXPECT_FALSE(text.contains(QLatin1String("waited for programs"))) << qPrintable(text);
     EXPECT_FALSE(text.contains(QLatin1String("Sampling ended"))) << qPrintable(text);
     // A program that went on after sampling ended (an exec).
     Result execs = exampleResult(1);
     execs.run.programMs = 4000;
     EXPECT_TRUE(textSummary(Profile(execs), 5).contains(QLatin1String("Sampling ended 1.99 s before the program did")));
+    // A pool of forked workers that did most of the work.
+    Result forks = exampleResult(1);
+    forks.run.childrenCpuMs = 2800;
+    EXPECT_TRUE(textSummary(Profile(forks), 5).contains(QLatin1String("Processes that the program started used 2.80 s of CPU time beside its own")));
 
     // A shell that waits for the program doing the work, in code without symbols.
     Result shell = exampleResult(0);
     RankResult rank = exampleRank(0, 0);
     for (int i = 0; i < 8; ++i) {
         const bool waiting = i % 4 != 0;
-        rank.samples << makeSample(0, 10 * i, { { 1, Sample::MainThread, 1000, { "main", "<unknown> from sh", waiting ? "__waitpid" : "<unknown> from sh" }, waiting } });
+        rank.samples << makeSample(0, 10 * i, { { 1, Sample::MainThread, 1000, { "main", "<unknown> from sh", waiting ? "__waitpid" : "<unknown> from sh" }, waiting },
+                                                { 2, Sample::ParallelRegionThread, 10, { "main", "work" } } });
     }
     shell.ranks << rank;
     const QString waits = textSummary(Profile(shell), 5);
-    for (const char* expected : { "The program waited for programs that it started through 75.0% of the run",
+    for (const char* expected : { "1 process, 2 threads", "parallel region threads (1)|",
+                                  "The program waited for programs that it started through 75.0% of the run",
                                   "(in __waitpid)", "code without symbols (sh)" })
         EXPECT_TRUE(waits.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(waits);
+}
+
+TEST(Reports, LongCppNamesKeepWhatTellsThemApart)
+{
+    const struct {
+        const char* name;
+        int width;
+        const char* shown;
+    } cases[] = {
+        { "spin_alpha", 10, "spin_alpha" },
+        { "<unknown> from libgomp.so.1.0.0", 20, "<unknown> from li..." },
+        // Nested arguments go first, then all of them, then the return type.
+        { "std::vector<std::pair<int, long>, std::allocator<std::pair<int, long> > >::push_back(std::pair<int, long> const&)",
+          90, "std::vector<std::pair<...>, std::allocator<...> >::push_back(std::pair<...> const&)" },
+        { "bool std::operator==<char, std::char_traits<char>, std::allocator<char> >(std::__cxx11::basic_string<char, "
+          "std::char_traits<char>, std::allocator<char> > const&, char const*) [inlined]",
+          40, "bool std::operator==<...>(...) [inlined]" },
+        { "bool tbb::detail::d2::concurrent_hash_map<std::__cxx11::basic_string<char, std::char_traits<char> >, int>::"
+          "lookup<false>(std::__cxx11::basic_string<char, std::char_traits<char> > const&, int)",
+          48, "...concurrent_hash_map<...>::lookup<...>(...)" },
+        // Operators aren't brackets; a method's qualifier and an anonymous namespace stay.
+        { "std::ostream& std::operator<< <std::char_traits<char> >(std::basic_ostream<char, std::char_traits<char> >&, char const*)",
+          40, "std::ostream& std::operator<< <...>(...)" },
+        { "(anonymous namespace)::Grid<double, 3>::operator()(int, int) const", 60,
+          "(anonymous namespace)::Grid<...>::operator()(...) const" },
+        { "Foo<Bar<int> >::operator<(Foo<Bar<int> > const&) const", 40, "Foo<...>::operator<(...) const" },
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(shortFunctionName(QString::fromLatin1(c.name), c.width), QString::fromLatin1(c.shown)) << c.name;
 }
 
 TEST(Reports, HtmlPageIsSelfContainedAndCarriesTheTree)

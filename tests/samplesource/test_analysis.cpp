@@ -557,7 +557,9 @@ TEST_F(Analysis, TreesBuiltOnSeveralThreadsAreThoseBuiltOnOne)
 {
     // Threads that come and go, sleep, fail to unwind, work in regions and
     // call into the runtimes: their classes, counts and reports depend on
-    // the samples before, whichever thread built a tree.
+    // the samples before, whichever thread built a tree, and their leaves
+    // are the same whether asked of the debugger before or beside the
+    // builders.
     const QStringList runtimes = {QStringLiteral("progress_engine"), QStringLiteral("gomp_thread_start"),
                                   QStringLiteral("cuEventSynchronize"), QStringLiteral("poll")};
     for (int r = 0; r < runtimes.size(); ++r)
@@ -572,8 +574,20 @@ TEST_F(Analysis, TreesBuiltOnSeveralThreadsAreThoseBuiltOnOne)
     BacktraceData siteTrace = zortest::makeBacktraceData(site);
     builder.callSites().emplace_back(7, MAIN_TID, &siteTrace, 0);
     std::mt19937 random(5);
+    // Leaves of many addresses, whose questions go beside the builders.
+    // Some stopped after an instruction that the disassembly finds, which
+    // gives the line shown.
+    for (int l = 0; l < 2000; ++l) {
+        const unsigned long leaf = 0x500000 + 16 * l;
+        debugger.place(leaf, QStringLiteral("leaf%1").arg(l % 30), QStringLiteral("leaf.c"), l + 1);
+        if (l % 3 == 0) {
+            debugger.code.insert(leaf - 4, Instruction(QStringLiteral("add"), QStringLiteral("%rax,%rbx"), true));
+            debugger.code.insert(leaf, Instruction(QStringLiteral("ret"), QString()));
+            debugger.place(leaf - 4, QStringLiteral("leaf%1").arg(l % 30), QStringLiteral("leaf.c"), 5000 + l);
+        }
+    }
     const auto frames = [&](bool worker) {
-        Frames trace;
+        Frames trace = {0x500000 + 16 * (random() % 2000)};
         for (unsigned depth = random() % 30; depth > 0; --depth)
             trace.push_back(random() % 9 == 0 ? LIBM + random() % 64 : 0x410005 + 0x100 * (random() % 40));
         if (worker && random() % 4 != 0) {
