@@ -21,6 +21,7 @@ const int TimelineBuckets = 200;
 // Nodes below this share of the CPU time are left out of the page's tree,
 // which keeps the page small for programs with deep, wide trees.
 const double PruneShare = 1e-4;
+const int PageNameWidth = 100;
 
 qint64 us(quint64 ns)
 {
@@ -146,6 +147,13 @@ QJsonObject htmlReportData(const Profile& profile)
                                       { QStringLiteral("t"), double(us(f.totalNs)) } });
     }
     data.insert(QStringLiteral("functions"), functions);
+    // Long C++ names are shown short on the page, whole in their tooltips.
+    QJsonObject shortNames;
+    for (const FunctionFigure& f : profile.functions()) {
+        if (f.function.size() > PageNameWidth)
+            shortNames.insert(f.function, shortFunctionName(f.function, PageNameWidth));
+    }
+    data.insert(QStringLiteral("short"), shortNames);
     QJsonArray lines;
     for (const LineFigure& l : profile.lines(100)) {
         lines.append(QJsonObject{ { QStringLiteral("n"), l.function },

@@ -270,12 +270,27 @@ GdbDebugger::Answer GdbDebugger::runToStrippedMain()
     return command(QStringLiteral("-exec-continue"));
 }
 
+QString GdbDebugger::locate(const QString& name, const QStringList& paths)
+{
+    if (QFileInfo(name).isAbsolute())
+        return QFileInfo(name).isExecutable() && !QFileInfo(name).isDir() ? name : QString();
+    QString found = QStandardPaths::findExecutable(name, paths);
+    if (found.isEmpty() && name == QLatin1String("gdb")) {
+        found = QStandardPaths::findExecutable(QStringLiteral("cuda-gdb"), paths);
+        if (found.isEmpty() && paths.isEmpty())
+            found = QStandardPaths::findExecutable(QStringLiteral("cuda-gdb"), {QStringLiteral("/usr/local/cuda/bin")});
+    }
+    return found;
+}
+
 bool GdbDebugger::startGdb(QString* error)
 {
-    const QString gdb = QFileInfo(mOptions.gdb).isAbsolute() ? mOptions.gdb
-                                                              : QStandardPaths::findExecutable(mOptions.gdb);
-    if (gdb.isEmpty() || !QFileInfo(gdb).isExecutable()) {
-        *error = QStringLiteral("The debugger %1 was not found; scripts/install-deps.sh installs gdb").arg(mOptions.gdb);
+    const QString gdb = locate(mOptions.gdb);
+    if (gdb.isEmpty()) {
+        *error = QStringLiteral("The debugger %1 was not found%2; scripts/install-deps.sh installs gdb, "
+                                "and ZOR_GDB=PATH names another")
+                     .arg(mOptions.gdb,
+                          mOptions.gdb == QLatin1String("gdb") ? QStringLiteral(" (nor cuda-gdb)") : QString());
         return false;
     }
     mGdb = new GdbProcess(this);

@@ -50,6 +50,12 @@ public:
     };
 
     explicit GdbDebugger(const Options& options, QObject* parent = nullptr);
+
+    // The path of the debugger `name` (a path or a name looked up in
+    // `paths`, the system's search path when empty); for plain "gdb" on a
+    // machine that has none, the GPU vendor's build of it, cuda-gdb, which
+    // CUDA machines often carry alone. Empty when there is none.
+    static QString locate(const QString& name, const QStringList& paths = {});
     ~GdbDebugger() override;
 
     // Starts gdb and `program` (path and arguments) under it, stopped at

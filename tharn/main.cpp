@@ -147,6 +147,7 @@ int main(int argc, char** argv)
     // whose hooks it calls.
     const bool mpi = identity.rankCount > 1 || !launcher.isEmpty();
     GdbDebugger::Options options;
+    options.gdb = qEnvironmentVariable("ZOR_GDB", options.gdb);
     options.preload << QuorvexGlobals::instance().installPath() + QStringLiteral("/libquorvex-sampler.so");
     // An OpenSHMEM program (the front-end says so) gets the wrapper that
     // counts its SHMEM calls as well as its MPI ones.

@@ -105,6 +105,32 @@ TEST(GdbDebugger, WhatCantStartSaysWhy)
     }
 }
 
+TEST(GdbDebugger, FindsGdbOrTheGpuVendorsBuildOfIt)
+{
+    QTemporaryDir both, vendorOnly, none;
+    for (const QString& path : {both.filePath(QStringLiteral("gdb")), both.filePath(QStringLiteral("cuda-gdb")),
+                                vendorOnly.filePath(QStringLiteral("cuda-gdb"))}) {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
+    }
+    const struct
+    {
+        QString name;
+        QStringList paths;
+        QString expected;
+    } cases[] = {
+        {QStringLiteral("gdb"), {none.path(), vendorOnly.path()}, vendorOnly.filePath(QStringLiteral("cuda-gdb"))},
+        // gdb itself wherever it is on the path, before the vendor's.
+        {QStringLiteral("gdb"), {vendorOnly.path(), both.path()}, both.filePath(QStringLiteral("gdb"))},
+        {QStringLiteral("gdb-other"), {both.path(), vendorOnly.path()}, QString()},
+        {vendorOnly.filePath(QStringLiteral("cuda-gdb")), {none.path()}, vendorOnly.filePath(QStringLiteral("cuda-gdb"))},
+        {vendorOnly.path(), {}, QString()},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(GdbDebugger::locate(c.name, c.paths), c.expected) << c.name.toStdString();
+}
+
 TEST(GdbDebugger, DrivesARealProgram)
 {
     const QString problem = gdbCallProblem(QStringLiteral(ZOR_EXAMPLE));
