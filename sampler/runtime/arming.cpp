@@ -129,7 +129,9 @@ void takeMetricBaselines()
     // The first sample reads /proc; the counts are shared out from here.
     s.lastProcRead = timespec{0, 0};
     s.haveRss = false;
+    s.haveCpuPercent = false;
     const timespec now = zs_now(CLOCK_MONOTONIC);
+    s.lastProcessCpuAt = now;
     s.charsReadShare = CountShare{false, 0, 0, now};
     s.charsWrittenShare = CountShare{false, 0, 0, now};
     char text[1024];

@@ -312,21 +312,23 @@ void readMetrics(const timespec& wall, const timespec& now)
     State& s = gState;
     if (s.metricCount == 0)
         return;
-    double cpuPercent = 0;
-    bool haveCpu = false;
-    if (s.needProcessCpu) {
-        const timespec cpu = zs_now(CLOCK_PROCESS_CPUTIME_ID);
-        const long long wallNs = zs_nanoseconds(wall);
-        if (wallNs > 0) {
-            cpuPercent = 100.0 * static_cast<double>(zs_nanoseconds(zs_difference(cpu, s.lastProcessCpu)))
-                / static_cast<double>(wallNs);
-            haveCpu = true;
-        }
-        s.lastProcessCpu = cpu;
-    }
     bool haveRss = false, haveIo = false;
     std::uint64_t residentPages = 0, charsRead = 0, charsWritten = 0;
     const bool fresh = readProcCounters(now, haveRss, residentPages, haveIo, charsRead, charsWritten);
+    if (s.needProcessCpu && fresh) {
+        // Read with /proc, not at every sample: the clock sums the times of
+        // all threads, a system call dearer than the rest of a sample's
+        // reading. A sample between two readings carries the last share.
+        const timespec cpu = zs_now(CLOCK_PROCESS_CPUTIME_ID);
+        const long long spanNs = zs_nanoseconds(zs_difference(now, s.lastProcessCpuAt));
+        if (spanNs > 0) {
+            s.cpuPercent = 100.0 * static_cast<double>(zs_nanoseconds(zs_difference(cpu, s.lastProcessCpu)))
+                / static_cast<double>(spanNs);
+            s.haveCpuPercent = true;
+        }
+        s.lastProcessCpu = cpu;
+        s.lastProcessCpuAt = now;
+    }
     if (fresh) {
         s.haveRss = haveRss;
         s.rssBytes = residentPages * static_cast<std::uint64_t>(s.pageSize);
@@ -340,8 +342,8 @@ void readMetrics(const timespec& wall, const timespec& now)
         SampleValue value;
         switch (s.metrics[i].kind) {
         case MetricCpuPercent:
-            if (haveCpu)
-                value = SampleValue(cpuPercent);
+            if (s.haveCpuPercent)
+                value = SampleValue(s.cpuPercent);
             break;
         case MetricRss:
             if (s.haveRss)

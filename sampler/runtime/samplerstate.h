@@ -45,7 +45,8 @@ const int PENDING_PER_THREAD = 64;
 // A thread that used less CPU than this share of the wall time since its
 // previous sample counts as sleeping.
 const double SLEEPING_CPU_SHARE = 0.1;
-// How often the resident memory and the I/O counts are read from /proc.
+// How often the resident memory, the I/O counts and the process's CPU time
+// are read.
 const long long PROC_READ_PERIOD_NS = 10 * 1000 * 1000;
 // The sample list and its backtraces must fit in this; the number of
 // samples kept is lowered to make them fit.
@@ -177,7 +178,12 @@ struct State
     ProcFile statm;
     ProcFile io;
     long pageSize;
+    // The process's CPU time at the last reading, when that was, and the
+    // share of the wall time that it grew by since the one before.
     timespec lastProcessCpu;
+    timespec lastProcessCpuAt;
+    double cpuPercent;
+    bool haveCpuPercent;
     std::uint64_t lastCharsRead;
     std::uint64_t lastCharsWritten;
     // When /proc was last read, and the resident memory it showed.
