@@ -844,6 +844,10 @@ int ProfileRun::run()
         }, EndTimeoutMs, QStringLiteral("waiting for the program to end"), &ignored);
     }
     result.run.exitStatus = programStatus();
+    for (HostConnection* host : mHosts + mDroppedHosts) {
+        if (host->targetEnded() && host->exitSignal() > 0 && result.run.exitSignal == 0)
+            result.run.exitSignal = host->exitSignal();
+    }
     // A failed end learnt only once the run was over (mpirun had the hosts
     // stop first) is told too.
     for (HostConnection* host : mHosts + mDroppedHosts) {

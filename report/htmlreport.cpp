@@ -60,7 +60,9 @@ QJsonArray metrics(const Profile& profile)
     const Result& result = profile.result();
     QJsonArray rows;
     rows.append(pair(QStringLiteral("Started"), result.run.started.toString(Qt::ISODate)));
-    rows.append(pair(QStringLiteral("Exit status"), QString::number(result.run.exitStatus)));
+    rows.append(pair(QStringLiteral("Exit status"),
+                     result.run.exitSignal > 0 ? QStringLiteral("%1 (killed by signal %2)").arg(result.run.exitStatus).arg(result.run.exitSignal)
+                                               : QString::number(result.run.exitStatus)));
     rows.append(pair(QStringLiteral("Samples"), samplingFacts(result).text));
     for (const InstructionClassShare& share : profile.instructionMix())
         rows.append(pair(QStringLiteral("CPU time running %1 instructions").arg(share.name),

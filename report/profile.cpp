@@ -13,7 +13,9 @@
 namespace {
 
 const QString MainThreadLabel = QStringLiteral("main thread");
-const QString RegionThreadLabel = QStringLiteral("parallel region threads");
+// The same words as the class frame of a worker between regions, so that
+// one thread pool shows as one class.
+const QString RegionThreadLabel = QStringLiteral("OpenMP worker thread");
 const QString OtherThreadLabel = QStringLiteral("other threads");
 
 // The leaves of a thread's tree, each with its path below the root. A

@@ -36,6 +36,8 @@ void writeRun(QXmlStreamWriter& w, const RunInfo& run)
     w.writeAttribute(QStringLiteral("interval"), QString::number(run.intervalMs));
     w.writeAttribute(QStringLiteral("samples"), QString::number(run.samplesPerProcess));
     w.writeAttribute(QStringLiteral("exitStatus"), QString::number(run.exitStatus));
+    if (run.exitSignal > 0)
+        w.writeAttribute(QStringLiteral("exitSignal"), QString::number(run.exitSignal));
     if (run.interrupted)
         w.writeAttribute(QStringLiteral("interrupted"), QStringLiteral("yes"));
     if (run.programMs > 0)
@@ -58,6 +60,7 @@ bool readRun(QXmlStreamReader& r, RunInfo* run, QString* error)
     run->samplesPerProcess = a.value(QLatin1String("samples")).toInt(&ok[2]);
     run->exitStatus = a.value(QLatin1String("exitStatus")).toInt(&ok[3]);
     run->interrupted = a.value(QLatin1String("interrupted")) == QLatin1String("yes");
+    run->exitSignal = std::max(0, a.value(QLatin1String("exitSignal")).toInt());
     // Not in files of older versions.
     run->programMs = std::max(0LL, a.value(QLatin1String("programMs")).toLongLong());
     bool childrenKnown = false;

@@ -29,6 +29,7 @@ struct RunInfo
     int intervalMs = 20;
     int samplesPerProcess = 1000;
     int exitStatus = 0;
+    int exitSignal = 0; // the signal that ended the program, if one did
     bool interrupted = false; // the user stopped sampling early
 
     QString commandLine() const;

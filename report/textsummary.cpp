@@ -4,6 +4,7 @@
 #include <QStringList>
 
 #include <cmath>
+#include <cstring>
 
 #include "mpicalls.h"
 #include "constants.h"
@@ -329,7 +330,12 @@ QString textSummary(const Profile& profile, int top)
                    SummaryWidth);
     if (run.interrupted)
         out << QStringLiteral("Sampling was stopped early.");
-    if (run.exitStatus != 0)
+    if (run.exitSignal > 0 && !run.interrupted)
+        out << QStringLiteral("The program was killed by signal %1 (%2), exit status %3.")
+                   .arg(run.exitSignal)
+                   .arg(QString::fromLocal8Bit(strsignal(run.exitSignal)))
+                   .arg(run.exitStatus);
+    else if (run.exitStatus != 0)
         out << QStringLiteral("The program exited with status %1.").arg(run.exitStatus);
 
     if (execed)

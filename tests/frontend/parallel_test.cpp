@@ -407,7 +407,7 @@ TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
     for (const ActivityRow& row : profile.activity(10, false))
         threads[row.label] += row.threads;
     EXPECT_EQ(threads.value("main thread"), 1) << qPrintable(QStringList(threads.keys()).join(", "));
-    EXPECT_EQ(threads.value("parallel region threads"), 2) << qPrintable(QStringList(threads.keys()).join(", "));
+    EXPECT_EQ(threads.value("OpenMP worker thread"), 2) << qPrintable(QStringList(threads.keys()).join(", "));
 }
 
 INSTANTIATE_TEST_SUITE_P(Runtimes, OpenMp, ::testing::Values("gcc", "clang"));

@@ -38,6 +38,7 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     original.run.interrupted = true;
     original.run.programMs = 4000;
     original.run.childrenCpuMs = 2800;
+    original.run.exitSignal = 11;
     original.run.arguments << QStringLiteral("it's quoted");
     MetricErrorMap errors;
     errors[QStringLiteral("instr_fp")].insert(1, MetricError(QStringLiteral("instr_fp"), 1, QStringLiteral("no"), 1));
@@ -241,7 +242,11 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     // A pool of forked workers that did most of the work.
     Result forks = exampleResult(1);
     forks.run.childrenCpuMs = 2800;
-    EXPECT_TRUE(textSummary(Profile(forks), 5).contains(QLatin1String("Processes that the program started used 2.80 s of CPU time beside its own")));
+    forks.run.exitStatus = 139;
+    forks.run.exitSignal = 11;
+    const QString forked = textSummary(Profile(forks), 5);
+    EXPECT_TRUE(forked.contains(QLatin1String("Processes that the program started used 2.80 s of CPU time beside its own")));
+    EXPECT_TRUE(forked.contains(QLatin1String("The program was killed by signal 11 (Segmentation fault), exit status 139.")));
 
     // A shell that waits for the program doing the work, in code without symbols.
     Result shell = exampleResult(0);
@@ -253,7 +258,7 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     }
     shell.ranks << rank;
     const QString waits = textSummary(Profile(shell), 5);
-    for (const char* expected : { "1 process, 2 threads", "parallel region threads (1)|",
+    for (const char* expected : { "1 process, 2 threads", "OpenMP worker thread (1)   |",
                                   "The program waited for programs that it started through 75.0% of the run",
                                   "(in __waitpid)", "code without symbols (sh)" })
         EXPECT_TRUE(waits.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(waits);
