@@ -193,7 +193,7 @@ TEST_P(MpiRanks, CountEveryCallAndShowTheImbalance)
     const Outcome run = zorBounded(args + QStringList{ "--", program, QString::number(rounds), "10000", "16" },
                             withTmpdir(temporary.path()), 420000);
     EXPECT_EQ(run.leftBehind, QStringList());
-    ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
+    ASSERT_FALSE(run.timedOut) << qPrintable(run.err) << "\nat the bound:\n" << qPrintable(run.atTimeout);
     ASSERT_EQ(run.status, 0) << qPrintable(run.err);
     EXPECT_EQ(run.err.contains(QLatin1String("zor: the hosts call tcp:")), tcp) << qPrintable(run.err);
     EXPECT_FALSE(run.err.contains(QLatin1String("refused"))) << qPrintable(run.err);
@@ -307,7 +307,7 @@ TEST_F(Parallel, MpiAbortAndACrashingRankKeepTheOtherRanksSamples)
                                   ZOR_MPI_EXAMPLE, "400", "100", "16", c.option, QString::number(c.rank) },
                                 withTmpdir(temporary.path()), 280000);
         EXPECT_EQ(run.leftBehind, QStringList());
-        ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
+        ASSERT_FALSE(run.timedOut) << qPrintable(run.err) << "\nat the bound:\n" << qPrintable(run.atTimeout);
         // The host reads how a program ended from its zombie; should the
         // zombie be gone first, the rank counts as failed once the others
         // outlive it by 20 s, and zor says it doesn't know how it ended.
@@ -362,7 +362,7 @@ TEST_P(OpenMp, WorkersContinueIntoTheFunctionThatOpenedTheRegion)
     const Outcome run = zorBounded({ "profile", "--interval", "3", "--quiet", "-o", result, "--", program, "40", "64" }, env,
                             280000);
     EXPECT_EQ(run.leftBehind, QStringList());
-    ASSERT_FALSE(run.timedOut) << qPrintable(run.err);
+    ASSERT_FALSE(run.timedOut) << qPrintable(run.err) << "\nat the bound:\n" << qPrintable(run.atTimeout);
     ASSERT_EQ(run.status, 0) << qPrintable(run.err);
     EXPECT_TRUE(run.out.endsWith(QLatin1String("ok\n"))) << qPrintable(run.out);
     const Result saved = savedResult(result);

@@ -3,6 +3,8 @@
 #define ZOR_TESTS_ZORRUN_H
 
 #include <QDir>
+#include <QFile>
+#include <QMap>
 #include <QProcess>
 #include <QThread>
 
@@ -18,7 +20,46 @@ struct Outcome
     // Processes still running after zor ended, and files it left in TMPDIR
     // apart from the plug-in's directory for the user.
     QStringList leftBehind;
+    // What the processes under this one were doing when the bound was hit.
+    QString atTimeout;
 };
+
+inline QByteArray procText(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Every process below this one (orphans that it adopted included), and each
+// of their threads with its state and where in the kernel it waits.
+inline QString processesBelowThis()
+{
+    QMap<int, QList<int>> children;
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        const QByteArray stat = procText(QStringLiteral("/proc/%1/stat").arg(entry));
+        const int close = stat.lastIndexOf(')');
+        if (entry.toInt() > 0 && close > 0)
+            children[stat.mid(close + 2).split(' ').value(1).toInt()] << entry.toInt();
+    }
+    QString text;
+    QList<int> todo = children.value(getpid());
+    while (!todo.isEmpty()) {
+        const int pid = todo.takeFirst();
+        todo += children.value(pid);
+        text += QStringLiteral("%1 %2\n").arg(pid).arg(QString::fromLocal8Bit(
+                    procText(QStringLiteral("/proc/%1/cmdline").arg(pid)).replace('\0', ' ').left(160)));
+        const QString tasks = QStringLiteral("/proc/%1/task").arg(pid);
+        for (const QString& tid : QDir(tasks).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            const QByteArray stat = procText(tasks + QLatin1Char('/') + tid + QStringLiteral("/stat"));
+            const int close = stat.lastIndexOf(')');
+            text += QStringLiteral("  %1 %2 %3 %4\n")
+                        .arg(tid, QString::fromLocal8Bit(stat.mid(stat.indexOf('(') + 1, close - stat.indexOf('(') - 1)),
+                             QString::fromLatin1(stat.mid(close + 2, 1)),
+                             QString::fromLatin1(procText(tasks + QLatin1Char('/') + tid + QStringLiteral("/wchan"))));
+        }
+    }
+    return text;
+}
 
 // zor with a bound: past it, two Ctrl-Cs abort the run, and then it is killed.
 inline Outcome zor(const QStringList& args, const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment(),
@@ -32,6 +73,7 @@ inline Outcome zor(const QStringList& args, const QProcessEnvironment& env = QPr
     Outcome run;
     if (!process.waitForFinished(timeoutMs)) {
         run.timedOut = true;
+        run.atTimeout = processesBelowThis();
         for (int i = 0; i < 2; ++i, QThread::msleep(500))
             ::kill(pid_t(process.processId()), SIGINT);
         if (!process.waitForFinished(60000)) {
