@@ -459,6 +459,8 @@ void PreloadSampleSource::LeafQuestions::clear()
     leaves.clear();
     shown.clear();
     viaJump.clear();
+    previous.clear();
+    stale = false;
     asked = false;
     failure = nullptr;
 }
@@ -477,6 +479,11 @@ void PreloadSampleSource::askLeafQuestions()
             mInstructionCache.previousAddressAndInstruction(leaves[i], InstructionCache::DisassemblyLookupAllowed);
         mLeafQuestions.shown[i] = previous.mnemonic.isEmpty() ? leaves[i] : previous.address;
         mLeafQuestions.viaJump[i] = previous.viaJump;
+    }
+    mLeafQuestions.previous.resize(leaves.size());
+    for (size_t i = 0; i < leaves.size(); ++i) {
+        mLeafQuestions.previous[i] =
+            mInstructionCache.previousAddressAndInstruction(leaves[i], InstructionCache::DisassemblyLookupForbidden);
     }
     std::vector<Address> shown = mLeafQuestions.shown;
     std::sort(shown.begin(), shown.end());
@@ -560,6 +567,7 @@ void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
             if (mLeafQuestions.viaJump[next])
                 mJumpTargetLeafs.insert(address);
         } else {
+            mLeafQuestions.stale = true;
             const InstructionCache::PreviousInstruction previous =
                 mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupAllowed);
             decodedLeafs.push_back(previous.mnemonic.isEmpty() ? address : previous.address);
@@ -593,7 +601,6 @@ void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
         ++done;
         reportAnalysisProcessing(DecodeLeafAddresses, done / leafs);
     }
-    mLeafQuestions.clear();
     mSelfProfilePoints.addPoint(decode.finish(done));
 }
 

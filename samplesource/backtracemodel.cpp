@@ -131,17 +131,17 @@ ZORPSVModelItem* PreloadSampleSource::createPSVModelForBacktrace(const quorvex::
     bool mayTell = true;
     ZORPSVModelItem* root = buildPath(backtrace.trace(), backtrace.inMpi(), partialTrace, rootFramesToSkip,
                                       instruction, accelerator, leaf, mayTell);
-    noteTreeLeaf(root, leaf);
+    noteTreeLeaf(leaf, -1);
     return root;
 }
 
-void PreloadSampleSource::noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& leaf)
+void PreloadSampleSource::noteTreeLeaf(const TreeLeaf& leaf, int tid)
 {
     if (!leaf.placeholder)
         return;
     mNewLeafAddresses.push_back(leaf.address);
     if (mRecordTreePlaceholders)
-        mTreePlaceholders.insert(reinterpret_cast<quintptr>(root)) = leaf.placeholder;
+        mLeafRecords.push_back({leaf.placeholder, leaf.address, tid});
 }
 
 ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trace, bool inMpi, bool partialTrace,
@@ -289,9 +289,10 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
     if (first < n) {
         if (!inMpi) {
             const Address leaf = trace[first];
-            current = new PlaceholderZORPSVModelItem(current, leaf, inAccelerator);
+            PlaceholderZORPSVModelItem* placeholder = new PlaceholderZORPSVModelItem(current, leaf, inAccelerator);
+            current = placeholder;
             current->addThread(rank, false, false);
-            leafOut.placeholder = current;
+            leafOut.placeholder = placeholder;
             leafOut.address = leaf;
             *instruction = QStringLiteral("leaf-placeholder");
         } else {
@@ -425,21 +426,18 @@ bool PreloadSampleSource::replaceTailFramePlaceholder(PSVModelItem* root, Instru
 bool PreloadSampleSource::replaceTailFramePlaceholder(PSVModelItem* root, InstructionQuery& query,
                                                       PSVModelItem** newLeaf)
 {
-    // The placeholder of a tree built by this analysis is known; it is the
-    // leaf that the walk down the first children would find.
-    // Its type is known too, which spares the cast's walk of the classes.
-    ZORPSVModelItem* node = nullptr;
-    if (ZORPSVModelItem** known = mTreePlaceholders.find(reinterpret_cast<quintptr>(root)))
-        node = (*known)->childCount() > 0 ? nullptr : *known;
-    if (!node) {
-        PSVModelItem* tail = root;
-        while (tail->childCount() > 0)
-            tail = tail->firstChild();
-        node = dynamic_cast<ZORPSVModelItem*>(tail);
-    }
+    PSVModelItem* tail = root;
+    while (tail->childCount() > 0)
+        tail = tail->firstChild();
+    ZORPSVModelItem* node = dynamic_cast<ZORPSVModelItem*>(tail);
     if (!node || !node->isPlaceholder())
         return false;
-    PlaceholderZORPSVModelItem* placeholder = static_cast<PlaceholderZORPSVModelItem*>(node);
+    return replacePlaceholder(static_cast<PlaceholderZORPSVModelItem*>(node), query, newLeaf);
+}
+
+bool PreloadSampleSource::replacePlaceholder(PlaceholderZORPSVModelItem* placeholder, InstructionQuery& query,
+                                             PSVModelItem** newLeaf)
+{
     ZORPSVModelItem* parent = placeholder->parentZORModelItem();
     placeholder->detach();
     InstructionQuery fresh;

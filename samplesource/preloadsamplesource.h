@@ -63,6 +63,8 @@ class SSampleList;
 typedef unsigned long long Address;
 
 // The instruction cache's view of the target's code, through the debugger.
+class PlaceholderZORPSVModelItem;
+
 class DebuggerDisassembler : public Disassembler
 {
 public:
@@ -279,7 +281,7 @@ private:
     // The leaf placeholder of a fresh tree and the address it stands for.
     struct TreeLeaf
     {
-        ZORPSVModelItem* placeholder = nullptr;
+        PlaceholderZORPSVModelItem* placeholder = nullptr;
         Address address = 0;
     };
     // The tree of one thread of a raw sample, built apart from the rest of
@@ -317,7 +319,7 @@ private:
     ZORPSVModelItem* buildPath(const quorvex::backtrace_t& trace, bool inMpi, bool partialTrace,
                                unsigned int rootFramesToSkip, QString* instruction, bool* accelerator,
                                TreeLeaf& leaf, bool& mayTell);
-    void noteTreeLeaf(ZORPSVModelItem* root, const TreeLeaf& leaf);
+    void noteTreeLeaf(const TreeLeaf& leaf, int tid);
     void addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent);
     // The child of parent at position, counting one more thread of the
     // rank; made if there is none.
@@ -454,10 +456,22 @@ private:
     // By the names' storage, which the names held beside keep their own.
     FlatTable<NameAnswers> mNameAnswers;
     std::deque<QString> mAnsweredNames;
-    // While a run is analysed: the leaf placeholder of each tree built, by
-    // the tree's root, which spares a walk down a deep tree whose nodes have
-    // long left the cache.
-    FlatTable<ZORPSVModelItem*> mTreePlaceholders;
+    // While a run is analysed: the leaf placeholder of each tree built, with
+    // its address and thread, each sample's together in the order built,
+    // which spares a walk down a deep tree whose nodes have long left the
+    // cache; and each sample built with where its records begin.
+    struct LeafRecord
+    {
+        PlaceholderZORPSVModelItem* placeholder;
+        Address address;
+        int tid;
+    };
+    std::vector<LeafRecord> mLeafRecords;
+    std::vector<std::pair<Sample*, size_t>> mSampleLeafRecords;
+    // The placeholders of the samples built by this run replaced by their
+    // leaves, on the sample workers; how many were.
+    int replaceLeaves();
+    bool replacePlaceholder(PlaceholderZORPSVModelItem* placeholder, InstructionQuery& query, PSVModelItem** newLeaf);
     // The thread counts of a fresh node, one thread of mOneThreadRank,
     // shared by all of them.
     IntProcessMap mOneThread;
@@ -495,6 +509,11 @@ private:
         std::vector<Address> leaves;
         std::vector<Address> shown;
         std::vector<bool> viaJump;
+        // What the cache answers for each once all of them are disassembled,
+        // as the placeholders' replacement reads it; stale once another
+        // leaf was disassembled after them.
+        std::vector<InstructionCache::PreviousInstruction> previous;
+        bool stale = false;
         // The debugger's answers for the shown addresses not decoded yet,
         // ascending.
         std::vector<PendingPosition> positions;

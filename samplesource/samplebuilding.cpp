@@ -5,6 +5,7 @@
 #include "constants.h"
 #include "envswitch.h"
 #include "gpuprofilepsvmodelitem.h"
+#include "placeholderzorpsvmodelitem.h"
 #include "preloadsamplesourceutils.h"
 #include "sampleworkers.h"
 #include "profilerresponses.h"
@@ -241,6 +242,8 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     mSampleWorkers = mTreeBuilders > 0 || frames >= FramesForSampleWorkers ? builders : 1;
     precacheLineAndInstructionInfo(raw, callSites);
     mRecordTreePlaceholders = true;
+    mLeafRecords.clear();
+    mSampleLeafRecords.clear();
 
     // The leaves' questions to the debugger go beside the trunk, which never
     // asks it; the thread ends with the trunk, also when the trunk fails.
@@ -284,36 +287,10 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     {
         SelfProfile leafs(mTharn, QStringLiteral("80.samples-leafs"));
         answerLeaves();
-        mKeepLeafAnswers = true;
-        // Each sample's trees are its own, and the answers were all worked
-        // out ahead: the samples are shared out among the threads.
-        std::vector<Sample*> finished(samples.begin(), samples.end());
-        std::atomic<int> replaced{0};
-        const bool lineMetrics = mLineMetricsEnabled && !mIgnoreSamples;
-        runOnSampleWorkers(finished.size(), mDebugAddresses ? 1 : mSampleWorkers, [&](size_t i, int) {
-            Sample* sample = finished[i];
-            QVarLengthArray<QPair<int, PSVModelItem*>, 32> leaves;
-            for (int tid : sample->sampledTidList()) {
-                ZORPSVModelItem* model = sample->backendOnly_mutablePsvModel(tid);
-                if (!model)
-                    continue;
-                InstructionQuery query;
-                PSVModelItem* leaf = nullptr;
-                if (replaceTailFramePlaceholder(model, query, &leaf)) {
-                    sample->backendOnly_setInstruction(tid, query);
-                    leaves.append(qMakePair(tid, leaf));
-                }
-            }
-            replaced.fetch_add(leaves.size(), std::memory_order_relaxed);
-            if (lineMetrics)
-                populateLineMetrics(mMetricDefinitions, *sample, leaves);
-        });
-        mKeepLeafAnswers = false;
-        mLeafAnswers.clear();
+        const int replaced = replaceLeaves();
         mRecordTreePlaceholders = false;
-        mTreePlaceholders.clear();
         mTraceEnds.clear();
-        mSelfProfilePoints.addPoint(leafs.finish(replaced.load()));
+        mSelfProfilePoints.addPoint(leafs.finish(replaced));
     }
 
     SelfProfile post(mTharn, QStringLiteral("90.post"));
@@ -444,6 +421,8 @@ Sample* PreloadSampleSource::finishSample(const quorvex::SSample& raw, timespec 
                                           const quorvex::SSample* previous, ThreadTree* trees)
 {
     Sample* sample = new Sample(mMetricDefinitions, mRank);
+    if (mRecordTreePlaceholders)
+        mSampleLeafRecords.emplace_back(sample, mLeafRecords.size());
     sample->setIgnore(mIgnoreSamples);
     sample->backendOnly_setTimestamp(PreloadSampleSourceUtils::msFromTimespec(raw.getTimestamp(), start));
     if (raw.otherThreads().count() > mMaxBacktracesPerSample)
@@ -463,7 +442,7 @@ Sample* PreloadSampleSource::finishSample(const quorvex::SSample& raw, timespec 
             : tree->hasCallSite                         ? Sample::ParallelRegionThread
                                                         : Sample::OtherThread;
         ZORPSVModelItem* root = tree->root;
-        noteTreeLeaf(root, tree->leaf);
+        noteTreeLeaf(tree->leaf, backtrace.tid());
         if (tree->regionCaller)
             mHasOmpRegions = true;
 
@@ -637,21 +616,96 @@ void PreloadSampleSource::answerLeaves()
     mLeafAnswers.clear();
     mLeafAnswers.reserve(mLeafAddresses.size());
     oneThread();
+    // The cache's answers asked with the leaves' questions hold while no
+    // other leaf was disassembled since.
+    const bool asked = mLeafQuestions.asked && !mLeafQuestions.stale
+        && mLeafQuestions.previous.size() == mLeafQuestions.leaves.size();
+    const std::vector<Address>& foreseen = mLeafQuestions.leaves;
+    std::vector<LeafAnswer*> answers;
+    answers.reserve(mLeafAddresses.size());
+    size_t next = 0;
     for (Address address : mLeafAddresses) {
         LeafAnswer& answer = mLeafAnswers.insert(address);
-        answer.previous =
-            mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
+        while (next < foreseen.size() && foreseen[next] < address)
+            ++next;
+        if (asked && next < foreseen.size() && foreseen[next] == address)
+            answer.previous = mLeafQuestions.previous[next];
+        else
+            answer.previous =
+                mInstructionCache.previousAddressAndInstruction(address, InstructionCache::DisassemblyLookupForbidden);
         answer.known = true;
+        answers.push_back(&answer);
+    }
+    mLeafQuestions.clear();
+    // The frames shown, on the sample workers: the table of answers is full
+    // and moves no more, and two leaves may share a frame.
+    runOnSampleWorkers(answers.size(), mDebugAddresses ? 1 : mSampleWorkers, [&](size_t i, int) {
+        LeafAnswer& answer = *answers[i];
         // The frame stands at the instruction that was executing, the one
         // before the recorded program counter.
-        const Address used = answer.previous.mnemonic.isEmpty() ? address : answer.previous.address;
+        const Address used = answer.previous.mnemonic.isEmpty() ? mLeafAddresses[i] : answer.previous.address;
         DecodedFrame& frame = decodedFrame(used);
-        if (!frame.kept)
-            frame.kept = PSVModelItem::keptPosition(frame.position, frame.positionKey);
+        const Position* kept = __atomic_load_n(&frame.kept, __ATOMIC_ACQUIRE);
+        if (!kept) {
+            kept = PSVModelItem::keptPosition(frame.position, frame.positionKey);
+            __atomic_store_n(&frame.kept, kept, __ATOMIC_RELEASE);
+        }
         answer.frame = &frame;
-        answer.kept = frame.kept;
+        answer.kept = kept;
         answer.fromCuda = isAddressFromCUDALibrary(used, frame.position.function) ? 1 : 0;
-    }
+    });
+}
+
+int PreloadSampleSource::replaceLeaves()
+{
+    mKeepLeafAnswers = true;
+    const size_t samples = mSampleLeafRecords.size();
+    mSampleLeafRecords.emplace_back(nullptr, mLeafRecords.size());
+    // What a sample's replacement reads lies scattered over the memory of
+    // the trees: the placeholders of the next sample and their answers are
+    // loaded ahead, then the parents of this one's all at once. The next
+    // sample may be another thread's: its placeholders are not read.
+    const auto records = [this](size_t i) {
+        return std::make_pair(mLeafRecords.data() + mSampleLeafRecords[i].second,
+                              mLeafRecords.data() + mSampleLeafRecords[i + 1].second);
+    };
+    std::atomic<int> replaced{0};
+    const bool lineMetrics = mLineMetricsEnabled && !mIgnoreSamples;
+    // Each sample's trees are its own, and the answers were all worked out
+    // ahead: the samples are shared out among the threads.
+    runOnSampleWorkers(samples, mDebugAddresses ? 1 : mSampleWorkers, [&](size_t i, int) {
+        if (i + 1 < samples) {
+            for (auto next = records(i + 1); next.first != next.second; ++next.first) {
+                __builtin_prefetch(next.first->placeholder);
+                mLeafAnswers.prefetch(next.first->address);
+            }
+        }
+        const auto mine = records(i);
+        for (const LeafRecord* record = mine.first; record != mine.second; ++record) {
+            __builtin_prefetch(record->placeholder->parent());
+            if (const LeafAnswer* answer = mLeafAnswers.find(record->address))
+                __builtin_prefetch(answer->kept);
+        }
+        Sample* sample = mSampleLeafRecords[i].first;
+        QVarLengthArray<QPair<int, PSVModelItem*>, 32> leaves;
+        for (const LeafRecord* record = mine.first; record != mine.second; ++record) {
+            InstructionQuery query;
+            PSVModelItem* leaf = nullptr;
+            // A placeholder stays the leaf of its path: nothing adds to it.
+            if (replacePlaceholder(record->placeholder, query, &leaf)) {
+                sample->backendOnly_setInstruction(record->tid, query);
+                leaves.append(qMakePair(record->tid, leaf));
+            }
+        }
+        replaced.fetch_add(leaves.size(), std::memory_order_relaxed);
+        if (lineMetrics)
+            populateLineMetrics(mMetricDefinitions, *sample, leaves);
+    });
+    mKeepLeafAnswers = false;
+    mLeafAnswers.clear();
+    std::vector<LeafRecord>().swap(mLeafRecords);
+    std::vector<std::pair<Sample*, size_t>>().swap(mSampleLeafRecords);
+    return replaced.load();
 }
 
 void PreloadSampleSource::populateLineMetrics(const MetricDefinitions& definitions, Sample& sample)

@@ -212,8 +212,22 @@ void PreloadSampleSource::prependClassificationFramesToSampleBacktraces(SampleLi
     runOnSampleWorkers(finished.size(), workers, [&](size_t i, int worker) {
         Sample* sample = finished[i];
         FlatTable<const Position*>& entries = entriesOf[worker];
-        for (int tid : sample->sampledTidList()) {
-            ZORPSVModelItem* root = sample->backendOnly_mutablePsvModel(tid);
+        // The trees' tops lie scattered over memory long left by the
+        // caches: the roots of the sample are loaded together, then their
+        // first frames.
+        const QVector<int> tids = sample->sampledTidList();
+        QVarLengthArray<ZORPSVModelItem*, 32> roots;
+        for (int tid : tids) {
+            roots.append(sample->backendOnly_mutablePsvModel(tid));
+            __builtin_prefetch(roots.last());
+        }
+        for (ZORPSVModelItem* root : qAsConst(roots)) {
+            if (root && root->childCount() > 0)
+                __builtin_prefetch(root->firstChild());
+        }
+        for (int t = 0; t < tids.size(); ++t) {
+            const int tid = tids[t];
+            ZORPSVModelItem* root = roots[t];
             if (!root)
                 continue;
             ThreadClass threadClass = sample->backendOnly_threadType(tid) == Sample::ParallelRegionThread
