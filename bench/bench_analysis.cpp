@@ -164,6 +164,11 @@ int main(int argc, char** argv)
     std::printf("analysis, CPU time:   %.1f ms in all, %.1f us per raw sample\n", cpu * 1000, cpu * 1e6 / numSamples);
     std::printf("page faults during the analysis: %ld (%.1f MB of fresh memory); a node of a tree takes %d bytes\n",
                 faults, faults * 4096.0 / 1e6, int(sizeof(ZORPSVModelItem)));
+    // The decoding passes run on the one thread that asks the debugger; on
+    // a machine of several cores the trees of the samples decoded so far are
+    // built beside the first pass, and only what it didn't hide counts here.
+    // Its own work beyond the answers (names interned, frames noted) isn't
+    // counted either: the CPU figure below counts it.
     std::printf("wall clock beyond the decoding passes (the debugger's answers): %.1f us per raw sample\n",
                 (seconds * 1000 - decodeMs) * 1000 / numSamples);
 

@@ -95,10 +95,13 @@ template <typename K, typename V>
 class CompactMapData : public QSharedData
 {
 public:
-    CompactMapData() : mCount(0), mBrief(0), mElided(0), mCountIsLowerBound(0) {}
+    CompactMapData() : mCount(0), mTotal(0), mBrief(0), mElided(0), mCountIsLowerBound(0) {}
 
     std::map<range<K>, V> mRanges;
     int mCount;
+    // IntProcessMap's running total, kept here so that such a map, of which
+    // every node of a call tree holds one, is a single pointer.
+    int mTotal;
     unsigned mBrief : 1;
     unsigned mElided : 1;
     unsigned mCountIsLowerBound : 1;

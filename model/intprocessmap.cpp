@@ -50,8 +50,8 @@ IntProcessMap::IntProcessMap(const QString& text)
 
 void IntProcessMap::setTotal(int total)
 {
-    t.detach();
-    t->mTotal = total;
+    d.detach();
+    d->mTotal = total;
 }
 
 void IntProcessMap::set(const range<int>& r, int value, bool counted)
@@ -61,7 +61,7 @@ void IntProcessMap::set(const range<int>& r, int value, bool counted)
         setTotal(total());
     Base::set(r, value, counted);
     if (counted && isElided())
-        setTotal(zor_compact::add32(t->mTotal, static_cast<unsigned int>(product32(r.end - r.begin, value))));
+        setTotal(zor_compact::add32(d->mTotal, static_cast<unsigned int>(product32(r.end - r.begin, value))));
 }
 
 void IntProcessMap::set(const CompactSet<int>& ranks, int value, bool counted)
@@ -74,7 +74,7 @@ void IntProcessMap::setSimple(const IntProcessMap& other, bool counted)
 {
     if (mayElideMerging(other, counted))
         setTotal(total());
-    const int totalBefore = t->mTotal;
+    const int totalBefore = d->mTotal;
     Base::setSimple(other, counted);
     if (counted && isElided())
         setTotal(zor_compact::add32(totalBefore, static_cast<unsigned int>(other.total())));
@@ -98,13 +98,11 @@ void IntProcessMap::set(const IntProcessMap& other, bool counted)
     // The result takes on the brief and elided states of other.
     if (isEmpty()) {
         d = other.d;
-        t = other.t;
         return;
     }
     IntProcessMap merged(other);
     merged.setSimple(*this, counted);
     d = merged.d;
-    t = merged.t;
 }
 
 void IntProcessMap::add(int key, int delta)
@@ -183,7 +181,7 @@ int IntProcessMap::max() const
 int IntProcessMap::totalLowerBound() const
 {
     if (isElided() && !countIsLowerBound())
-        return t->mTotal;
+        return d->mTotal;
     int sum = 0;
     for (const auto& entry : ranges())
         sum = zor_compact::add32(sum, static_cast<unsigned int>(product32(entry.first.end - entry.first.begin, entry.second)));
@@ -192,13 +190,13 @@ int IntProcessMap::totalLowerBound() const
 
 void IntProcessMap::setBrief(bool brief, int size, int total, bool elided, bool lowerBound)
 {
-    t.detach();
+    d.detach();
     if (elided) {
         // The total and the count take their new values by opposite tests.
         if (!isElided())
-            t->mTotal = std::max(t->mTotal, total);
+            d->mTotal = std::max(d->mTotal, total);
         else
-            t->mTotal = total != 0 ? total : this->total();
+            d->mTotal = total != 0 ? total : this->total();
     }
     d.detach();
     if (elided) {
@@ -267,12 +265,12 @@ void IntProcessMap::appendText(QByteArray* out) const
         if (isElided()) {
             appendNumber(out, count());
             out->append('=');
-            appendNumber(out, t->mTotal);
+            appendNumber(out, d->mTotal);
         }
     }
 }
 
 bool IntProcessMap::operator==(const IntProcessMap& other) const
 {
-    return Base::operator==(other) && (!isElided() || t->mTotal == other.t->mTotal);
+    return Base::operator==(other) && (!isElided() || d->mTotal == other.d->mTotal);
 }

@@ -5,14 +5,6 @@
 
 #include "compactmap.h"
 
-class IntProcessMapData : public QSharedData
-{
-public:
-    IntProcessMapData() : mTotal(0) {}
-
-    int mTotal;
-};
-
 class IntProcessMap : public CompactMap<int, int>
 {
 public:
@@ -51,11 +43,7 @@ public:
     void appendText(QByteArray* out) const;
 
     // See CompactMap::keepForever.
-    void keepForever()
-    {
-        Base::keepForever();
-        t.keepForever();
-    }
+    void keepForever() { Base::keepForever(); }
 
     bool operator==(const IntProcessMap& other) const;
     bool operator!=(const IntProcessMap& other) const { return !(*this == other); }
@@ -63,8 +51,6 @@ public:
 private:
     void setTotal(int total);
     void setSimple(const IntProcessMap& other, bool counted);
-
-    zor_compact::CowPointer<IntProcessMapData> t;
 };
 
 #endif

@@ -7,6 +7,8 @@
 #include <QRegExp>
 
 #include <algorithm>
+#include <mutex>
+#include <shared_mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -77,20 +79,23 @@ bool isThreadLibraryRoot(const QString& outer, const QString& inner)
         && Category::libraryOfUnknownFrame(inner) == library;
 }
 
-// The distinct addresses of a run, in ascending order. A run puts millions
-// of frames through this and most of them are repeats, so they are gathered
-// in an open-addressing table first and sorted once.
+// The distinct addresses of a run, each with the first sample that reads
+// it. A run puts millions of frames through this and most of them are
+// repeats, so they are gathered in an open-addressing table first and sorted
+// once.
 class AddressCollector
 {
 public:
+    typedef std::pair<quint32, Address> FirstUse;
+
     // Small at first: a short run has a few hundred addresses, and a large
     // table costs a page fault per page.
-    AddressCollector() : mSlots(1 << 10, Empty), mShift(64 - 10), mCount(0), mHasEmpty(false) {}
+    AddressCollector() : mSlots(1 << 10), mShift(64 - 10), mCount(0), mEmptySample(NoSample) {}
 
-    // The addresses of one trace. The table is far larger than the first
-    // level cache: the slots of the addresses a few steps ahead are loaded
-    // while one is looked at.
-    void insertAll(const unsigned long* addresses, size_t count)
+    // The addresses of one trace of a sample. The table is far larger than
+    // the first level cache: the slots of the addresses a few steps ahead
+    // are loaded while one is looked at.
+    void insertAll(const unsigned long* addresses, size_t count, quint32 sample)
     {
         const size_t ahead = 8;
         for (size_t i = 0; i < count && i < ahead; ++i)
@@ -98,55 +103,65 @@ public:
         for (size_t i = 0; i < count; ++i) {
             if (i + ahead < count)
                 __builtin_prefetch(&mSlots[slot(addresses[i + ahead])]);
-            insert(addresses[i]);
+            insert(addresses[i], sample);
         }
     }
-    void insert(Address address)
+    void insert(Address address, quint32 sample)
     {
         if (address == Empty) {
-            mHasEmpty = true;
+            mEmptySample = std::min(mEmptySample, sample);
             return;
         }
         if ((mCount + 1) * 2 > mSlots.size())
             grow();
-        insertNew(address);
+        insertNew(address, sample);
     }
     // Adds the addresses of other.
     void merge(const AddressCollector& other)
     {
-        for (Address slot : other.mSlots) {
-            if (slot != Empty)
-                insert(slot);
+        for (const Slot& slot : other.mSlots) {
+            if (slot.address != Empty)
+                insert(slot.address, slot.sample);
         }
-        mHasEmpty = mHasEmpty || other.mHasEmpty;
+        mEmptySample = std::min(mEmptySample, other.mEmptySample);
     }
-    std::vector<Address> sorted() const
+    // By first sample, then by address; each address `shift` lower.
+    std::vector<FirstUse> sorted(Address shift) const
     {
-        std::vector<Address> addresses;
+        std::vector<FirstUse> addresses;
         addresses.reserve(mCount + 1);
-        for (Address slot : mSlots) {
-            if (slot != Empty)
-                addresses.push_back(slot);
+        for (const Slot& slot : mSlots) {
+            if (slot.address != Empty)
+                addresses.emplace_back(slot.sample, slot.address - shift);
         }
-        if (mHasEmpty)
-            addresses.push_back(Empty);
+        if (mEmptySample != NoSample)
+            addresses.emplace_back(mEmptySample, Empty - shift);
         std::sort(addresses.begin(), addresses.end());
         return addresses;
     }
 
 private:
-    // The slot marker; the address itself is told by a flag.
+    // The slot marker; the address itself is told by its own first sample.
     static constexpr Address Empty = ~Address(0);
+    static constexpr quint32 NoSample = ~quint32(0);
+    struct Slot
+    {
+        Address address = Empty;
+        quint32 sample = NoSample;
+    };
 
     size_t slot(Address address) const { return size_t((address * 0x9E3779B97F4A7C15ULL) >> mShift); }
-    void insertNew(Address address)
+    void insertNew(Address address, quint32 sample)
     {
         const size_t mask = mSlots.size() - 1;
         for (size_t i = slot(address);; i = (i + 1) & mask) {
-            if (mSlots[i] == address)
+            if (mSlots[i].address == address) {
+                mSlots[i].sample = std::min(mSlots[i].sample, sample);
                 return;
-            if (mSlots[i] == Empty) {
-                mSlots[i] = address;
+            }
+            if (mSlots[i].address == Empty) {
+                mSlots[i].address = address;
+                mSlots[i].sample = sample;
                 ++mCount;
                 return;
             }
@@ -154,21 +169,25 @@ private:
     }
     void grow()
     {
-        std::vector<Address> old(mSlots.size() * 2, Empty);
+        std::vector<Slot> old(mSlots.size() * 2);
         old.swap(mSlots);
         --mShift;
         mCount = 0;
-        for (Address slot : old) {
-            if (slot != Empty)
-                insertNew(slot);
+        for (const Slot& slot : old) {
+            if (slot.address != Empty)
+                insertNew(slot.address, slot.sample);
         }
     }
 
-    std::vector<Address> mSlots;
+    std::vector<Slot> mSlots;
     int mShift;
     size_t mCount;
-    bool mHasEmpty;
+    quint32 mEmptySample;
 };
+
+// Set while this thread decodes the ends of traces: decodedFrame may then
+// ask the debugger. Tree builders on other threads never may.
+thread_local bool tDecodingTraceEnds = false;
 
 } // namespace
 
@@ -230,14 +249,20 @@ Position PreloadSampleSource::notePositionAnswer(Address address, PositionRespon
 void PreloadSampleSource::noteDecodedFrame(Address address, const Position& position,
                                            const QVector<KeyedPosition>& callers)
 {
+    // Tree builders may be reading beside this thread: a table about to move
+    // waits for them to stop.
+    std::unique_lock<std::shared_mutex> moving;
+    if (mBuildersBeside && mDecodedFrames.wouldGrow())
+        moving = std::unique_lock<std::shared_mutex>(mDecodedFramesMoving);
     DecodedFrame& frame = mDecodedFrames.insert(address);
+    if (moving)
+        moving.unlock();
     frame.position = position;
     frame.positionKey = PSVModelItem::positionKeyOf(position);
     frame.immortalNames = PSVModelItem::hasImmortalNames(position);
-    frame.inlineCallersAt = quint32(mInlineCallers.size());
+    frame.inlineCallersAt = mInlineCallers.add(callers);
     frame.inlineCallerCount = quint16(callers.size());
     frame.hasInlineCallers = !callers.isEmpty();
-    mInlineCallers.insert(mInlineCallers.end(), callers.begin(), callers.end());
     frame.telling = isTelling(answersFor(position.function));
     for (const KeyedPosition& caller : callers)
         frame.telling = frame.telling || isTelling(answersFor(caller.position.function));
@@ -257,7 +282,7 @@ DecodedFrame& PreloadSampleSource::decodedFrame(Address address)
         return *frame;
     // Asserts, but while the ends of the traces are decoded: every address
     // was decoded before the trees are built.
-    decodeAddress(address, mDecodingTraceEnds ? PositionLookupAllowed : PositionLookupForbidden);
+    decodeAddress(address, tDecodingTraceEnds ? PositionLookupAllowed : PositionLookupForbidden);
     return *mDecodedFrames.find(address);
 }
 
@@ -303,7 +328,15 @@ bool PreloadSampleSource::isSamplerAddress(Address address) const
 void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleList* samples,
                                                          const QMap<int, quorvex::SCallSite>& callSites)
 {
-    TempDisableDebugMode quiet(&mTharn);
+    prepareDecoding(samples, callSites);
+    SelfProfile decode(mTharn, QStringLiteral("40.decodeReturnAddresses"));
+    decodeSamplesBefore(samples->size());
+    mSelfProfilePoints.addPoint(decode.finish(mPlan.done));
+}
+
+void PreloadSampleSource::prepareDecoding(const quorvex::SSampleList* samples,
+                                          const QMap<int, quorvex::SCallSite>& callSites)
+{
     findSamplerLibraries();
     // The samples are shared out among the threads that will build the
     // trees, each gathering into tables of its own.
@@ -328,8 +361,8 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
             if (trace.empty())
                 missing = true;
             else
-                mine.leaves.insert(trace[0]);
-            mine.addresses.insertAll(trace.data(), trace.size());
+                mine.leaves.insert(trace[0], quint32(i));
+            mine.addresses.insertAll(trace.data(), trace.size(), quint32(i));
         }
         if (missing)
             ++mine.missingSamples;
@@ -347,71 +380,53 @@ void PreloadSampleSource::precacheLineAndInstructionInfo(const quorvex::SSampleL
     }
     // Each distinct address one byte back, where its call lies: the
     // position of a return address. The addresses themselves are read only
-    // at the ends of a trace, which decodeTraceEnds decodes. One byte back
-    // keeps the order, but for 0, which wraps to the top.
-    std::vector<Address> addresses = collector.sorted();
-    for (Address& address : addresses)
-        --address;
-    if (!addresses.empty() && addresses.front() == ~Address(0))
-        std::rotate(addresses.begin(), addresses.begin() + 1, addresses.end());
+    // at the ends of a trace, which decodeTraceEnds decodes. The call sites
+    // come first: any sample may continue a trace with one.
+    mPlan = DecodePlan();
+    mPlan.returns = collector.sorted(1);
     if (!callSites.isEmpty()) {
+        std::vector<AddressCollector::FirstUse> sites;
         for (const quorvex::SCallSite& site : callSites) {
             for (unsigned long address : site.callSite()->trace())
-                addresses.push_back(Address(address) - 1);
+                sites.emplace_back(0, Address(address) - 1);
         }
-        std::sort(addresses.begin(), addresses.end());
-        addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
+        mPlan.returns.insert(mPlan.returns.begin(), sites.begin(), sites.end());
     }
-    mSelfProfilePoints.addPoint(prep.finish(int(addresses.size())));
-
-    SelfProfile decode(mTharn, QStringLiteral("40.decodeReturnAddresses"));
-    // Room for the raw addresses decoded at the ends of the traces too: the
-    // leaves, and a few frames of the thread library at the roots. A table
-    // twice as large as needed costs a page fault for every 64 slots.
-    const std::vector<Address> leafAddresses = leaves.sorted();
-    mDecodedFrames.reserve(mDecodedFrames.size() + addresses.size() + leafAddresses.size() + 256);
-    const double total = addresses.size();
-    int done = 0;
-    const size_t ahead = 8;
-    for (size_t i = 0; i < addresses.size(); ++i) {
-        if (i + ahead < addresses.size())
-            mDecodedFrames.prefetch(addresses[i + ahead]);
-        decodeAddress(addresses[i], PositionLookupAllowed);
-        ++done;
-        reportAnalysisProcessing(DecodeReturnAddresses, done / total);
-    }
-    decodeTraceEnds(samples, leafAddresses, traces);
-    mSelfProfilePoints.addPoint(decode.finish(done));
-}
-
-void PreloadSampleSource::decodeTraceEnds(const quorvex::SSampleList* samples, const std::vector<Address>& leaves,
-                                          size_t traces)
-{
-    // The leaves first, in the order of their addresses.
-    for (Address leaf : leaves)
-        decodeAddress(leaf, PositionLookupAllowed);
-
-    // Then each trace's ends as the builders read them, with the same
-    // functions, which may now ask the debugger. A trace whose failure may
-    // be told in full has every address decoded.
-    const bool wholeFailedTraces = verboseUnwindErrors();
-    mTraceEnds.clear();
-    mTraceEnds.reserve(traces);
-    mLeafQuestions.clear();
-    mLeafQuestions.leaves.reserve(traces);
-    // The traces first, so that what is read of the traces a few steps ahead
-    // can be loaded while one is looked at: the frames of a run lie scattered
-    // over a table far larger than the caches.
-    std::vector<std::pair<const quorvex::SBacktrace*, bool>> pending;
-    pending.reserve(traces);
+    mPlan.leaves = leaves.sorted(0);
+    // The traces in their order, so that what is read of the traces a few
+    // steps ahead can be loaded while one is looked at: the frames of a run
+    // lie scattered over a table far larger than the caches.
+    mPlan.traces.reserve(traces);
+    mPlan.firstTrace.reserve(samples->size() + 1);
     for (unsigned int i = 0; i < samples->size(); ++i) {
+        mPlan.firstTrace.push_back(mPlan.traces.size());
         quorvex::SSampleBacktraceIterator threads(samples->at(i));
         while (threads.hasNext()) {
             const quorvex::SBacktrace& backtrace = threads.next();
             if (!backtrace.trace().empty())
-                pending.emplace_back(&backtrace, threads.wasMainThread());
+                mPlan.traces.emplace_back(&backtrace, threads.wasMainThread());
         }
     }
+    mPlan.firstTrace.push_back(mPlan.traces.size());
+    // Room for the raw addresses decoded at the ends of the traces too: the
+    // leaves, and a few frames of the thread library at the roots. A table
+    // twice as large as needed costs a page fault for every 64 slots.
+    mDecodedFrames.reserve(mDecodedFrames.size() + mPlan.returns.size() + mPlan.leaves.size() + 256);
+    mTraceEnds.clear();
+    mTraceEnds.reserve(traces);
+    mLeafQuestions.clear();
+    mLeafQuestions.leaves.reserve(traces);
+    mSelfProfilePoints.addPoint(prep.finish(int(mPlan.returns.size())));
+}
+
+void PreloadSampleSource::decodeSamplesBefore(unsigned int end)
+{
+    TempDisableDebugMode quiet(&mTharn);
+    DecodePlan& plan = mPlan;
+    const double total = plan.returns.size();
+    const bool wholeFailedTraces = verboseUnwindErrors();
+    const size_t ahead = 8;
+    const size_t tracesAhead = 4;
     const auto prefetchEnds = [this](const quorvex::backtrace_t& trace) {
         const size_t n = trace.size();
         mDecodedFrames.prefetch(trace[0]);
@@ -421,32 +436,55 @@ void PreloadSampleSource::decodeTraceEnds(const quorvex::SSampleList* samples, c
             mDecodedFrames.prefetch(trace[n - 3]);
         mTraceEnds.prefetch(traceKey(trace));
     };
-    const size_t ahead = 4;
-    for (size_t i = 0; i < ahead && i < pending.size(); ++i)
-        prefetchEnds(pending[i].first->trace());
-    mDecodingTraceEnds = true;
-    for (size_t i = 0; i < pending.size(); ++i) {
-        if (i + ahead < pending.size())
-            prefetchEnds(pending[i + ahead].first->trace());
-        const quorvex::SBacktrace& backtrace = *pending[i].first;
-        const quorvex::backtrace_t& trace = backtrace.trace();
-        TraceEnds ends;
-        ends.first = quint32(firstProgramFrame(trace));
-        if (!pending[i].second) {
-            ends.rootFramesToSkip = findRootFramesOfThread(trace, ends.rootFound);
-            ends.rootKnown = true;
+    for (; plan.nextSample < end; ++plan.nextSample) {
+        const quint32 sample = plan.nextSample;
+        // The return addresses that this sample reads first, in the order of
+        // their addresses, then its leaves.
+        for (size_t& i = plan.nextReturn; i < plan.returns.size() && plan.returns[i].first <= sample; ++i) {
+            if (i + ahead < plan.returns.size())
+                mDecodedFrames.prefetch(plan.returns[i + ahead].second);
+            decodeAddress(plan.returns[i].second, PositionLookupAllowed);
+            ++plan.done;
+            reportAnalysisProcessing(DecodeReturnAddresses, plan.done / total);
         }
-        mTraceEnds.insert(traceKey(trace)) = ends;
-        // The leaf that the tree of the trace will have, but for a trace in
-        // MPI, whose last frame is a call.
-        if (ends.first < trace.size() && !backtrace.inMpi())
-            mLeafQuestions.leaves.push_back(trace[ends.first]);
-        if (wholeFailedTraces && backtrace.unwindStatus() != 0) {
-            for (unsigned long address : trace)
-                decodedFrame(address);
+        for (size_t& i = plan.nextLeaf; i < plan.leaves.size() && plan.leaves[i].first <= sample; ++i)
+            decodeAddress(plan.leaves[i].second, PositionLookupAllowed);
+        // Then each trace's ends.
+        const size_t last = plan.firstTrace[sample + 1];
+        for (size_t i = plan.firstTrace[sample]; i < last && i < plan.firstTrace[sample] + tracesAhead; ++i)
+            prefetchEnds(plan.traces[i].first->trace());
+        for (size_t i = plan.firstTrace[sample]; i < last; ++i) {
+            if (i + tracesAhead < last)
+                prefetchEnds(plan.traces[i + tracesAhead].first->trace());
+            decodeTraceEnds(*plan.traces[i].first, plan.traces[i].second, wholeFailedTraces);
         }
     }
-    mDecodingTraceEnds = false;
+}
+
+void PreloadSampleSource::decodeTraceEnds(const quorvex::SBacktrace& backtrace, bool mainThread,
+                                          bool wholeFailedTraces)
+{
+    // With the same functions as the builders, which may ask the debugger
+    // here. A trace whose failure may be told in full has every address
+    // decoded.
+    tDecodingTraceEnds = true;
+    const quorvex::backtrace_t& trace = backtrace.trace();
+    TraceEnds ends;
+    ends.first = quint32(firstProgramFrame(trace));
+    if (!mainThread) {
+        ends.rootFramesToSkip = findRootFramesOfThread(trace, ends.rootFound);
+        ends.rootKnown = true;
+    }
+    mTraceEnds.insert(traceKey(trace)) = ends;
+    // The leaf that the tree of the trace will have, but for a trace in
+    // MPI, whose last frame is a call.
+    if (ends.first < trace.size() && !backtrace.inMpi())
+        mLeafQuestions.leaves.push_back(trace[ends.first]);
+    if (wholeFailedTraces && backtrace.unwindStatus() != 0) {
+        for (unsigned long address : trace)
+            decodedFrame(address);
+    }
+    tDecodingTraceEnds = false;
 }
 
 void PreloadSampleSource::LeafQuestions::clear()

@@ -49,12 +49,12 @@ ZORPSVModelItem* childAt(const Position& position, ZORPSVModelItem* parent)
 
 // Starts loading what making a node of frame reads beyond the frame itself:
 // its inlined callers in the list of them all.
-void prefetchNames(DecodedFrame* frame, const KeyedPosition* inlineCallers)
+void prefetchNames(DecodedFrame* frame, const InlineCallerList& inlineCallers)
 {
     if (!frame)
         return;
     if (frame->hasInlineCallers) {
-        const char* callers = reinterpret_cast<const char*>(inlineCallers + frame->inlineCallersAt);
+        const char* callers = reinterpret_cast<const char*>(inlineCallers.at(frame->inlineCallersAt));
         __builtin_prefetch(callers);
         __builtin_prefetch(callers + 63);
     }
@@ -102,7 +102,7 @@ const IntProcessMap& PreloadSampleSource::oneThread()
 
 void PreloadSampleSource::addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent)
 {
-    KeyedPosition* callers = mInlineCallers.data() + frame.inlineCallersAt;
+    KeyedPosition* callers = mInlineCallers.at(frame.inlineCallersAt);
     for (int i = 0; i < frame.inlineCallerCount; ++i)
         parent = frameNode(callers[i].position, callers[i].key, callers[i].kept, parent);
 }
@@ -196,12 +196,12 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
     for (long long index = last; index > end && index > last - prefetchDistance; --index)
         mDecodedFrames.prefetch(Address(trace[index]) - 1);
     for (long long index = last; index > end && index > last - namesDistance; --index)
-        prefetchNames(mDecodedFrames.find(Address(trace[index]) - 1), mInlineCallers.data());
+        prefetchNames(mDecodedFrames.find(Address(trace[index]) - 1), mInlineCallers);
     for (long long index = last; index > end; --index) {
         if (index - prefetchDistance > end)
             mDecodedFrames.prefetch(Address(trace[index - prefetchDistance]) - 1);
         if (index - namesDistance > end)
-            prefetchNames(mDecodedFrames.find(Address(trace[index - namesDistance]) - 1), mInlineCallers.data());
+            prefetchNames(mDecodedFrames.find(Address(trace[index - namesDistance]) - 1), mInlineCallers);
         const Address returnAddress = trace[index];
         // The position of a return address is that of the call, one byte back.
         const Address address = returnAddress - 1;

@@ -6,6 +6,9 @@
 
 #include <QVector>
 
+#include <memory>
+#include <stdexcept>
+
 #include "psvmodelitem.h"
 
 // A position with its key among a node's children, worked out once.
@@ -27,6 +30,49 @@ struct KeyedPosition
     const Position* kept;
 };
 
+// The inlined callers of all decoded frames, each frame's side by side, by
+// index. What was added never moves: tree builders read it while the
+// decoder adds the callers of more frames.
+class InlineCallerList
+{
+public:
+    // Where callers now lie, or 0 for none.
+    quint32 add(const QVector<KeyedPosition>& callers)
+    {
+        const quint32 count = quint32(callers.size());
+        if (count == 0)
+            return 0;
+        quint32 offset = mSize & BlockMask;
+        quint32 block = mSize >> BlockBits;
+        if (mSize == 0 || offset == 0 || offset + count > BlockSize) {
+            // A frame's callers don't straddle blocks: a new block, as
+            // large as they need.
+            if (mSize != 0 && offset != 0)
+                ++block;
+            if (block >= MaxBlocks)
+                throw std::length_error("too many inlined callers");
+            mBlocks[block].reset(new KeyedPosition[count > BlockSize ? count : BlockSize]);
+            offset = 0;
+        }
+        KeyedPosition* at = mBlocks[block].get() + offset;
+        for (const KeyedPosition& caller : callers)
+            *at++ = caller;
+        const quint32 index = (block << BlockBits) + offset;
+        mSize = count >= BlockSize ? (block + 1) << BlockBits : index + count;
+        return index;
+    }
+    KeyedPosition* at(quint32 index) const { return mBlocks[index >> BlockBits].get() + (index & BlockMask); }
+
+private:
+    static const quint32 BlockBits = 12;
+    static const quint32 BlockSize = 1u << BlockBits;
+    static const quint32 BlockMask = BlockSize - 1;
+    static const quint32 MaxBlocks = 4096;
+    // A fixed table of blocks, so that nothing a reader reads ever moves.
+    std::unique_ptr<std::unique_ptr<KeyedPosition[]>[]> mBlocks{new std::unique_ptr<KeyedPosition[]>[MaxBlocks]};
+    quint32 mSize = 0;
+};
+
 struct DecodedFrame
 {
     DecodedFrame()
@@ -38,8 +84,8 @@ struct DecodedFrame
     Position position;
     quint32 positionKey;
     // The inlined callers, outermost first: inlineCallerCount of them from
-    // inlineCallersAt on in the list that the analysis keeps of all of them,
-    // where those of all frames lie close together.
+    // inlineCallersAt on in the InlineCallerList of the analysis, where
+    // those of all frames lie close together.
     quint32 inlineCallersAt;
     quint16 inlineCallerCount;
     // Both names of position are kept forever (PSVModelItem::hasImmortalNames).

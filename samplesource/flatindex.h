@@ -100,17 +100,23 @@ class FlatTable
 public:
     FlatTable() { clear(); }
 
+    // Safe beside one thread that inserts without growing the table (see
+    // wouldGrow), for keys whose insertion happened before: the keys are
+    // read and written atomically, the values of other keys not at all.
     Value* find(std::uint64_t key)
     {
         if (key == EmptyKey)
             return mHasEmptyKey ? &mEmptyKeyValue : nullptr;
         for (std::size_t i = slot(key);; i = (i + 1) & mMask) {
-            if (mSlots[i].key == key)
+            const std::uint64_t stored = __atomic_load_n(&mSlots[i].key, __ATOMIC_RELAXED);
+            if (stored == key)
                 return &mSlots[i].value;
-            if (mSlots[i].key == EmptyKey)
+            if (stored == EmptyKey)
                 return nullptr;
         }
     }
+    // Whether inserting one more key would move the values.
+    bool wouldGrow() const { return (mCount + 1) * 2 > mSlots.size(); }
     // Starts loading the slot where the search for key begins, so that a
     // lookup a little later finds it in the cache; both of its cache lines
     // where it straddles two.
@@ -171,7 +177,7 @@ private:
             if (mSlots[i].key == key)
                 return mSlots[i].value;
             if (mSlots[i].key == EmptyKey) {
-                mSlots[i].key = key;
+                __atomic_store_n(&mSlots[i].key, key, __ATOMIC_RELAXED);
                 ++mCount;
                 return mSlots[i].value;
             }

@@ -22,7 +22,9 @@
 #include <ctime>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <memory>
+#include <shared_mutex>
 #include <thread>
 #include <vector>
 
@@ -255,11 +257,17 @@ private:
     // The index of the leaf: the first frame that is not the sampler's own.
     // Needs trace[0] and the return addresses decoded.
     size_t firstProgramFrame(const quorvex::backtrace_t& trace);
-    // Decodes what the tree builders read of the traces beyond their return
+    // The first decoding pass in two steps, so that the trees of a sample
+    // can be built while the decoder goes on with those after it: what the
+    // pass will ask, each address with the first sample that reads it, and
+    // the tables sized for all of it; then the addresses of the samples
+    // before `end`, in the order of first use.
+    void prepareDecoding(const quorvex::SSampleList* samples, const QMap<int, quorvex::SCallSite>& callSites);
+    void decodeSamplesBefore(unsigned int end);
+    // Decodes what the tree builders read of one trace beyond its return
     // addresses: the leaf, the sampler's frames at the leaf end and the
-    // thread library's at the root end, each trace's as the builders walk
-    // them.
-    void decodeTraceEnds(const quorvex::SSampleList* samples, const std::vector<Address>& leaves, size_t traces);
+    // thread library's at the root end, as the builders walk them.
+    void decodeTraceEnds(const quorvex::SBacktrace& backtrace, bool mainThread, bool wholeFailedTraces);
     // The rest of decodeAddress once the debugger answered: takes the
     // answers.
     Position notePositionAnswer(Address address, PositionResponse* response, QList<PositionResponse*>& inlined);
@@ -307,10 +315,15 @@ private:
     // before it (thread classes, unwinding errors, counts).
     Sample* finishSample(const quorvex::SSample& raw, timespec start, const quorvex::SSample* previous,
                          ThreadTree* trees);
-    // The trunk phase: the trees of the raw samples on `builders` threads,
-    // the samples finished in their order.
-    void buildSampleTrunks(SampleList& samples, const quorvex::SSampleList* raw,
-                           const QMap<int, quorvex::SCallSite>& callSites, int builders);
+    // The decoding pass that prepareDecoding prepared, then the trunk phase:
+    // the trees of the raw samples on `builders` threads, the samples
+    // finished in their order. With several builders, all but this thread
+    // build the trees of the samples decoded so far while this thread
+    // decodes, which is the only one to ask the debugger. afterDecoding runs
+    // on this thread between the two.
+    void decodeAndBuildSampleTrunks(SampleList& samples, const quorvex::SSampleList* raw,
+                                    const QMap<int, quorvex::SCallSite>& callSites, int builders,
+                                    const std::function<void()>& afterDecoding);
     // For a run of that many frames in its traces.
     int treeBuildersFor(size_t frames) const;
     // createPSVModelForBacktrace's work, as buildTrees may do it: the leaf
@@ -449,8 +462,30 @@ private:
     };
     FlatTable<TraceEnds> mTraceEnds;
     static quintptr traceKey(const quorvex::backtrace_t& trace) { return reinterpret_cast<quintptr>(&trace); }
-    // The inlined callers of all decoded frames, each frame's together.
-    std::vector<KeyedPosition> mInlineCallers;
+    InlineCallerList mInlineCallers;
+    // What prepareDecoding found for decodeSamplesBefore: per sample, from
+    // where in each list its addresses and traces lie.
+    struct DecodePlan
+    {
+        // (first sample, address), in that order: the return addresses one
+        // byte back and the leaves as they are.
+        std::vector<std::pair<quint32, Address>> returns;
+        std::vector<std::pair<quint32, Address>> leaves;
+        // Each trace that isn't empty, whether it is a main thread's, and
+        // where each sample's begin.
+        std::vector<std::pair<const quorvex::SBacktrace*, bool>> traces;
+        std::vector<size_t> firstTrace;
+        size_t nextReturn = 0;
+        size_t nextLeaf = 0;
+        unsigned int nextSample = 0;
+        int done = 0;
+    };
+    DecodePlan mPlan;
+    // Held shared by tree builders that work beside the decoder, and
+    // exclusively by the decoder for the rare insertion that would move the
+    // decoded frames.
+    std::shared_mutex mDecodedFramesMoving;
+    bool mBuildersBeside = false;
     QList<QPair<Address, Address>> mSamplerRanges;
     QList<QPair<Address, Address>> mMpiWrapperRanges;
     // By the names' storage, which the names held beside keep their own.
@@ -477,9 +512,6 @@ private:
     IntProcessMap mOneThread;
     int mOneThreadRank = 0;
     bool mRecordTreePlaceholders = false;
-    // While the ends of the traces are decoded: decodedFrame may ask the
-    // debugger.
-    bool mDecodingTraceEnds = false;
     // While the placeholders of a run are replaced, what each distinct leaf
     // address gives, worked out once: many leaves share an address, and the
     // instruction cache doesn't change meanwhile.

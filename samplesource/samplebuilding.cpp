@@ -28,6 +28,7 @@
 #include <memory>
 #include <mutex>
 #include <sched.h>
+#include <shared_mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -66,8 +67,9 @@ int usableCores()
 }
 
 // The samples of a trunk phase with several builders: each builder takes
-// the next sample not taken yet, and the thread that finishes the samples
-// in their order builds one itself whenever the next in order isn't ready.
+// the next sample not taken yet among those decoded, and the thread that
+// finishes the samples in their order builds one itself whenever the next
+// in order isn't ready.
 class TrunkWork
 {
 public:
@@ -77,12 +79,41 @@ public:
             mDone[i].store(false, std::memory_order_relaxed);
     }
 
-    // The next sample to build; size when none is left.
+    // The next sample to build; size when none is left, NotYet when the
+    // next isn't decoded yet.
     unsigned int take()
     {
-        if (mStopped.load(std::memory_order_relaxed))
-            return mSize;
-        return std::min(mNext.fetch_add(1, std::memory_order_relaxed), mSize);
+        unsigned int next = mNext.load(std::memory_order_relaxed);
+        for (;;) {
+            if (mStopped.load(std::memory_order_relaxed) || next >= mSize)
+                return mSize;
+            if (next >= mDecoded.load(std::memory_order_acquire))
+                return NotYet;
+            if (mNext.compare_exchange_weak(next, next + 1, std::memory_order_relaxed))
+                return next;
+        }
+    }
+    // The samples before end are decoded: builders may take them.
+    void decoded(unsigned int end)
+    {
+        mDecoded.store(end);
+        // A builder counts itself among the waiters before it looks at
+        // mDecoded again: one of the two sees the other.
+        if (mWaiting.load() > 0) {
+            { std::lock_guard<std::mutex> lock(mMutex); }
+            mChanged.notify_all();
+        }
+    }
+    // Until more samples are decoded or the work stops.
+    void waitForDecoded()
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mWaiting.fetch_add(1);
+        mChanged.wait(lock, [&] {
+            return mStopped.load(std::memory_order_relaxed) || mDecoded.load() > mNext.load(std::memory_order_relaxed)
+                || mFailure;
+        });
+        mWaiting.fetch_sub(1);
     }
     void built(unsigned int i)
     {
@@ -107,23 +138,40 @@ public:
                 mFailure = failure;
         }
         stop();
+    }
+    void stop()
+    {
+        mStopped.store(true, std::memory_order_relaxed);
+        { std::lock_guard<std::mutex> lock(mMutex); }
         mChanged.notify_all();
     }
-    void stop() { mStopped.store(true, std::memory_order_relaxed); }
     std::exception_ptr failure()
     {
         std::lock_guard<std::mutex> lock(mMutex);
         return mFailure;
     }
 
+    static const unsigned int NotYet = ~0u;
+
 private:
     const unsigned int mSize;
     std::unique_ptr<std::atomic<bool>[]> mDone;
     std::atomic<unsigned int> mNext{0};
+    std::atomic<unsigned int> mDecoded{0};
+    std::atomic<int> mWaiting{0};
     std::atomic<bool> mStopped{false};
     std::mutex mMutex;
     std::condition_variable mChanged;
     std::exception_ptr mFailure;
+};
+
+// Tells the decoder that builders read the decoded frames beside it, for as
+// long as it lives.
+struct BuildersBeside
+{
+    explicit BuildersBeside(bool& flag) : flag(flag) { flag = true; }
+    ~BuildersBeside() { flag = false; }
+    bool& flag;
 };
 
 } // namespace
@@ -140,16 +188,25 @@ int PreloadSampleSource::treeBuildersFor(size_t frames) const
     return std::min(usableCores(), MostTreeBuilders);
 }
 
-void PreloadSampleSource::buildSampleTrunks(SampleList& samples, const quorvex::SSampleList* raw,
-                                            const QMap<int, quorvex::SCallSite>& callSites, int builders)
+void PreloadSampleSource::decodeAndBuildSampleTrunks(SampleList& samples, const quorvex::SSampleList* raw,
+                                                     const QMap<int, quorvex::SCallSite>& callSites, int builders,
+                                                     const std::function<void()>& afterDecoding)
 {
     const unsigned int size = raw->size();
     oneThread();
     if (builders <= 1 || size < 2) {
+        {
+            SelfProfile decode(mTharn, QStringLiteral("40.decodeReturnAddresses"));
+            decodeSamplesBefore(size);
+            mSelfProfilePoints.addPoint(decode.finish(mPlan.done));
+        }
+        afterDecoding();
+        SelfProfile trunks(mTharn, QStringLiteral("50.samples-trunk"));
         for (unsigned int i = 0; i < size; ++i) {
             samples.addSample(createSample(raw->at(i), mStartTime, callSites, i == 0 ? nullptr : &raw->at(i - 1)));
             reportAnalysisProcessing(BuildSampleTrunks, double(i + 1) / size);
         }
+        mSelfProfilePoints.addPoint(trunks.finish(int(size)));
         return;
     }
 
@@ -160,7 +217,12 @@ void PreloadSampleSource::buildSampleTrunks(SampleList& samples, const quorvex::
         firstTree[i + 1] = firstTree[i] + 1 + raw->at(i).otherThreads().count();
     std::vector<ThreadTree> trees(firstTree[size]);
     TrunkWork work(size);
-    const auto build = [&](unsigned int i) { buildTrees(raw->at(i), callSites, &trees[firstTree[i]]); };
+    // A builder reads the decoded frames while the decoder may add more;
+    // the decoder moves them only while no builder works.
+    const auto build = [&](unsigned int i) {
+        std::shared_lock<std::shared_mutex> reading(mDecodedFramesMoving);
+        buildTrees(raw->at(i), callSites, &trees[firstTree[i]]);
+    };
 
     // The helpers end with the phase, also when it fails: then the trees
     // that were built and not yet taken into a sample go too.
@@ -181,7 +243,14 @@ void PreloadSampleSource::buildSampleTrunks(SampleList& samples, const quorvex::
     try {
         const auto help = [&]() {
             try {
-                for (unsigned int i = work.take(); i < size; i = work.take()) {
+                for (;;) {
+                    const unsigned int i = work.take();
+                    if (i == TrunkWork::NotYet) {
+                        work.waitForDecoded();
+                        continue;
+                    }
+                    if (i >= size)
+                        return;
                     build(i);
                     work.built(i);
                 }
@@ -197,6 +266,20 @@ void PreloadSampleSource::buildSampleTrunks(SampleList& samples, const quorvex::
                 break;
             }
         }
+        {
+            // Each sample is handed to the helpers as soon as everything
+            // its trees read is decoded.
+            SelfProfile decode(mTharn, QStringLiteral("40.decodeReturnAddresses"));
+            BuildersBeside beside(mBuildersBeside);
+            for (unsigned int i = 0; i < size; ++i) {
+                decodeSamplesBefore(i + 1);
+                work.decoded(i + 1);
+            }
+            mSelfProfilePoints.addPoint(decode.finish(mPlan.done));
+        }
+        afterDecoding();
+
+        SelfProfile trunks(mTharn, QStringLiteral("50.samples-trunk"));
         bool allTaken = false;
         for (; finished < size; ++finished) {
             while (!work.isBuilt(finished)) {
@@ -216,6 +299,7 @@ void PreloadSampleSource::buildSampleTrunks(SampleList& samples, const quorvex::
                                            &trees[firstTree[finished]]));
             reportAnalysisProcessing(BuildSampleTrunks, double(finished + 1) / size);
         }
+        mSelfProfilePoints.addPoint(trunks.finish(int(size)));
     } catch (...) {
         cleanUp();
         throw;
@@ -240,15 +324,15 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     // small one waiting for a busy core to start it costs more than it
     // saves. A number of builders that was set holds for them too.
     mSampleWorkers = mTreeBuilders > 0 || frames >= FramesForSampleWorkers ? builders : 1;
-    precacheLineAndInstructionInfo(raw, callSites);
+    prepareDecoding(raw, callSites);
     mRecordTreePlaceholders = true;
     mLeafRecords.clear();
     mSampleLeafRecords.clear();
 
-    // The leaves' questions to the debugger go beside the trunk, which never
-    // asks it; the thread ends with the trunk, also when the trunk fails.
+    // Once the decoding is done, the leaves' questions to the debugger go
+    // beside the rest of the trunk, which never asks it; the thread ends
+    // with the trunk, also when the trunk fails.
     std::unique_ptr<TempDisableDebugMode> quiet(new TempDisableDebugMode(&mTharn));
-    startLeafQuestions();
     struct JoinLeafQuestions
     {
         std::thread& thread;
@@ -258,14 +342,13 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
                 thread.join();
         }
     } joinLeafQuestions{mLeafQuestions.thread};
+    decodeAndBuildSampleTrunks(samples, raw, callSites, builders, [this]() { startLeafQuestions(); });
 
     timespec intervalSum = {0, 0};
     unsigned long long intervals = 0;
     timespec previousStamp = {0, 0};
     {
-        SelfProfile trunks(mTharn, QStringLiteral("50.samples-trunk"));
         const unsigned int size = raw->size();
-        buildSampleTrunks(samples, raw, callSites, builders);
         for (unsigned int i = 0; i < size; ++i) {
             const timespec stamp = raw->at(i).getTimestamp();
             const bool zero = stamp.tv_sec == 0 && stamp.tv_nsec == 0;
@@ -278,7 +361,6 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
             }
             previousStamp = stamp;
         }
-        mSelfProfilePoints.addPoint(trunks.finish(int(size)));
     }
 
     disassembleAndDecodeLeafAddresses();
