@@ -311,7 +311,7 @@ QString textSummary(const Profile& profile, int top)
                         .arg(formatDuration(double(run.wallMs > 0 ? run.wallMs : profile.durationMs()) * 1e6))
                         .arg(sampling.text)
                         .arg(formatDuration(cpu));
-    out << fit(facts, SummaryWidth);
+    out << wrapWords(facts);
     // Two standard deviations of a share of one half.
     // A program that execs ends its sampling, not its run.
     const qint64 sampledMs = run.wallMs > 0 ? run.wallMs : profile.durationMs();

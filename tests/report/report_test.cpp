@@ -239,6 +239,15 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     Result execs = exampleResult(1);
     execs.run.programMs = 4000;
     EXPECT_TRUE(textSummary(Profile(execs), 5).contains(QLatin1String("Sampling ended 1.99 s before the program did")));
+    // Ranks that took different numbers of samples and thinned them: the
+    // facts wrap, and the CPU time at their end isn't cut.
+    Result thinned = exampleResult(2);
+    thinned.ranks[1].play = ProfilerPlayResponse(1, false, 12000, 2000, {}, false, false, false, {});
+    thinned.ranks[1].play.setMetric(QString::fromLatin1(METRIC_NUM_DOWNSAMPLES), SampleValue(3UL));
+    const QString wrapped = textSummary(Profile(thinned), 5);
+    EXPECT_TRUE(wrapped.contains(QLatin1String("300-12000 samples per process every 160 ms (20 ms at first),")));
+    EXPECT_TRUE(wrapped.section(QLatin1Char('\n'), 1, 2).contains(QRegExp(QStringLiteral("7\\.20 s\\sCPU time$"))))
+        << qPrintable(wrapped);
     // A pool of forked workers that did most of the work.
     Result forks = exampleResult(1);
     forks.run.childrenCpuMs = 2800;
