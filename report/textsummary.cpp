@@ -12,8 +12,11 @@
 
 namespace {
 
+// The label column and the strip share 87 columns; the label column grows
+// for the longest class present, up to MostLabelWidth.
 const int StripWidth = 60;
 const int LabelWidth = 27;
+const int MostLabelWidth = 40;
 
 // Cuts text to `width` columns, marking the cut; `keepEnd` keeps the end,
 // which tells more of a path.
@@ -415,12 +418,19 @@ QString textSummary(const Profile& profile, int top)
         }
     }
 
-    const QList<ActivityRow> rows = profile.activity(StripWidth, false);
+    QList<ActivityRow> rows = profile.activity(StripWidth, false);
+    int labelWidth = LabelWidth;
+    for (const ActivityRow& row : rows)
+        labelWidth = std::max(labelWidth, int(row.label.size() + QStringLiteral(" (%1)").arg(row.threads).size()));
+    labelWidth = std::min(labelWidth, MostLabelWidth);
+    const int stripWidth = StripWidth + LabelWidth - labelWidth;
+    if (stripWidth != StripWidth)
+        rows = profile.activity(stripWidth, false);
     if (!rows.isEmpty()) {
         out << QString()
             << fit(QStringLiteral("Activity over %1 (a column is %2; '#' busy >75%, '=' >50%, ':' >25%, '.' >5%)")
                        .arg(formatDuration(profile.durationMs() * 1e6))
-                       .arg(formatDuration(profile.durationMs() * 1e6 / StripWidth)),
+                       .arg(formatDuration(profile.durationMs() * 1e6 / stripWidth)),
                    SummaryWidth);
         for (const ActivityRow& row : rows) {
             QString strip;
@@ -432,7 +442,7 @@ QString textSummary(const Profile& profile, int top)
             // The count of threads stays when a long class name is cut.
             const QString count = QStringLiteral(" (%1)").arg(row.threads);
             out << QStringLiteral("  %1|%2|%3 busy")
-                       .arg(fit(row.label, LabelWidth - count.size()) + count, -LabelWidth)
+                       .arg(fit(row.label, labelWidth - count.size()) + count, -labelWidth)
                        .arg(strip)
                        .arg(QStringLiteral("%1%").arg(std::lround(100 * sum / row.busy.size())), 4);
         }

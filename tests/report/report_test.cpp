@@ -263,11 +263,12 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     for (int i = 0; i < 8; ++i) {
         const bool waiting = i % 4 != 0;
         rank.samples << makeSample(0, 10 * i, { { 1, Sample::MainThread, 1000, { "main", "<unknown> from sh", waiting ? "__waitpid" : "<unknown> from sh" }, waiting },
-                                                { 2, Sample::ParallelRegionThread, 10, { "main", "work" } } });
+                                                { 2, Sample::ParallelRegionThread, 10, { "main", "work" } },
+                                                { 3, Sample::OtherThread, 10, { "[Accelerator monitor thread]", "poll" } } });
     }
     shell.ranks << rank;
     const QString waits = textSummary(Profile(shell), 5);
-    for (const char* expected : { "1 process, 2 threads", "OpenMP worker thread (1)   |",
+    for (const char* expected : { "1 process, 3 threads", "OpenMP worker thread (1)      |", "Accelerator monitor thread (1)|",
                                   "The program waited for programs that it started through 75.0% of the run",
                                   "(in __waitpid)", "code without symbols (sh)" })
         EXPECT_TRUE(waits.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(waits);
