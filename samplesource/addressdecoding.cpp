@@ -500,7 +500,6 @@ void PreloadSampleSource::LeafQuestions::clear()
     previous.clear();
     stale = false;
     asked = false;
-    failure = nullptr;
 }
 
 void PreloadSampleSource::askLeafQuestions()
@@ -537,46 +536,9 @@ void PreloadSampleSource::askLeafQuestions()
     mLeafQuestions.asked = true;
 }
 
-namespace {
-
-// Below this many leaves their questions take less than a thread's start
-// on a busy machine.
-const size_t LeavesForOwnThread = 256;
-
-} // namespace
-
-void PreloadSampleSource::startLeafQuestions()
-{
-    // One builder that was set means one thread for all.
-    if (mTreeBuilders == 1 || mLeafQuestions.leaves.size() < LeavesForOwnThread)
-        return;
-    try {
-        mLeafQuestions.thread = std::thread([this]() {
-            try {
-                askLeafQuestions();
-            } catch (...) {
-                mLeafQuestions.failure = std::current_exception();
-            }
-        });
-    } catch (const std::system_error&) {
-        // Asked after the trunk instead.
-    }
-}
-
-void PreloadSampleSource::finishLeafQuestions()
-{
-    if (mLeafQuestions.thread.joinable())
-        mLeafQuestions.thread.join();
-    if (std::exception_ptr failure = mLeafQuestions.failure) {
-        mLeafQuestions.clear();
-        std::rethrow_exception(failure);
-    }
-}
-
 void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
 {
     TempDisableDebugMode quiet(&mTharn);
-    finishLeafQuestions();
     std::sort(mNewLeafAddresses.begin(), mNewLeafAddresses.end());
     mNewLeafAddresses.erase(std::unique(mNewLeafAddresses.begin(), mNewLeafAddresses.end()), mNewLeafAddresses.end());
     const size_t before = mLeafAddresses.size();

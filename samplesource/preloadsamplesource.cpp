@@ -324,8 +324,6 @@ PreloadSampleSource::PreloadSampleSource(TharnInterface& host, int numSamples, i
 
 PreloadSampleSource::~PreloadSampleSource()
 {
-    if (mLeafQuestions.thread.joinable())
-        mLeafQuestions.thread.join();
     mLeafQuestions.clear();
     for (const QString& file : mSamplerTemporaryFiles)
         QFile::remove(file);

@@ -277,11 +277,6 @@ private:
     // the tree builders read is written: it may run beside them, on the one
     // thread that uses the debugger meanwhile.
     void askLeafQuestions();
-    // askLeafQuestions on a thread of its own while the trunk's trees are
-    // built, where the leaves are many enough; finishLeafQuestions waits for
-    // it and throws what it threw.
-    void startLeafQuestions();
-    void finishLeafQuestions();
     DecodedFrame& decodedFrame(Address address);
     void findSamplerLibraries();
     bool isSamplerAddress(Address address) const;
@@ -550,8 +545,6 @@ private:
         // ascending.
         std::vector<PendingPosition> positions;
         bool asked = false;
-        std::thread thread;
-        std::exception_ptr failure;
         void clear();
     };
     LeafQuestions mLeafQuestions;

@@ -329,20 +329,15 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     mLeafRecords.clear();
     mSampleLeafRecords.clear();
 
-    // Once the decoding is done, the leaves' questions to the debugger go
-    // beside the rest of the trunk, which never asks it; the thread ends
-    // with the trunk, also when the trunk fails.
+    // Once the decoding is done, the leaves' questions to the debugger are
+    // asked on this thread, the one that asks it, while the helpers go on
+    // building trees, which never ask it. With one builder they wait for
+    // the trunk, as the leaves not foreseen do.
     std::unique_ptr<TempDisableDebugMode> quiet(new TempDisableDebugMode(&mTharn));
-    struct JoinLeafQuestions
-    {
-        std::thread& thread;
-        ~JoinLeafQuestions()
-        {
-            if (thread.joinable())
-                thread.join();
-        }
-    } joinLeafQuestions{mLeafQuestions.thread};
-    decodeAndBuildSampleTrunks(samples, raw, callSites, builders, [this]() { startLeafQuestions(); });
+    decodeAndBuildSampleTrunks(samples, raw, callSites, builders, [this, builders]() {
+        if (builders > 1)
+            askLeafQuestions();
+    });
 
     timespec intervalSum = {0, 0};
     unsigned long long intervals = 0;
