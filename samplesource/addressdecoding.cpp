@@ -548,11 +548,12 @@ void PreloadSampleSource::disassembleAndDecodeLeafAddresses()
     std::vector<Address>().swap(mNewLeafAddresses);
 
     // The leaves foreseen were asked ahead, with the debugger's answers for
-    // their positions; any other leaf is asked now.
+    // their positions, unless the trunk had no thread beside; any other
+    // leaf is asked now.
+    SelfProfile disassemble(mTharn, QStringLiteral("60.disassembleLeafAddresses"));
     if (!mLeafQuestions.asked)
         askLeafQuestions();
     const std::vector<Address>& foreseen = mLeafQuestions.leaves;
-    SelfProfile disassemble(mTharn, QStringLiteral("60.disassembleLeafAddresses"));
     std::vector<Address> decodedLeafs;
     decodedLeafs.reserve(mLeafAddresses.size());
     const double total = mLeafAddresses.size();
