@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+#include <vector>
+
 
 TEST(PathString, FileNamesEqual)
 {
@@ -43,4 +46,32 @@ TEST(InternStringCache, EqualStringsShareStorage)
     EXPECT_EQ(kept, QStringLiteral("solve_step"));
     EXPECT_EQ(InternStringCache::internForever(QStringLiteral("solve_step")), QStringLiteral("solve_step"));
     EXPECT_TRUE(InternStringCache::internForever(QString()).isNull());
+}
+
+// Threads that keep the same names at once, while the table grows under
+// them: every thread gets the one copy of each name.
+TEST(InternStringCache, ThreadsShareTheOneCopy)
+{
+    const int names = 5000;
+    const int threads = 4;
+    std::vector<std::vector<const QChar*>> seen(threads, std::vector<const QChar*>(names));
+    std::vector<std::thread> running;
+    for (int t = 0; t < threads; ++t) {
+        running.emplace_back([t, &seen]() {
+            for (int k = 0; k < names; ++k) {
+                const int i = t % 2 == 0 ? k : names - 1 - k;
+                const QString kept = InternStringCache::internForever(QStringLiteral("thread_name_%1").arg(i));
+                if (kept != QStringLiteral("thread_name_%1").arg(i))
+                    return;
+                seen[size_t(t)][size_t(i)] = kept.constData();
+            }
+        });
+    }
+    for (std::thread& thread : running)
+        thread.join();
+    for (int i = 0; i < names; ++i) {
+        ASSERT_NE(seen[0][size_t(i)], nullptr) << i;
+        for (int t = 1; t < threads; ++t)
+            ASSERT_EQ(seen[size_t(t)][size_t(i)], seen[0][size_t(i)]) << i << " in thread " << t;
+    }
 }
