@@ -194,7 +194,7 @@ thread_local bool tDecodingTraceEnds = false;
 Position PreloadSampleSource::decodeAddress(Address address, AllowPositionLookup lookup)
 {
     if (const DecodedFrame* decoded = mDecodedFrames.find(address))
-        return decoded->position;
+        return *decoded->position;
     // Every address of every trace was decoded in the first pass, together
     // with its neighbour one byte back: a miss here means a trace changed.
     ZOR_ASSERT(lookup != PositionLookupForbidden && "false");
@@ -257,15 +257,14 @@ void PreloadSampleSource::noteDecodedFrame(Address address, const Position& posi
     DecodedFrame& frame = mDecodedFrames.insert(address);
     if (moving)
         moving.unlock();
-    frame.position = position;
     frame.positionKey = PSVModelItem::positionKeyOf(position);
-    frame.immortalNames = PSVModelItem::hasImmortalNames(position);
+    frame.position = PSVModelItem::keptPosition(position, frame.positionKey);
     frame.inlineCallersAt = mInlineCallers.add(callers);
     frame.inlineCallerCount = quint16(callers.size());
     frame.hasInlineCallers = !callers.isEmpty();
     frame.telling = isTelling(answersFor(position.function));
     for (const KeyedPosition& caller : callers)
-        frame.telling = frame.telling || isTelling(answersFor(caller.position.function));
+        frame.telling = frame.telling || isTelling(answersFor(caller.position->function));
     frame.hasLineInfo = position.hasFileAndLine();
     frame.unknownPrefix = position.function.startsWith(unknownName());
     frame.exactlyUnknown = position.function == unknownName();
@@ -616,9 +615,9 @@ unsigned int PreloadSampleSource::findRootFramesOfThread(const quorvex::backtrac
         --i;
     if (i <= 0)
         return 0;
-    // A copy: the second lookup may move the first one's frame.
-    const QString outer = decodedFrame(trace[i]).position.function;
-    if (!isThreadLibraryRoot(outer, decodedFrame(trace[i - 1]).position.function))
+    // Kept positions never move, whatever the lookups do to the table.
+    const QString& outer = decodedFrame(trace[i]).position->function;
+    if (!isThreadLibraryRoot(outer, decodedFrame(trace[i - 1]).position->function))
         return 0;
     found = true;
     // The trailing zeros and the two frames of the thread library.

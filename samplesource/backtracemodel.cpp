@@ -69,23 +69,15 @@ ZORPSVModelItem* PreloadSampleSource::getOrCreatePSVModelItem(const Position& po
     return new ZORPSVModelItem(parent, position);
 }
 
-ZORPSVModelItem* PreloadSampleSource::frameNode(const Position& position, quint32 key, const Position*& kept,
-                                                ZORPSVModelItem* parent)
+ZORPSVModelItem* PreloadSampleSource::frameNode(const Position* kept, quint32 key, ZORPSVModelItem* parent)
 {
-    // Trees are built on several threads at once: two of them may both ask
-    // for the kept position, which comes out the same for both.
-    const Position* known = __atomic_load_n(&kept, __ATOMIC_ACQUIRE);
-    if (!known) {
-        known = PSVModelItem::keptPosition(position, key);
-        __atomic_store_n(&kept, known, __ATOMIC_RELEASE);
-    }
     if (parent->childCount() > 0) {
-        if (ZORPSVModelItem* child = childAt(*known, parent)) {
+        if (ZORPSVModelItem* child = childAt(*kept, parent)) {
             child->addThread(mRank, false, false);
             return child;
         }
     }
-    return new ZORPSVModelItem(parent, known, key, mOneThread);
+    return new ZORPSVModelItem(parent, kept, key, mOneThread);
 }
 
 const IntProcessMap& PreloadSampleSource::oneThread()
@@ -104,7 +96,7 @@ void PreloadSampleSource::addInlineCallers(const DecodedFrame& frame, ZORPSVMode
 {
     KeyedPosition* callers = mInlineCallers.at(frame.inlineCallersAt);
     for (int i = 0; i < frame.inlineCallerCount; ++i)
-        parent = frameNode(callers[i].position, callers[i].key, callers[i].kept, parent);
+        parent = frameNode(callers[i].position, callers[i].key, parent);
 }
 
 size_t PreloadSampleSource::firstProgramFrame(const quorvex::backtrace_t& trace)
@@ -213,18 +205,18 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
             continue;
         // The MPI wrapper's MPI_Send calls the library's: one node for both.
         if (frame.inMpiWrapper && index - 1 > end && !mDebugAddresses
-            && decodedFrame(Address(trace[index - 1]) - 1).position.function == frame.position.function)
+            && decodedFrame(Address(trace[index - 1]) - 1).position->function == frame.position->function)
             continue;
         if (!inAccelerator) {
             // Asked once per frame, by whichever builder comes first.
             signed char cuda = __atomic_load_n(&frame.cuda, __ATOMIC_RELAXED);
             if (cuda < 0) {
-                cuda = isAddressFromCUDALibrary(returnAddress, frame.position.function) ? 1 : 0;
+                cuda = isAddressFromCUDALibrary(returnAddress, frame.position->function) ? 1 : 0;
                 __atomic_store_n(&frame.cuda, cuda, __ATOMIC_RELAXED);
             }
             inAccelerator = cuda == 1;
         }
-        const Position* position = &frame.position;
+        const Position* position = frame.position;
         quint32 key = frame.positionKey;
         Position decorated;
 
@@ -279,8 +271,8 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
         if (frame.hasInlineCallers)
             addInlineCallers(frame, current);
         mayTell = mayTell || frame.telling;
-        const Position* keptDecorated = nullptr;
-        current = frameNode(*position, key, position == &frame.position ? frame.kept : keptDecorated, current);
+        current = frameNode(position == frame.position ? position : PSVModelItem::keptPosition(*position, key), key,
+                            current);
     }
 
     if (!mDebugAddresses && foldUnknownTail(current))
@@ -386,16 +378,16 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
     // the recorded program counter.
     const Address used = previous.mnemonic.isEmpty() ? address : previous.address;
     DecodedFrame& frame = decodedFrame(used);
-    const Position* shown = &frame.position;
+    const Position* shown = frame.position;
     Position decorated;
     quint32 key = frame.positionKey;
     if (frame.hasInlineCallers)
         addInlineCallers(frame, parent);
     if (mDebugAddresses) {
-        decorated = frame.position;
+        decorated = *frame.position;
         shown = &decorated;
         decorated.function = mInternedStrings.intern(QStringLiteral("%1 (%2T%3 %4, 0x%5)")
-                                                        .arg(frame.position.function)
+                                                        .arg(frame.position->function)
                                                         .arg(QLatin1String(previous.mnemonic.isEmpty() ? "!" : ""))
                                                         .arg(QLatin1String(mJumpTargetLeafs.contains(address) ? "J" : ""))
                                                         .arg(used, 0, 16)
@@ -403,13 +395,9 @@ void PreloadSampleSource::addLeafNode(Address address, ZORPSVModelItem*& parent,
         key = PSVModelItem::positionKeyOf(decorated);
     }
     // Always a node of its own, even beside a child at the same position.
-    const Position* kept = shown == &frame.position ? frame.kept : nullptr;
-    if (!kept)
-        kept = PSVModelItem::keptPosition(*shown, key);
-    if (shown == &frame.position)
-        frame.kept = kept;
+    const Position* kept = shown == frame.position ? shown : PSVModelItem::keptPosition(*shown, key);
     parent = new ZORPSVModelItem(parent, kept, key, oneThreadOfRank);
-    if (known && shown == &frame.position) {
+    if (known && shown == frame.position) {
         if (known->fromCuda < 0)
             known->fromCuda = isAddressFromCUDALibrary(used, shown->function) ? 1 : 0;
         fromCuda = known->fromCuda == 1;

@@ -11,23 +11,19 @@
 
 #include "psvmodelitem.h"
 
-// A position with its key among a node's children, worked out once.
+// A position, one that PSVModelItem::keptPosition handed out, with its key
+// among a node's children, both worked out once.
 struct KeyedPosition
 {
-    KeyedPosition() : key(0), immortal(false), kept(nullptr) {}
+    KeyedPosition() : position(nullptr), key(0) {}
     explicit KeyedPosition(const Position& position)
-        : position(position), key(PSVModelItem::positionKeyOf(position)),
-          immortal(PSVModelItem::hasImmortalNames(position)), kept(nullptr)
+        : position(nullptr), key(PSVModelItem::positionKeyOf(position))
     {
+        this->position = PSVModelItem::keptPosition(position, key);
     }
 
-    Position position;
+    const Position* position;
     quint32 key;
-    // Both names are kept forever (PSVModelItem::hasImmortalNames).
-    bool immortal;
-    // PSVModelItem::keptPosition of position, asked when the first node of
-    // it is made.
-    const Position* kept;
 };
 
 // The inlined callers of all decoded frames, each frame's side by side, by
@@ -73,51 +69,54 @@ private:
     quint32 mSize = 0;
 };
 
+// Half a cache line with its key in the table of decoded frames, which the
+// tree builders probe for every frame of every trace.
 struct DecodedFrame
 {
     DecodedFrame()
-        : positionKey(0), inlineCallersAt(0), inlineCallerCount(0), immortalNames(false), hasInlineCallers(false), hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
-          inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), telling(false), cuda(-1), kept(nullptr)
+        : position(nullptr), positionKey(0), inlineCallersAt(0), inlineCallerCount(0), hasInlineCallers(false),
+          hasLineInfo(false), unknownPrefix(false), exactlyUnknown(false), samplerFrame(false),
+          inSamplerLibrary(false), samplerWrapper(false), inMpiWrapper(false), telling(false), cuda(-1)
     {
     }
 
-    Position position;
+    // The process's one copy (PSVModelItem::keptPosition), which the nodes
+    // of the frame point at.
+    const Position* position;
     quint32 positionKey;
     // The inlined callers, outermost first: inlineCallerCount of them from
     // inlineCallersAt on in the InlineCallerList of the analysis, where
     // those of all frames lie close together.
     quint32 inlineCallersAt;
     quint16 inlineCallerCount;
-    // Both names of position are kept forever (PSVModelItem::hasImmortalNames).
-    bool immortalNames;
-    bool hasInlineCallers;
+    bool hasInlineCallers : 1;
     // A file and a line above 0.
-    bool hasLineInfo;
+    bool hasLineInfo : 1;
     // The function starts with, or is, the name for unknown functions.
-    bool unknownPrefix;
-    bool exactlyUnknown;
+    bool unknownPrefix : 1;
+    bool exactlyUnknown : 1;
     // Code of the sampler itself: by name, or by lying in its library.
-    bool samplerFrame;
+    bool samplerFrame : 1;
     // Lies in the sampler's library, which stands in front of some of the
     // runtimes' entry points (a parallel region's opening) and calls on into
     // them: such a frame in the middle of a stack is no frame of the program.
-    bool inSamplerLibrary;
+    bool inSamplerLibrary : 1;
     // The sampler's wrapper below which the program's own frames begin.
-    bool samplerWrapper;
+    bool samplerWrapper : 1;
     // Lies in the MPI or SHMEM wrapper, whose functions call on into the
     // library's of the same names.
-    bool inMpiWrapper;
+    bool inMpiWrapper : 1;
     // The naming rules could tell a thread's class or runtime by the name
     // of position or of one of its inlined callers: a tree without such a
     // frame needs no walk for them.
-    bool telling;
+    bool telling : 1;
     // Whether the address one byte above lies in accelerator code; -1 until
     // asked. Return addresses are decoded one byte back, so this answers
-    // for the return address itself.
+    // for the return address itself. Builders write it beside each other:
+    // a byte of its own, apart from the bits above.
     signed char cuda;
-    // PSVModelItem::keptPosition of position, asked when the first node of
-    // it is made.
-    const Position* kept;
 };
+
+static_assert(sizeof(DecodedFrame) <= 24, "a decoded frame and its key fill half a cache line");
 
 #endif

@@ -160,10 +160,12 @@ public:
 private:
     static constexpr std::uint64_t EmptyKey = ~std::uint64_t(0);
     // A slot of more than half a cache line lies in one line of its own,
-    // so that a lookup touches one line, not two.
+    // one of exactly half a line in half of one, so that a lookup touches
+    // one line, not two.
     static constexpr std::size_t SlotBytes = sizeof(std::uint64_t) + sizeof(Value);
-    static constexpr std::size_t SlotAlignment =
-        SlotBytes > 32 && SlotBytes <= 64 ? 64 : (alignof(Value) > 8 ? alignof(Value) : 8);
+    static constexpr std::size_t SlotAlignment = SlotBytes > 32 && SlotBytes <= 64 ? 64
+        : SlotBytes == 32                                                           ? 32
+                                                    : (alignof(Value) > 8 ? alignof(Value) : 8);
     struct alignas(SlotAlignment) Slot
     {
         std::uint64_t key = EmptyKey;

@@ -331,8 +331,8 @@ private:
     void addInlineCallers(const DecodedFrame& frame, ZORPSVModelItem*& parent);
     // The child of parent at position, counting one more thread of the
     // rank; made if there is none.
-    // kept is PSVModelItem::keptPosition of position, asked here while null.
-    ZORPSVModelItem* frameNode(const Position& position, quint32 key, const Position*& kept, ZORPSVModelItem* parent);
+    // kept is one that PSVModelItem::keptPosition handed out.
+    ZORPSVModelItem* frameNode(const Position* kept, quint32 key, ZORPSVModelItem* parent);
     // The thread counts of a fresh node: one thread of this rank. Asked
     // before trees are built, which read mOneThread itself.
     const IntProcessMap& oneThread();

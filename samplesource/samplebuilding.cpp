@@ -722,14 +722,9 @@ void PreloadSampleSource::answerLeaves()
         // before the recorded program counter.
         const Address used = answer.previous.mnemonic.isEmpty() ? mLeafAddresses[i] : answer.previous.address;
         DecodedFrame& frame = decodedFrame(used);
-        const Position* kept = __atomic_load_n(&frame.kept, __ATOMIC_ACQUIRE);
-        if (!kept) {
-            kept = PSVModelItem::keptPosition(frame.position, frame.positionKey);
-            __atomic_store_n(&frame.kept, kept, __ATOMIC_RELEASE);
-        }
         answer.frame = &frame;
-        answer.kept = kept;
-        answer.fromCuda = isAddressFromCUDALibrary(used, frame.position.function) ? 1 : 0;
+        answer.kept = frame.position;
+        answer.fromCuda = isAddressFromCUDALibrary(used, frame.position->function) ? 1 : 0;
     });
 }
 
