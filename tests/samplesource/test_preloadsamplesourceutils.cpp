@@ -1,3 +1,4 @@
+#include "flatindex.h"
 #include "metric.h"
 #include "preloadsamplesourceutils.h"
 #include "samplefilebuilder.h"
@@ -132,4 +133,38 @@ TEST(PreloadSampleSourceUtils, ObjectsThatHeldOnePlaceInTurnGiveWayToTheLatest)
             names << QFileInfo(library.path()).fileName();
         EXPECT_EQ(names.join(QLatin1Char(' ')).toStdString(), cut ? "program" : "program kept late");
     }
+}
+
+// Values survive every growth of the table, small pages and huge ones alike
+// (slots of 32 bytes pass 2 MB at 65,536 of them), and the keys of the slot
+// marker and its neighbours are kept apart.
+TEST(FlatTable, KeepsEveryValueAsItGrowsOntoHugePages)
+{
+    struct Named
+    {
+        QString name;
+        quint64 spare[1];
+    };
+    static_assert(sizeof(Named) == 16, "");
+    FlatTable<Named> table;
+    const int count = 70000;
+    const std::uint64_t keys[] = {0, 1, ~std::uint64_t(0), ~std::uint64_t(0) - 1};
+    for (std::uint64_t key : keys)
+        table.insert(key).name = QString::number(key);
+    for (int i = 0; i < count; ++i)
+        table.insert(0x400000 + 16 * std::uint64_t(i)).name = QString::number(i);
+    table.reserve(3 * count);
+    EXPECT_EQ(table.size(), size_t(count) + 3); // the marker's key is kept apart
+    for (std::uint64_t key : keys) {
+        ASSERT_NE(table.find(key), nullptr) << key;
+        EXPECT_EQ(table.find(key)->name, QString::number(key));
+    }
+    for (int i = 0; i < count; i += 7) {
+        ASSERT_NE(table.find(0x400000 + 16 * std::uint64_t(i)), nullptr) << i;
+        EXPECT_EQ(table.find(0x400000 + 16 * std::uint64_t(i))->name, QString::number(i));
+    }
+    EXPECT_EQ(table.find(0x400008), nullptr);
+    table.clear();
+    EXPECT_EQ(table.find(0x400000), nullptr);
+    EXPECT_EQ(table.find(~std::uint64_t(0)), nullptr);
 }
