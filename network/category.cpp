@@ -57,7 +57,8 @@ bool isAcceleratorName(const QString& function)
 {
     // Driver entry points are "cu" and a capitalised word: cuLaunchKernel.
     static const QRegExp driverName(QStringLiteral("cu[A-Z][a-z].*"));
-    return startsWithAny(function, {"cuda", "__cuda", "CU_ETID_", "cupti"}) || driverName.exactMatch(function);
+    return startsWithAny(function, {"cuda", "__cuda", "CU_ETID_", "cupti"})
+        || (function.startsWith(QLatin1String("cu")) && driverName.exactMatch(function));
 }
 
 bool isOmpRegionName(const QString& function)

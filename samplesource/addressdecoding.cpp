@@ -125,18 +125,36 @@ public:
         }
         mEmptySample = std::min(mEmptySample, other.mEmptySample);
     }
-    // By first sample, then by address; each address `shift` lower.
-    std::vector<FirstUse> sorted(Address shift) const
+    // By first sample, then by address; each address `shift` lower. Every
+    // first sample is below samples. The samples are few beside the
+    // addresses: these are counted into their samples first, and only those
+    // of one sample are sorted.
+    std::vector<FirstUse> sorted(Address shift, quint32 samples) const
     {
-        std::vector<FirstUse> addresses;
-        addresses.reserve(mCount + 1);
+        std::vector<size_t> end(size_t(samples) + 1, 0);
         for (const Slot& slot : mSlots) {
             if (slot.address != Empty)
-                addresses.emplace_back(slot.sample, slot.address - shift);
+                ++end[slot.sample + 1];
         }
         if (mEmptySample != NoSample)
-            addresses.emplace_back(mEmptySample, Empty - shift);
-        std::sort(addresses.begin(), addresses.end());
+            ++end[mEmptySample + 1];
+        for (size_t s = 1; s < end.size(); ++s)
+            end[s] += end[s - 1];
+        std::vector<FirstUse> addresses(end.back());
+        // end[s] is where sample s's addresses begin until they are placed,
+        // then where they end.
+        for (const Slot& slot : mSlots) {
+            if (slot.address != Empty)
+                addresses[end[slot.sample]++] = FirstUse(slot.sample, slot.address - shift);
+        }
+        if (mEmptySample != NoSample)
+            addresses[end[mEmptySample]++] = FirstUse(mEmptySample, Empty - shift);
+        size_t begin = 0;
+        for (size_t s = 0; s < samples; ++s) {
+            std::sort(addresses.begin() + std::ptrdiff_t(begin), addresses.begin() + std::ptrdiff_t(end[s]),
+                      [](const FirstUse& a, const FirstUse& b) { return a.second < b.second; });
+            begin = end[s];
+        }
         return addresses;
     }
 
@@ -188,6 +206,16 @@ private:
 // Set while this thread decodes the ends of traces: decodedFrame may then
 // ask the debugger. Tree builders on other threads never may.
 thread_local bool tDecodingTraceEnds = false;
+
+// The kept positions of the outermost two frames that this thread last
+// judged, and whether they are the thread library's.
+struct LastRootPair
+{
+    const Position* outer;
+    const Position* inner;
+    bool root;
+};
+thread_local LastRootPair tLastRootPair = {nullptr, nullptr, false};
 
 } // namespace
 
@@ -382,7 +410,7 @@ void PreloadSampleSource::prepareDecoding(const quorvex::SSampleList* samples,
     // at the ends of a trace, which decodeTraceEnds decodes. The call sites
     // come first: any sample may continue a trace with one.
     mPlan = DecodePlan();
-    mPlan.returns = collector.sorted(1);
+    mPlan.returns = collector.sorted(1, samples->size());
     if (!callSites.isEmpty()) {
         std::vector<AddressCollector::FirstUse> sites;
         for (const quorvex::SCallSite& site : callSites) {
@@ -391,7 +419,7 @@ void PreloadSampleSource::prepareDecoding(const quorvex::SSampleList* samples,
         }
         mPlan.returns.insert(mPlan.returns.begin(), sites.begin(), sites.end());
     }
-    mPlan.leaves = leaves.sorted(0);
+    mPlan.leaves = leaves.sorted(0, samples->size());
     // The traces in their order, so that what is read of the traces a few
     // steps ahead can be loaded while one is looked at: the frames of a run
     // lie scattered over a table far larger than the caches.
@@ -615,9 +643,15 @@ unsigned int PreloadSampleSource::findRootFramesOfThread(const quorvex::backtrac
         --i;
     if (i <= 0)
         return 0;
-    // Kept positions never move, whatever the lookups do to the table.
-    const QString& outer = decodedFrame(trace[i]).position->function;
-    if (!isThreadLibraryRoot(outer, decodedFrame(trace[i - 1]).position->function))
+    // Kept positions never move, whatever the lookups do to the table, and
+    // each is the one copy of its position: the threads of a run start
+    // alike, and the names of the last pair are judged only once.
+    const Position* outer = decodedFrame(trace[i]).position;
+    const Position* inner = decodedFrame(trace[i - 1]).position;
+    LastRootPair& last = tLastRootPair;
+    if (outer != last.outer || inner != last.inner)
+        last = LastRootPair{outer, inner, isThreadLibraryRoot(outer->function, inner->function)};
+    if (!last.root)
         return 0;
     found = true;
     // The trailing zeros and the two frames of the thread library.
