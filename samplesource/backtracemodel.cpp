@@ -188,6 +188,10 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
     bool sameNameRun = false;
     bool manyNamesRun = false;
     bool inAccelerator = false;
+    // Whether the deepest node so far is an unknown frame without a line,
+    // the only kind of node from which a run of unknown frames can be
+    // folded: most paths end elsewhere and read no names for it.
+    bool tailMayFold = false;
     // Frames of a run's traces are scattered over a large table: the slots
     // of the frames a few steps ahead are loaded while this one is built.
     // The names of a frame are loaded once its slot has come in.
@@ -300,9 +304,10 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
         mayTell = mayTell || frame.telling;
         const Position* keptDecorated = nullptr;
         current = frameNode(*position, key, position == &frame.position ? frame.kept : keptDecorated, current);
+        tailMayFold = !frame.hasLineInfo && frame.unknownPrefix;
     }
 
-    if (!mDebugAddresses && foldUnknownTail(current))
+    if (!mDebugAddresses && tailMayFold && foldUnknownTail(current))
         mayTell = true;
 
     if (first < n) {
