@@ -117,8 +117,6 @@ void HostConnection::handle(const Message& message)
             QList<Sample>& samples = mBlocks[block->blockNumber()];
             for (const Sample* sample : block->samples())
                 samples.append(*sample);
-        } else if (auto histograms = std::dynamic_pointer_cast<HistogramBlockResponse>(message.response)) {
-            mHistograms += histograms->histograms().size();
         } else if (auto progress = std::dynamic_pointer_cast<ProfilerProgressResponse>(message.response)) {
             switch (progress->status()) {
             case ProfilerProgressResponse::RunOverTargetAlive:

@@ -50,7 +50,6 @@ public:
 
     // Samples of the blocks received so far, in block order.
     QList<Sample> takeSamples();
-    int histogramsReceived() const { return mHistograms; }
 
     // The analysis' progress in percent, 0 to 100.
     int analysisPercent() const { return mAnalysisPercent; }
@@ -94,7 +93,6 @@ private:
     QMap<int, std::shared_ptr<Response>> mAnswers;
     QMap<int, QString> mFailures;
     QMap<int, QList<Sample>> mBlocks; // block number to its samples
-    int mHistograms = 0;
     int mAnalysisPercent = 0;
     bool mRunOver = false;
     bool mTargetEnded = false;

@@ -29,7 +29,6 @@
 #include "quorvexplugins.h"
 #include "reports.h"
 #include "result.h"
-#include "samplesranges.h"
 #include "terminal.h"
 
 namespace {
@@ -256,7 +255,6 @@ protected:
 };
 
 const int SampleBlockSize = 64;
-const int HistogramBins = 10;
 const int ConnectTimeoutMs = 120000;
 const int EndTimeoutMs = 30000;
 // The longest a host may take to answer a command once the program has
@@ -304,7 +302,6 @@ private:
     // While the ranks play: a rank whose program died stops sampling on the
     // others, which would otherwise wait for it in MPI for ever.
     void stopOthersIfARankDied();
-    QString histogramRanges(const QList<QList<Sample>>& samples) const;
     void interrupted(int count);
     void abortHosts();
     void showProgress();
@@ -581,38 +578,6 @@ void ProfileRun::stopOthersIfARankDied()
     }
 }
 
-// Every process bins its histograms over the same ranges: per resampled
-// sample, the lowest and highest value of each thread metric on any rank.
-QString ProfileRun::histogramRanges(const QList<QList<Sample>>& samples) const
-{
-    SamplesRanges ranges;
-    for (int i = 0; i < mOptions.samples; ++i) {
-        QMap<QString, SampleValueRange> perMetric;
-        for (const QList<Sample>& rank : samples) {
-            if (i >= rank.size())
-                continue;
-            const Sample& sample = rank.at(i);
-            for (int tid : sample.sampledTidList()) {
-                const QMap<QString, unsigned long> metrics = sample.threadMetrics(tid);
-                for (auto it = metrics.constBegin(); it != metrics.constEnd(); ++it) {
-                    const SampleValue value(it.value());
-                    auto range = perMetric.find(it.key());
-                    if (range == perMetric.end()) {
-                        perMetric.insert(it.key(), SampleValueRange{ value, value });
-                    } else {
-                        if (value.to_double() < range->min.to_double())
-                            range->min = value;
-                        if (value.to_double() > range->max.to_double())
-                            range->max = value;
-                    }
-                }
-            }
-        }
-        ranges.addSample(perMetric);
-    }
-    return ranges.toBase64();
-}
-
 void ProfileRun::showProgress()
 {
     if (!mProgress.enabled() || mPhase.isEmpty())
@@ -788,7 +753,6 @@ int ProfileRun::run()
     send.addParameter(QStringLiteral("numSamples"), mOptions.samples);
     send.addParameter(QStringLiteral("numBlocks"), (mOptions.samples + SampleBlockSize - 1) / SampleBlockSize);
     send.addParameter(QStringLiteral("duration"), duration);
-    send.addParameter(QStringLiteral("collectHistograms"), true);
     if (!everyHost(send, &answers, &error))
         return fail(mAborted ? 130 : 1);
     QList<QList<Sample>> samples;
@@ -803,14 +767,6 @@ int ProfileRun::run()
             encoded.append(ResultFile::encodeSamples(rank));
         return encoded;
     });
-
-    Command histograms(QString::fromLatin1(CMD_ZOR_SEND_HISTOGRAM), QString::fromLatin1(XML_TARGET_PROFILER));
-    histograms.addParameter(QStringLiteral("numBlocks"), (mOptions.samples + SampleBlockSize - 1) / SampleBlockSize);
-    histograms.addParameter(QStringLiteral("blockSize"), SampleBlockSize);
-    histograms.addParameter(QStringLiteral("numBins"), HistogramBins);
-    histograms.addParameter(QStringLiteral("ranges"), histogramRanges(samples));
-    if (!everyHost(histograms, &answers, &error))
-        return fail(mAborted ? 130 : 1);
 
     if (!everyHost(Command(QString::fromLatin1(CMD_ZOR_SEND_METRIC_ERRORS), QString::fromLatin1(XML_TARGET_PROFILER)),
                    &answers, &error))
