@@ -296,6 +296,10 @@ private:
     bool everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
                    int timeoutMs = AnswerTimeoutMs, const std::function<void()>& whileWaiting = nullptr,
                    bool dropFailed = false);
+    // Sends the command to every host now, to run right behind those before
+    // it in the hosts' queues, without waiting for a round trip each; a
+    // later everyHost of the same command waits for these answers.
+    void sendAhead(const Command& command);
     void stopSampling();
     // Waits, at most `timeoutMs`, for the launcher to end.
     bool waitForLauncher(int timeoutMs);
@@ -326,6 +330,7 @@ private:
     bool mRankFailed = false;
     QElapsedTimer mStopSent;
     QSet<int> mAnnounced; // ranks whose failed end was told
+    QHash<QString, QList<int>> mSentAhead; // by command name: its uid on each host
 };
 
 bool ProfileRun::start(QString* error)
@@ -502,10 +507,13 @@ bool ProfileRun::connectHosts(QString* error)
 bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
                            int timeoutMs, const std::function<void()>& whileWaiting, bool dropFailed)
 {
-    QList<int> uids;
-    for (HostConnection* host : qAsConst(mHosts)) {
-        uids.append(host->send(command));
-        host->flush();
+    QList<int> uids = mSentAhead.take(command.name);
+    if (uids.size() != mHosts.size()) {
+        uids.clear();
+        for (HostConnection* host : qAsConst(mHosts)) {
+            uids.append(host->send(command));
+            host->flush();
+        }
     }
     const auto answered = [&]() {
         if (whileWaiting)
@@ -545,6 +553,16 @@ bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Respons
         return false;
     mHosts = answering;
     return true;
+}
+
+void ProfileRun::sendAhead(const Command& command)
+{
+    QList<int>& uids = mSentAhead[command.name];
+    uids.clear();
+    for (HostConnection* host : qAsConst(mHosts)) {
+        uids.append(host->send(command));
+        host->flush();
+    }
 }
 
 void ProfileRun::stopOthersIfARankDied()
@@ -753,6 +771,13 @@ int ProfileRun::run()
     send.addParameter(QStringLiteral("numSamples"), mOptions.samples);
     send.addParameter(QStringLiteral("numBlocks"), (mOptions.samples + SampleBlockSize - 1) / SampleBlockSize);
     send.addParameter(QStringLiteral("duration"), duration);
+    const Command metricErrors(QString::fromLatin1(CMD_ZOR_SEND_METRIC_ERRORS), QString::fromLatin1(XML_TARGET_PROFILER));
+    const Command endMetrics(QString::fromLatin1(CMD_ZOR_SEND_EXTERNAL_METRICS), QString::fromLatin1(XML_TARGET_PROFILER));
+    // The last questions go right behind the samples' command: the hosts
+    // answer them as soon as the samples are out.
+    sendAhead(send);
+    sendAhead(metricErrors);
+    sendAhead(endMetrics);
     if (!everyHost(send, &answers, &error))
         return fail(mAborted ? 130 : 1);
     QList<QList<Sample>> samples;
@@ -768,15 +793,13 @@ int ProfileRun::run()
         return encoded;
     });
 
-    if (!everyHost(Command(QString::fromLatin1(CMD_ZOR_SEND_METRIC_ERRORS), QString::fromLatin1(XML_TARGET_PROFILER)),
-                   &answers, &error))
+    if (!everyHost(metricErrors, &answers, &error))
         return fail(mAborted ? 130 : 1);
     for (int i = 0; i < mHosts.size(); ++i) {
         if (auto errors = std::dynamic_pointer_cast<SendMetricErrorsResponse>(answers.at(i)))
             result.ranks[i].metricErrors = *errors;
     }
-    if (!everyHost(Command(QString::fromLatin1(CMD_ZOR_SEND_EXTERNAL_METRICS), QString::fromLatin1(XML_TARGET_PROFILER)),
-                   &answers, &error))
+    if (!everyHost(endMetrics, &answers, &error))
         return fail(mAborted ? 130 : 1);
     for (int i = 0; i < mHosts.size(); ++i) {
         if (auto metrics = std::dynamic_pointer_cast<SendMetricsCollectedAtTheEndResponse>(answers.at(i)))
