@@ -29,6 +29,7 @@
 #include "quorvexplugins.h"
 #include "reports.h"
 #include "result.h"
+#include "sampleencoder.h"
 #include "terminal.h"
 
 namespace {
@@ -331,6 +332,7 @@ private:
     QElapsedTimer mStopSent;
     QSet<int> mAnnounced; // ranks whose failed end was told
     QHash<QString, QList<int>> mSentAhead; // by command name: its uid on each host
+    std::unique_ptr<SampleEncoder> mEncoder;
 };
 
 bool ProfileRun::start(QString* error)
@@ -775,23 +777,32 @@ int ProfileRun::run()
     const Command endMetrics(QString::fromLatin1(CMD_ZOR_SEND_EXTERNAL_METRICS), QString::fromLatin1(XML_TARGET_PROFILER));
     // The last questions go right behind the samples' command: the hosts
     // answer them as soon as the samples are out.
+    mEncoder.reset(new SampleEncoder);
+    for (HostConnection* host : qAsConst(mHosts))
+        host->encodeBlocksWith(mEncoder.get());
     sendAhead(send);
     sendAhead(metricErrors);
     sendAhead(endMetrics);
     if (!everyHost(send, &answers, &error))
         return fail(mAborted ? 130 : 1);
     QList<QList<Sample>> samples;
+    QList<QList<int>> tickets;
     for (int i = 0; i < mHosts.size(); ++i) {
-        samples.append(mHosts.at(i)->takeSamples());
+        tickets.append(QList<int>());
+        samples.append(mHosts.at(i)->takeSamples(&tickets.last()));
         result.ranks[i].samples = samples.last();
     }
-    // The file's samples are encoded while the run's last answers come in.
-    std::future<QList<ResultFile::EncodedSamples>> encodedSamples = std::async(std::launch::async, [samples]() {
-        QList<ResultFile::EncodedSamples> encoded;
-        for (const QList<Sample>& rank : samples)
-            encoded.append(ResultFile::encodeSamples(rank));
-        return encoded;
-    });
+    // The file's samples were encoded as their blocks came in; what is
+    // left is finished while the run's last answers come in.
+    SampleEncoder* encoder = mEncoder.get();
+    std::future<QList<ResultFile::EncodedSamples>> encodedSamples =
+        std::async(std::launch::async, [samples, tickets, encoder]() {
+            QList<ResultFile::EncodedSamples> encoded;
+            for (int i = 0; i < samples.size(); ++i)
+                encoded.append(tickets.at(i).isEmpty() ? ResultFile::encodeSamples(samples.at(i))
+                                                       : encoder->take(tickets.at(i)));
+            return encoded;
+        });
 
     if (!everyHost(metricErrors, &answers, &error))
         return fail(mAborted ? 130 : 1);
