@@ -184,6 +184,20 @@ bool resolveProgram(const QString& program, QString* path, QString* error)
         *error = QStringLiteral("%1 is not executable").arg(program);
         return false;
     }
+    // The debugger runs programs, not scripts (/usr/bin/7z is one that execs
+    // the real 7z); a script's interpreter would be sampled, not what it runs.
+    QFile file(*path);
+    if (file.open(QIODevice::ReadOnly)) {
+        const QByteArray head = file.read(256);
+        if (head.startsWith("#!")) {
+            const QString interpreter =
+                QString::fromLocal8Bit(head.mid(2, head.indexOf('\n') < 0 ? -1 : head.indexOf('\n') - 2)).trimmed();
+            *error = QStringLiteral("%1 is a script (#!%2), not a program: profile the program that it runs, or its "
+                                    "interpreter with the script as an argument")
+                         .arg(program, interpreter);
+            return false;
+        }
+    }
     return true;
 }
 

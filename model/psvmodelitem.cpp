@@ -15,6 +15,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <sys/mman.h>
@@ -430,20 +431,12 @@ const Position* PSVModelItem::keptPosition(const Position& position, quint32 key
     return shard.keep(position, key);
 }
 
-struct PSVModelItemExtra
-{
-    IntProcessMap cudaThreads;
-    int lastCudaGroup = -1;
-    // Built once the node has many children, then kept in step.
-    PSVChildIndex* childIndex = nullptr;
-};
-
 PSVModelItem::PSVModelItem() : PSVModelItem(Position())
 {
 }
 
 PSVModelItem::PSVModelItem(const Position& position)
-    : mOnlyChild(nullptr), mParent(nullptr), mExtra(nullptr), mChildCount(0), mPositionKey(positionKey(position)),
+    : mOnlyChild(nullptr), mParent(nullptr), mChildCount(0), mHasExtra(0), mPositionKey(positionKey(position)),
       mCurrentGroup(false), mUnexpectedStop(false), mUnexpectedStopAncestor(false), mCudaBrief(false), mDerivedBits(0)
 {
     mPosition = keptPosition(position, mPositionKey);
@@ -468,11 +461,11 @@ quint32 PSVModelItem::positionKeyOf(const Position& position)
 
 PSVModelItem::PSVModelItem(const PSVModelItem& other)
     : SaxHandler(other), mProcessThreads(other.mProcessThreads), mOnlyChild(nullptr), mParent(nullptr), mPosition(other.mPosition),
-      mExtra(nullptr), mChildCount(0), mPositionKey(other.mPositionKey), mCurrentGroup(other.mCurrentGroup),
+      mChildCount(0), mHasExtra(0), mPositionKey(other.mPositionKey), mCurrentGroup(other.mCurrentGroup),
       mUnexpectedStop(other.mUnexpectedStop), mUnexpectedStopAncestor(other.mUnexpectedStopAncestor),
       mCudaBrief(other.mCudaBrief), mDerivedBits(other.mDerivedBits)
 {
-    if (other.mExtra) {
+    if (other.mHasExtra) {
         extra().cudaThreads = other.mExtra->cudaThreads;
         mExtra->lastCudaGroup = other.mExtra->lastCudaGroup;
     }
@@ -489,35 +482,57 @@ PSVModelItem::~PSVModelItem()
         delete child;
     }
     releaseChildPointers();
-    if (mExtra) {
+    if (mHasExtra) {
         delete mExtra->childIndex;
         delete mExtra;
     }
 }
 
+namespace {
+
+PSVModelItem** allocateChildArray(PSVModelItem** array, int capacity)
+{
+    auto** grown = static_cast<PSVModelItem**>(std::realloc(array, size_t(capacity) * sizeof(PSVModelItem*)));
+    if (!grown)
+        throw std::bad_alloc();
+    return grown;
+}
+
+} // namespace
+
 PSVModelItemExtra& PSVModelItem::extra()
 {
-    if (!mExtra)
-        mExtra = new PSVModelItemExtra;
+    if (!mHasExtra) {
+        std::unique_ptr<PSVModelItemExtra> made(new PSVModelItemExtra);
+        // The counts on the device follow the brief mode they had while
+        // they lived nowhere.
+        if (mCudaBrief)
+            made->cudaThreads.setBrief(true);
+        if (mChildCount == 1) {
+            made->children = allocateChildArray(nullptr, 4);
+            made->capacity = 4;
+            made->children[0] = mOnlyChild;
+        }
+        mExtra = made.release();
+        mHasExtra = 1;
+    }
     return *mExtra;
 }
 
 IntProcessMap& PSVModelItem::cudaThreadsForChange()
 {
-    if (!mExtra && mCudaBrief)
-        extra().cudaThreads.setBrief(true);
     return extra().cudaThreads;
 }
 
 const IntProcessMap& PSVModelItem::processToCudaThreadCountMap() const
 {
     static const IntProcessMap none;
-    return mExtra ? mExtra->cudaThreads : none;
+    return mHasExtra ? mExtra->cudaThreads : none;
 }
 
 int PSVModelItem::totalCudaThreads() const
 {
-    return mExtra ? mExtra->cudaThreads.total() : 0;
+    return mHasExtra ? mExtra->cudaThreads.total() : 0;
 }
 
 int PSVModelItem::rank() const
@@ -593,34 +608,30 @@ int PSVModelItem::indexOfChild(PSVModelItem* child) const
 void PSVModelItem::appendChildPointer(PSVModelItem* child)
 {
     const int count = mChildCount;
-    if (count == 0) {
+    if (!mHasExtra && count == 0) {
         mOnlyChild = child;
-    } else if (count == 1) {
-        auto** array = static_cast<PSVModelItem**>(std::malloc(4 * sizeof(PSVModelItem*)));
-        if (!array)
-            throw std::bad_alloc();
-        array[0] = mOnlyChild;
-        array[1] = child;
-        mChildArray = array;
-    } else {
-        // Full when the count reaches its capacity; removals never shrink
-        // the array, so there is room whenever the count is no power of two.
-        if (count >= 4 && (count & (count - 1)) == 0) {
-            auto** array = static_cast<PSVModelItem**>(std::realloc(mChildArray, 2 * size_t(count) * sizeof(PSVModelItem*)));
-            if (!array)
-                throw std::bad_alloc();
-            mChildArray = array;
-        }
-        mChildArray[count] = child;
+        mChildCount = 1;
+        return;
     }
+    PSVModelItemExtra& rare = extra();
+    if (count == rare.capacity) {
+        const int capacity = count < 4 ? 4 : 2 * count;
+        rare.children = allocateChildArray(rare.children, capacity);
+        rare.capacity = capacity;
+    }
+    rare.children[count] = child;
     mChildCount = count + 1;
 }
 
 void PSVModelItem::releaseChildPointers()
 {
-    if (mChildCount > 1)
-        std::free(mChildArray);
-    mOnlyChild = nullptr;
+    if (mHasExtra) {
+        std::free(mExtra->children);
+        mExtra->children = nullptr;
+        mExtra->capacity = 0;
+    } else {
+        mOnlyChild = nullptr;
+    }
     mChildCount = 0;
 }
 
@@ -628,7 +639,7 @@ void PSVModelItem::addChild(PSVModelItem* child)
 {
     appendChildPointer(child);
     child->mParent = this;
-    if (mExtra && mExtra->childIndex)
+    if (mHasExtra && mExtra->childIndex)
         mExtra->childIndex->append(child);
 }
 
@@ -637,18 +648,16 @@ void PSVModelItem::unlinkChild(PSVModelItem* child)
     const int index = indexOfChild(child);
     if (index < 0)
         return;
-    if (mExtra && mExtra->childIndex)
-        mExtra->childIndex->remove(child, child->mPositionKey);
-    if (mChildCount == 1) {
-        releaseChildPointers();
+    if (!mHasExtra) {
+        mOnlyChild = nullptr;
+        mChildCount = 0;
         return;
     }
-    std::memmove(mChildArray + index, mChildArray + index + 1, size_t(mChildCount - index - 1) * sizeof(PSVModelItem*));
-    if (--mChildCount == 1) {
-        PSVModelItem* only = mChildArray[0];
-        std::free(mChildArray);
-        mOnlyChild = only;
-    }
+    if (mExtra->childIndex)
+        mExtra->childIndex->remove(child, child->mPositionKey);
+    PSVModelItem** children = mExtra->children;
+    std::memmove(children + index, children + index + 1, size_t(mChildCount - index - 1) * sizeof(PSVModelItem*));
+    mChildCount = mChildCount - 1;
 }
 
 void PSVModelItem::detach()
@@ -664,7 +673,7 @@ void PSVModelItem::setPosition(const Position& position)
     const quint32 oldKey = mPositionKey;
     mPositionKey = positionKey(position);
     mPosition = keptPosition(position, mPositionKey);
-    if (mParent && mParent->mExtra && mParent->mExtra->childIndex)
+    if (mParent && mParent->mHasExtra && mParent->mExtra->childIndex)
         mParent->mExtra->childIndex->rekey(this, oldKey);
 }
 
@@ -680,7 +689,7 @@ void PSVModelItem::clear()
 
 QList<PSVModelItem*> PSVModelItem::takeChildren()
 {
-    if (mExtra) {
+    if (mHasExtra) {
         delete mExtra->childIndex;
         mExtra->childIndex = nullptr;
     }
@@ -831,7 +840,7 @@ const PSVModelItem* PSVModelItem::findChild(const Position& position) const
 void PSVModelItem::setBrief(bool brief)
 {
     mProcessThreads.setBrief(brief);
-    if (mExtra)
+    if (mHasExtra)
         mExtra->cudaThreads.setBrief(brief);
     mCudaBrief = brief;
     for (PSVModelItem* child : childNodes())
@@ -841,7 +850,7 @@ void PSVModelItem::setBrief(bool brief)
 void PSVModelItem::mapRanks(const QMap<int, int>& ranks)
 {
     mProcessThreads.remap(ranks);
-    if (mExtra)
+    if (mHasExtra)
         mExtra->cudaThreads.remap(ranks);
     // Remapping rebuilds a map in its plain mode.
     mCudaBrief = false;
@@ -865,9 +874,9 @@ void PSVModelItem::mergePSVModelItem(const PSVModelItem& other, void* context)
     // Ranks of different trees are disjoint, so taking other's count for
     // each of its ranks adds the two trees' counts.
     mProcessThreads.set(other.mProcessThreads, true);
-    if (other.mExtra)
+    if (other.mHasExtra)
         cudaThreadsForChange().set(other.mExtra->cudaThreads, true);
-    else if (other.mCudaBrief && !mExtra)
+    else if (other.mCudaBrief && !mHasExtra)
         mCudaBrief = true;
     else if (other.mCudaBrief && !mExtra->cudaThreads.isBrief())
         mExtra->cudaThreads.setBrief(true);
@@ -900,7 +909,7 @@ void PSVModelItem::writeXml(XmlWriter& writer) const
     mProcessThreads.appendText(&processes);
     if (!processes.isEmpty())
         writer.plainAttribute(ATTR_PROCESSES, processes);
-    if (mExtra && !mExtra->cudaThreads.isEmpty())
+    if (mHasExtra && !mExtra->cudaThreads.isEmpty())
         writer.attribute(ATTR_CUDA_THREADS, mExtra->cudaThreads.toString());
     if (mCurrentGroup)
         writer.attribute(ATTR_CURRENT_GROUP, YES);

@@ -20,7 +20,23 @@ class QXmlStreamWriter;
 class XmlWriter;
 class PSVChildIndex;
 class PSVModelItem;
-struct PSVModelItemExtra;
+
+// The fields of a node that few nodes set, in a block of their own made on
+// first use: the children once there are two or more, the thread counts on
+// the device with the last device thread group, the index of a wide node's
+// children, and a derived node type's own rarely set fields.
+struct PSVModelItemExtra
+{
+    // capacity of them, count in the node; null when there is no room.
+    PSVModelItem** children = nullptr;
+    int capacity = 0;
+    int lastCudaGroup = -1;
+    IntProcessMap cudaThreads;
+    // Built once the node has many children, then kept in step.
+    PSVChildIndex* childIndex = nullptr;
+    // Owned by the derived type, which frees it.
+    void* derived = nullptr;
+};
 
 // The children of a node in their order, read in place: valid until the
 // children change, so not for loops that move or delete them.
@@ -117,7 +133,7 @@ public:
     const PSVModelItem* firstChild() const { return mChildCount == 0 ? nullptr : *childPointers(); }
     int indexOfChild(PSVModelItem* child) const;
     // Where the pointers to the children lie, to fetch them ahead.
-    PSVModelItem* const* childPointers() const { return mChildCount <= 1 ? &mOnlyChild : mChildArray; }
+    PSVModelItem* const* childPointers() const { return mHasExtra ? mExtra->children : &mOnlyChild; }
 
     int totalThreads() const { return mProcessThreads.total(); }
     int totalCudaThreads() const;
@@ -175,6 +191,10 @@ protected:
     static bool samePosition(const Position& a, const Position& b);
     // Shares the storage of equal function and file names read from XML.
     static QString internString(const QString& text);
+    // A derived node type's block of rarely set fields: null until set. The
+    // derived type frees it, in its destructor.
+    void* derivedData() const { return mHasExtra ? mExtra->derived : nullptr; }
+    void setDerivedData(void* data) { extra().derived = data; }
 
     // The first child at position that accept takes (all when accept is
     // null), as findChild matches. Wide nodes answer through a hash index.
@@ -204,23 +224,23 @@ private:
 
     // Changed only through addChild, detach, clear, takeChildren and the
     // destructor, which keep the index in step. Most nodes have at most
-    // one child, which is kept in the node; from the second on, the
-    // children lie in an array of malloc'd memory whose capacity follows
-    // from the count: 4, then the next power of two.
+    // one child and nothing else of the rare fields: the child is kept in
+    // the node. Once the node has the block of rare fields, the children
+    // lie in its array, of malloc'd memory whose capacity goes 4, then
+    // twice as many; a second child makes the block.
     union {
         PSVModelItem* mOnlyChild;
-        PSVModelItem** mChildArray;
+        PSVModelItemExtra* mExtra;
     };
     PSVModelItem* mParent;
     // Never null; see keptPosition.
     const Position* mPosition;
-    // Null until a field of it is set: the thread counts on the device,
-    // the last device thread group and the index of a wide node's children.
-    PSVModelItemExtra* mExtra;
-    int mChildCount;
+    int mChildCount : 31;
+    // Whether the union holds mExtra. Never cleared once set.
+    quint32 mHasExtra : 1;
     // The hash of mPosition, kept so that lookups and merges don't read
     // the names again. It shares a word with the flags below, which keeps
-    // a node of a fresh tree, made by the million, at 64 bytes.
+    // a node of a fresh tree, made by the million, at 48 bytes.
     quint32 mPositionKey : 24;
 
 protected:
@@ -242,7 +262,7 @@ void PSVModelItem::linkToParent(PSVModelItem* parent)
 {
     if (!parent)
         return;
-    if (parent->mChildCount == 0 && !parent->mExtra) {
+    if (parent->mChildCount == 0 && !parent->mHasExtra) {
         parent->mOnlyChild = this;
         parent->mChildCount = 1;
     } else {
@@ -252,8 +272,8 @@ void PSVModelItem::linkToParent(PSVModelItem* parent)
 
 PSVModelItem::PSVModelItem(PSVModelItem* parent, const Position* kept, quint32 positionKey,
                            const IntProcessMap& threads)
-    : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mPosition(kept), mExtra(nullptr),
-      mChildCount(0), mPositionKey(positionKey), mCurrentGroup(false), mUnexpectedStop(false),
+    : mProcessThreads(threads), mOnlyChild(nullptr), mParent(parent), mPosition(kept), mChildCount(0),
+      mHasExtra(0), mPositionKey(positionKey), mCurrentGroup(false), mUnexpectedStop(false),
       mUnexpectedStopAncestor(false), mCudaBrief(false), mDerivedBits(0)
 {
     linkToParent(parent);

@@ -125,40 +125,42 @@ IntProcessMap processThreads(const FastXmlReader::Value& text)
 
 } // namespace
 
-ZORPSVModelItem::ZORPSVModelItem() : mCounts(nullptr) {}
+ZORPSVModelItem::ZORPSVModelItem() {}
 
 ZORPSVModelItem::ZORPSVModelItem(ZORPSVModelItem* parent)
-    : PSVModelItem(parent), mCounts(nullptr)
+    : PSVModelItem(parent)
 {
 }
 
 ZORPSVModelItem::ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position)
-    : PSVModelItem(parent, position), mCounts(nullptr)
+    : PSVModelItem(parent, position)
 {
 }
 
 ZORPSVModelItem::ZORPSVModelItem(const Position& position, int samples, int selfSamples, int mpiSamples,
                                  int sleepingSamples)
-    : PSVModelItem(position), mCounts(nullptr)
+    : PSVModelItem(position)
 {
     addSampleCounts(samples, selfSamples, mpiSamples, sleepingSamples);
 }
 
 ZORPSVModelItem::ZORPSVModelItem(const ZORPSVModelItem& other)
-    : PSVModelItem(other), mCounts(other.mCounts ? new Counts(*other.mCounts) : nullptr)
+    : PSVModelItem(other)
 {
+    if (const Counts* theirs = other.countsIfAny())
+        setDerivedData(new Counts(*theirs));
 }
 
 ZORPSVModelItem::~ZORPSVModelItem()
 {
-    delete mCounts;
+    delete countsIfAny();
 }
 
 ZORPSVModelItem::Counts& ZORPSVModelItem::counts()
 {
-    if (!mCounts)
-        mCounts = new Counts;
-    return *mCounts;
+    if (!countsIfAny())
+        setDerivedData(new Counts);
+    return *countsIfAny();
 }
 
 void ZORPSVModelItem::mergeActiveCoreLineMetrics(const LineMetrics& metrics)
@@ -176,13 +178,13 @@ void ZORPSVModelItem::mergeMainThreadLineMetrics(const LineMetrics& metrics)
 const LineMetrics& ZORPSVModelItem::activeCoreLineMetrics() const
 {
     static const LineMetrics none;
-    return mCounts ? mCounts->activeCore : none;
+    return countsIfAny() ? countsIfAny()->activeCore : none;
 }
 
 const LineMetrics& ZORPSVModelItem::mainThreadLineMetrics() const
 {
     static const LineMetrics none;
-    return mCounts ? mCounts->mainThread : none;
+    return countsIfAny() ? countsIfAny()->mainThread : none;
 }
 
 ZORPSVModelItem* ZORPSVModelItem::clone() const
@@ -258,9 +260,10 @@ void ZORPSVModelItem::mergeOwnFields(const ZORPSVModelItem& other)
 {
     if (specialType() == specialNone)
         setSpecial(other.specialType());
-    if (!other.mCounts)
+    const Counts* counted = other.countsIfAny();
+    if (!counted)
         return;
-    const Counts& theirs = *other.mCounts;
+    const Counts& theirs = *counted;
     addSampleCounts(theirs.samples, theirs.selfSamples, theirs.mpiSamples, theirs.sleepingSamples);
     mergeActiveCoreLineMetrics(theirs.activeCore);
     mergeMainThreadLineMetrics(theirs.mainThread);
@@ -286,9 +289,10 @@ void ZORPSVModelItem::writeExtraXml(XmlWriter& writer) const
 {
     if (specialType() != specialNone)
         writer.attribute(ATTR_SPECIAL, int(specialType()));
-    if (!mCounts)
+    const Counts* counted = countsIfAny();
+    if (!counted)
         return;
-    const Counts& own = *mCounts;
+    const Counts& own = *counted;
     if (own.samples != 0 || own.selfSamples != 0 || own.mpiSamples != 0 || own.sleepingSamples != 0) {
         writer.plainAttribute(ATTR_SAMPLES, QByteArray::number(own.samples) + ',' + QByteArray::number(own.selfSamples)
                                                 + ',' + QByteArray::number(own.mpiSamples) + ','
@@ -325,7 +329,7 @@ void ZORPSVModelItem::readXmlStreamAttributes(const QXmlStreamAttributes& attrib
     int counters[4] = {0, 0, 0, 0};
     if (attributes.hasAttribute(ATTR_SAMPLES) && !readCounters(attributes.value(ATTR_SAMPLES), counters))
         counters[0] = counters[1] = counters[2] = counters[3] = 0;
-    if (!mCounts && counters[0] == 0 && counters[1] == 0 && counters[2] == 0 && counters[3] == 0)
+    if (!countsIfAny() && counters[0] == 0 && counters[1] == 0 && counters[2] == 0 && counters[3] == 0)
         return;
     Counts& own = counts();
     own.samples = counters[0];
@@ -423,7 +427,7 @@ bool ZORPSVModelItem::readNode(FastXmlReader& reader)
     }
     mCurrentGroup = reader.attribute(QLatin1String("currentGroup")) == QLatin1String("yes");
     setUnexpectedStop(reader.attribute(QLatin1String("unexpectedStop")) == QLatin1String("yes"));
-    if (mCounts || counters[0] != 0 || counters[1] != 0 || counters[2] != 0 || counters[3] != 0) {
+    if (countsIfAny() || counters[0] != 0 || counters[1] != 0 || counters[2] != 0 || counters[3] != 0) {
         Counts& own = counts();
         own.samples = counters[0];
         own.selfSamples = counters[1];
@@ -464,3 +468,6 @@ ZORPSVModelItem* ZORPSVModelItem::readTree(QXmlStreamReader& reader, QString* er
     }
     return root;
 }
+
+// Trees are made by the million: a node that grows costs every analysis.
+static_assert(sizeof(void*) != 8 || sizeof(ZORPSVModelItem) == 48, "a call tree node takes 48 bytes");

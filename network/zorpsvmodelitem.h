@@ -42,7 +42,7 @@ public:
     ZORPSVModelItem(ZORPSVModelItem* parent, const Position& position);
     // See the PSVModelItem constructor of the same arguments.
     ZORPSVModelItem(ZORPSVModelItem* parent, const Position* kept, quint32 positionKey, const IntProcessMap& threads)
-        : PSVModelItem(parent, kept, positionKey, threads), mCounts(nullptr)
+        : PSVModelItem(parent, kept, positionKey, threads)
     {
     }
     // A node without parent that starts from the given sample counters.
@@ -84,10 +84,10 @@ public:
     // Unknown when none does.
     Category::OmpCompiler::Enum detectOmpRuntime() const;
 
-    int sampleCount() const { return mCounts ? mCounts->samples : 0; }
-    int selfSampleCount() const { return mCounts ? mCounts->selfSamples : 0; }
-    int mpiSampleCount() const { return mCounts ? mCounts->mpiSamples : 0; }
-    int sleepingSampleCount() const { return mCounts ? mCounts->sleepingSamples : 0; }
+    int sampleCount() const { return countsIfAny() ? countsIfAny()->samples : 0; }
+    int selfSampleCount() const { return countsIfAny() ? countsIfAny()->selfSamples : 0; }
+    int mpiSampleCount() const { return countsIfAny() ? countsIfAny()->mpiSamples : 0; }
+    int sleepingSampleCount() const { return countsIfAny() ? countsIfAny()->sleepingSamples : 0; }
     void addSampleCounts(int samples, int selfSamples, int mpiSamples, int sleepingSamples);
 
     void mergeActiveCoreLineMetrics(const LineMetrics& metrics);
@@ -103,8 +103,8 @@ public:
     static ZORPSVModelItem* readTree(FastXmlReader& reader);
 
 private:
-    // What most nodes of a fresh tree leave at zero and empty, kept apart
-    // so that such nodes stay small.
+    // What most nodes of a fresh tree leave at zero and empty, kept apart,
+    // in the node's block of rare fields, so that such nodes stay small.
     struct Counts
     {
         int samples = 0;
@@ -118,9 +118,8 @@ private:
     void mergeOwnFields(const ZORPSVModelItem& other);
     bool readNode(FastXmlReader& reader);
     Counts& counts();
-
     // Null while every count is zero and both line metrics are empty.
-    Counts* mCounts;
+    Counts* countsIfAny() const { return static_cast<Counts*>(derivedData()); }
 };
 
 #endif

@@ -3,7 +3,6 @@
 #include <QMap>
 
 #include "profile.h"
-#include "zorpsvmodelitem.h"
 
 namespace {
 
@@ -15,21 +14,10 @@ QString frameName(QString name)
     return name.isEmpty() ? QStringLiteral("[unknown]") : name;
 }
 
-// The main thread's class frame and a plain thread's marked entry repeat the
-// function right below them; flame graphs read better without the echo.
-bool repeatsParent(const PSVModelItem* node)
-{
-    const auto* parent = dynamic_cast<const ZORPSVModelItem*>(node->parent());
-    if (!parent || (parent->specialType() != ZORPSVModelItem::specialMainFrame
-                    && parent->specialType() != ZORPSVModelItem::specialThreadEntry))
-        return false;
-    return parent->position().function == node->position().function;
-}
-
 void collect(const Profile& profile, const PSVModelItem* node, QString prefix, QMap<QString, quint64>* paths)
 {
     if (node->parent()) {
-        if (!repeatsParent(node))
+        if (!echoesParent(node))
             prefix += (prefix.isEmpty() ? QString() : QStringLiteral(";")) + frameName(node->position().function);
         const quint64 self = profile.time(node).selfNs;
         if (self > 0)

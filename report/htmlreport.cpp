@@ -28,6 +28,25 @@ qint64 us(quint64 ns)
     return qint64((ns + 500) / 1000);
 }
 
+QJsonObject node(const Profile& profile, const PSVModelItem* item, quint64 floorNs);
+
+// The children that `item` shows, those of a child that echoes it in the
+// child's place; `selfNs` gets the echoes' own time.
+void addChildren(const Profile& profile, const PSVModelItem* item, quint64 floorNs, QJsonArray* children,
+                 quint64* selfNs)
+{
+    for (const PSVModelItem* child : profile.sortedChildren(item)) {
+        if (profile.time(child).totalNs < floorNs || profile.time(child).totalNs == 0)
+            continue;
+        if (echoesParent(child)) {
+            *selfNs += profile.time(child).selfNs;
+            addChildren(profile, child, floorNs, children, selfNs);
+        } else {
+            children->append(node(profile, child, floorNs));
+        }
+    }
+}
+
 QJsonObject node(const Profile& profile, const PSVModelItem* item, quint64 floorNs)
 {
     const NodeTime t = profile.time(item);
@@ -37,14 +56,12 @@ QJsonObject node(const Profile& profile, const PSVModelItem* item, quint64 floor
         o.insert(QStringLiteral("f"), item->position().file);
     if (item->position().line > 0)
         o.insert(QStringLiteral("l"), item->position().line);
-    o.insert(QStringLiteral("t"), us(t.totalNs));
-    o.insert(QStringLiteral("s"), us(t.selfNs));
-    o.insert(QStringLiteral("r"), item->processToThreadCountMap().toString());
     QJsonArray children;
-    for (const PSVModelItem* child : profile.sortedChildren(item)) {
-        if (profile.time(child).totalNs >= floorNs && profile.time(child).totalNs > 0)
-            children.append(node(profile, child, floorNs));
-    }
+    quint64 selfNs = t.selfNs;
+    addChildren(profile, item, floorNs, &children, &selfNs);
+    o.insert(QStringLiteral("t"), us(t.totalNs));
+    o.insert(QStringLiteral("s"), us(selfNs));
+    o.insert(QStringLiteral("r"), item->processToThreadCountMap().toString());
     if (!children.isEmpty())
         o.insert(QStringLiteral("c"), children);
     return o;

@@ -281,6 +281,15 @@ void Profile::build()
     mThreadSamples = threadSamples;
 }
 
+bool echoesParent(const PSVModelItem* node)
+{
+    const auto* parent = dynamic_cast<const ZORPSVModelItem*>(node->parent());
+    if (!parent || (parent->specialType() != ZORPSVModelItem::specialMainFrame
+                    && parent->specialType() != ZORPSVModelItem::specialThreadEntry))
+        return false;
+    return parent->position().function == node->position().function;
+}
+
 QList<const PSVModelItem*> Profile::sortedChildren(const PSVModelItem* node) const
 {
     QList<const PSVModelItem*> children;

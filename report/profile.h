@@ -73,6 +73,10 @@ struct UnwindFigures
     QMap<int, int> byCode; // status code to number of samples that had it
 };
 
+// The main thread's class frame and a plain thread's marked entry repeat the
+// function right below them: the reports show the two as one frame.
+bool echoesParent(const PSVModelItem* node);
+
 class Profile
 {
 public:

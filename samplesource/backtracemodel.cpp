@@ -9,6 +9,7 @@
 #include "zor_assert.h"
 #include "zorpsvmodelitem.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -187,25 +188,47 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
     bool sameNameRun = false;
     bool manyNamesRun = false;
     bool inAccelerator = false;
+    // Whether the deepest node so far is an unknown frame without a line,
+    // the only kind of node from which a run of unknown frames can be
+    // folded: most paths end elsewhere and read no names for it.
+    bool tailMayFold = false;
     // Frames of a run's traces are scattered over a large table: the slots
     // of the frames a few steps ahead are loaded while this one is built.
     // The names of a frame are loaded once its slot has come in.
+    // The slots found then are kept for the step that builds the frame,
+    // which the table can't move meanwhile: one lookup per frame.
     const long long prefetchDistance = 6;
     const long long namesDistance = 3;
+    DecodedFrame* ahead[4];
     const long long end = static_cast<long long>(first);
+    const auto lookAhead = [&](long long index) {
+        DecodedFrame* found = mDecodedFrames.find(Address(trace[index]) - 1);
+        prefetchNames(found, mInlineCallers);
+        ahead[index & 3] = found;
+    };
+    // An address that wasn't decoded is decoded now (which asserts), and
+    // that may move the table: then the slots found ahead are looked up
+    // again.
+    const auto frameAt = [&](Address address) -> DecodedFrame& {
+        if (DecodedFrame* known = mDecodedFrames.find(address))
+            return *known;
+        std::fill(ahead, ahead + 4, nullptr);
+        return decodedFrame(address);
+    };
     for (long long index = last; index > end && index > last - prefetchDistance; --index)
         mDecodedFrames.prefetch(Address(trace[index]) - 1);
     for (long long index = last; index > end && index > last - namesDistance; --index)
-        prefetchNames(mDecodedFrames.find(Address(trace[index]) - 1), mInlineCallers);
+        lookAhead(index);
     for (long long index = last; index > end; --index) {
         if (index - prefetchDistance > end)
             mDecodedFrames.prefetch(Address(trace[index - prefetchDistance]) - 1);
         if (index - namesDistance > end)
-            prefetchNames(mDecodedFrames.find(Address(trace[index - namesDistance]) - 1), mInlineCallers);
+            lookAhead(index - namesDistance);
         const Address returnAddress = trace[index];
         // The position of a return address is that of the call, one byte back.
         const Address address = returnAddress - 1;
-        DecodedFrame& frame = decodedFrame(address);
+        DecodedFrame* found = ahead[index & 3];
+        DecodedFrame& frame = found ? *found : frameAt(address);
         // Without this, the region's opening function stands twice on the
         // stack of the thread that opened it: once as the sampler's stand-in,
         // once as the runtime's own.
@@ -213,7 +236,7 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
             continue;
         // The MPI wrapper's MPI_Send calls the library's: one node for both.
         if (frame.inMpiWrapper && index - 1 > end && !mDebugAddresses
-            && decodedFrame(Address(trace[index - 1]) - 1).position.function == frame.position.function)
+            && frameAt(Address(trace[index - 1]) - 1).position.function == frame.position.function)
             continue;
         if (!inAccelerator) {
             // Asked once per frame, by whichever builder comes first.
@@ -281,9 +304,10 @@ ZORPSVModelItem* PreloadSampleSource::buildPath(const quorvex::backtrace_t& trac
         mayTell = mayTell || frame.telling;
         const Position* keptDecorated = nullptr;
         current = frameNode(*position, key, position == &frame.position ? frame.kept : keptDecorated, current);
+        tailMayFold = !frame.hasLineInfo && frame.unknownPrefix;
     }
 
-    if (!mDebugAddresses && foldUnknownTail(current))
+    if (!mDebugAddresses && tailMayFold && foldUnknownTail(current))
         mayTell = true;
 
     if (first < n) {

@@ -13,7 +13,7 @@ PACKAGES="
   build-essential cmake ninja-build pkg-config
   qtbase5-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  gdb libdw-dev libelf-dev libcapstone-dev libunwind-dev zlib1g-dev
+  gdb libdw-dev libelf-dev libcapstone-dev libunwind-dev zlib1g-dev dwz
   libopenmpi-dev openmpi-bin
   python3 clang libomp-dev
   chromium-headless-shell

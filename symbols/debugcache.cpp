@@ -163,6 +163,16 @@ int DebugCache::findDebuginfo(Dwfl_Module* module, void** userdata, const char* 
                               const char* fileName, const char* debuglinkFile, GElf_Word debuglinkCrc,
                               char** debuginfoFileName)
 {
+    // Once the module's own debug file is open, libdwfl asks again, for the
+    // file that dwz made of what several debug files share
+    // (.gnu_debugaltlink): a file of another build, whose names the
+    // module's own copy would give wrong. It is small; libdw reads it as it
+    // is.
+    Dwarf_Addr dwarfBias = 0;
+    dwfl_module_info(module, nullptr, nullptr, nullptr, &dwarfBias, nullptr, nullptr, nullptr);
+    if (dwarfBias != Dwarf_Addr(-1))
+        return dwfl_standard_find_debuginfo(module, userdata, moduleName, base, fileName, debuglinkFile, debuglinkCrc,
+                                            debuginfoFileName);
     const unsigned char* id = nullptr;
     GElf_Addr idAddress = 0;
     const int idLength = dwfl_module_build_id(module, &id, &idAddress);

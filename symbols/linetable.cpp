@@ -301,6 +301,12 @@ bool LineTable::decode(const Sections& sections, std::uint64_t offset)
             || !readEntries(in, offsetSize, sections,
                             [&](const char* path, std::uint64_t directory) { mFiles.push_back({path, directory}); }))
             return false;
+        // Directory 0 is the unit's compilation directory, which the caller
+        // puts before every relative path: kept here too, a relative one
+        // (a build that mapped its prefix to ".", as Debian's are) came
+        // twice, "nptl/nptl/lowlevellock.c".
+        if (!mDirectories.empty())
+            mDirectories.front() = "";
     } else {
         // Directory 0 is the unit's own, file 0 none: both counted from 1.
         mDirectories.push_back("");

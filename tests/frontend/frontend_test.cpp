@@ -280,6 +280,12 @@ TEST(ZorCommand, BadInputGetsOneClearLineAndLeavesNothingBehind)
     // one reaches the user as one line.
     const QString notExecutable = files.filePath(QStringLiteral("script"));
     QFile(notExecutable).open(QIODevice::WriteOnly);
+    const QString wrapper = files.filePath(QStringLiteral("wrapper"));
+    QFile script(wrapper);
+    script.open(QIODevice::WriteOnly);
+    script.write("#! /bin/sh\nexec true \"$@\"\n");
+    script.setPermissions(script.permissions() | QFile::ExeOwner);
+    script.close();
     QFile foreign(files.filePath(QStringLiteral("notes.zor")));
     foreign.open(QIODevice::WriteOnly);
     foreign.write("these are my notes\n");
@@ -295,6 +301,7 @@ TEST(ZorCommand, BadInputGetsOneClearLineAndLeavesNothingBehind)
         { { "profile", "--", "no-such-program-zor-test" }, "^zor: no such program: no-such-program-zor-test \\(not found in PATH\\)$" },
         { { "profile", "--", notExecutable }, "^zor: .*/script is not executable$" },
         { { "profile", "--", files.path() }, "is not executable$" },
+        { { "profile", "--", wrapper }, "^zor: .*/wrapper is a script \\(#!/bin/sh\\), not a program: profile the program" },
         { { "profile", "--frobnicate", "--", "true" }, "^zor: unknown option --frobnicate \\(see zor --help\\)$" },
         { { "profile", "--interval", "soon", "--", "true" }, "^zor: --interval takes a positive number, not soon$" },
         { { "profile", "--samples" }, "^zor: --samples needs a value$" },

@@ -337,6 +337,15 @@ TEST(Reports, HtmlPageIsSelfContainedAndCarriesTheTree)
     const QJsonObject program = data.value("tree").toObject().value("c").toArray().at(0).toObject();
     EXPECT_EQ(program.value("n").toString(), QStringLiteral("zor-example"));
     EXPECT_EQ(program.value("t").toDouble(), 3600000.0);
+    // The main thread's class frame and the main function below it are one
+    // node, as in the folded stacks; so are a worker's entry and its copy.
+    const QJsonArray classes = program.value("c").toArray();
+    ASSERT_EQ(classes.size(), 2);
+    for (const QJsonValue& frame : classes) {
+        const QJsonArray below = frame.toObject().value("c").toArray();
+        ASSERT_EQ(below.size(), 1);
+        EXPECT_NE(below.at(0).toObject().value("n"), frame.toObject().value("n"));
+    }
     EXPECT_EQ(data.value("timeline").toArray().size(), 2);
     EXPECT_EQ(data.value("functions").toArray().at(0).toObject().value("n").toString(), QStringLiteral("spin_delta"));
 }

@@ -365,16 +365,22 @@ TEST_F(Analysis, UnwindFailuresAreCountedPerStatusWithSomeTraces)
     EXPECT_EQ(samples.at(0)->libunwindErrorCodes(), QList<int>{8});
     EXPECT_TRUE(samples.at(14)->libunwindErrorCodes().isEmpty());
 
-    gWarnings.clear();
-    const QtMessageHandler previous = qInstallMessageHandler(collectWarnings);
-    source->printUnwindErrors();
-    qInstallMessageHandler(previous);
+    // Told only when asked for: the summary has the counts.
+    const auto printed = [&]() {
+        gWarnings.clear();
+        const QtMessageHandler previous = qInstallMessageHandler(collectWarnings);
+        source->printUnwindErrors();
+        qInstallMessageHandler(previous);
+        return gWarnings;
+    };
+    const QStringList lines = printed();
     setSwitch("KLB_VERBOSE_UNWIND_ERRORS", QString());
-    ASSERT_EQ(gWarnings.size(), 1 + 3 + 1 + 6);
-    EXPECT_EQ(gWarnings.at(0), QStringLiteral("Quorvex Sampler: 3 libunwind: Unsupported operation or bad value (7/15 samples)"));
-    EXPECT_EQ(gWarnings.at(1), QStringLiteral("[0x401010 compute (calc.c:9), 0x403005 main (main.c:8)]"));
-    EXPECT_EQ(gWarnings.at(4), QStringLiteral("Quorvex Sampler: 3 libunwind: No unwind info found (6/15 samples)"));
-    EXPECT_EQ(gWarnings.at(10), QStringLiteral("..."));
+    EXPECT_TRUE(printed().isEmpty());
+    ASSERT_EQ(lines.size(), 1 + 3 + 1 + 6);
+    EXPECT_EQ(lines.at(0), QStringLiteral("zor: rank 3: libunwind: Unsupported operation or bad value (7 of 15 samples)"));
+    EXPECT_EQ(lines.at(1), QStringLiteral("[0x401010 compute (calc.c:9), 0x403005 main (main.c:8)]"));
+    EXPECT_EQ(lines.at(4), QStringLiteral("zor: rank 3: libunwind: No unwind info found (6 of 15 samples)"));
+    EXPECT_EQ(lines.at(10), QStringLiteral("..."));
 
     bool debugOnly = false;
     EXPECT_EQ(PreloadSampleSource::unwindStatusText(107, &debugOnly),

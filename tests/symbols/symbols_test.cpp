@@ -294,6 +294,85 @@ TEST_F(Symbols, CompressedSeparateDebugFileIsReadThroughItsKeptCopy)
     qputenv("ZOR_DEBUG_CACHE", setting);
 }
 
+// Two programs whose debug files dwz has made share a third
+// (.gnu_debugaltlink), all compressed, as Debian's -dbg packages ship them:
+// names that lie in the shared file are read there, on the run that makes
+// the kept copies and on the runs that use them; the build directory,
+// mapped to a relative one, comes once in a path.
+TEST(DebugFiles, NamesInTheFileThatDwzSharedAreReadThere)
+{
+    for (const char* tool : {"cc", "dwz", "objcopy"}) {
+        if (QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty())
+            GTEST_SKIP() << "no " << tool;
+    }
+    QTemporaryDir dir;
+    const QString source = dir.filePath(QStringLiteral("shared.c"));
+    QFile file(source);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    // Names of each program's own, so that its own strings reach past
+    // where the shared file's names lie, as a real program's do.
+    file.write("__attribute__((noinline)) int zorSharedWorkFunction(int x)\n"
+               "{\n"
+               "    return x * 7 + VARIANT;\n"
+               "}\n"
+               "#define JOIN(a, b) a##b\n"
+               "#define JOIN2(a, b) JOIN(a, b)\n"
+               "#define OWN(name) JOIN2(name, VARIANT)\n"
+               "struct OWN(zorStructOfThisProgramAlone) { int OWN(zorFirstFieldOfThisProgramAlone),\n"
+               "    OWN(zorSecondFieldOfThisProgramAlone), OWN(zorThirdFieldOfThisProgramAlone),\n"
+               "    OWN(zorFourthFieldOfThisProgramAlone), OWN(zorFifthFieldOfThisProgramAlone); };\n"
+               "int main(int argc, char** argv)\n"
+               "{\n"
+               "    struct OWN(zorStructOfThisProgramAlone) own = {argc, 0, 0, 0, 0};\n"
+               "    (void)argv;\n"
+               "    return zorSharedWorkFunction(OWN(own.zorFirstFieldOfThisProgramAlone));\n"
+               "}\n");
+    file.close();
+    const auto run = [&](const QString& program, const QStringList& arguments) {
+        QProcess process;
+        process.setWorkingDirectory(dir.path());
+        process.start(program, arguments);
+        return process.waitForFinished() && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    };
+    const QString shared = dir.filePath(QStringLiteral("shared.debug"));
+    QStringList programs;
+    for (const char* variant : {"1", "2"}) {
+        programs << dir.filePath(QStringLiteral("program") + QLatin1String(variant));
+        // Built where its source lies, that directory mapped to a relative
+        // one, as a package's build does.
+        ASSERT_TRUE(run(QStringLiteral("cc"), {QStringLiteral("-g"), QStringLiteral("-O1"),
+                                               QStringLiteral("-fdebug-prefix-map=%1=./tree").arg(dir.path()),
+                                               QStringLiteral("-DVARIANT=") + QLatin1String(variant),
+                                               QStringLiteral("shared.c"),
+                                               QStringLiteral("-o"), programs.last()}));
+    }
+    ASSERT_TRUE(run(QStringLiteral("dwz"), QStringList{QStringLiteral("-m"), shared, QStringLiteral("-M"), shared}
+                                               + programs));
+    ASSERT_TRUE(run(QStringLiteral("objcopy"), {QStringLiteral("--compress-debug-sections=zlib"), shared}));
+    const QString program = programs.first();
+    const QString debug = program + QStringLiteral(".debug");
+    ASSERT_TRUE(run(QStringLiteral("objcopy"), {QStringLiteral("--only-keep-debug"),
+                                                QStringLiteral("--compress-debug-sections=zlib"), program, debug}));
+    ASSERT_TRUE(run(QStringLiteral("objcopy"),
+                    {QStringLiteral("--strip-debug"), QStringLiteral("--add-gnu-debuglink=") + debug, program}));
+
+    const QString cache = dir.filePath(QStringLiteral("cache"));
+    const QByteArray setting = qgetenv("ZOR_DEBUG_CACHE");
+    for (const QString& where : {cache, cache, QStringLiteral("off")}) {
+        qputenv("ZOR_DEBUG_CACHE", where.toLocal8Bit());
+        SymbolTable table;
+        const unsigned long long base = 0x555500000000ull;
+        table.setLibraries({SharedLibrary(program, base, base + 0x10000)});
+        unsigned long long address = 0;
+        ASSERT_TRUE(table.functionAddress(QStringLiteral("zorSharedWorkFunction"), &address));
+        const SymbolPosition position = table.position(address);
+        EXPECT_EQ(position.function.toStdString(), "zorSharedWorkFunction") << where.toStdString();
+        EXPECT_EQ(position.file.toStdString(), "tree/shared.c");
+        EXPECT_EQ(position.line, 3);
+    }
+    qputenv("ZOR_DEBUG_CACHE", setting);
+}
+
 TEST(SymbolDisassembler, KnownBytesInAttSyntax)
 {
     SymbolTable none;
