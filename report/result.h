@@ -35,6 +35,10 @@ struct RunInfo
     QString commandLine() const;
 };
 
+// `word` as a shell reads it back: quoted unless made only of characters
+// that no shell treats specially.
+QString shellWord(const QString& word);
+
 struct RankResult
 {
     ProfilerPlayResponse play;
@@ -68,6 +72,9 @@ struct EncodedSamples
     qint64 size = 0; // of the XML
 };
 EncodedSamples encodeSamples(const QList<Sample>& samples);
+// Consecutive pieces as one: encodeSamples of a list cut into parts, joined
+// in order, holds the same XML as encodeSamples of the whole.
+EncodedSamples join(const QList<EncodedSamples>& pieces);
 
 // `samples` holds encodeSamples of each rank, in order; ranks beyond it are
 // encoded here.

@@ -68,6 +68,18 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     EXPECT_EQ(read.ranks[1].endMetrics.mpiCallMetrics(), mpi);
     // Compressed: the samples' XML repeats itself a lot.
     EXPECT_LT(data.size(), 20000);
+
+    // Samples compressed in pieces as they come, an empty one among them,
+    // and joined, are the same samples.
+    const QList<Sample>& samples = original.ranks[1].samples;
+    const ResultFile::EncodedSamples joined = ResultFile::join(
+        {ResultFile::encodeSamples(samples.mid(0, 64)), ResultFile::encodeSamples({}),
+         ResultFile::encodeSamples(samples.mid(64))});
+    Result fromPieces;
+    ASSERT_TRUE(ResultFile::decode(ResultFile::encode(original, {ResultFile::encodeSamples(original.ranks[0].samples), joined}),
+                                   QStringLiteral("r.zor"), &fromPieces, &error))
+        << qPrintable(error);
+    EXPECT_EQ(ResultFile::encode(fromPieces), data);
 }
 
 TEST(ResultFile, DamagedOrForeignFilesGetTheirOwnMessage)
@@ -336,4 +348,26 @@ TEST(Reports, HtmlPageIsSelfContainedAndCarriesTheTree)
     }
     EXPECT_EQ(data.value("timeline").toArray().size(), 2);
     EXPECT_EQ(data.value("functions").toArray().at(0).toObject().value("n").toString(), QStringLiteral("spin_delta"));
+
+    // The summary's facts and notes, on the page too; a run without samples
+    // tells no threads, times or CPU time that it doesn't know.
+    Result none = exampleResult(0);
+    none.ranks << exampleRank(0, 0, 0);
+    none.run.wallMs = 0;
+    none.run.exitStatus = 3;
+    for (const Result& run : { result, none }) {
+        const Profile profile(run);
+        const QJsonObject page = htmlReportData(profile);
+        const QString summary = textSummary(profile, 5).simplified();
+        for (const char* field : { "facts", "notes" }) {
+            const QJsonArray items = page.value(QLatin1String(field)).toArray();
+            EXPECT_FALSE(items.isEmpty()) << field;
+            for (const QJsonValue& item : items)
+                EXPECT_TRUE(summary.contains(item.toString())) << qPrintable(item.toString()) << "\n" << qPrintable(summary);
+        }
+    }
+    const QString empty = textSummary(Profile(none), 5);
+    EXPECT_TRUE(empty.contains(QRegExp(QStringLiteral("\n1 process, 0 samples every 20 ms\nNo samples: .*\n"
+                                                      "The program exited with status 3\\.\n"))))
+        << qPrintable(empty);
 }
