@@ -137,7 +137,8 @@ QJsonObject htmlReportData(const Profile& profile)
     data.insert(QStringLiteral("cpuUs"), double(us(profile.cpuNs())));
     data.insert(QStringLiteral("ranks"), profile.rankCount());
     data.insert(QStringLiteral("threads"), profile.threadCount());
-    data.insert(QStringLiteral("wallMs"), double(run.wallMs));
+    data.insert(QStringLiteral("facts"), QJsonArray::fromStringList(runFacts(profile)));
+    data.insert(QStringLiteral("notes"), QJsonArray::fromStringList(runNotes(profile)));
 
     const quint64 floorNs = quint64(double(profile.cpuNs()) * PruneShare);
     data.insert(QStringLiteral("tree"), node(profile, profile.tree(), floorNs));

@@ -299,6 +299,78 @@ QString formatPercent(double part, double whole)
     return QStringLiteral("%1%").arg(100.0 * part / whole, 0, 'f', 1);
 }
 
+QStringList runFacts(const Profile& profile)
+{
+    const RunInfo& run = profile.result().run;
+    QStringList facts;
+    facts << (profile.rankCount() > 1 ? plural(profile.rankCount(), "rank", "ranks") : QStringLiteral("1 process"));
+    // A run without samples knows its threads and CPU time from none.
+    if (profile.threadCount() > 0)
+        facts << plural(profile.threadCount(), "thread", "threads");
+    // Without samples the time is not known: the end of the run as zor
+    // saw it comes tens of milliseconds late.
+    const qint64 ranMs = run.wallMs > 0 ? run.wallMs : profile.durationMs();
+    if (ranMs > 0)
+        facts << QStringLiteral("ran %1").arg(formatDuration(double(ranMs) * 1e6));
+    facts << samplingFacts(profile.result()).text;
+    if (profile.threadCount() > 0)
+        facts << QStringLiteral("%1 CPU time").arg(formatDuration(double(profile.cpuNs())));
+    return facts;
+}
+
+QStringList runNotes(const Profile& profile)
+{
+    const RunInfo& run = profile.result().run;
+    const double cpu = double(profile.cpuNs());
+    QStringList notes;
+    const SamplingFacts sampling = samplingFacts(profile.result());
+    // A program that execs ends its sampling, not its run.
+    const qint64 sampledMs = run.wallMs > 0 ? run.wallMs : profile.durationMs();
+    const bool execed = !run.interrupted && run.programMs - sampledMs > std::max<qint64>(500, sampledMs / 5);
+    if (sampling.fewest == 0 && !execed)
+        notes << QStringLiteral("No samples: the program ended within its first interval of %1 ms; "
+                                "try a shorter --interval.")
+                     .arg(run.intervalMs);
+    else if (sampling.fewest > 0 && sampling.fewest < 10)
+        notes << QStringLiteral("Too few samples for the shares to mean much; a shorter --interval takes more.");
+    else if (sampling.fewest > 0 && sampling.fewest < 400)
+        // Two standard deviations of a share of one half.
+        notes << QStringLiteral("With %1 a share may be off by up to %2 points; a shorter --interval takes more.")
+                     .arg(plural(sampling.fewest, "sample", "samples"))
+                     .arg(std::lround(100 / std::sqrt(double(sampling.fewest))));
+    if (run.interrupted)
+        notes << QStringLiteral("Sampling was stopped early.");
+    if (run.exitSignal > 0 && !run.interrupted)
+        notes << QStringLiteral("The program was killed by signal %1 (%2), exit status %3.")
+                     .arg(run.exitSignal)
+                     .arg(QString::fromLocal8Bit(strsignal(run.exitSignal)))
+                     .arg(run.exitStatus);
+    else if (run.exitStatus != 0)
+        notes << QStringLiteral("The program exited with status %1.").arg(run.exitStatus);
+
+    if (execed)
+        notes << QStringLiteral("Sampling ended %1 before the program did, most likely because it replaced "
+                                "itself with another program (exec), which zor does not follow: to see that "
+                                "program's time, profile it directly.")
+                     .arg(formatDuration(double(run.programMs - sampledMs) * 1e6));
+    // What the program's children did, as the ended program tells it.
+    const double childrenNs = double(run.childrenCpuMs) * 1e6;
+    const bool busyChildren = run.childrenCpuMs >= 100 && childrenNs >= 0.1 * cpu;
+    if (busyChildren)
+        notes << QStringLiteral("Processes that the program started used %1 of CPU time beside its own %2. "
+                                "zor samples only the program that it starts, not the processes that it "
+                                "starts (fork, exec), so their time is in none of the figures below.")
+                     .arg(formatDuration(childrenNs), formatDuration(cpu));
+    QString waitedIn;
+    const double waited = profile.childWaitShare(&waitedIn);
+    if (waited >= 0.25 && !busyChildren)
+        notes << QStringLiteral("The program waited for programs that it started through %1 of the run (in %2). "
+                                "zor samples only the program that it starts: to see their time, profile "
+                                "them directly.")
+                     .arg(formatPercent(waited, 1), waitedIn);
+    return notes;
+}
+
 QString textSummary(const Profile& profile, int top)
 {
     const RunInfo& run = profile.result().run;
@@ -306,61 +378,9 @@ QString textSummary(const Profile& profile, int top)
     QStringList out;
 
     out << fit(QStringLiteral("zor: %1").arg(run.commandLine()), SummaryWidth);
-    const SamplingFacts sampling = samplingFacts(profile.result());
-    QString facts = QStringLiteral("%1, %2, ran %3, %4, %5 CPU time")
-                        .arg(profile.rankCount() > 1 ? plural(profile.rankCount(), "rank", "ranks")
-                                                     : QStringLiteral("1 process"))
-                        .arg(plural(profile.threadCount(), "thread", "threads"))
-                        .arg(formatDuration(double(run.wallMs > 0 ? run.wallMs : profile.durationMs()) * 1e6))
-                        .arg(sampling.text)
-                        .arg(formatDuration(cpu));
-    out << wrapWords(facts);
-    // Two standard deviations of a share of one half.
-    // A program that execs ends its sampling, not its run.
-    const qint64 sampledMs = run.wallMs > 0 ? run.wallMs : profile.durationMs();
-    const bool execed = !run.interrupted && run.programMs - sampledMs > std::max<qint64>(500, sampledMs / 5);
-    if (sampling.fewest == 0 && !execed)
-        out << fit(QStringLiteral("No samples: the program ended within its first interval of %1 ms; "
-                                  "try a shorter --interval.")
-                       .arg(run.intervalMs),
-                   SummaryWidth);
-    else if (sampling.fewest > 0 && sampling.fewest < 10)
-        out << QStringLiteral("Too few samples for the shares to mean much; a shorter --interval takes more.");
-    else if (sampling.fewest > 0 && sampling.fewest < 400)
-        out << fit(QStringLiteral("With %1 a share may be off by up to %2 points; a shorter --interval takes more.")
-                       .arg(plural(sampling.fewest, "sample", "samples"))
-                       .arg(std::lround(100 / std::sqrt(double(sampling.fewest)))),
-                   SummaryWidth);
-    if (run.interrupted)
-        out << QStringLiteral("Sampling was stopped early.");
-    if (run.exitSignal > 0 && !run.interrupted)
-        out << QStringLiteral("The program was killed by signal %1 (%2), exit status %3.")
-                   .arg(run.exitSignal)
-                   .arg(QString::fromLocal8Bit(strsignal(run.exitSignal)))
-                   .arg(run.exitStatus);
-    else if (run.exitStatus != 0)
-        out << QStringLiteral("The program exited with status %1.").arg(run.exitStatus);
-
-    if (execed)
-        out << wrapWords(QStringLiteral("Sampling ended %1 before the program did, most likely because it replaced "
-                                        "itself with another program (exec), which zor does not follow: to see that "
-                                        "program's time, profile it directly.")
-                             .arg(formatDuration(double(run.programMs - sampledMs) * 1e6)));
-    // What the program's children did, as the ended program tells it.
-    const double childrenNs = double(run.childrenCpuMs) * 1e6;
-    const bool busyChildren = run.childrenCpuMs >= 100 && childrenNs >= 0.1 * cpu;
-    if (busyChildren)
-        out << wrapWords(QStringLiteral("Processes that the program started used %1 of CPU time beside its own %2. "
-                                        "zor samples only the program that it starts, not the processes that it "
-                                        "starts (fork, exec), so their time is in none of the figures below.")
-                             .arg(formatDuration(childrenNs), formatDuration(cpu)));
-    QString waitedIn;
-    const double waited = profile.childWaitShare(&waitedIn);
-    if (waited >= 0.25 && !busyChildren)
-        out << wrapWords(QStringLiteral("The program waited for programs that it started through %1 of the run (in %2). "
-                                        "zor samples only the program that it starts: to see their time, profile "
-                                        "them directly.")
-                             .arg(formatPercent(waited, 1), waitedIn));
+    out << wrapWords(runFacts(profile).join(QLatin1String(", ")));
+    for (const QString& note : runNotes(profile))
+        out << wrapWords(note);
 
     QList<FunctionFigure> functions;
     // Functions that would show 0.0% self time are left out.

@@ -4,6 +4,7 @@
 #define ZOR_REPORT_TEXTSUMMARY_H
 
 #include <QString>
+#include <QStringList>
 
 class Profile;
 struct Result;
@@ -12,6 +13,12 @@ const int SummaryWidth = 100;
 
 // `top`: how many functions and lines to list.
 QString textSummary(const Profile& profile, int top);
+
+// The run in a few words ("1 process", "4 threads", "ran 1.2 s", ...), and
+// what the figures leave out or how far they may be off, in sentences: the
+// summary's and the page's.
+QStringList runFacts(const Profile& profile);
+QStringList runNotes(const Profile& profile);
 
 // How many samples the figures rest on, and how often they were taken.
 struct SamplingFacts

@@ -336,4 +336,26 @@ TEST(Reports, HtmlPageIsSelfContainedAndCarriesTheTree)
     }
     EXPECT_EQ(data.value("timeline").toArray().size(), 2);
     EXPECT_EQ(data.value("functions").toArray().at(0).toObject().value("n").toString(), QStringLiteral("spin_delta"));
+
+    // The summary's facts and notes, on the page too; a run without samples
+    // tells no threads, times or CPU time that it doesn't know.
+    Result none = exampleResult(0);
+    none.ranks << exampleRank(0, 0, 0);
+    none.run.wallMs = 0;
+    none.run.exitStatus = 3;
+    for (const Result& run : { result, none }) {
+        const Profile profile(run);
+        const QJsonObject page = htmlReportData(profile);
+        const QString summary = textSummary(profile, 5).simplified();
+        for (const char* field : { "facts", "notes" }) {
+            const QJsonArray items = page.value(QLatin1String(field)).toArray();
+            EXPECT_FALSE(items.isEmpty()) << field;
+            for (const QJsonValue& item : items)
+                EXPECT_TRUE(summary.contains(item.toString())) << qPrintable(item.toString()) << "\n" << qPrintable(summary);
+        }
+    }
+    const QString empty = textSummary(Profile(none), 5);
+    EXPECT_TRUE(empty.contains(QRegExp(QStringLiteral("\n1 process, 0 samples every 20 ms\nNo samples: .*\n"
+                                                      "The program exited with status 3\\.\n"))))
+        << qPrintable(empty);
 }
