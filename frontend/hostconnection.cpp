@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "profilerresponses.h"
+#include "sampleencoder.h"
 
 namespace {
 
@@ -79,8 +80,12 @@ void HostConnection::flush()
     mStream.flush(5000);
 }
 
-QList<Sample> HostConnection::takeSamples()
+QList<Sample> HostConnection::takeSamples(QList<int>* tickets)
 {
+    if (tickets)
+        *tickets = mBlocksInOrder && mEncodedBlocks.size() == mBlocks.size() ? mEncodedBlocks : QList<int>();
+    mEncodedBlocks.clear();
+    mBlocksInOrder = true;
     QList<Sample> samples;
     for (const QList<Sample>& block : qAsConst(mBlocks))
         samples += block;
@@ -114,11 +119,15 @@ void HostConnection::handle(const Message& message)
     case Message::ResponseMessage:
         if (auto block = std::dynamic_pointer_cast<SampleBlockResponse>(message.response)) {
             // The block owns its samples; copies share their data.
-            QList<Sample>& samples = mBlocks[block->blockNumber()];
+            const int number = block->blockNumber();
+            mBlocksInOrder = mBlocksInOrder && number == mBlocks.size() && !mBlocks.contains(number);
+            QList<Sample>& samples = mBlocks[number];
             for (const Sample* sample : block->samples())
                 samples.append(*sample);
-        } else if (auto histograms = std::dynamic_pointer_cast<HistogramBlockResponse>(message.response)) {
-            mHistograms += histograms->histograms().size();
+            if (mEncoder && mBlocksInOrder && mEncodedBlocks.size() == number)
+                mEncodedBlocks.append(mEncoder->add(samples));
+            else
+                mBlocksInOrder = false;
         } else if (auto progress = std::dynamic_pointer_cast<ProfilerProgressResponse>(message.response)) {
             switch (progress->status()) {
             case ProfilerProgressResponse::RunOverTargetAlive:

@@ -18,6 +18,7 @@
 
 class QIODevice;
 class ResponseFactoryPlugin;
+class SampleEncoder;
 
 // How the program ended, from the host's targetExit message.
 void readExitStatus(const QVariantMap& values, int* exitCode, int* signal);
@@ -48,9 +49,12 @@ public:
     std::shared_ptr<Response> answer(int uid) const { return mAnswers.value(uid); }
     QString failure(int uid) const { return mFailures.value(uid); }
 
-    // Samples of the blocks received so far, in block order.
-    QList<Sample> takeSamples();
-    int histogramsReceived() const { return mHistograms; }
+    // Blocks that come in order go to `encoder` as they come.
+    void encodeBlocksWith(SampleEncoder* encoder) { mEncoder = encoder; }
+    // Samples of the blocks received so far, in block order. `tickets`
+    // gets the encoder's tickets for them, in that order, or none unless
+    // every block went to the encoder.
+    QList<Sample> takeSamples(QList<int>* tickets = nullptr);
 
     // The analysis' progress in percent, 0 to 100.
     int analysisPercent() const { return mAnalysisPercent; }
@@ -94,7 +98,9 @@ private:
     QMap<int, std::shared_ptr<Response>> mAnswers;
     QMap<int, QString> mFailures;
     QMap<int, QList<Sample>> mBlocks; // block number to its samples
-    int mHistograms = 0;
+    SampleEncoder* mEncoder = nullptr;
+    QList<int> mEncodedBlocks; // a ticket per block of mBlocks, or none
+    bool mBlocksInOrder = true;
     int mAnalysisPercent = 0;
     bool mRunOver = false;
     bool mTargetEnded = false;

@@ -29,7 +29,7 @@
 #include "quorvexplugins.h"
 #include "reports.h"
 #include "result.h"
-#include "samplesranges.h"
+#include "sampleencoder.h"
 #include "terminal.h"
 
 namespace {
@@ -270,7 +270,6 @@ protected:
 };
 
 const int SampleBlockSize = 64;
-const int HistogramBins = 10;
 const int ConnectTimeoutMs = 120000;
 const int EndTimeoutMs = 30000;
 // The longest a host may take to answer a command once the program has
@@ -312,13 +311,16 @@ private:
     bool everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
                    int timeoutMs = AnswerTimeoutMs, const std::function<void()>& whileWaiting = nullptr,
                    bool dropFailed = false);
+    // Sends the command to every host now, to run right behind those before
+    // it in the hosts' queues, without waiting for a round trip each; a
+    // later everyHost of the same command waits for these answers.
+    void sendAhead(const Command& command);
     void stopSampling();
     // Waits, at most `timeoutMs`, for the launcher to end.
     bool waitForLauncher(int timeoutMs);
     // While the ranks play: a rank whose program died stops sampling on the
     // others, which would otherwise wait for it in MPI for ever.
     void stopOthersIfARankDied();
-    QString histogramRanges(const QList<QList<Sample>>& samples) const;
     void interrupted(int count);
     void abortHosts();
     void showProgress();
@@ -343,6 +345,8 @@ private:
     bool mRankFailed = false;
     QElapsedTimer mStopSent;
     QSet<int> mAnnounced; // ranks whose failed end was told
+    QHash<QString, QList<int>> mSentAhead; // by command name: its uid on each host
+    std::unique_ptr<SampleEncoder> mEncoder;
 };
 
 bool ProfileRun::start(QString* error)
@@ -519,10 +523,13 @@ bool ProfileRun::connectHosts(QString* error)
 bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Response>>* answers, QString* error,
                            int timeoutMs, const std::function<void()>& whileWaiting, bool dropFailed)
 {
-    QList<int> uids;
-    for (HostConnection* host : qAsConst(mHosts)) {
-        uids.append(host->send(command));
-        host->flush();
+    QList<int> uids = mSentAhead.take(command.name);
+    if (uids.size() != mHosts.size()) {
+        uids.clear();
+        for (HostConnection* host : qAsConst(mHosts)) {
+            uids.append(host->send(command));
+            host->flush();
+        }
     }
     const auto answered = [&]() {
         if (whileWaiting)
@@ -564,6 +571,16 @@ bool ProfileRun::everyHost(const Command& command, QList<std::shared_ptr<Respons
     return true;
 }
 
+void ProfileRun::sendAhead(const Command& command)
+{
+    QList<int>& uids = mSentAhead[command.name];
+    uids.clear();
+    for (HostConnection* host : qAsConst(mHosts)) {
+        uids.append(host->send(command));
+        host->flush();
+    }
+}
+
 void ProfileRun::stopOthersIfARankDied()
 {
     if (mStopping || mRanks < 2)
@@ -593,38 +610,6 @@ void ProfileRun::stopOthersIfARankDied()
         stopSampling();
         return;
     }
-}
-
-// Every process bins its histograms over the same ranges: per resampled
-// sample, the lowest and highest value of each thread metric on any rank.
-QString ProfileRun::histogramRanges(const QList<QList<Sample>>& samples) const
-{
-    SamplesRanges ranges;
-    for (int i = 0; i < mOptions.samples; ++i) {
-        QMap<QString, SampleValueRange> perMetric;
-        for (const QList<Sample>& rank : samples) {
-            if (i >= rank.size())
-                continue;
-            const Sample& sample = rank.at(i);
-            for (int tid : sample.sampledTidList()) {
-                const QMap<QString, unsigned long> metrics = sample.threadMetrics(tid);
-                for (auto it = metrics.constBegin(); it != metrics.constEnd(); ++it) {
-                    const SampleValue value(it.value());
-                    auto range = perMetric.find(it.key());
-                    if (range == perMetric.end()) {
-                        perMetric.insert(it.key(), SampleValueRange{ value, value });
-                    } else {
-                        if (value.to_double() < range->min.to_double())
-                            range->min = value;
-                        if (value.to_double() > range->max.to_double())
-                            range->max = value;
-                    }
-                }
-            }
-        }
-        ranges.addSample(perMetric);
-    }
-    return ranges.toBase64();
 }
 
 void ProfileRun::showProgress()
@@ -802,39 +787,44 @@ int ProfileRun::run()
     send.addParameter(QStringLiteral("numSamples"), mOptions.samples);
     send.addParameter(QStringLiteral("numBlocks"), (mOptions.samples + SampleBlockSize - 1) / SampleBlockSize);
     send.addParameter(QStringLiteral("duration"), duration);
-    send.addParameter(QStringLiteral("collectHistograms"), true);
+    const Command metricErrors(QString::fromLatin1(CMD_ZOR_SEND_METRIC_ERRORS), QString::fromLatin1(XML_TARGET_PROFILER));
+    const Command endMetrics(QString::fromLatin1(CMD_ZOR_SEND_EXTERNAL_METRICS), QString::fromLatin1(XML_TARGET_PROFILER));
+    // The last questions go right behind the samples' command: the hosts
+    // answer them as soon as the samples are out.
+    mEncoder.reset(new SampleEncoder);
+    for (HostConnection* host : qAsConst(mHosts))
+        host->encodeBlocksWith(mEncoder.get());
+    sendAhead(send);
+    sendAhead(metricErrors);
+    sendAhead(endMetrics);
     if (!everyHost(send, &answers, &error))
         return fail(mAborted ? 130 : 1);
     QList<QList<Sample>> samples;
+    QList<QList<int>> tickets;
     for (int i = 0; i < mHosts.size(); ++i) {
-        samples.append(mHosts.at(i)->takeSamples());
+        tickets.append(QList<int>());
+        samples.append(mHosts.at(i)->takeSamples(&tickets.last()));
         result.ranks[i].samples = samples.last();
     }
-    // The file's samples are encoded while the run's last answers come in.
-    std::future<QList<ResultFile::EncodedSamples>> encodedSamples = std::async(std::launch::async, [samples]() {
-        QList<ResultFile::EncodedSamples> encoded;
-        for (const QList<Sample>& rank : samples)
-            encoded.append(ResultFile::encodeSamples(rank));
-        return encoded;
-    });
+    // The file's samples were encoded as their blocks came in; what is
+    // left is finished while the run's last answers come in.
+    SampleEncoder* encoder = mEncoder.get();
+    std::future<QList<ResultFile::EncodedSamples>> encodedSamples =
+        std::async(std::launch::async, [samples, tickets, encoder]() {
+            QList<ResultFile::EncodedSamples> encoded;
+            for (int i = 0; i < samples.size(); ++i)
+                encoded.append(tickets.at(i).isEmpty() ? ResultFile::encodeSamples(samples.at(i))
+                                                       : encoder->take(tickets.at(i)));
+            return encoded;
+        });
 
-    Command histograms(QString::fromLatin1(CMD_ZOR_SEND_HISTOGRAM), QString::fromLatin1(XML_TARGET_PROFILER));
-    histograms.addParameter(QStringLiteral("numBlocks"), (mOptions.samples + SampleBlockSize - 1) / SampleBlockSize);
-    histograms.addParameter(QStringLiteral("blockSize"), SampleBlockSize);
-    histograms.addParameter(QStringLiteral("numBins"), HistogramBins);
-    histograms.addParameter(QStringLiteral("ranges"), histogramRanges(samples));
-    if (!everyHost(histograms, &answers, &error))
-        return fail(mAborted ? 130 : 1);
-
-    if (!everyHost(Command(QString::fromLatin1(CMD_ZOR_SEND_METRIC_ERRORS), QString::fromLatin1(XML_TARGET_PROFILER)),
-                   &answers, &error))
+    if (!everyHost(metricErrors, &answers, &error))
         return fail(mAborted ? 130 : 1);
     for (int i = 0; i < mHosts.size(); ++i) {
         if (auto errors = std::dynamic_pointer_cast<SendMetricErrorsResponse>(answers.at(i)))
             result.ranks[i].metricErrors = *errors;
     }
-    if (!everyHost(Command(QString::fromLatin1(CMD_ZOR_SEND_EXTERNAL_METRICS), QString::fromLatin1(XML_TARGET_PROFILER)),
-                   &answers, &error))
+    if (!everyHost(endMetrics, &answers, &error))
         return fail(mAborted ? 130 : 1);
     for (int i = 0; i < mHosts.size(); ++i) {
         if (auto metrics = std::dynamic_pointer_cast<SendMetricsCollectedAtTheEndResponse>(answers.at(i)))

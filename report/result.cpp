@@ -259,6 +259,17 @@ ResultFile::EncodedSamples ResultFile::encodeSamples(const QList<Sample>& sample
     return deflatePiece(samplesXml(samples), false);
 }
 
+ResultFile::EncodedSamples ResultFile::join(const QList<EncodedSamples>& pieces)
+{
+    EncodedSamples whole;
+    for (const EncodedSamples& piece : pieces) {
+        whole.deflated += piece.deflated;
+        whole.adler = quint32(adler32_combine(whole.adler, piece.adler, z_off_t(piece.size)));
+        whole.size += piece.size;
+    }
+    return whole;
+}
+
 QByteArray ResultFile::encode(const Result& result, const QList<EncodedSamples>& samples)
 {
     const QByteArray body = bodyOf(result, samples);

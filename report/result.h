@@ -68,6 +68,9 @@ struct EncodedSamples
     qint64 size = 0; // of the XML
 };
 EncodedSamples encodeSamples(const QList<Sample>& samples);
+// Consecutive pieces as one: encodeSamples of a list cut into parts, joined
+// in order, holds the same XML as encodeSamples of the whole.
+EncodedSamples join(const QList<EncodedSamples>& pieces);
 
 // `samples` holds encodeSamples of each rank, in order; ranks beyond it are
 // encoded here.

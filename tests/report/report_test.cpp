@@ -68,6 +68,18 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     EXPECT_EQ(read.ranks[1].endMetrics.mpiCallMetrics(), mpi);
     // Compressed: the samples' XML repeats itself a lot.
     EXPECT_LT(data.size(), 20000);
+
+    // Samples compressed in pieces as they come, an empty one among them,
+    // and joined, are the same samples.
+    const QList<Sample>& samples = original.ranks[1].samples;
+    const ResultFile::EncodedSamples joined = ResultFile::join(
+        {ResultFile::encodeSamples(samples.mid(0, 64)), ResultFile::encodeSamples({}),
+         ResultFile::encodeSamples(samples.mid(64))});
+    Result fromPieces;
+    ASSERT_TRUE(ResultFile::decode(ResultFile::encode(original, {ResultFile::encodeSamples(original.ranks[0].samples), joined}),
+                                   QStringLiteral("r.zor"), &fromPieces, &error))
+        << qPrintable(error);
+    EXPECT_EQ(ResultFile::encode(fromPieces), data);
 }
 
 TEST(ResultFile, DamagedOrForeignFilesGetTheirOwnMessage)
