@@ -911,7 +911,7 @@ int ProfileRun::run()
         return 1;
     if (!mOptions.reports.quiet)
         fprintf(stderr, "Result: %s (zor report %s shows it again)\n", qPrintable(mOptions.output),
-                qPrintable(mOptions.output));
+                qPrintable(shellWord(mOptions.output)));
     if (!launcherTells && !waitForLauncher(EndTimeoutMs))
         abortHosts();
     return result.run.exitStatus;

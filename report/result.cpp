@@ -242,15 +242,19 @@ bool parseBody(const QByteArray& xml, Result* result, QString* error)
 
 } // namespace
 
+QString shellWord(const QString& word)
+{
+    if (QRegExp(QStringLiteral("[A-Za-z0-9_@%+=:,./-]+")).exactMatch(word))
+        return word;
+    return QLatin1Char('\'') + QString(word).replace(QLatin1Char('\''), QLatin1String("'\\''")) + QLatin1Char('\'');
+}
+
 QString RunInfo::commandLine() const
 {
     QStringList words(program);
     words += arguments;
-    for (QString& word : words) {
-        // Quoted unless made only of characters that no shell treats specially.
-        if (!QRegExp(QStringLiteral("[A-Za-z0-9_@%+=:,./-]+")).exactMatch(word))
-            word = QLatin1Char('\'') + word.replace(QLatin1Char('\''), QLatin1String("'\\''")) + QLatin1Char('\'');
-    }
+    for (QString& word : words)
+        word = shellWord(word);
     return words.join(QLatin1Char(' '));
 }
 

@@ -35,6 +35,10 @@ struct RunInfo
     QString commandLine() const;
 };
 
+// `word` as a shell reads it back: quoted unless made only of characters
+// that no shell treats specially.
+QString shellWord(const QString& word);
+
 struct RankResult
 {
     ProfilerPlayResponse play;

@@ -161,11 +161,13 @@ TEST(ZorProfile, ExampleSharesComeOutAsTheProgramMeansThem)
     checkInBrowser(html, { "spin_alpha", "spin_beta", "spin_gamma", "spin_delta", "spin_epsilon" },
                    QStringLiteral("zor-profile.png"));
 
-    // The program's failure is zor's, and -o names the result.
-    const QString named = dir.filePath(QStringLiteral("named.zor"));
-    const Outcome failing = zor({ "profile", "--quiet", "-o", named, "--", ZOR_EXAMPLE, "--bogus" }, env, 120000, dir.path());
+    // The program's failure is zor's, and -o names the result, which the
+    // command that shows it again quotes.
+    const QString named = dir.filePath(QStringLiteral("named result.zor"));
+    const Outcome failing = zor({ "profile", "-o", named, "--", ZOR_EXAMPLE, "--bogus" }, env, 120000, dir.path());
     EXPECT_EQ(failing.status, 2) << qPrintable(failing.err);
     EXPECT_TRUE(failing.err.contains(QLatin1String("usage: zor-example"))) << qPrintable(failing.err);
+    EXPECT_TRUE(failing.err.contains(QStringLiteral("(zor report '%1' shows it again)").arg(named))) << qPrintable(failing.err);
     EXPECT_TRUE(QFile::exists(named));
 }
 
