@@ -276,6 +276,18 @@ void Sample::backendOnly_setLiveThreads(const QSet<int>& tids)
     d->liveThreads = sorted;
 }
 
+void Sample::backendOnly_setLiveThreadList(QVector<int> tids)
+{
+    std::sort(tids.begin(), tids.end());
+    tids.erase(std::unique(tids.begin(), tids.end()), tids.end());
+    d->liveThreads = tids;
+}
+
+void Sample::backendOnly_reserveThreads(int count)
+{
+    d->threads.reserve(count);
+}
+
 InstructionQuery Sample::backendOnly_instruction(int tid) const
 {
     const SampleThread* thread = d->find(tid);

@@ -81,6 +81,10 @@ public:
     QSet<int> backendOnly_liveThreads() const;
     QVector<int> liveTidList() const; // sorted
     void backendOnly_setLiveThreads(const QSet<int>& tids);
+    // The same from a list, in any order and with repeats.
+    void backendOnly_setLiveThreadList(QVector<int> tids);
+    // Room for that many threads in all, for a sample built thread by thread.
+    void backendOnly_reserveThreads(int count);
     InstructionQuery backendOnly_instruction(int tid) const;
     // The instructions of the sampled threads, in thread id order.
     QList<InstructionQuery> backendOnly_instructions() const;

@@ -313,10 +313,13 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     PreloadSampleSourceUtils::correctSparseMetrics(raw, mMetricDefinitions);
 
     size_t frames = 0;
+    size_t traces = 0;
     for (unsigned int i = 0; i < raw->size(); ++i) {
         quorvex::SSampleBacktraceIterator threads(raw->at(i));
-        while (threads.hasNext())
+        while (threads.hasNext()) {
             frames += threads.next().trace().size();
+            ++traces;
+        }
     }
     const int builders = treeBuildersFor(frames);
     // The other phases' work on a sample is a fraction of building its
@@ -328,6 +331,10 @@ void PreloadSampleSource::populateSampleList(SampleList& samples, quorvex::SSamp
     mRecordTreePlaceholders = true;
     mLeafRecords.clear();
     mSampleLeafRecords.clear();
+    // A leaf for nearly every trace: the lists don't grow by copying.
+    mLeafRecords.reserve(traces);
+    mSampleLeafRecords.reserve(raw->size() + 1);
+    mNewLeafAddresses.reserve(mNewLeafAddresses.size() + traces);
 
     // Once the decoding is done, the leaves' questions to the debugger are
     // asked on this thread, the one that asks it, while the helpers go on
@@ -508,6 +515,7 @@ Sample* PreloadSampleSource::finishSample(const quorvex::SSample& raw, timespec 
     ThreadContext context;
     context.rank = mRank;
     context.pid = mTargetPid;
+    sample->backendOnly_reserveThreads(1 + raw.otherThreads().count());
     quorvex::SSampleBacktraceIterator threads(raw);
     for (ThreadTree* tree = trees; threads.hasNext(); ++tree) {
         const quorvex::SBacktrace& backtrace = threads.next();
@@ -552,10 +560,8 @@ Sample* PreloadSampleSource::finishSample(const quorvex::SSample& raw, timespec 
                                       threadType, cpuNanoseconds, sleeping);
     }
 
-    QSet<int> live;
-    for (int tid : raw.threadList())
-        live.insert(tid);
-    sample->backendOnly_setLiveThreads(live);
+    const quorvex::threadlist_t& live = raw.threadList();
+    sample->backendOnly_setLiveThreadList(QVector<int>(live.begin(), live.end()));
 
     if (raw.metrics().isValid()) {
         const QMap<QString, Metric> metrics = mMetricDefinitions.getMetricsOnTimeDomain();

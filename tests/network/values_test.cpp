@@ -194,6 +194,11 @@ TEST(Sample, CopiesAreIndependentAndRepeatsAreFlagged)
 
     Sample plain(repeat, false);
     EXPECT_FALSE(plain.isRepeat());
+
+    // The live threads read as a sorted set, whichever way they were given.
+    plain.backendOnly_setLiveThreadList({9, 7, -2, 9});
+    EXPECT_EQ(plain.liveTidList(), QVector<int>({-2, 7, 9}));
+    EXPECT_EQ(repeat.liveTidList(), QVector<int>());
 }
 
 TEST(Sample, TreesAreSharedByCopiesUntilOneChanges)
