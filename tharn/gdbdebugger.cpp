@@ -323,6 +323,10 @@ bool GdbDebugger::startGdb(QString* error)
     }
     mGdbBuffer.clear();
     mBroken = false;
+    if (mOptions.whileGdbStarts) {
+        mOptions.whileGdbStarts();
+        mOptions.whileGdbStarts = nullptr;
+    }
     try {
         // Nor the program's own debug information (seconds for a large one).
         const Answer file = command(QStringLiteral("-interpreter-exec console ")

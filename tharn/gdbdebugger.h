@@ -47,6 +47,9 @@ public:
         // Where the target's standard output and error go besides the
         // output that is collected; -1 for nowhere.
         int echoFds[2] = {1, 2};
+        // Work of the caller's that fits into the tens of milliseconds gdb
+        // takes to start, which this process would otherwise spend waiting.
+        std::function<void()> whileGdbStarts;
     };
 
     explicit GdbDebugger(const Options& options, QObject* parent = nullptr);

@@ -155,6 +155,10 @@ int main(int argc, char** argv)
         options.preload << QuorvexGlobals::instance().installPath()
                 + (EnvSwitch("SHMEM").isOn() ? QStringLiteral("/libquorvex-shmemwrapper.so")
                                              : QStringLiteral("/libquorvex-mpiwrapper.so"));
+    // The plug-in loads while gdb starts.
+    QuorvexTharnPlugin* plugin = nullptr;
+    QString pluginError;
+    options.whileGdbStarts = [&]() { plugin = loadTharnPlugin(pluginPath, &pluginError); };
     GdbDebugger debugger(options);
     debugger.startupName = mpi ? launcher : NoMPIStartup::getName();
     if (!debugger.start(program, &error))
@@ -171,9 +175,8 @@ int main(int argc, char** argv)
         tharn.setDebuggerPid(debugger.gdbPid());
     });
 
-    QuorvexTharnPlugin* plugin = loadTharnPlugin(pluginPath, &error);
     if (!plugin)
-        return fail(error);
+        return fail(pluginError);
     try {
         Command init(QStringLiteral("init"), QString::fromLatin1(XML_TARGET_PROFILER));
         plugin->init(init, tharn);
