@@ -82,10 +82,7 @@ bool isThreadLibraryRoot(const QString& outer, const QString& inner)
 // The distinct addresses of a run, each with the first sample that reads
 // it. A run puts millions of frames through this and most of them are
 // repeats, so they are gathered in an open-addressing table first and sorted
-// once. The addresses are shared out among the gathering threads by their
-// hash, each thread reading every trace and keeping its own share: each
-// table is a fraction of the whole, closer to the core's own cache, and each
-// address has its first sample from one thread, with nothing to merge.
+// once.
 class AddressCollector
 {
 public:
@@ -93,78 +90,65 @@ public:
 
     // Small at first: a short run has a few hundred addresses, and a large
     // table costs a page fault per page.
-    AddressCollector() : mKeys(1 << 10, Empty), mSamples(1 << 10), mShift(64 - 10), mCount(0), mEmptySample(NoSample)
-    {
-    }
+    AddressCollector() : mSlots(1 << 10), mShift(64 - 10), mCount(0), mEmptySample(NoSample) {}
 
-    // Which of `parts` collectors keeps address.
-    static unsigned partOf(Address address, unsigned parts)
-    {
-        return unsigned((((address * 0xC2B2AE3D27D4EB4FULL) >> 32) * parts) >> 32);
-    }
-
-    // The addresses of one trace that belong to part `part` of `parts`, for
-    // a sample after all those given before. The table is far larger than
+    // The addresses of one trace of a sample. The table is far larger than
     // the first level cache: the slots of the addresses a few steps ahead
     // are loaded while one is looked at.
-    void insertAll(const unsigned long* addresses, size_t count, quint32 sample, unsigned part, unsigned parts)
+    void insertAll(const unsigned long* addresses, size_t count, quint32 sample)
     {
-        mMine.clear();
-        for (size_t i = 0; i < count; ++i) {
-            if (parts == 1 || partOf(addresses[i], parts) == part)
-                mMine.push_back(addresses[i]);
-        }
         const size_t ahead = 8;
-        const size_t n = mMine.size();
-        for (size_t i = 0; i < n && i < ahead; ++i)
-            __builtin_prefetch(&mKeys[slot(mMine[i])]);
-        for (size_t i = 0; i < n; ++i) {
-            if (i + ahead < n)
-                __builtin_prefetch(&mKeys[slot(mMine[i + ahead])]);
-            insert(mMine[i], sample);
+        for (size_t i = 0; i < count && i < ahead; ++i)
+            __builtin_prefetch(&mSlots[slot(addresses[i])]);
+        for (size_t i = 0; i < count; ++i) {
+            if (i + ahead < count)
+                __builtin_prefetch(&mSlots[slot(addresses[i + ahead])]);
+            insert(addresses[i], sample);
         }
     }
-    // An address of a sample after all those given before: its first
-    // sample is the one it was first given with.
     void insert(Address address, quint32 sample)
     {
         if (address == Empty) {
             mEmptySample = std::min(mEmptySample, sample);
             return;
         }
-        if ((mCount + 1) * 2 > mKeys.size())
+        if ((mCount + 1) * 2 > mSlots.size())
             grow();
         insertNew(address, sample);
     }
-    // The addresses of all parts by first sample, then by address; each
-    // address `shift` lower. Every first sample is below samples. The
-    // samples are few beside the addresses: these are counted into their
-    // samples first, and only those of one sample are sorted.
-    template <typename Parts>
-    static std::vector<FirstUse> sorted(const Parts& parts, Address shift, quint32 samples)
+    // Adds the addresses of other.
+    void merge(const AddressCollector& other)
+    {
+        for (const Slot& slot : other.mSlots) {
+            if (slot.address != Empty)
+                insert(slot.address, slot.sample);
+        }
+        mEmptySample = std::min(mEmptySample, other.mEmptySample);
+    }
+    // By first sample, then by address; each address `shift` lower. Every
+    // first sample is below samples. The samples are few beside the
+    // addresses: these are counted into their samples first, and only those
+    // of one sample are sorted.
+    std::vector<FirstUse> sorted(Address shift, quint32 samples) const
     {
         std::vector<size_t> end(size_t(samples) + 1, 0);
-        for (const AddressCollector* part : parts) {
-            for (size_t i = 0; i < part->mKeys.size(); ++i) {
-                if (part->mKeys[i] != Empty)
-                    ++end[part->mSamples[i] + 1];
-            }
-            if (part->mEmptySample != NoSample)
-                ++end[part->mEmptySample + 1];
+        for (const Slot& slot : mSlots) {
+            if (slot.address != Empty)
+                ++end[slot.sample + 1];
         }
+        if (mEmptySample != NoSample)
+            ++end[mEmptySample + 1];
         for (size_t s = 1; s < end.size(); ++s)
             end[s] += end[s - 1];
         std::vector<FirstUse> addresses(end.back());
         // end[s] is where sample s's addresses begin until they are placed,
         // then where they end.
-        for (const AddressCollector* part : parts) {
-            for (size_t i = 0; i < part->mKeys.size(); ++i) {
-                if (part->mKeys[i] != Empty)
-                    addresses[end[part->mSamples[i]]++] = FirstUse(part->mSamples[i], part->mKeys[i] - shift);
-            }
-            if (part->mEmptySample != NoSample)
-                addresses[end[part->mEmptySample]++] = FirstUse(part->mEmptySample, Empty - shift);
+        for (const Slot& slot : mSlots) {
+            if (slot.address != Empty)
+                addresses[end[slot.sample]++] = FirstUse(slot.sample, slot.address - shift);
         }
+        if (mEmptySample != NoSample)
+            addresses[end[mEmptySample]++] = FirstUse(mEmptySample, Empty - shift);
         size_t begin = 0;
         for (size_t s = 0; s < samples; ++s) {
             std::sort(addresses.begin() + std::ptrdiff_t(begin), addresses.begin() + std::ptrdiff_t(end[s]),
@@ -178,19 +162,24 @@ private:
     // The slot marker; the address itself is told by its own first sample.
     static constexpr Address Empty = ~Address(0);
     static constexpr quint32 NoSample = ~quint32(0);
+    struct Slot
+    {
+        Address address = Empty;
+        quint32 sample = NoSample;
+    };
 
     size_t slot(Address address) const { return size_t((address * 0x9E3779B97F4A7C15ULL) >> mShift); }
-    // The keys apart from the samples: nearly every frame repeats an address
-    // kept before, and its probe reads keys only.
     void insertNew(Address address, quint32 sample)
     {
-        const size_t mask = mKeys.size() - 1;
+        const size_t mask = mSlots.size() - 1;
         for (size_t i = slot(address);; i = (i + 1) & mask) {
-            if (mKeys[i] == address)
+            if (mSlots[i].address == address) {
+                mSlots[i].sample = std::min(mSlots[i].sample, sample);
                 return;
-            if (mKeys[i] == Empty) {
-                mKeys[i] = address;
-                mSamples[i] = sample;
+            }
+            if (mSlots[i].address == Empty) {
+                mSlots[i].address = address;
+                mSlots[i].sample = sample;
                 ++mCount;
                 return;
             }
@@ -198,25 +187,20 @@ private:
     }
     void grow()
     {
-        std::vector<Address> oldKeys(mKeys.size() * 2, Empty);
-        std::vector<quint32> oldSamples(mSamples.size() * 2);
-        oldKeys.swap(mKeys);
-        oldSamples.swap(mSamples);
+        std::vector<Slot> old(mSlots.size() * 2);
+        old.swap(mSlots);
         --mShift;
         mCount = 0;
-        for (size_t i = 0; i < oldKeys.size(); ++i) {
-            if (oldKeys[i] != Empty)
-                insertNew(oldKeys[i], oldSamples[i]);
+        for (const Slot& slot : old) {
+            if (slot.address != Empty)
+                insertNew(slot.address, slot.sample);
         }
     }
 
-    std::vector<Address> mKeys;
-    std::vector<quint32> mSamples;
+    std::vector<Slot> mSlots;
     int mShift;
     size_t mCount;
     quint32 mEmptySample;
-    // The addresses of the trace at hand that are this part's.
-    std::vector<Address> mMine;
 };
 
 // Set while this thread decodes the ends of traces: decodedFrame may then
@@ -381,51 +365,52 @@ void PreloadSampleSource::prepareDecoding(const quorvex::SSampleList* samples,
                                           const QMap<int, quorvex::SCallSite>& callSites)
 {
     findSamplerLibraries();
-    // The addresses are shared out among the threads that will build the
-    // trees, each gathering its share into tables of its own.
+    // The samples are shared out among the threads that will build the
+    // trees, each gathering into tables of its own.
     struct Gathered
     {
         AddressCollector addresses;
         // The leaves apart: they are decoded as they are, with the ends of
         // the traces.
         AddressCollector leaves;
+        size_t traces = 0;
+        unsigned long missingSamples = 0;
     };
     SelfProfile prep(mTharn, QStringLiteral("30.precachePrep"));
-    const unsigned parts = unsigned(std::max(1, mSampleWorkers));
-    std::vector<Gathered> gathered(parts);
-    size_t traces = 0;
-    runOnEachWorker(int(parts), [&](int part) {
-        Gathered& mine = gathered[size_t(part)];
-        const unsigned int size = samples->size();
-        for (unsigned int i = 0; i < size; ++i) {
-            bool missing = false;
-            quorvex::SSampleBacktraceIterator threads(samples->at(i));
-            while (threads.hasNext()) {
-                const quorvex::backtrace_t& trace = threads.next().trace();
-                if (part == 0)
-                    ++traces;
-                if (trace.empty())
-                    missing = true;
-                else if (parts == 1 || AddressCollector::partOf(trace[0], parts) == unsigned(part))
-                    mine.leaves.insert(trace[0], i);
-                mine.addresses.insertAll(trace.data(), trace.size(), i, unsigned(part), parts);
-            }
-            if (missing && part == 0)
-                ++mMissingBacktraceSamples;
+    std::vector<Gathered> gathered(size_t(std::max(1, mSampleWorkers)));
+    runOnSampleWorkers(samples->size(), int(gathered.size()), [&](size_t i, int worker) {
+        Gathered& mine = gathered[size_t(worker)];
+        bool missing = false;
+        quorvex::SSampleBacktraceIterator threads(samples->at(unsigned(i)));
+        while (threads.hasNext()) {
+            const quorvex::backtrace_t& trace = threads.next().trace();
+            ++mine.traces;
+            if (trace.empty())
+                missing = true;
+            else
+                mine.leaves.insert(trace[0], quint32(i));
+            mine.addresses.insertAll(trace.data(), trace.size(), quint32(i));
         }
+        if (missing)
+            ++mine.missingSamples;
     });
-    std::vector<const AddressCollector*> collectors;
-    std::vector<const AddressCollector*> leaves;
-    for (const Gathered& part : gathered) {
-        collectors.push_back(&part.addresses);
-        leaves.push_back(&part.leaves);
+    AddressCollector& collector = gathered[0].addresses;
+    AddressCollector& leaves = gathered[0].leaves;
+    size_t traces = 0;
+    for (size_t w = 0; w < gathered.size(); ++w) {
+        if (w > 0) {
+            collector.merge(gathered[w].addresses);
+            leaves.merge(gathered[w].leaves);
+        }
+        traces += gathered[w].traces;
+        mMissingBacktraceSamples += gathered[w].missingSamples;
     }
     // Each distinct address one byte back, where its call lies: the
     // position of a return address. The addresses themselves are read only
     // at the ends of a trace, which decodeTraceEnds decodes. The call sites
     // come first: any sample may continue a trace with one.
     mPlan = DecodePlan();
-    mPlan.returns = AddressCollector::sorted(collectors, 1, samples->size());
+    mPlan.returns = collector.sorted(1, samples->size());
     if (!callSites.isEmpty()) {
         std::vector<AddressCollector::FirstUse> sites;
         for (const quorvex::SCallSite& site : callSites) {
@@ -434,7 +419,7 @@ void PreloadSampleSource::prepareDecoding(const quorvex::SSampleList* samples,
         }
         mPlan.returns.insert(mPlan.returns.begin(), sites.begin(), sites.end());
     }
-    mPlan.leaves = AddressCollector::sorted(leaves, 0, samples->size());
+    mPlan.leaves = leaves.sorted(0, samples->size());
     // The traces in their order, so that what is read of the traces a few
     // steps ahead can be loaded while one is looked at: the frames of a run
     // lie scattered over a table far larger than the caches.

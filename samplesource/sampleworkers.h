@@ -56,41 +56,4 @@ void runOnSampleWorkers(std::size_t count, int workers, const Work& work)
         std::rethrow_exception(failure);
 }
 
-// Calls work(worker) once for each worker below `workers`, each on a thread
-// of its own, this one (worker 0) among them. A worker whose thread can't be
-// started runs here after worker 0. The first exception is thrown again here
-// once every worker has stopped.
-template <typename Work>
-void runOnEachWorker(int workers, const Work& work)
-{
-    std::mutex failureMutex;
-    std::exception_ptr failure;
-    const auto run = [&](int worker) {
-        try {
-            work(worker);
-        } catch (...) {
-            std::lock_guard<std::mutex> lock(failureMutex);
-            if (!failure)
-                failure = std::current_exception();
-        }
-    };
-    std::vector<std::thread> helpers;
-    helpers.reserve(size_t(std::max(workers, 1)));
-    int started = 1;
-    for (; started < workers; ++started) {
-        try {
-            helpers.emplace_back(run, started);
-        } catch (const std::exception&) {
-            break;
-        }
-    }
-    run(0);
-    for (int worker = started; worker < workers; ++worker)
-        run(worker);
-    for (std::thread& helper : helpers)
-        helper.join();
-    if (failure)
-        std::rethrow_exception(failure);
-}
-
 #endif
