@@ -22,6 +22,7 @@
 
 #include "compactset.h"
 #include "constants.h"
+#include "envswitch.h"
 #include "hostconnection.h"
 #include "hostlistener.h"
 #include "pluginentry.h"
@@ -406,6 +407,11 @@ bool ProfileRun::start(QString* error)
     environment.remove(QStringLiteral("KLB_FRONTEND_TOKEN"));
     environment.insert(QStringLiteral("ZOR_FRONTEND"), mListener.address());
     environment.insert(QStringLiteral("ZOR_FRONTEND_TOKEN"), QString::fromLatin1(mListener.token()));
+    // The summary counts the samples whose stacks couldn't be walked; the
+    // hosts' own lines about them (and the stacks) only for one who asked.
+    environment.remove(QStringLiteral("KLB_SUPPRESS_REPORTS"));
+    if (!EnvSwitch("VERBOSE_UNWIND_ERRORS").isSet() && !EnvSwitch("DEBUG").isSet())
+        environment.insert(QStringLiteral("ZOR_SUPPRESS_REPORTS"), QStringLiteral("1"));
     const QString killDelay = QStringLiteral("OMPI_MCA_odls_base_sigkill_timeout");
     if (mOptions.processes > 0 && !environment.contains(killDelay))
         environment.insert(killDelay, QString::number(LauncherKillDelayS));

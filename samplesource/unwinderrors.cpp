@@ -62,10 +62,6 @@ QString PreloadSampleSource::unwindStatusText(int code, bool* debugOnly)
 
 void PreloadSampleSource::printUnwindErrors()
 {
-    // The summary tells the counts of each status; these lines are for the
-    // one who asked to see the stacks.
-    if (!verboseUnwindErrors())
-        return;
     for (auto it = mUnwindErrors.constBegin(); it != mUnwindErrors.constEnd(); ++it) {
         bool debugOnly = false;
         const QString message = unwindStatusText(it.key(), &debugOnly);
@@ -73,12 +69,14 @@ void PreloadSampleSource::printUnwindErrors()
             continue;
         if (debugOnly && !mDebugger->isDebugMode())
             continue;
-        const QString line = QCoreApplication::translate("PreloadSampleSource", "zor: rank %1: %2 (%3 of %4 samples)")
+        const QString line = QCoreApplication::translate("PreloadSampleSource", "Quorvex Sampler: %1 %2 (%3/%4 samples)")
                                  .arg(mRank)
                                  .arg(message)
                                  .arg(it->count)
                                  .arg(mNumSamples);
         qWarning("%s", qPrintable(line));
+        if (!verboseUnwindErrors())
+            continue;
         for (int i = 0; i < it->backtraces.size(); ++i) {
             if (i == 5) {
                 qWarning("%s", "...");

@@ -127,6 +127,7 @@ int main(int argc, char** argv)
     const QString launcher = launcherName(environment);
     Tharn tharn(stream, identity);
     tharn.setLogToStandardError(log);
+    tharn.setReportingSuppressed(EnvSwitch("SUPPRESS_REPORTS").isOn());
 
     QVariantMap hello{
         {QString::fromLatin1(HelloKeys::Rank), identity.rank},

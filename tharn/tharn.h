@@ -57,6 +57,8 @@ public:
     void setTargetGoneCode(int code) { mTargetGoneCode = code; }
     // The log goes to standard error, each line with the host's prefix.
     void setLogToStandardError(bool enabled) { mLogToStderr = enabled; }
+    // For a front-end that tells the analysis's problems in its own report.
+    void setReportingSuppressed(bool suppressed) { mReportingSuppressed = suppressed; }
 
     // Stops a run as the user's stop does, for a target that has ended.
     void stopRun();
@@ -79,7 +81,7 @@ public:
     QString programName() override { return mIdentity.programName; }
     void flushResponses() override;
     void logDebug(const QString& line) override;
-    bool isReportingSuppressed() override { return false; }
+    bool isReportingSuppressed() override { return mReportingSuppressed; }
     void setDebugMode(bool enabled) override { mDebugMode = enabled; }
     bool debugMode() override { return mDebugMode; }
     void restartDebugger() override;
@@ -120,6 +122,7 @@ private:
     bool mRunUnderway = false;
     bool mStopAsked = false;
     bool mDebugMode = false;
+    bool mReportingSuppressed = false;
     bool mLogToStderr = false;
     int mTargetGoneCode = 0;
 };
