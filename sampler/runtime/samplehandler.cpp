@@ -454,7 +454,6 @@ void takeSample(void* ucontext)
         // Half the samples are gone, each survivor standing for twice the
         // time: sample half as often from now on.
         s.intervalMs *= 2;
-        setTimer(s.intervalMs, s.intervalMs);
         // The other threads' answers too, or most of their signals would
         // find no request.
         setCpuEventPeriods(s.intervalMs);
@@ -462,6 +461,7 @@ void takeSample(void* ucontext)
         message.str("sample list thinned, sampling every ").dec(s.intervalMs).str(" ms\n");
         writeLog(message);
     }
+    setNextTick(s.intervalMs, started);
     // The handler's own time, as the clock on the wall sees it, stands for
     // its CPU time: a system call less.
     const timespec spent = zs_difference(zs_now(CLOCK_MONOTONIC), started);

@@ -2,9 +2,12 @@
 // signal handler too.
 #include "samplerstate.h"
 #include "clock.h"
+#include "runtime.h"
 #include "sampling.h"
 
+#include <cstdint>
 #include <cstring>
+#include <sys/syscall.h>
 #include <type_traits>
 #include <unistd.h>
 
@@ -39,6 +42,27 @@ bool setTimer(int intervalMs, long long firstMs)
     timing.it_value = zs_from_ms(firstMs);
     timing.it_interval = zs_from_ms(intervalMs);
     return timer_settime(gState.timer, 0, &timing, nullptr) == 0;
+}
+
+long long drawPeriodNs(int intervalMs)
+{
+    static ZS_TLS std::uint64_t state;
+    if (state == 0)
+        state = (static_cast<std::uint64_t>(zs_nanoseconds(zs_now(CLOCK_MONOTONIC))) * 0x9E3779B97F4A7C15ull)
+            ^ (static_cast<std::uint64_t>(syscall(SYS_gettid)) << 32) ^ 1u;
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    const std::uint64_t base = static_cast<std::uint64_t>(intervalMs > 0 ? intervalMs : 1) * 1000000u;
+    return static_cast<long long>(base / 2 + state % base);
+}
+
+bool setNextTick(int intervalMs, const timespec& from)
+{
+    itimerspec timing;
+    timing.it_value = zs_add(from, zs_from_ns(drawPeriodNs(intervalMs)));
+    timing.it_interval = zs_from_ms(intervalMs);
+    return timer_settime(gState.timer, TIMER_ABSTIME, &timing, nullptr) == 0;
 }
 
 bool isSleeping(const timespec& cpu, const timespec& wall)

@@ -253,10 +253,16 @@ void setCpuEventPeriods(int intervalMs)
     }
 }
 
-void rearmCpuEvent(int fd)
+void rearmCpuEvent(int fd, bool lastOfBatch)
 {
     const ThreadSlot* slot = tlsSlot;
-    if (slot && slot->haveCpuTimer.load(std::memory_order_acquire) && slot->cpuEventFd == fd)
+    if (!slot || !slot->haveCpuTimer.load(std::memory_order_acquire) || slot->cpuEventFd != fd)
+        return;
+    // The next period counts from now, the handler's time left out: the
+    // samples' weights are the thread's own CPU time, so none is lost.
+    std::uint64_t period = static_cast<std::uint64_t>(drawPeriodNs(__atomic_load_n(&gState.intervalMs, __ATOMIC_RELAXED)));
+    ioctl(fd, PERF_EVENT_IOC_PERIOD, &period);
+    if (lastOfBatch)
         ioctl(fd, PERF_EVENT_IOC_REFRESH, CPU_EVENT_BATCH);
 }
 
