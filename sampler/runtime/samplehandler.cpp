@@ -461,7 +461,8 @@ void takeSample(void* ucontext)
         message.str("sample list thinned, sampling every ").dec(s.intervalMs).str(" ms\n");
         writeLog(message);
     }
-    setNextTick(s.intervalMs, started);
+    if (downsampled || s.taken % TICKS_PER_PERIOD == 0)
+        setNextTicks(s.intervalMs, started);
     // The handler's own time, as the clock on the wall sees it, stands for
     // its CPU time: a system call less.
     const timespec spent = zs_difference(zs_now(CLOCK_MONOTONIC), started);

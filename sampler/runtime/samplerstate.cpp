@@ -57,11 +57,12 @@ long long drawPeriodNs(int intervalMs)
     return static_cast<long long>(base / 2 + state % base);
 }
 
-bool setNextTick(int intervalMs, const timespec& from)
+bool setNextTicks(int intervalMs, const timespec& from)
 {
+    const timespec period = zs_from_ns(drawPeriodNs(intervalMs));
     itimerspec timing;
-    timing.it_value = zs_add(from, zs_from_ns(drawPeriodNs(intervalMs)));
-    timing.it_interval = zs_from_ms(intervalMs);
+    timing.it_value = zs_add(from, period);
+    timing.it_interval = period;
     return timer_settime(gState.timer, TIMER_ABSTIME, &timing, nullptr) == 0;
 }
 

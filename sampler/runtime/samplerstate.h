@@ -225,15 +225,16 @@ void writeLog(const quorvex::SafeMessage& message);
 // Arms the interval timer: the first expiry after `firstMs`, then every
 // `intervalMs` (0 and 0 disarm it). False when the kernel refuses.
 bool setTimer(int intervalMs, long long firstMs);
-// The time to the next sample of the calling thread: drawn afresh each time
-// between half and one and a half times `intervalMs`. At a fixed period a
-// loop that takes the period, or a multiple or a fraction of it, would be
-// caught at the same point of each turn, and its split come out wrong by
-// tens of points.
+// A period between samples, drawn afresh each time between half and one and
+// a half times `intervalMs`. At one fixed period a loop that takes the
+// period, or a multiple or a fraction of it, would be caught at the same
+// point of each turn, and its split come out wrong by tens of points.
 long long drawPeriodNs(int intervalMs);
-// The main thread's next tick, `drawPeriodNs` after `from` on the monotonic
-// clock, and every `intervalMs` after it should none re-arm it.
-bool setNextTick(int intervalMs, const timespec& from);
+// The main thread's ticks from now on: every `drawPeriodNs`, counted from
+// `from` on the monotonic clock. Drawn again every TICKS_PER_PERIOD ticks,
+// a system call less on the others.
+const unsigned int TICKS_PER_PERIOD = 8;
+bool setNextTicks(int intervalMs, const timespec& from);
 bool isSleeping(const timespec& cpu, const timespec& wall);
 // The CPU time of a sleeping thread between two answers, less what the
 // sampler's signals cost it.

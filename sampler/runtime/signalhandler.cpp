@@ -69,8 +69,8 @@ void samplerSignalHandler(int sig, siginfo_t* info, void* ucontext)
             takeSample(ucontext);
         else
             answerRequest(ucontext, isCpuEventCode(info->si_code) || info->si_value.sival_ptr == &gCpuTimerCookie);
-        if (isCpuEventCode(info->si_code))
-            rearmCpuEvent(info->si_fd, info->si_code == CPU_EVENT_CODE);
+        if (info->si_code == CPU_EVENT_CODE)
+            rearmCpuEvent(info->si_fd);
         pthread_setcancelstate(cancelState, nullptr);
         tlsInSamplerHandler = false;
     } else {

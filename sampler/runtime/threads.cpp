@@ -253,17 +253,17 @@ void setCpuEventPeriods(int intervalMs)
     }
 }
 
-void rearmCpuEvent(int fd, bool lastOfBatch)
+void rearmCpuEvent(int fd)
 {
     const ThreadSlot* slot = tlsSlot;
     if (!slot || !slot->haveCpuTimer.load(std::memory_order_acquire) || slot->cpuEventFd != fd)
         return;
-    // The next period counts from now, the handler's time left out: the
-    // samples' weights are the thread's own CPU time, so none is lost.
+    // A period of its own for each batch: the step between two samples
+    // varies from batch to batch by a good share of the interval, so that
+    // their places in a loop of any length spread over the whole of it.
     std::uint64_t period = static_cast<std::uint64_t>(drawPeriodNs(__atomic_load_n(&gState.intervalMs, __ATOMIC_RELAXED)));
     ioctl(fd, PERF_EVENT_IOC_PERIOD, &period);
-    if (lastOfBatch)
-        ioctl(fd, PERF_EVENT_IOC_REFRESH, CPU_EVENT_BATCH);
+    ioctl(fd, PERF_EVENT_IOC_REFRESH, CPU_EVENT_BATCH);
 }
 
 bool isCpuEventFd(int fd)

@@ -116,10 +116,9 @@ void stopCpuTimer(ThreadSlot* slot);
 // Makes every thread's event fire each `intervalMs` of its CPU time from
 // now on; their timers stay as they are. Safe in a signal handler.
 void setCpuEventPeriods(int intervalMs);
-// After each signal of the calling thread's event from the descriptor `fd`:
-// the period to the next one drawn afresh, and after the last of a batch
-// the next batch allowed.
-void rearmCpuEvent(int fd, bool lastOfBatch);
+// After the last signal of a batch of the calling thread's event from the
+// descriptor `fd`: the next batch allowed, at a period drawn afresh.
+void rearmCpuEvent(int fd);
 // Whether the sampler's signal with POLL_IN or POLL_HUP from the descriptor
 // `fd` is one of the events above. A descriptor stays known as the
 // sampler's once it was one, so that a signal still queued as the thread
