@@ -398,6 +398,55 @@ static void run_control(const char* path, int stop_self)
     }
 }
 
+// ---- lockstep ----
+
+// Rounds of exactly 1 ms of the thread's CPU time, each ending where the
+// schedule says (no drift from round to round): 0.5 ms in lockstep_a, 0.3 in
+// lockstep_b, 0.2 in lockstep_c. A sampler that fires at every millisecond
+// of the thread's CPU time finds the same function each time.
+static void spin_until(int64_t end)
+{
+    uint64_t x = sink;
+    while (clock_ns(CLOCK_THREAD_CPUTIME_ID) < end)
+        for (int i = 0; i < 50; ++i)
+            x = x * 6364136223846793005ULL + 1;
+    sink = x;
+}
+
+__attribute__((noinline)) void lockstep_a(int64_t end)
+{
+    spin_until(end);
+}
+
+__attribute__((noinline)) void lockstep_b(int64_t end)
+{
+    spin_until(end);
+}
+
+__attribute__((noinline)) void lockstep_c(int64_t end)
+{
+    spin_until(end);
+}
+
+static void* lockstep_worker(void* rounds)
+{
+    const int64_t start = clock_ns(CLOCK_THREAD_CPUTIME_ID);
+    for (long r = 0; r < (long)(intptr_t)rounds; ++r) {
+        const int64_t round = start + r * 1000000;
+        lockstep_a(round + 500000);
+        lockstep_b(round + 800000);
+        lockstep_c(round + 1000000);
+    }
+    return NULL;
+}
+
+static void run_lockstep(void)
+{
+    pthread_t worker;
+    CHECK(pthread_create(&worker, NULL, lockstep_worker, (void*)(intptr_t)2000) == 0, "pthread_create failed");
+    pthread_join(worker, NULL);
+}
+
 // ---- die ----
 
 static void* busy_worker(void* unused)
@@ -597,6 +646,8 @@ int main(int argc, char** argv)
         run_masked();
     else if (argc == 2 && strcmp(mode, "sigwait") == 0)
         run_sigwait();
+    else if (argc == 2 && strcmp(mode, "lockstep") == 0)
+        run_lockstep();
     else if (argc == 2 && strcmp(mode, "main-exit") == 0)
         run_main_exit();
     else if (argc == 2 && strcmp(mode, "exec") == 0)
@@ -621,7 +672,7 @@ int main(int argc, char** argv)
     }
     else {
         fprintf(stderr, "usage: target eintr | handlers | fork RUNNING | threads | stop PATH | stop-offset PATH"
-                        " | die segv|abort|wait | masked | sigwait | main-exit | exec | fork-children | children\n");
+                        " | die segv|abort|wait | masked | sigwait | lockstep | main-exit | exec | fork-children | children\n");
         return 2;
     }
     if (failures == 0)
