@@ -186,12 +186,19 @@ void writeRawXml(QXmlStreamWriter& writer, const QByteArray& elements)
         device->write(elements);
         return;
     }
-    // A writer into a string, or one that formats: token by token.
-    QXmlStreamReader reader(elements);
+    // A writer into a string, or one that formats: token by token. The
+    // elements may be several, side by side: they are read inside a root of
+    // their own, which isn't written.
+    QXmlStreamReader reader(QByteArray("<r>") + elements + QByteArray("</r>"));
+    int depth = 0;
     while (!reader.atEnd()) {
         reader.readNext();
         if (reader.hasError())
             break;
+        if (reader.isStartElement() && depth++ == 0)
+            continue;
+        if (reader.isEndElement() && --depth == 0)
+            continue;
         if (reader.tokenType() != QXmlStreamReader::StartDocument && reader.tokenType() != QXmlStreamReader::EndDocument)
             writer.writeCurrentToken(reader);
     }

@@ -261,8 +261,11 @@ void SampleBlockResponse::writeContent(QXmlStreamWriter& writer) const
         writer.writeAttribute(QStringLiteral("profiledRanks"), mProfiledRanks.toString());
     QByteArray samples;
     XmlWriter out(&samples);
-    for (const Sample* sample : mSamples)
-        sample->writeXml(out);
+    const Sample* previous = nullptr;
+    for (const Sample* sample : mSamples) {
+        sample->writeXml(out, previous);
+        previous = sample;
+    }
     writeRawXml(writer, samples);
 }
 
@@ -284,7 +287,7 @@ bool SampleBlockResponse::readContent(QXmlStreamReader& reader, QString* error)
             continue;
         }
         Sample* sample = new Sample;
-        if (!sample->readXml(reader, error)) {
+        if (!sample->readXml(reader, error, mSamples.isEmpty() ? nullptr : mSamples.last())) {
             delete sample;
             return false;
         }
@@ -321,7 +324,7 @@ bool SampleBlockResponse::readXml(FastXmlReader& reader)
             continue;
         }
         Sample* sample = new Sample;
-        if (!sample->readXml(reader)) {
+        if (!sample->readXml(reader, mSamples.isEmpty() ? nullptr : mSamples.last())) {
             delete sample;
             return false;
         }

@@ -403,7 +403,7 @@ void Sample::writeXml(QXmlStreamWriter& writer) const
     writeRawXml(writer, xml);
 }
 
-void Sample::writeXml(XmlWriter& writer) const
+void Sample::writeXml(XmlWriter& writer, const Sample* previous) const
 {
     writer.startElement(QLatin1String("sample"));
     writer.attribute(QLatin1String("rank"), d->rank);
@@ -429,8 +429,15 @@ void Sample::writeXml(XmlWriter& writer) const
         writer.endElement();
     }
     for (const SampleThread& thread : d->threads) {
+        // A repeated sample shares its trees with the one before it: they
+        // travel once.
+        const SampleThread* before = previous ? previous->d->find(thread.tid) : nullptr;
+        const bool hasTree = thread.tree && thread.tree->root;
+        const bool sameTree = hasTree && before && before->tree == thread.tree;
         writer.startElement(QLatin1String("thread"));
         writer.attribute(QLatin1String("tid"), thread.tid);
+        if (sameTree)
+            writer.attribute(QLatin1String("sameTree"), YesText);
         writer.attribute(QLatin1String("type"), int(thread.type));
         writer.attribute(QLatin1String("cpu"), qulonglong(thread.cpuTime));
         if (thread.allocatedCpuTime != 0)
@@ -451,7 +458,7 @@ void Sample::writeXml(XmlWriter& writer) const
             writer.attribute(QLatin1String("v"), qulonglong(m.value()));
             writer.endElement();
         }
-        if (thread.tree && thread.tree->root) {
+        if (hasTree && !sameTree) {
             writer.startElement(QLatin1String("tree"));
             thread.tree->root->writeXml(writer);
             writer.endElement();
@@ -479,9 +486,10 @@ bool fail(QString* error, const QString& text)
     return false;
 }
 
-bool readThread(QXmlStreamReader& reader, SampleThread* thread, QString* error)
+bool readThread(QXmlStreamReader& reader, SampleThread* thread, bool* sameTree, QString* error)
 {
     const QXmlStreamAttributes a = reader.attributes();
+    *sameTree = a.value(QLatin1String("sameTree")) == YesText;
     bool ok = false;
     thread->tid = a.value(QLatin1String("tid")).toInt(&ok);
     if (!ok)
@@ -535,6 +543,22 @@ QString sameString(const QString& text)
     return text;
 }
 
+// A thread whose tree is that of the sample before: that sample must have
+// one for the thread, and the thread none of its own.
+bool adoptTree(const SampleData* previous, SampleThread* thread)
+{
+    const SampleThread* before = previous ? previous->find(thread->tid) : nullptr;
+    if (!before || !before->tree || thread->tree)
+        return false;
+    thread->tree = before->tree;
+    return true;
+}
+
+QString sameTreeError(int tid)
+{
+    return QStringLiteral("thread %1 has the tree of the sample before it, which has none for it").arg(tid);
+}
+
 // Comma-separated decimal numbers into a sorted list without repeats.
 bool readIntSet(const FastXmlReader::Value& text, QVector<int>* set)
 {
@@ -556,8 +580,9 @@ bool readIntSet(const FastXmlReader::Value& text, QVector<int>* set)
     return true;
 }
 
-bool readThread(FastXmlReader& reader, SampleThread* thread)
+bool readThread(FastXmlReader& reader, SampleThread* thread, bool* sameTree)
 {
+    *sameTree = reader.attribute(QLatin1String("sameTree")) == QLatin1String("yes");
     int type = 0;
     qulonglong cpu = 0;
     if (!reader.attribute(QLatin1String("tid")).toInt(&thread->tid) || !reader.attribute(QLatin1String("type")).toInt(&type)
@@ -605,7 +630,7 @@ bool readThread(FastXmlReader& reader, SampleThread* thread)
 
 } // namespace
 
-bool Sample::readXml(FastXmlReader& reader)
+bool Sample::readXml(FastXmlReader& reader, const Sample* previous)
 {
     SampleData* data = new SampleData;
     QSharedDataPointer<SampleData> guard(data);
@@ -644,8 +669,13 @@ bool Sample::readXml(FastXmlReader& reader)
             reader.skipCurrentElement();
         } else if (reader.nameIs(QLatin1String("thread"))) {
             SampleThread thread;
-            if (!readThread(reader, &thread))
+            bool sameTree = false;
+            if (!readThread(reader, &thread, &sameTree))
                 return false;
+            if (sameTree && !adoptTree(previous ? previous->d.constData() : nullptr, &thread)) {
+                reader.raiseError(sameTreeError(thread.tid));
+                return false;
+            }
             data->insert(thread);
         } else if (reader.nameIs(QLatin1String("histogram")) || reader.nameIs(QLatin1String("gpuTree"))) {
             reader.raiseError(QStringLiteral("histograms and device trees are read by Qt's reader"));
@@ -660,7 +690,7 @@ bool Sample::readXml(FastXmlReader& reader)
     return true;
 }
 
-bool Sample::readXml(QXmlStreamReader& reader, QString* error)
+bool Sample::readXml(QXmlStreamReader& reader, QString* error, const Sample* previous)
 {
     if (!reader.isStartElement() || reader.name() != QLatin1String("sample"))
         return fail(error, QStringLiteral("expected a sample element"));
@@ -703,8 +733,11 @@ bool Sample::readXml(QXmlStreamReader& reader, QString* error)
             reader.skipCurrentElement();
         } else if (reader.name() == QLatin1String("thread")) {
             SampleThread thread;
-            if (!readThread(reader, &thread, error))
+            bool sameTree = false;
+            if (!readThread(reader, &thread, &sameTree, error))
                 return reader.hasError() ? fail(error, xmlReadError(reader, *error)) : false;
+            if (sameTree && !adoptTree(previous ? previous->d.constData() : nullptr, &thread))
+                return fail(error, sameTreeError(thread.tid));
             data->insert(thread);
         } else if (reader.name() == QLatin1String("histogram")) {
             if (!data->histogram.readXml(reader, error))

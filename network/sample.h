@@ -112,12 +112,15 @@ public:
     SampleHistogram histogram() const;
 
     // Wire form: a "sample" element. readXml expects the reader on its start
-    // and replaces the whole content of this sample.
+    // and replaces the whole content of this sample. In a list of samples,
+    // a thread whose tree is the one of the sample written before it
+    // (`previous`, as a repeated sample's is) names it instead of writing
+    // it again; the reader, given the sample read before, shares that tree.
     void writeXml(QXmlStreamWriter& writer) const;
-    void writeXml(XmlWriter& writer) const;
-    bool readXml(QXmlStreamReader& reader, QString* error);
+    void writeXml(XmlWriter& writer, const Sample* previous = nullptr) const;
+    bool readXml(QXmlStreamReader& reader, QString* error, const Sample* previous = nullptr);
     // The same with our own reader, which stops at anything it doesn't know.
-    bool readXml(FastXmlReader& reader);
+    bool readXml(FastXmlReader& reader, const Sample* previous = nullptr);
 
     // Equal in everything that travels in the wire form.
     bool operator==(const Sample& other) const;

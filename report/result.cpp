@@ -107,7 +107,7 @@ bool readRank(QXmlStreamReader& r, RankResult* rank, QString* error)
         } else if (name == QLatin1String("samples")) {
             while (r.readNextStartElement()) {
                 Sample sample;
-                if (!sample.readXml(r, error))
+                if (!sample.readXml(r, error, rank->samples.isEmpty() ? nullptr : &rank->samples.last()))
                     return false;
                 rank->samples.append(sample);
             }
@@ -122,8 +122,11 @@ QByteArray samplesXml(const QList<Sample>& samples)
 {
     QByteArray xml;
     XmlWriter out(&xml);
-    for (const Sample& sample : samples)
-        sample.writeXml(out);
+    const Sample* previous = nullptr;
+    for (const Sample& sample : samples) {
+        sample.writeXml(out, previous);
+        previous = &sample;
+    }
     return xml;
 }
 

@@ -182,6 +182,14 @@ SampleBlockResponse* plainBlock()
     block->setCollectingHistogramsFlag(true);
     block->addProfiledRanks(CompactSet<int>(QStringLiteral("0-3,9")));
     for (int i = 0; i < 3; ++i) {
+        if (i == 2) {
+            // A repeat of the sample before, with its trees.
+            Sample* repeat = new Sample(*block->samples().last(), true);
+            repeat->backendOnly_setTimestamp(-i);
+            repeat->setIgnore(false);
+            block->addSample(repeat);
+            continue;
+        }
         Sample* sample = new Sample(Sample(MetricDefinitions(), 3), i > 0);
         sample->backendOnly_setTimestamp(-i);
         sample->setMetric(QString::fromLatin1(METRIC_CPU_TIME_PERCENT), SampleValue(12.5 * i));
@@ -227,6 +235,16 @@ TEST(Responses, OurReaderReadsBlocksOfSamplesAsQtsDoesAndLeavesItTheRest)
     ASSERT_TRUE(qts) << qPrintable(error);
     EXPECT_EQ(message.response->toString(), qts->toString());
     EXPECT_EQ(message.response->toString(), plain->toString());
+    // The repeat's tree travels once and is shared again on arrival; the
+    // sample before it, alike but not a copy, has a tree of its own.
+    EXPECT_EQ(xml.count("<tree"), 2);
+    for (const Response* response : { message.response.get(), qts.get() }) {
+        const QList<Sample*>& read = static_cast<const SampleBlockResponse*>(response)->samples();
+        ASSERT_EQ(read.size(), 4);
+        EXPECT_NE(read[0]->psvModel(7), read[1]->psvModel(7));
+        EXPECT_EQ(read[1]->psvModel(7), read[2]->psvModel(7));
+        EXPECT_TRUE(*read[2] == *plain->samples()[2]);
+    }
 
     // Histograms and device trees are for Qt's reader, and still arrive.
     SampleBlockResponse rich(1, 0);
@@ -280,6 +298,8 @@ TEST(Responses, OurReaderReadsBlocksOfSamplesAsQtsDoesAndLeavesItTheRest)
         { "t=\"5\"", "t=\"soon\"", false },
         { "<sample ", "<x:sample ", false },
         { "</tree>", "", false },
+        // The tree of a sample before it, where there is none.
+        { "cpu=\"2\">", "cpu=\"2\" sameTree=\"yes\">", false },
     };
     for (const auto& c : cases) {
         QByteArray text = good;
