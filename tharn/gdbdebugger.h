@@ -143,6 +143,7 @@ private:
     void handleAsync(const MiRecord& record, Answer* answer);
     void readThreadsAndPid();
     void refreshSymbols();
+    void readOwnLibrarySymbols();
     void watchTarget();
     void noteTargetGone(const QString& status);
     // How the target ended when it is a zombie; empty while it lives.
