@@ -13,7 +13,9 @@
 
 namespace ResultFile {
 
-const quint32 Version = 1;
+// 2: a repeated sample's trees are written once (a thread's "sameTree").
+// Files of version 1 read as they always did.
+const quint32 Version = 2;
 
 } // namespace ResultFile
 
@@ -305,8 +307,8 @@ bool ResultFile::decode(const QByteArray& data, const QString& name, Result* res
     }
     const uchar* header = reinterpret_cast<const uchar*>(data.constData()) + sizeof(Magic);
     const quint32 version = qFromBigEndian<quint32>(header);
-    if (version != ResultFile::Version) {
-        *error = QStringLiteral("%1 is a zor result of format version %2; this zor reads version %3")
+    if (version < 1 || version > ResultFile::Version) {
+        *error = QStringLiteral("%1 is a zor result of format version %2; this zor reads versions 1 to %3")
                      .arg(name)
                      .arg(version)
                      .arg(ResultFile::Version);

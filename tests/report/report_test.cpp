@@ -105,8 +105,14 @@ TEST(ResultFile, DamagedOrForeignFilesGetTheirOwnMessage)
           QStringLiteral("x.zor is truncated: %1 of its %2 bytes are there").arg(good.size() - 10).arg(good.size()).toStdString() },
         { "with bytes after its end", good + "xyz", "x.zor is damaged: 3 bytes follow its end" },
         { "with a changed byte", flipped, "x.zor is damaged: its checksum doesn't match" },
-        { "of another version", otherVersion, "x.zor is a zor result of format version 7; this zor reads version 1" },
+        { "of another version", otherVersion, "x.zor is a zor result of format version 7; this zor reads versions 1 to 2" },
     };
+    // Files of the first version still read.
+    QByteArray firstVersion = good;
+    qToBigEndian<quint32>(1, firstVersion.data() + 8);
+    Result old;
+    QString oldError;
+    EXPECT_TRUE(ResultFile::decode(firstVersion, QStringLiteral("x.zor"), &old, &oldError)) << qPrintable(oldError);
     for (const auto& c : cases) {
         Result result;
         result.run.program = QStringLiteral("untouched");
