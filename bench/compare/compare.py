@@ -9,6 +9,13 @@ them alike. Prints one table:
              (medians of the rounds, and their spread, max - min, in points);
              for the programs that time their own work, also the program's
              own elapsed time
+  per run    what each profiler costs a run however short: the same command
+             on a run of the workload that does next to nothing, less that
+             run's native time (wall and CPU seconds, medians); and the CPU
+             time beyond it: the whole command's CPU time less that cost,
+             against the native run. (Only CPU time adds up so: perf record
+             takes at least a second of wall time however short the program,
+             which a longer program hides.)
   accuracy   each profiler's share of each hot function against the truth,
              and its largest error in points
   answer     seconds from the end of the profiled program to a summary with
@@ -191,22 +198,30 @@ PROFILERS = [("zor", under_zor), ("perf", under_perf), ("gperftools", under_gper
 # --- the workloads ---------------------------------------------------------
 
 def workloads(tools, build, names, workdir):
+    # Each with a run of it that does next to nothing: what a profiler costs
+    # any run.
     chosen = []
     for name in names:
         if name == "zor-example":
-            chosen.append((name, [os.path.join(build, "bin", "zor-example"), "--work", "1500"],
-                           lambda out: EXAMPLE_TRUTH, elapsed_of))
+            example = os.path.join(build, "bin", "zor-example")
+            chosen.append((name, [example, "--work", "1500"], lambda out: EXAMPLE_TRUTH, elapsed_of,
+                           [example, "--work", "1"]))
         elif name == "zor-threads":
-            chosen.append((name, [os.path.join(build, "bin", "zor-threads"), "--threads", "4", "--work", "400"],
-                           truth_printed, elapsed_of))
+            threads = os.path.join(build, "bin", "zor-threads")
+            chosen.append((name, [threads, "--threads", "4", "--work", "400"], truth_printed, elapsed_of,
+                           [threads, "--threads", "4", "--work", "1"]))
         elif name == "xz":
             data = os.path.join(workdir, "xz-input")
             if not os.path.exists(data):
                 make_xz_input(data)
-            chosen.append((name, ["xz", "-9", "-T1", "-k", "-f", "-c", data], None, None))
+            tiny = os.path.join(workdir, "xz-tiny")
+            with open(tiny, "w") as out:
+                out.write("x")
+            chosen.append((name, ["xz", "-9", "-T1", "-k", "-f", "-c", data], None, None,
+                           ["xz", "-9", "-T1", "-k", "-f", "-c", tiny]))
         else:
             fail("unknown workload %s" % name)
-    for _, program, _, _ in chosen:
+    for _, program, _, _, _ in chosen:
         if not os.access(program[0], os.X_OK) and not shutil.which(program[0]):
             fail("no %s: build it first" % program[0])
     return chosen
@@ -297,33 +312,44 @@ def main():
 
     configs = [("native", 0, native)] + [(name, rate, make) for rate in rates for name, make in profilers]
     runs = {}  # (workload, profiler, rate) -> list of (wall, cpu, elapsed, shares)
+    tinies = {}  # the same for the run that does next to nothing: (wall, cpu)
     for round_number in range(args.rounds):
-        for workload, program, truth, elapsed in chosen:
+        for workload, program, truth, elapsed, tiny in chosen:
             for name, rate, make in configs:
                 command, env, reader = make(tools, rate, program, workdir)
                 wall, cpu, out, err = run_measured(command, env=env, cwd=workdir)
                 shares = reader() if reader else None
                 runs.setdefault((workload, name, rate), []).append(
                     (wall, cpu, elapsed(out + err) if elapsed else None, shares, out + err))
+                command, env, _ = make(tools, rate, tiny, workdir)
+                wall, cpu, _, _ = run_measured(command, env=env, cwd=workdir)
+                tinies.setdefault((workload, name, rate), []).append((wall, cpu))
         sys.stderr.write("compare: round %d of %d done\n" % (round_number + 1, args.rounds))
 
     lines = []
-    row = "| %-11s | %-10s | %5s | %14s | %14s | %14s | %-44s | %6s |"
-    lines.append(row % ("workload", "profiler", "Hz", "wall", "CPU", "program wall", "share of hot functions (truth)",
-                        "max err"))
-    lines.append("|" + "|".join("-" * (width + 2) for width in (11, 10, 5, 14, 14, 14, 44, 6)) + "|")
-    for workload, program, truth, elapsed in chosen:
+    row = "| %-11s | %-10s | %5s | %14s | %14s | %14s | %13s | %12s | %-44s | %6s |"
+    lines.append(row % ("workload", "profiler", "Hz", "wall", "CPU", "program wall", "per run",
+                        "CPU beyond", "share of hot functions (truth)", "max err"))
+    lines.append("|" + "|".join("-" * (width + 2) for width in (11, 10, 5, 14, 14, 14, 13, 12, 44, 6)) + "|")
+    for workload, program, truth, elapsed, tiny in chosen:
         base = runs[(workload, "native", 0)]
         base_wall = statistics.median(r[0] for r in base)
         base_cpu = statistics.median(r[1] for r in base)
         base_elapsed = [r[2] for r in base if r[2] is not None]
         base_elapsed = statistics.median(base_elapsed) if base_elapsed else None
+        tiny_wall = statistics.median(t[0] for t in tinies[(workload, "native", 0)])
+        tiny_cpu = statistics.median(t[1] for t in tinies[(workload, "native", 0)])
         lines.append(row % (workload, "native", "", "%.2f s" % base_wall, "%.2f s" % base_cpu,
-                            "%.2f s" % base_elapsed if base_elapsed else "", "", ""))
+                            "%.2f s" % base_elapsed if base_elapsed else "", "%.3f s" % tiny_wall, "", "", ""))
         for name, rate, _ in configs[1:]:
             rounds = runs[(workload, name, rate)]
             wall = median_and_spread([100.0 * (r[0] / base_wall - 1) for r in rounds])
             cpu = median_and_spread([100.0 * (r[1] / base_cpu - 1) for r in rounds])
+            # The cost of any run, and what is left beyond it.
+            fixed_wall = statistics.median(t[0] for t in tinies[(workload, name, rate)]) - tiny_wall
+            fixed_cpu = statistics.median(t[1] for t in tinies[(workload, name, rate)]) - tiny_cpu
+            per_run = "%.2f/%.2f s" % (fixed_wall, fixed_cpu)
+            cpu_beyond = median_and_spread([100.0 * ((r[1] - fixed_cpu) / base_cpu - 1) for r in rounds])
             prog = ""
             if base_elapsed:
                 values = [100.0 * (r[2] / base_elapsed - 1) for r in rounds if r[2] is not None]
@@ -347,7 +373,8 @@ def main():
                                                          statistics.median(t[fn] for _, t in per_round)))
                     share_text = ", ".join(parts)
                     worst = "%.1f" % statistics.median(max(abs(v) for v in e.values()) for e, _ in per_round)
-            lines.append(row % ("", name, rate, "%+.1f%% ±%.1f" % wall, "%+.1f%% ±%.1f" % cpu, prog, share_text, worst))
+            lines.append(row % ("", name, rate, "%+.1f%% ±%.1f" % wall, "%+.1f%% ±%.1f" % cpu, prog, per_run,
+                                "%+.1f%% ±%.1f" % cpu_beyond, share_text, worst))
 
     print("\n".join(lines))
     if not args.no_answer and "zor" in args.profilers.split(","):
@@ -355,6 +382,8 @@ def main():
         print("\ntime to answer (%s, 1000 Hz, median): zor profile %.2f s, perf record + perf report "
               "--sort sym,srcline %.2f s (%.0fx)" % (os.path.basename(tools.python), zor_answer, perf_answer,
                                                       perf_answer / zor_answer if zor_answer > 0 else 0))
+    print("\nper run: wall/CPU seconds of the command on a run that does next to nothing, less the native run's; "
+          "CPU beyond: the command's CPU time less that, against the native run")
     print("\nmachine: %s, %d cores; %d rounds; spread is max - min of the rounds, in points" %
           (cpu_model(), os.cpu_count(), args.rounds))
     shutil.rmtree(workdir, ignore_errors=True)
