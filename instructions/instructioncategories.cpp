@@ -267,9 +267,14 @@ unsigned int categoriesBeforeT(const QString& mnemonic)
     return categories;
 }
 
+bool hasCategory(unsigned int categories, const InstructionQuery& query, unsigned int category, bool withImplicit)
+{
+    return (categories & category) || (withImplicit && query.implicitMemory);
+}
+
 bool inCategory(const InstructionQuery& query, unsigned int category, bool withImplicit)
 {
-    return (instructionCategories(query.instruction) & category) || (withImplicit && query.implicitMemory);
+    return hasCategory(instructionCategories(query.instruction), query, category, withImplicit);
 }
 
 quint32 count(unsigned int category, const QList<InstructionQuery>& list, bool withImplicit)
@@ -397,6 +402,37 @@ quint32 floatVectorInstructionPercentage(const QList<InstructionQuery>& list)
 quint32 intVectorInstructionPercentage(const QList<InstructionQuery>& list)
 {
     return percentage(IntVectorCategory, list, false);
+}
+
+InstructionMix instructionMix(const QList<InstructionQuery>& list)
+{
+    InstructionMix mix;
+    if (list.isEmpty())
+        return mix;
+    // The categories and implicit-memory rule of the percentages above.
+    const struct
+    {
+        unsigned int category;
+        bool withImplicit;
+        quint32 InstructionMix::*share;
+    } shares[] = {
+        { MemCategory, true, &InstructionMix::mem },
+        { BranchCategory, false, &InstructionMix::branch },
+        { FloatCategory, false, &InstructionMix::fp },
+        { IntCategory, false, &InstructionMix::integer },
+        { FloatVectorCategory, false, &InstructionMix::vectorFp },
+        { IntVectorCategory, false, &InstructionMix::vectorInt },
+    };
+    for (const InstructionQuery& query : list) {
+        const unsigned int categories = instructionCategories(query.instruction);
+        for (const auto& share : shares) {
+            if (hasCategory(categories, query, share.category, share.withImplicit))
+                ++(mix.*share.share);
+        }
+    }
+    for (const auto& share : shares)
+        mix.*share.share = mix.*share.share * 100 / static_cast<quint32>(list.size());
+    return mix;
 }
 
 bool isCategorisedInstruction(const QString& mnemonic)

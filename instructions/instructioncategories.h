@@ -44,6 +44,13 @@ quint32 intInstructionPercentage(const QList<InstructionQuery>& list);
 quint32 floatVectorInstructionPercentage(const QList<InstructionQuery>& list);
 quint32 intVectorInstructionPercentage(const QList<InstructionQuery>& list);
 
+// The six percentages above in one pass, each mnemonic looked up once.
+struct InstructionMix
+{
+    quint32 mem = 0, branch = 0, fp = 0, integer = 0, vectorFp = 0, vectorInt = 0;
+};
+InstructionMix instructionMix(const QList<InstructionQuery>& list);
+
 // In one of the six sets.
 bool isCategorisedInstruction(const QString& mnemonic);
 

@@ -81,34 +81,6 @@ void repairRepeats(SampleList& result, const MetricDefinitions& definitions)
     }
 }
 
-// The six shares of an instruction mix, as the percentage functions of the
-// instruction categories give them, in one pass: each name is looked up once,
-// not once per share.
-struct InstructionMix
-{
-    quint32 fp = 0, integer = 0, mem = 0, vectorFp = 0, vectorInt = 0, branch = 0;
-};
-
-InstructionMix instructionMix(const QList<InstructionQuery>& list)
-{
-    InstructionMix mix;
-    if (list.isEmpty())
-        return mix;
-    for (const InstructionQuery& query : list) {
-        const unsigned int categories = instructionCategories(query.instruction);
-        mix.fp += (categories & FloatCategory) ? 1 : 0;
-        mix.integer += (categories & IntCategory) ? 1 : 0;
-        mix.mem += (categories & MemCategory) || query.implicitMemory ? 1 : 0;
-        mix.vectorFp += (categories & FloatVectorCategory) ? 1 : 0;
-        mix.vectorInt += (categories & IntVectorCategory) ? 1 : 0;
-        mix.branch += (categories & BranchCategory) ? 1 : 0;
-    }
-    const quint32 n = static_cast<quint32>(list.size());
-    for (quint32* share : { &mix.fp, &mix.integer, &mix.mem, &mix.vectorFp, &mix.vectorInt, &mix.branch })
-        *share = *share * 100 / n;
-    return mix;
-}
-
 // The instruction mix of each thread over a window of samples around each
 // sample. Lists hold the newest entry first; a thread that lives but isn't
 // on a processor adds an empty entry.

@@ -85,6 +85,19 @@ TEST(InstructionCategories, CountsAndWholePercentages)
     EXPECT_EQ(memInstructionPercentage(list), 28u);
     EXPECT_EQ(branchInstructionPercentage(list), 14u);
     EXPECT_EQ(intVectorInstructionPercentage(list), 14u);
+
+    // The mix in one pass gives the six percentages, on this list, on each
+    // of its tails and on none.
+    for (int from = 0; from <= list.size(); ++from) {
+        const QList<InstructionQuery> part = list.mid(from);
+        const InstructionMix mix = instructionMix(part);
+        EXPECT_EQ(mix.mem, memInstructionPercentage(part)) << from;
+        EXPECT_EQ(mix.branch, branchInstructionPercentage(part)) << from;
+        EXPECT_EQ(mix.fp, floatInstructionPercentage(part)) << from;
+        EXPECT_EQ(mix.integer, intInstructionPercentage(part)) << from;
+        EXPECT_EQ(mix.vectorFp, floatVectorInstructionPercentage(part)) << from;
+        EXPECT_EQ(mix.vectorInt, intVectorInstructionPercentage(part)) << from;
+    }
 }
 
 } // namespace
