@@ -25,15 +25,16 @@ for option in "$@"; do
     *) echo "install-deps.sh: unknown option $option" >&2; exit 2 ;;
     esac
 done
+installed() {
+    dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"
+}
 # gdb without Python, which zor doesn't use, starts in 20 ms against 50 (a
 # fixed cost of every run). A machine that has the whole gdb keeps it; the
 # two replace each other.
-if ! dpkg-query -W -f='${Status}' gdb 2>/dev/null | grep -q "install ok installed"; then
-    PACKAGES="$PACKAGES gdb-minimal"
-fi
+installed gdb || PACKAGES="$PACKAGES gdb-minimal"
 missing=""
 for p in $PACKAGES; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+    installed "$p" || missing="$missing $p"
 done
 if [ -n "$missing" ]; then
     apt-get update
