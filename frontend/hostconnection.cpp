@@ -80,6 +80,12 @@ void HostConnection::flush()
     mStream.flush(5000);
 }
 
+void HostConnection::encodeBlocksWith(SampleEncoder* encoder)
+{
+    mEncoder = encoder;
+    mEncodedList = encoder ? encoder->newList() : -1;
+}
+
 QList<Sample> HostConnection::takeSamples(QList<int>* tickets)
 {
     if (tickets)
@@ -125,7 +131,7 @@ void HostConnection::handle(const Message& message)
             for (const Sample* sample : block->samples())
                 samples.append(*sample);
             if (mEncoder && mBlocksInOrder && mEncodedBlocks.size() == number)
-                mEncodedBlocks.append(mEncoder->add(samples));
+                mEncodedBlocks.append(mEncoder->add(mEncodedList, samples));
             else
                 mBlocksInOrder = false;
         } else if (auto progress = std::dynamic_pointer_cast<ProfilerProgressResponse>(message.response)) {

@@ -50,7 +50,7 @@ public:
     QString failure(int uid) const { return mFailures.value(uid); }
 
     // Blocks that come in order go to `encoder` as they come.
-    void encodeBlocksWith(SampleEncoder* encoder) { mEncoder = encoder; }
+    void encodeBlocksWith(SampleEncoder* encoder);
     // Samples of the blocks received so far, in block order. `tickets`
     // gets the encoder's tickets for them, in that order, or none unless
     // every block went to the encoder.
@@ -99,6 +99,7 @@ private:
     QMap<int, QString> mFailures;
     QMap<int, QList<Sample>> mBlocks; // block number to its samples
     SampleEncoder* mEncoder = nullptr;
+    int mEncodedList = -1;
     QList<int> mEncodedBlocks; // a ticket per block of mBlocks, or none
     bool mBlocksInOrder = true;
     int mAnalysisPercent = 0;

@@ -15,13 +15,19 @@ SampleEncoder::~SampleEncoder()
     mThread.join();
 }
 
-int SampleEncoder::add(const QList<Sample>& samples)
+int SampleEncoder::newList()
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mNextList++;
+}
+
+int SampleEncoder::add(int list, const QList<Sample>& samples)
 {
     int ticket;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         ticket = mNextTicket++;
-        mQueue.emplace_back(ticket, samples);
+        mQueue.push_back(Piece{ticket, list, samples});
     }
     mQueued.notify_one();
     return ticket;
@@ -47,12 +53,15 @@ void SampleEncoder::work()
         // What is left at the end is no longer wanted.
         if (mStopping)
             return;
-        const std::pair<int, QList<Sample>> next = mQueue.front();
+        const Piece next = mQueue.front();
         mQueue.pop_front();
         lock.unlock();
-        ResultFile::EncodedSamples piece = ResultFile::encodeSamples(next.second);
+        std::unique_ptr<SampleTreeTable>& trees = mTrees[next.list];
+        if (!trees)
+            trees.reset(new SampleTreeTable);
+        ResultFile::EncodedSamples piece = ResultFile::encodeSamples(next.samples, trees.get());
         lock.lock();
-        mPieces.insert(next.first, piece);
+        mPieces.insert(next.ticket, piece);
         mMade.notify_all();
     }
 }

@@ -9,6 +9,8 @@
 
 #include <condition_variable>
 #include <deque>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -24,8 +26,11 @@ public:
     SampleEncoder(const SampleEncoder&) = delete;
     SampleEncoder& operator=(const SampleEncoder&) = delete;
 
-    // Queues samples; the ticket names their piece.
-    int add(const QList<Sample>& samples);
+    // A list of samples to be encoded in pieces: its pieces share one
+    // table of trees.
+    int newList();
+    // Queues the next samples of `list`; the ticket names their piece.
+    int add(int list, const QList<Sample>& samples);
     // The pieces of `tickets` joined in that order, once made; each piece
     // is taken once.
     ResultFile::EncodedSamples take(const QList<int>& tickets);
@@ -36,9 +41,18 @@ private:
     std::mutex mMutex;
     std::condition_variable mQueued;
     std::condition_variable mMade;
-    std::deque<std::pair<int, QList<Sample>>> mQueue;
+    struct Piece
+    {
+        int ticket;
+        int list;
+        QList<Sample> samples;
+    };
+    std::deque<Piece> mQueue;
     QHash<int, ResultFile::EncodedSamples> mPieces;
+    // Only the encoding thread uses the tables.
+    std::map<int, std::unique_ptr<SampleTreeTable>> mTrees;
     int mNextTicket = 0;
+    int mNextList = 0;
     bool mStopping = false;
     std::thread mThread; // last: starts once the rest is in place
 };

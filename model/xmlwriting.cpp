@@ -16,6 +16,18 @@ void XmlWriter::finishStartElement()
     }
 }
 
+int XmlWriter::mark()
+{
+    finishStartElement();
+    return mOut->size();
+}
+
+void XmlWriter::rewind(int mark)
+{
+    if (mark >= 0 && mark <= mOut->size() && !mInStartElement)
+        mOut->resize(mark);
+}
+
 void XmlWriter::startElement(QLatin1String name)
 {
     finishStartElement();

@@ -38,6 +38,10 @@ public:
     void viaStreamWriter(const std::function<void(QXmlStreamWriter&)>& write);
 
     QByteArray& bytes() { return *mOut; }
+    // Where the next element will start; the elements written after it can
+    // be taken back with rewind, once they are all closed.
+    int mark();
+    void rewind(int mark);
 
 private:
     void finishStartElement();

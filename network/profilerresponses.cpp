@@ -261,11 +261,9 @@ void SampleBlockResponse::writeContent(QXmlStreamWriter& writer) const
         writer.writeAttribute(QStringLiteral("profiledRanks"), mProfiledRanks.toString());
     QByteArray samples;
     XmlWriter out(&samples);
-    const Sample* previous = nullptr;
-    for (const Sample* sample : mSamples) {
-        sample->writeXml(out, previous);
-        previous = sample;
-    }
+    SampleTreeTable trees;
+    for (const Sample* sample : mSamples)
+        sample->writeXml(out, &trees);
     writeRawXml(writer, samples);
 }
 
@@ -281,13 +279,14 @@ bool SampleBlockResponse::readContent(QXmlStreamReader& reader, QString* error)
         return fail(error, QStringLiteral("bad profiled ranks near \"%1\"").arg(badToken));
     qDeleteAll(mSamples);
     mSamples.clear();
+    SampleTreeTable trees;
     while (reader.readNextStartElement()) {
         if (reader.name() != QLatin1String("sample")) {
             reader.skipCurrentElement();
             continue;
         }
         Sample* sample = new Sample;
-        if (!sample->readXml(reader, error, mSamples.isEmpty() ? nullptr : mSamples.last())) {
+        if (!sample->readXml(reader, error, &trees)) {
             delete sample;
             return false;
         }
@@ -318,13 +317,14 @@ bool SampleBlockResponse::readXml(FastXmlReader& reader)
     mProfiledRanks = ranks;
     qDeleteAll(mSamples);
     mSamples.clear();
+    SampleTreeTable trees;
     while (reader.readNextStartElement()) {
         if (!reader.nameIs(QLatin1String("sample"))) {
             reader.skipCurrentElement();
             continue;
         }
         Sample* sample = new Sample;
-        if (!sample->readXml(reader, mSamples.isEmpty() ? nullptr : mSamples.last())) {
+        if (!sample->readXml(reader, &trees)) {
             delete sample;
             return false;
         }

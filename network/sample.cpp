@@ -90,6 +90,68 @@ public:
     QSharedPointer<const GpuProfilePSVModelItem> gpuTree;
 };
 
+struct SampleTreeTable::Data
+{
+    // Writing: each tree written whole, by its holder and by a hash of its
+    // text. A list may be written in pieces, into buffers that are gone by
+    // the next: the texts are kept, and so are the holders, whose addresses
+    // no other tree may take meanwhile.
+    struct Written
+    {
+        int number;
+        QByteArray text;
+    };
+    QHash<const TreeHolder*, int> byHolder;
+    QVector<QExplicitlySharedDataPointer<TreeHolder>> held;
+    QMultiHash<uint, Written> byText;
+    // Reading: the trees read whole, by number, and the sample read last,
+    // whose trees the files of version 2 name by "sameTree".
+    QVector<QExplicitlySharedDataPointer<TreeHolder>> read;
+    QSharedDataPointer<SampleData> previous;
+    int trees = 0;
+    int references = 0;
+
+    // The number of an earlier tree equal to the text just written at
+    // offset, or -1 after numbering this one.
+    int note(const QByteArray& bytes, int offset, const QExplicitlySharedDataPointer<TreeHolder>& holder)
+    {
+        const int length = bytes.size() - offset;
+        const char* text = bytes.constData() + offset;
+        const uint hash = qHashBits(text, size_t(length));
+        int number = -1;
+        for (auto it = byText.constFind(hash); it != byText.constEnd() && it.key() == hash; ++it) {
+            if (it->text.size() == length && std::memcmp(it->text.constData(), text, size_t(length)) == 0) {
+                number = it->number;
+                break;
+            }
+        }
+        if (number >= 0)
+            ++references;
+        else
+            byText.insert(hash, Written{trees++, QByteArray(text, length)});
+        byHolder.insert(holder.constData(), number >= 0 ? number : trees - 1);
+        held.append(holder);
+        return number;
+    }
+};
+
+SampleTreeTable::SampleTreeTable() : d(new Data) {}
+
+SampleTreeTable::~SampleTreeTable()
+{
+    delete d;
+}
+
+int SampleTreeTable::trees() const
+{
+    return d->trees;
+}
+
+int SampleTreeTable::references() const
+{
+    return d->references;
+}
+
 Sample::Sample()
     : d(new SampleData)
 {
@@ -403,7 +465,7 @@ void Sample::writeXml(QXmlStreamWriter& writer) const
     writeRawXml(writer, xml);
 }
 
-void Sample::writeXml(XmlWriter& writer, const Sample* previous) const
+void Sample::writeXml(XmlWriter& writer, SampleTreeTable* trees) const
 {
     writer.startElement(QLatin1String("sample"));
     writer.attribute(QLatin1String("rank"), d->rank);
@@ -429,15 +491,9 @@ void Sample::writeXml(XmlWriter& writer, const Sample* previous) const
         writer.endElement();
     }
     for (const SampleThread& thread : d->threads) {
-        // A repeated sample shares its trees with the one before it: they
-        // travel once.
-        const SampleThread* before = previous ? previous->d->find(thread.tid) : nullptr;
         const bool hasTree = thread.tree && thread.tree->root;
-        const bool sameTree = hasTree && before && before->tree == thread.tree;
         writer.startElement(QLatin1String("thread"));
         writer.attribute(QLatin1String("tid"), thread.tid);
-        if (sameTree)
-            writer.attribute(QLatin1String("sameTree"), YesText);
         writer.attribute(QLatin1String("type"), int(thread.type));
         writer.attribute(QLatin1String("cpu"), qulonglong(thread.cpuTime));
         if (thread.allocatedCpuTime != 0)
@@ -458,10 +514,29 @@ void Sample::writeXml(XmlWriter& writer, const Sample* previous) const
             writer.attribute(QLatin1String("v"), qulonglong(m.value()));
             writer.endElement();
         }
-        if (hasTree && !sameTree) {
-            writer.startElement(QLatin1String("tree"));
-            thread.tree->root->writeXml(writer);
-            writer.endElement();
+        if (hasTree) {
+            // A repeated sample shares its trees with the one before it, and
+            // most samples of a run have a tree that another one has too:
+            // each travels once.
+            int number = trees ? trees->d->byHolder.value(thread.tree.constData(), -1) : -1;
+            if (number < 0) {
+                const int mark = writer.mark();
+                writer.startElement(QLatin1String("tree"));
+                thread.tree->root->writeXml(writer);
+                writer.endElement();
+                if (trees) {
+                    number = trees->d->note(writer.bytes(), mark, thread.tree);
+                    if (number >= 0)
+                        writer.rewind(mark);
+                }
+            } else {
+                ++trees->d->references;
+            }
+            if (number >= 0) {
+                writer.startElement(QLatin1String("tree"));
+                writer.attribute(QLatin1String("ref"), number);
+                writer.endElement();
+            }
         }
         writer.endElement();
     }
@@ -486,10 +561,19 @@ bool fail(QString* error, const QString& text)
     return false;
 }
 
-bool readThread(QXmlStreamReader& reader, SampleThread* thread, bool* sameTree, QString* error)
+// A thread's tree as it is read: its own, which joins the table, or the
+// number of one that came before ("ref"), or the one of the sample before
+// ("sameTree", files of version 2).
+struct TreeRead
+{
+    bool sameTree = false;
+    int reference = -1;
+};
+
+bool readThread(QXmlStreamReader& reader, SampleThread* thread, TreeRead* tree, QString* error)
 {
     const QXmlStreamAttributes a = reader.attributes();
-    *sameTree = a.value(QLatin1String("sameTree")) == YesText;
+    tree->sameTree = a.value(QLatin1String("sameTree")) == YesText;
     bool ok = false;
     thread->tid = a.value(QLatin1String("tid")).toInt(&ok);
     if (!ok)
@@ -526,7 +610,15 @@ bool readThread(QXmlStreamReader& reader, SampleThread* thread, bool* sameTree, 
             if (!ok)
                 return fail(error, QStringLiteral("thread %1 has a bad metric value").arg(thread->tid));
             thread->metrics.insert(m.value(QLatin1String("id")).toString(), value);
-        } else if (reader.name() == QLatin1String("tree") && !thread->tree) {
+        } else if (reader.name() == QLatin1String("tree") && !thread->tree && tree->reference < 0) {
+            const QStringRef reference = reader.attributes().value(QLatin1String("ref"));
+            if (!reference.isNull()) {
+                tree->reference = reference.toInt(&ok);
+                if (!ok || tree->reference < 0)
+                    return fail(error, QStringLiteral("thread %1 names a bad tree").arg(thread->tid));
+                reader.skipCurrentElement();
+                continue;
+            }
             ZORPSVModelItem* root = ZORPSVModelItem::readTree(reader, error);
             if (!root)
                 return false;
@@ -543,20 +635,38 @@ QString sameString(const QString& text)
     return text;
 }
 
-// A thread whose tree is that of the sample before: that sample must have
-// one for the thread, and the thread none of its own.
-bool adoptTree(const SampleData* previous, SampleThread* thread)
-{
-    const SampleThread* before = previous ? previous->find(thread->tid) : nullptr;
-    if (!before || !before->tree || thread->tree)
-        return false;
-    thread->tree = before->tree;
-    return true;
-}
-
 QString sameTreeError(int tid)
 {
     return QStringLiteral("thread %1 has the tree of the sample before it, which has none for it").arg(tid);
+}
+
+QString referenceError(int tid, int number)
+{
+    return QStringLiteral("thread %1 names tree %2, which came nowhere before it").arg(tid).arg(number);
+}
+
+// The thread's tree from the table, or an error; a tree of the thread's own
+// joins the table.
+QString adoptTree(const TreeRead& read, SampleTreeTable::Data* table, SampleThread* thread)
+{
+    if (read.sameTree) {
+        // The sample before must have a tree for the thread, and the thread
+        // none of its own.
+        const SampleData* previous = table ? table->previous.constData() : nullptr;
+        const SampleThread* before = previous ? previous->find(thread->tid) : nullptr;
+        if (!before || !before->tree || thread->tree || read.reference >= 0)
+            return sameTreeError(thread->tid);
+        thread->tree = before->tree;
+    } else if (read.reference >= 0) {
+        if (!table || read.reference >= table->read.size())
+            return referenceError(thread->tid, read.reference);
+        thread->tree = table->read.at(read.reference);
+        ++table->references;
+    } else if (thread->tree && table) {
+        table->read.append(thread->tree);
+        ++table->trees;
+    }
+    return QString();
 }
 
 // Comma-separated decimal numbers into a sorted list without repeats.
@@ -580,9 +690,9 @@ bool readIntSet(const FastXmlReader::Value& text, QVector<int>* set)
     return true;
 }
 
-bool readThread(FastXmlReader& reader, SampleThread* thread, bool* sameTree)
+bool readThread(FastXmlReader& reader, SampleThread* thread, TreeRead* tree)
 {
-    *sameTree = reader.attribute(QLatin1String("sameTree")) == QLatin1String("yes");
+    tree->sameTree = reader.attribute(QLatin1String("sameTree")) == QLatin1String("yes");
     int type = 0;
     qulonglong cpu = 0;
     if (!reader.attribute(QLatin1String("tid")).toInt(&thread->tid) || !reader.attribute(QLatin1String("type")).toInt(&type)
@@ -616,7 +726,16 @@ bool readThread(FastXmlReader& reader, SampleThread* thread, bool* sameTree)
             }
             const FastXmlReader::Value id = reader.attribute(QLatin1String("id"));
             thread->metrics.insert(id.isNull() ? QString() : reader.sharedString(id, &sameString), value);
-        } else if (reader.nameIs(QLatin1String("tree")) && !thread->tree) {
+        } else if (reader.nameIs(QLatin1String("tree")) && !thread->tree && tree->reference < 0) {
+            const FastXmlReader::Value reference = reader.attribute(QLatin1String("ref"));
+            if (!reference.isNull()) {
+                if (!reference.toInt(&tree->reference) || tree->reference < 0) {
+                    reader.raiseError(QStringLiteral("thread %1 names a bad tree").arg(thread->tid));
+                    return false;
+                }
+                reader.skipCurrentElement();
+                continue;
+            }
             ZORPSVModelItem* root = ZORPSVModelItem::readTree(reader);
             if (!root)
                 return false;
@@ -630,7 +749,7 @@ bool readThread(FastXmlReader& reader, SampleThread* thread, bool* sameTree)
 
 } // namespace
 
-bool Sample::readXml(FastXmlReader& reader, const Sample* previous)
+bool Sample::readXml(FastXmlReader& reader, SampleTreeTable* trees)
 {
     SampleData* data = new SampleData;
     QSharedDataPointer<SampleData> guard(data);
@@ -669,11 +788,12 @@ bool Sample::readXml(FastXmlReader& reader, const Sample* previous)
             reader.skipCurrentElement();
         } else if (reader.nameIs(QLatin1String("thread"))) {
             SampleThread thread;
-            bool sameTree = false;
-            if (!readThread(reader, &thread, &sameTree))
+            TreeRead tree;
+            if (!readThread(reader, &thread, &tree))
                 return false;
-            if (sameTree && !adoptTree(previous ? previous->d.constData() : nullptr, &thread)) {
-                reader.raiseError(sameTreeError(thread.tid));
+            const QString wrong = adoptTree(tree, trees ? trees->d : nullptr, &thread);
+            if (!wrong.isEmpty()) {
+                reader.raiseError(wrong);
                 return false;
             }
             data->insert(thread);
@@ -687,10 +807,12 @@ bool Sample::readXml(FastXmlReader& reader, const Sample* previous)
     if (reader.hasError())
         return false;
     d = guard;
+    if (trees)
+        trees->d->previous = d;
     return true;
 }
 
-bool Sample::readXml(QXmlStreamReader& reader, QString* error, const Sample* previous)
+bool Sample::readXml(QXmlStreamReader& reader, QString* error, SampleTreeTable* trees)
 {
     if (!reader.isStartElement() || reader.name() != QLatin1String("sample"))
         return fail(error, QStringLiteral("expected a sample element"));
@@ -733,11 +855,12 @@ bool Sample::readXml(QXmlStreamReader& reader, QString* error, const Sample* pre
             reader.skipCurrentElement();
         } else if (reader.name() == QLatin1String("thread")) {
             SampleThread thread;
-            bool sameTree = false;
-            if (!readThread(reader, &thread, &sameTree, error))
+            TreeRead tree;
+            if (!readThread(reader, &thread, &tree, error))
                 return reader.hasError() ? fail(error, xmlReadError(reader, *error)) : false;
-            if (sameTree && !adoptTree(previous ? previous->d.constData() : nullptr, &thread))
-                return fail(error, sameTreeError(thread.tid));
+            const QString wrong = adoptTree(tree, trees ? trees->d : nullptr, &thread);
+            if (!wrong.isEmpty())
+                return fail(error, wrong);
             data->insert(thread);
         } else if (reader.name() == QLatin1String("histogram")) {
             if (!data->histogram.readXml(reader, error))
@@ -754,6 +877,8 @@ bool Sample::readXml(QXmlStreamReader& reader, QString* error, const Sample* pre
     if (reader.hasError())
         return fail(error, xmlReadError(reader, QString()));
     d = guard;
+    if (trees)
+        trees->d->previous = d;
     return true;
 }
 

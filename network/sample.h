@@ -24,6 +24,31 @@ class GpuProfilePSVModelItem;
 class ZORPSVModelItem;
 class SampleData;
 
+// The trees of one list of samples in its wire form, numbered in the order
+// they are written: a tree that is one written before, or equal to one in
+// everything that travels, is named by its number ("ref"). At 1,000 samples
+// a run has far fewer distinct trees, and every one of them costs the
+// reader a tree of nodes. One table serves one list: written into one
+// buffer, or read from one reader.
+class SampleTreeTable
+{
+public:
+    SampleTreeTable();
+    ~SampleTreeTable();
+    SampleTreeTable(const SampleTreeTable&) = delete;
+    SampleTreeTable& operator=(const SampleTreeTable&) = delete;
+
+    // Written or read whole, and named by number.
+    int trees() const;
+    int references() const;
+
+    struct Data;
+
+private:
+    friend class Sample;
+    Data* d;
+};
+
 // Where a thread ran; the same for all threads of one process.
 struct ThreadContext
 {
@@ -112,15 +137,15 @@ public:
     SampleHistogram histogram() const;
 
     // Wire form: a "sample" element. readXml expects the reader on its start
-    // and replaces the whole content of this sample. In a list of samples,
-    // a thread whose tree is the one of the sample written before it
-    // (`previous`, as a repeated sample's is) names it instead of writing
-    // it again; the reader, given the sample read before, shares that tree.
+    // and replaces the whole content of this sample. In a list of samples
+    // written and read with one table of trees, a thread whose tree came
+    // before in the list names it instead of writing it again, and the
+    // reader shares that tree again.
     void writeXml(QXmlStreamWriter& writer) const;
-    void writeXml(XmlWriter& writer, const Sample* previous = nullptr) const;
-    bool readXml(QXmlStreamReader& reader, QString* error, const Sample* previous = nullptr);
+    void writeXml(XmlWriter& writer, SampleTreeTable* trees = nullptr) const;
+    bool readXml(QXmlStreamReader& reader, QString* error, SampleTreeTable* trees = nullptr);
     // The same with our own reader, which stops at anything it doesn't know.
-    bool readXml(FastXmlReader& reader, const Sample* previous = nullptr);
+    bool readXml(FastXmlReader& reader, SampleTreeTable* trees = nullptr);
 
     // Equal in everything that travels in the wire form.
     bool operator==(const Sample& other) const;

@@ -14,8 +14,10 @@
 namespace ResultFile {
 
 // 2: a repeated sample's trees are written once (a thread's "sameTree").
-// Files of version 1 read as they always did.
-const quint32 Version = 2;
+// 3: every tree of a rank's samples is written once; a thread whose tree
+//    came before names its number (a tree's "ref").
+// Files of older versions read as they always did.
+const quint32 Version = 3;
 
 } // namespace ResultFile
 
@@ -107,9 +109,10 @@ bool readRank(QXmlStreamReader& r, RankResult* rank, QString* error)
             if (!readResponse(r, &rank->endMetrics, error))
                 return false;
         } else if (name == QLatin1String("samples")) {
+            SampleTreeTable trees;
             while (r.readNextStartElement()) {
                 Sample sample;
-                if (!sample.readXml(r, error, rank->samples.isEmpty() ? nullptr : &rank->samples.last()))
+                if (!sample.readXml(r, error, &trees))
                     return false;
                 rank->samples.append(sample);
             }
@@ -120,15 +123,13 @@ bool readRank(QXmlStreamReader& r, RankResult* rank, QString* error)
     return true;
 }
 
-QByteArray samplesXml(const QList<Sample>& samples)
+QByteArray samplesXml(const QList<Sample>& samples, SampleTreeTable* trees)
 {
     QByteArray xml;
     XmlWriter out(&xml);
-    const Sample* previous = nullptr;
-    for (const Sample& sample : samples) {
-        sample.writeXml(out, previous);
-        previous = &sample;
-    }
+    SampleTreeTable own;
+    for (const Sample& sample : samples)
+        sample.writeXml(out, trees ? trees : &own);
     return xml;
 }
 
@@ -263,9 +264,9 @@ QString RunInfo::commandLine() const
     return words.join(QLatin1Char(' '));
 }
 
-ResultFile::EncodedSamples ResultFile::encodeSamples(const QList<Sample>& samples)
+ResultFile::EncodedSamples ResultFile::encodeSamples(const QList<Sample>& samples, SampleTreeTable* trees)
 {
-    return deflatePiece(samplesXml(samples), false);
+    return deflatePiece(samplesXml(samples, trees), false);
 }
 
 ResultFile::EncodedSamples ResultFile::join(const QList<EncodedSamples>& pieces)

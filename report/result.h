@@ -71,9 +71,13 @@ struct EncodedSamples
     quint32 adler = 1; // of the XML
     qint64 size = 0; // of the XML
 };
-EncodedSamples encodeSamples(const QList<Sample>& samples);
-// Consecutive pieces as one: encodeSamples of a list cut into parts, joined
-// in order, holds the same XML as encodeSamples of the whole.
+// A list encoded in pieces shares one table of trees among them, so that
+// a tree names one of an earlier piece; without one, the piece is a list
+// of its own.
+EncodedSamples encodeSamples(const QList<Sample>& samples, SampleTreeTable* trees = nullptr);
+// Consecutive pieces as one: encodeSamples of a list cut into parts with
+// one table, joined in order, holds the same XML as encodeSamples of the
+// whole.
 EncodedSamples join(const QList<EncodedSamples>& pieces);
 
 // `samples` holds encodeSamples of each rank, in order; ranks beyond it are

@@ -181,7 +181,7 @@ SampleBlockResponse* plainBlock()
     auto block = new SampleBlockResponse(4, 2);
     block->setCollectingHistogramsFlag(true);
     block->addProfiledRanks(CompactSet<int>(QStringLiteral("0-3,9")));
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 4; ++i) {
         if (i == 2) {
             // A repeat of the sample before, with its trees.
             Sample* repeat = new Sample(*block->samples().last(), true);
@@ -195,7 +195,7 @@ SampleBlockResponse* plainBlock()
         sample->setMetric(QString::fromLatin1(METRIC_CPU_TIME_PERCENT), SampleValue(12.5 * i));
         ZORPSVModelItem* root = tree();
         ZORPSVModelItem* odd = new ZORPSVModelItem(
-            root, Position(QStringLiteral("operator<< <\"é\" & '中'>\tx"), QStringLiteral("/s p/ü.cc"), 9, -1));
+            root, Position(QStringLiteral("operator<< <\"é\" & '中'>\tx"), QStringLiteral("/s p/ü.cc"), i == 3 ? 10 : 9, -1));
         odd->addThreads(0, 2, true, true);
         odd->addThreads(5, 1, false, false);
         odd->addThreads(6, 1, false, false);
@@ -235,15 +235,19 @@ TEST(Responses, OurReaderReadsBlocksOfSamplesAsQtsDoesAndLeavesItTheRest)
     ASSERT_TRUE(qts) << qPrintable(error);
     EXPECT_EQ(message.response->toString(), qts->toString());
     EXPECT_EQ(message.response->toString(), plain->toString());
-    // The repeat's tree travels once and is shared again on arrival; the
-    // sample before it, alike but not a copy, has a tree of its own.
-    EXPECT_EQ(xml.count("<tree"), 2);
+    // Equal trees travel once and are shared again on arrival: the repeat's
+    // and that of the sample before it, alike but not a copy. The last one
+    // differs in a line.
+    EXPECT_EQ(xml.count("<tree"), 4);
+    EXPECT_EQ(xml.count("<tree ref=\"0\"/>"), 2);
     for (const Response* response : { message.response.get(), qts.get() }) {
         const QList<Sample*>& read = static_cast<const SampleBlockResponse*>(response)->samples();
-        ASSERT_EQ(read.size(), 4);
-        EXPECT_NE(read[0]->psvModel(7), read[1]->psvModel(7));
+        ASSERT_EQ(read.size(), 5);
+        EXPECT_EQ(read[0]->psvModel(7), read[1]->psvModel(7));
         EXPECT_EQ(read[1]->psvModel(7), read[2]->psvModel(7));
-        EXPECT_TRUE(*read[2] == *plain->samples()[2]);
+        EXPECT_NE(read[2]->psvModel(7), read[3]->psvModel(7));
+        for (int i = 0; i < read.size(); ++i)
+            EXPECT_TRUE(*read[i] == *plain->samples()[i]) << i;
     }
 
     // Histograms and device trees are for Qt's reader, and still arrive.
@@ -269,6 +273,13 @@ TEST(Responses, OurReaderReadsBlocksOfSamplesAsQtsDoesAndLeavesItTheRest)
                             "file=\"a.c\" line=\"3\" processes=\"0=1\"/></tree></thread></sample>"
                             "</SampleBlockResponse></message>";
     ASSERT_TRUE(Message::readSampleBlock(good, &factory, &message, &error)) << qPrintable(error);
+    // A sample naming the tree of the one before, as files of version 2 do.
+    QByteArray older = good;
+    older.replace("</sample>", "</sample><sample rank=\"0\"><thread tid=\"1\" type=\"0\" cpu=\"2\" sameTree=\"yes\"/></sample>");
+    ASSERT_TRUE(Message::readSampleBlock(older, &factory, &message, &error)) << qPrintable(error);
+    const QList<Sample*>& two = static_cast<const SampleBlockResponse*>(message.response.get())->samples();
+    ASSERT_EQ(two.size(), 2);
+    EXPECT_TRUE(two[1]->psvModel(1) && two[1]->psvModel(1) == two[0]->psvModel(1));
     const struct
     {
         const char* from;
@@ -298,8 +309,12 @@ TEST(Responses, OurReaderReadsBlocksOfSamplesAsQtsDoesAndLeavesItTheRest)
         { "t=\"5\"", "t=\"soon\"", false },
         { "<sample ", "<x:sample ", false },
         { "</tree>", "", false },
-        // The tree of a sample before it, where there is none.
+        // The tree of a sample before it, where there is none, and trees
+        // that came nowhere before.
         { "cpu=\"2\">", "cpu=\"2\" sameTree=\"yes\">", false },
+        { "<tree processes", "<tree ref=\"0\"/><tree processes", false },
+        { "<tree processes", "<tree ref=\"-1\"/><tree processes", false },
+        { "<tree processes", "<tree ref=\"zero\"/><tree processes", false },
     };
     for (const auto& c : cases) {
         QByteArray text = good;

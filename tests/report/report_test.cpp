@@ -70,11 +70,14 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     EXPECT_LT(data.size(), 20000);
 
     // Samples compressed in pieces as they come, an empty one among them,
-    // and joined, are the same samples.
+    // and joined, are the same samples: the pieces' trees name those of the
+    // pieces before them.
     const QList<Sample>& samples = original.ranks[1].samples;
+    SampleTreeTable trees;
     const ResultFile::EncodedSamples joined = ResultFile::join(
-        {ResultFile::encodeSamples(samples.mid(0, 64)), ResultFile::encodeSamples({}),
-         ResultFile::encodeSamples(samples.mid(64))});
+        {ResultFile::encodeSamples(samples.mid(0, 64), &trees), ResultFile::encodeSamples({}, &trees),
+         ResultFile::encodeSamples(samples.mid(64), &trees)});
+    EXPECT_GT(trees.references(), 0);
     Result fromPieces;
     ASSERT_TRUE(ResultFile::decode(ResultFile::encode(original, {ResultFile::encodeSamples(original.ranks[0].samples), joined}),
                                    QStringLiteral("r.zor"), &fromPieces, &error))
@@ -105,7 +108,7 @@ TEST(ResultFile, DamagedOrForeignFilesGetTheirOwnMessage)
           QStringLiteral("x.zor is truncated: %1 of its %2 bytes are there").arg(good.size() - 10).arg(good.size()).toStdString() },
         { "with bytes after its end", good + "xyz", "x.zor is damaged: 3 bytes follow its end" },
         { "with a changed byte", flipped, "x.zor is damaged: its checksum doesn't match" },
-        { "of another version", otherVersion, "x.zor is a zor result of format version 7; this zor reads versions 1 to 2" },
+        { "of another version", otherVersion, "x.zor is a zor result of format version 7; this zor reads versions 1 to 3" },
     };
     // Files of the first version still read.
     QByteArray firstVersion = good;
