@@ -938,11 +938,16 @@ SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPos
             result.function = index.functions[function].name;
             result.hasSymbol = !result.function.isEmpty();
             // Each inlined instance was called from the function around it.
+            // A caller that is itself inlined is named as the innermost
+            // one is, so that it reads alike wherever it stands in a stack.
             while (inlinedCallers && index.functions[function].inlined && index.functions[function].parent >= 0) {
                 const UnitIndex::Function& inlined = index.functions[function];
+                const UnitIndex::Function& around = index.functions[inlined.parent];
                 SymbolPosition caller;
-                caller.function = index.functions[inlined.parent].name;
+                caller.function = around.name;
                 caller.hasSymbol = !caller.function.isEmpty();
+                if (caller.hasSymbol && around.inlined && around.parent >= 0)
+                    caller.function += QLatin1String(" [inlined]");
                 caller.file = inlined.callFile;
                 caller.line = inlined.callLine;
                 inlinedCallers->append(caller);
