@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <typeinfo>
 #include <mutex>
 #include <new>
 #include <sys/mman.h>
@@ -921,6 +922,53 @@ void PSVModelItem::writeXml(XmlWriter& writer) const
         child->writeXml(writer);
         writer.endElement();
     }
+}
+
+bool PSVModelItem::extraWritesAlike(const PSVModelItem&) const
+{
+    return true;
+}
+
+bool PSVModelItem::writesAlike(const PSVModelItem& other) const
+{
+    if (this == &other)
+        return true;
+    if (typeid(*this) != typeid(other) || mChildCount != other.mChildCount || (mParent == nullptr) != (other.mParent == nullptr))
+        return false;
+    // As writeXml writes them: no position at the root, no line below 1.
+    if (mParent && mPosition != other.mPosition) {
+        const Position& a = *mPosition;
+        const Position& b = *other.mPosition;
+        if (a.function != b.function || a.file != b.file || std::max(a.line, 0) != std::max(b.line, 0))
+            return false;
+    }
+    const bool cuda = mHasExtra && !mExtra->cudaThreads.isEmpty();
+    if (cuda != (other.mHasExtra && !other.mExtra->cudaThreads.isEmpty())
+        || (cuda && mExtra->cudaThreads.toString() != other.mExtra->cudaThreads.toString()))
+        return false;
+    if (mCurrentGroup != other.mCurrentGroup || mUnexpectedStop != other.mUnexpectedStop
+        || !(mProcessThreads == other.mProcessThreads) || !extraWritesAlike(other))
+        return false;
+    PSVModelItem* const* mine = childPointers();
+    PSVModelItem* const* theirs = other.childPointers();
+    for (int i = 0; i < mChildCount; ++i) {
+        if (!mine[i]->writesAlike(*theirs[i]))
+            return false;
+    }
+    return true;
+}
+
+uint PSVModelItem::shapeHash() const
+{
+    // Kept positions are one copy each: trees alike share them, and those
+    // that name a position through another copy only hash apart.
+    quint64 hash = quint64(mChildCount) * 0x9E3779B97F4A7C15ULL;
+    if (mParent)
+        hash ^= quint64(reinterpret_cast<quintptr>(mPosition)) * 0xC2B2AE3D27D4EB4FULL;
+    PSVModelItem* const* children = childPointers();
+    for (int i = 0; i < mChildCount; ++i)
+        hash = (hash ^ children[i]->shapeHash()) * 0x100000001B3ULL + quint64(i);
+    return uint(hash ^ (hash >> 32));
 }
 
 bool PSVModelItem::readXml(QXmlStreamReader& reader, QString* error)

@@ -103,6 +103,13 @@ public:
     // Writes into an element that the caller has opened: the node's
     // attributes, its extra XML, then a "node" element per child.
     virtual void writeXml(XmlWriter& writer) const;
+    // Whether the tree below this node writes the same text as the one
+    // below other, told without writing either: node by node the same
+    // class, position, threads and marks, and the same shape. It may say
+    // no for trees whose texts agree, never yes for trees whose texts
+    // differ. A hash that is equal for trees it calls the same.
+    bool writesAlike(const PSVModelItem& other) const;
+    uint shapeHash() const;
     // Reads the element at which reader stands, through its end element.
     virtual bool readXml(QXmlStreamReader& reader, QString* error);
     virtual bool useXmlStreamReader() const;
@@ -117,6 +124,8 @@ public:
     virtual const QVariantMap* variables() const;
     virtual PSVModelItem* constructChild();
     virtual void writeExtraXml(XmlWriter& writer) const;
+    // Whether other, of this very class, writes the same extra XML.
+    virtual bool extraWritesAlike(const PSVModelItem& other) const;
     // Reads a child element other than "node". The default passes over it.
     virtual bool readExtraXml(QXmlStreamReader& reader, QString* error);
     virtual void extraMergePSVModelItem(const PSVModelItem& other, void* context);

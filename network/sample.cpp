@@ -101,8 +101,16 @@ struct SampleTreeTable::Data
         int number;
         QByteArray text;
     };
+    // The trees written whole, by their shape: most trees are found there
+    // without being written at all.
+    struct Shaped
+    {
+        int number;
+        const TreeHolder* holder;
+    };
     QHash<const TreeHolder*, int> byHolder;
     QVector<QExplicitlySharedDataPointer<TreeHolder>> held;
+    QMultiHash<uint, Shaped> byShape;
     QMultiHash<uint, Written> byText;
     // Reading: the trees read whole, by number, and the sample read last,
     // whose trees the files of version 2 name by "sameTree".
@@ -111,9 +119,19 @@ struct SampleTreeTable::Data
     int trees = 0;
     int references = 0;
 
+    // The number of an earlier tree that writes as holder's would, or -1.
+    int alike(const TreeHolder* holder, uint shape)
+    {
+        for (auto it = byShape.constFind(shape); it != byShape.constEnd() && it.key() == shape; ++it) {
+            if (it->holder->root->writesAlike(*holder->root))
+                return it->number;
+        }
+        return -1;
+    }
+
     // The number of an earlier tree equal to the text just written at
     // offset, or -1 after numbering this one.
-    int note(const QByteArray& bytes, int offset, const QExplicitlySharedDataPointer<TreeHolder>& holder)
+    int note(const QByteArray& bytes, int offset, const QExplicitlySharedDataPointer<TreeHolder>& holder, uint shape)
     {
         const int length = bytes.size() - offset;
         const char* text = bytes.constData() + offset;
@@ -125,10 +143,12 @@ struct SampleTreeTable::Data
                 break;
             }
         }
-        if (number >= 0)
+        if (number >= 0) {
             ++references;
-        else
+        } else {
+            byShape.insert(shape, Shaped{trees, holder.constData()});
             byText.insert(hash, Written{trees++, QByteArray(text, length)});
+        }
         byHolder.insert(holder.constData(), number >= 0 ? number : trees - 1);
         held.append(holder);
         return number;
@@ -519,18 +539,27 @@ void Sample::writeXml(XmlWriter& writer, SampleTreeTable* trees) const
             // most samples of a run have a tree that another one has too:
             // each travels once.
             int number = trees ? trees->d->byHolder.value(thread.tree.constData(), -1) : -1;
+            const uint shape = trees && number < 0 ? thread.tree->root->shapeHash() : 0;
+            if (trees && number < 0) {
+                number = trees->d->alike(thread.tree.constData(), shape);
+                if (number >= 0) {
+                    trees->d->byHolder.insert(thread.tree.constData(), number);
+                    trees->d->held.append(thread.tree);
+                    ++trees->d->references;
+                }
+            } else if (number >= 0) {
+                ++trees->d->references;
+            }
             if (number < 0) {
                 const int mark = writer.mark();
                 writer.startElement(QLatin1String("tree"));
                 thread.tree->root->writeXml(writer);
                 writer.endElement();
                 if (trees) {
-                    number = trees->d->note(writer.bytes(), mark, thread.tree);
+                    number = trees->d->note(writer.bytes(), mark, thread.tree, shape);
                     if (number >= 0)
                         writer.rewind(mark);
                 }
-            } else {
-                ++trees->d->references;
             }
             if (number >= 0) {
                 writer.startElement(QLatin1String("tree"));

@@ -302,6 +302,38 @@ void ZORPSVModelItem::writeExtraXml(XmlWriter& writer) const
     writeLineMetrics(writer, ELEMENT_MAIN_THREAD, own.mainThread);
 }
 
+namespace {
+
+// Bit for bit, as the same bits always print alike (0 and -0 don't).
+bool sameLineMetrics(const LineMetrics& a, const LineMetrics& b)
+{
+    if (a.values().size() != b.values().size())
+        return false;
+    for (auto x = a.values().constBegin(), y = b.values().constBegin(); x != a.values().constEnd(); ++x, ++y) {
+        const double u = x.value(), v = y.value();
+        if (x.key() != y.key() || std::memcmp(&u, &v, sizeof u) != 0)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool ZORPSVModelItem::extraWritesAlike(const PSVModelItem& otherItem) const
+{
+    // Of the same class, as the caller made sure. A placeholder can't be
+    // written at all.
+    const ZORPSVModelItem& other = static_cast<const ZORPSVModelItem&>(otherItem);
+    if (isPlaceholder() || other.isPlaceholder() || specialType() != other.specialType())
+        return false;
+    static const Counts none;
+    const Counts& a = countsIfAny() ? *countsIfAny() : none;
+    const Counts& b = other.countsIfAny() ? *other.countsIfAny() : none;
+    return a.samples == b.samples && a.selfSamples == b.selfSamples && a.mpiSamples == b.mpiSamples
+        && a.sleepingSamples == b.sleepingSamples && sameLineMetrics(a.activeCore, b.activeCore)
+        && sameLineMetrics(a.mainThread, b.mainThread);
+}
+
 bool ZORPSVModelItem::readXml(QXmlStreamReader& reader, QString* error)
 {
     // The base reads attributes without complaint; ours are checked here.

@@ -64,6 +64,7 @@ public:
     PSVModelItem* createChild(const Position& position) override;
     PSVModelItem* constructChild() override;
     void writeExtraXml(XmlWriter& writer) const override;
+    bool extraWritesAlike(const PSVModelItem& other) const override;
     bool readExtraXml(QXmlStreamReader& reader, QString* error) override;
 
     using PSVModelItem::findChild;

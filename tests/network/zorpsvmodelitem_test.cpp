@@ -5,6 +5,7 @@
 
 #include <QXmlStreamReader>
 
+#include <functional>
 #include <memory>
 
 namespace {
@@ -152,4 +153,89 @@ TEST(ZORPSVModelItem, DetectsTheOpenMpRuntimeOfATree)
         new ZORPSVModelItem(new ZORPSVModelItem(&root, at("main")), Position(QString::fromLatin1(c.first)));
         EXPECT_EQ(root.detectOmpRuntime(), c.second) << c.first;
     }
+}
+
+// Trees that writesAlike calls the same write the same text, and hash
+// alike; trees that write differently are never called the same. Each
+// case changes one thing that the text tells, or doesn't.
+TEST(ZORPSVModelItem, TreesThatWriteAlikeAreToldWithoutWriting)
+{
+    using Change = std::function<void(ZORPSVModelItem&, ZORPSVModelItem&, ZORPSVModelItem&)>;
+    const Change none = [](ZORPSVModelItem&, ZORPSVModelItem&, ZORPSVModelItem&) {};
+    // root -> main -> solve and report; solve has counts and a metric.
+    const auto build = [](const Position& solvePosition, const Change& change) {
+        auto* root = new ZORPSVModelItem;
+        root->addThread(0, false, false);
+        auto* main = new ZORPSVModelItem(root, at("main"));
+        main->addThread(0, false, false);
+        main->setSpecial(ZORPSVModelItem::specialMainFrame);
+        auto* solve = new ZORPSVModelItem(main, solvePosition);
+        solve->addThreads(0, 2, false, false);
+        solve->addSampleCounts(1, 1, 0, 0);
+        LineMetrics metrics;
+        metrics.set(QStringLiteral("instr_fp"), 0.0);
+        solve->mergeActiveCoreLineMetrics(metrics);
+        auto* report = new ZORPSVModelItem(main, at("report", 30));
+        report->addThread(0, false, false);
+        change(*main, *solve, *report);
+        return std::unique_ptr<ZORPSVModelItem>(root);
+    };
+    const Position solve = at("solve", 20);
+    const struct
+    {
+        const char* what;
+        Position solvePosition;
+        Change change;
+        bool alike; // what writesAlike must say
+        bool sameText;
+    } cases[] = {
+        {"nothing", solve, none, true, true},
+        // Another kept position, which writes as the first does.
+        {"a column, which isn't written", Position(QStringLiteral("solve"), QStringLiteral("/src/app.c"), 20, 7), none,
+         true, true},
+        {"a line", at("solve", 21), none, false, false},
+        {"a function", at("solver", 20), none, false, false},
+        {"a file", Position(QStringLiteral("solve"), QStringLiteral("/src/b.c"), 20, -1), none, false, false},
+        {"threads", solve, [](ZORPSVModelItem&, ZORPSVModelItem& s, ZORPSVModelItem&) { s.addThread(0, false, false); },
+         false, false},
+        {"another process", solve, [](ZORPSVModelItem&, ZORPSVModelItem& s, ZORPSVModelItem&) { s.addThread(3, false, false); },
+         false, false},
+        {"the current group", solve, [](ZORPSVModelItem&, ZORPSVModelItem&, ZORPSVModelItem& r) { r.addThreads(0, 0, true, false); },
+         false, false},
+        {"an unexpected stop", solve,
+         [](ZORPSVModelItem&, ZORPSVModelItem&, ZORPSVModelItem& r) { r.addThreads(0, 0, false, true); }, false, false},
+        {"CUDA threads", solve, [](ZORPSVModelItem&, ZORPSVModelItem&, ZORPSVModelItem& r) { r.addCudaThreads(0, 1, 1, false, false); },
+         false, false},
+        {"a special node", solve,
+         [](ZORPSVModelItem& m, ZORPSVModelItem&, ZORPSVModelItem&) { m.setSpecial(ZORPSVModelItem::specialNone); }, false, false},
+        {"counts", solve, [](ZORPSVModelItem&, ZORPSVModelItem& s, ZORPSVModelItem&) { s.addSampleCounts(0, 0, 0, 1); }, false,
+         false},
+        {"a metric of -0", solve,
+         [](ZORPSVModelItem&, ZORPSVModelItem& s, ZORPSVModelItem&) {
+             LineMetrics negative;
+             negative.set(QStringLiteral("instr_fp"), -0.0);
+             s.mergeMainThreadLineMetrics(negative);
+         },
+         false, false},
+        {"a child more", solve,
+         [](ZORPSVModelItem&, ZORPSVModelItem&, ZORPSVModelItem& r) { (new ZORPSVModelItem(&r, at("write", 40)))->addThread(0, false, false); },
+         false, false},
+        {"children in another order", solve,
+         [](ZORPSVModelItem& m, ZORPSVModelItem& s, ZORPSVModelItem&) {
+             s.detach();
+             m.addChild(&s);
+         },
+         false, false},
+    };
+    const std::unique_ptr<ZORPSVModelItem> base = build(solve, none);
+    for (const auto& c : cases) {
+        const std::unique_ptr<ZORPSVModelItem> changed = build(c.solvePosition, c.change);
+        EXPECT_EQ(changed->writesAlike(*base), c.alike) << c.what;
+        EXPECT_EQ(base->writesAlike(*changed), c.alike) << c.what;
+        // The texts themselves, so that a case that writes alike by mistake
+        // can't pass for one that doesn't.
+        EXPECT_EQ(embed(*changed) == embed(*base), c.sameText) << c.what;
+    }
+    // Trees made alike, of the same kept positions, hash alike.
+    EXPECT_EQ(build(solve, none)->shapeHash(), base->shapeHash());
 }
