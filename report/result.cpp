@@ -9,6 +9,7 @@
 
 #include <zlib.h>
 
+#include "xmlreading.h"
 #include "xmlwriting.h"
 
 namespace ResultFile {
@@ -95,7 +96,48 @@ bool readResponse(QXmlStreamReader& r, Response* response, QString* error)
     return false;
 }
 
-bool readRank(QXmlStreamReader& r, RankResult* rank, QString* error)
+// The samples of each rank, the bulk of a result, read with our own reader:
+// what lies between "<samples>" and "</samples>" (a '<' in a name or a
+// value is always escaped, so these bytes are the tags) is read as a
+// document of its own and left out of `rest`, which Qt's reader reads.
+// False where our reader doesn't take a rank's samples (histograms, device
+// trees): Qt's reader then reads it all.
+bool readSamplesFast(const QByteArray& xml, QByteArray* rest, QList<QList<Sample>>* ranks)
+{
+    static const QByteArray open("<samples>");
+    static const QByteArray close("</samples>");
+    rest->clear();
+    int from = 0;
+    for (int start = xml.indexOf(open); start >= 0; start = xml.indexOf(open, from)) {
+        const int content = start + open.size();
+        const int end = xml.indexOf(close, content);
+        if (end < 0)
+            return false;
+        const QByteArray element = QByteArray::fromRawData(xml.constData() + start, end + close.size() - start);
+        FastXmlReader reader(element);
+        if (!reader.readNextStartElement())
+            return false;
+        QList<Sample> samples;
+        SampleTreeTable trees;
+        while (reader.readNextStartElement()) {
+            Sample sample;
+            if (!reader.nameIs(QLatin1String("sample")) || !sample.readXml(reader, &trees))
+                return false;
+            samples.append(sample);
+        }
+        if (reader.hasError() || !reader.atDocumentEnd())
+            return false;
+        ranks->append(samples);
+        rest->append(xml.constData() + from, content - from);
+        from = end;
+    }
+    rest->append(xml.constData() + from, xml.size() - from);
+    return true;
+}
+
+// `fast`: the ranks' samples read ahead, in order, or null; `taken` counts
+// those used.
+bool readRank(QXmlStreamReader& r, RankResult* rank, QString* error, const QList<QList<Sample>>* fast, int* taken)
 {
     while (r.readNextStartElement()) {
         const QStringRef name = r.name();
@@ -108,6 +150,11 @@ bool readRank(QXmlStreamReader& r, RankResult* rank, QString* error)
         } else if (name == rank->endMetrics.elementName()) {
             if (!readResponse(r, &rank->endMetrics, error))
                 return false;
+        } else if (name == QLatin1String("samples") && fast) {
+            r.skipCurrentElement();
+            if (*taken < fast->size())
+                rank->samples = fast->at(*taken);
+            ++*taken;
         } else if (name == QLatin1String("samples")) {
             SampleTreeTable trees;
             while (r.readNextStartElement()) {
@@ -213,8 +260,11 @@ QByteArray bodyOf(const Result& result, const QList<ResultFile::EncodedSamples>&
     return body;
 }
 
-bool parseBody(const QByteArray& xml, Result* result, QString* error)
+bool parseBody(const QByteArray& xml, Result* result, QString* error, const QList<QList<Sample>>* fast = nullptr)
 {
+    // Each rank's samples may have been read ahead, with nothing of them
+    // left in xml.
+    int taken = 0;
     QXmlStreamReader r(xml);
     if (!r.readNextStartElement() || r.name() != RootElement) {
         *error = QStringLiteral("no result inside");
@@ -228,7 +278,7 @@ bool parseBody(const QByteArray& xml, Result* result, QString* error)
             haveRun = true;
         } else if (r.name() == QLatin1String("rank")) {
             RankResult rank;
-            if (!readRank(r, &rank, error))
+            if (!readRank(r, &rank, error, fast, &taken))
                 return false;
             result->ranks.append(rank);
         } else {
@@ -241,6 +291,10 @@ bool parseBody(const QByteArray& xml, Result* result, QString* error)
     }
     if (!haveRun) {
         *error = QStringLiteral("the run's description is missing");
+        return false;
+    }
+    if (fast && taken != fast->size()) {
+        *error = QStringLiteral("the samples read ahead don't match the ranks");
         return false;
     }
     return true;
@@ -337,6 +391,15 @@ bool ResultFile::decode(const QByteArray& data, const QString& name, Result* res
     const QByteArray xml = qUncompress(body);
     QString reason;
     Result read;
+    // Our own reader for the samples, which are nearly all of it; Qt's for
+    // the rest, and for all of it where ours doesn't take something.
+    QByteArray rest;
+    QList<QList<Sample>> fast;
+    if (!xml.isEmpty() && readSamplesFast(xml, &rest, &fast) && parseBody(rest, &read, &reason, &fast)) {
+        *result = read;
+        return true;
+    }
+    read = Result();
     if (xml.isEmpty() || !parseBody(xml, &read, &reason)) {
         *error = QStringLiteral("%1 is damaged: %2").arg(name, xml.isEmpty() ? QStringLiteral("it doesn't uncompress") : reason);
         return false;

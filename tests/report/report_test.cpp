@@ -8,6 +8,7 @@
 
 #include "constants.h"
 #include "foldedstacks.h"
+#include "gpuprofilepsvmodelitem.h"
 #include "htmlreport.h"
 #include "profile.h"
 #include "resultbuilder.h"
@@ -83,6 +84,16 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
                                    QStringLiteral("r.zor"), &fromPieces, &error))
         << qPrintable(error);
     EXPECT_EQ(ResultFile::encode(fromPieces), data);
+
+    // A sample with a device tree, which only Qt's reader reads: the whole
+    // result is read that way, and still whole.
+    Result withDevice = original;
+    withDevice.ranks[1].samples[3].setGpuPsvModel(new GpuProfilePSVModelItem);
+    const QByteArray deviceData = ResultFile::encode(withDevice);
+    Result deviceRead;
+    ASSERT_TRUE(ResultFile::decode(deviceData, QStringLiteral("r.zor"), &deviceRead, &error)) << qPrintable(error);
+    EXPECT_EQ(ResultFile::encode(deviceRead), deviceData);
+    EXPECT_TRUE(deviceRead.ranks[1].samples[3].gpuPsvModel());
 }
 
 TEST(ResultFile, DamagedOrForeignFilesGetTheirOwnMessage)
