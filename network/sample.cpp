@@ -119,14 +119,26 @@ struct SampleTreeTable::Data
     int trees = 0;
     int references = 0;
 
-    // The number of an earlier tree that writes as holder's would, or -1.
-    int alike(const TreeHolder* holder, uint shape)
+    // The number of a tree written before that is holder's, or writes as
+    // holder's would, counted as a reference; or -1, with holder's shape.
+    int find(const QExplicitlySharedDataPointer<TreeHolder>& holder, uint* shape)
     {
-        for (auto it = byShape.constFind(shape); it != byShape.constEnd() && it.key() == shape; ++it) {
-            if (it->holder->root->writesAlike(*holder->root))
-                return it->number;
+        int number = byHolder.value(holder.constData(), -1);
+        if (number < 0) {
+            *shape = holder->root->shapeHash();
+            for (auto it = byShape.constFind(*shape); it != byShape.constEnd() && it.key() == *shape; ++it) {
+                if (it->holder->root->writesAlike(*holder->root)) {
+                    number = it->number;
+                    break;
+                }
+            }
+            if (number < 0)
+                return -1;
+            byHolder.insert(holder.constData(), number);
+            held.append(holder);
         }
-        return -1;
+        ++references;
+        return number;
     }
 
     // The number of an earlier tree equal to the text just written at
@@ -538,18 +550,8 @@ void Sample::writeXml(XmlWriter& writer, SampleTreeTable* trees) const
             // A repeated sample shares its trees with the one before it, and
             // most samples of a run have a tree that another one has too:
             // each travels once.
-            int number = trees ? trees->d->byHolder.value(thread.tree.constData(), -1) : -1;
-            const uint shape = trees && number < 0 ? thread.tree->root->shapeHash() : 0;
-            if (trees && number < 0) {
-                number = trees->d->alike(thread.tree.constData(), shape);
-                if (number >= 0) {
-                    trees->d->byHolder.insert(thread.tree.constData(), number);
-                    trees->d->held.append(thread.tree);
-                    ++trees->d->references;
-                }
-            } else if (number >= 0) {
-                ++trees->d->references;
-            }
+            uint shape = 0;
+            int number = trees ? trees->d->find(thread.tree, &shape) : -1;
             if (number < 0) {
                 const int mark = writer.mark();
                 writer.startElement(QLatin1String("tree"));
