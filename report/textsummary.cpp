@@ -401,10 +401,16 @@ QString textSummary(const Profile& profile, int top)
     if (functions.isEmpty())
         out << QStringLiteral("  (no samples with a call stack)");
     // Code without symbols, all of a library's in one line, is worth naming.
-    quint64 unnamedNs = 0;
+    // Code outside any file was made as the program ran: symbols of no
+    // package name it, its runtime's map does.
+    quint64 unnamedNs = 0, generatedNs = 0;
     QStringList unnamedIn;
     static const QString unknown = QLatin1String(ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION);
     for (const FunctionFigure& f : profile.functions()) {
+        if (f.function == unknown) {
+            generatedNs += f.selfNs;
+            continue;
+        }
         if (!f.function.startsWith(unknown))
             continue;
         unnamedNs += f.selfNs;
@@ -419,6 +425,14 @@ QString textSummary(const Profile& profile, int top)
                                         "Debian, a -dbgsym or -dbg package) would name its functions and lines.")
                              .arg(formatPercent(unnamedNs, cpu))
                              .arg(where),
+                         QStringLiteral("  "));
+    }
+    if (generatedNs * 10 >= profile.cpuNs() && generatedNs > 0) {
+        out << wrapWords(QStringLiteral("%1 of the CPU time is in code outside any file, made as the program ran (by a "
+                                        "JIT compiler, for instance). A runtime that writes /tmp/perf-PID.map gets it "
+                                        "named: Java with -XX:+UnlockDiagnosticVMOptions -XX:+DumpPerfMapAtExit, "
+                                        "Node.js with --perf-basic-prof.")
+                             .arg(formatPercent(generatedNs, cpu)),
                          QStringLiteral("  "));
     }
 

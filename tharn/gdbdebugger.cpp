@@ -484,6 +484,7 @@ void GdbDebugger::readThreadsAndPid()
         const int pid = group.second.str(QStringLiteral("pid")).toInt();
         if (pid > 0) {
             mTargetPid = pid;
+            mRuntimeCode = RuntimeCodeMap::ofProcess(pid, RuntimeCodeMap::processStart(pid));
             break;
         }
     }
@@ -909,12 +910,23 @@ PositionResponse* GdbDebugger::positionOfAddress(unsigned long long address, int
     if (mSymbolsStale)
         refreshSymbols();
     QList<SymbolPosition> callers;
-    const SymbolPosition where = mSymbols.position(address, &callers);
+    SymbolPosition where = mSymbols.position(address, &callers);
+    if (!where.hasSymbol && !inMappedFile(address) && mRuntimeCode.name(address, &where.function))
+        where.hasSymbol = true;
     if (inlinedCallers) {
         for (const SymbolPosition& caller : callers)
             inlinedCallers->append(new PositionResponse(caller.function, caller.file, caller.line, caller.hasSymbol));
     }
     return new PositionResponse(where.function, where.file, where.line, where.hasSymbol);
+}
+
+bool GdbDebugger::inMappedFile(unsigned long long address) const
+{
+    for (const SharedLibrary& file : mSymbols.libraries()) {
+        if (file.isRangeKnown() && file.start() <= address && address < file.end())
+            return true;
+    }
+    return false;
 }
 
 PositionResponse* GdbDebugger::positionOfFunction(const QString& name)

@@ -19,6 +19,7 @@
 
 #include "debugger.h"
 #include "miparser.h"
+#include "runtimecodemap.h"
 #include "symboldisassembler.h"
 #include "symboltable.h"
 
@@ -143,6 +144,8 @@ private:
     void handleAsync(const MiRecord& record, Answer* answer);
     void readThreadsAndPid();
     void refreshSymbols();
+    // Whether `address` lies in one of the files mapped into the program.
+    bool inMappedFile(unsigned long long address) const;
     void readOwnLibrarySymbols();
     void watchTarget();
     void noteTargetGone(const QString& status);
@@ -192,6 +195,8 @@ private:
     SymbolDisassembler mDisassembler;
     bool mSymbolsStale = true;
     QList<SharedLibrary> mKeptLibraries;
+    // Code the program made as it ran, named by the map its runtime wrote.
+    RuntimeCodeMap mRuntimeCode;
 };
 
 #endif

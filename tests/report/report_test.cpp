@@ -304,6 +304,17 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
                                   "The program waited for programs that it started through 75.0% of the run",
                                   "(in __waitpid)", "code without symbols (sh)" })
         EXPECT_TRUE(waits.contains(QLatin1String(expected))) << expected << "\n" << qPrintable(waits);
+
+    // Code that a JIT compiler made lies in no file: no package's symbols
+    // would name it, its runtime's map would.
+    Result jit = exampleResult(0);
+    RankResult jitRank = exampleRank(0, 0);
+    for (int i = 0; i < 4; ++i)
+        jitRank.samples << makeSample(0, 10 * i, { { 1, Sample::MainThread, 1000, { "main", i ? "<unknown>" : "interpret" } } });
+    jit.ranks << jitRank;
+    const QString made = textSummary(Profile(jit), 5);
+    EXPECT_TRUE(made.contains(QLatin1String("75.0% of the CPU time is in code outside any file"))) << qPrintable(made);
+    EXPECT_FALSE(made.contains(QLatin1String("Debug symbols"))) << qPrintable(made);
 }
 
 TEST(Reports, LongCppNamesKeepWhatTellsThemApart)

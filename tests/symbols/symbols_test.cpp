@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "instructioncache.h"
+#include "runtimecodemap.h"
 #include "symboldisassembler.h"
 #include "symboltable.h"
 
@@ -371,6 +372,62 @@ TEST(DebugFiles, NamesInTheFileThatDwzSharedAreReadThere)
         EXPECT_EQ(position.line, 3);
     }
     qputenv("ZOR_DEBUG_CACHE", setting);
+}
+
+// The map a JIT compiler writes for profilers: later code takes the place of
+// earlier code it overlaps, lines that aren't pieces of code are left out,
+// and a map older than the process is one of an earlier process.
+TEST(RuntimeCodeMap, PiecesOfCodeByAddress)
+{
+    const QByteArray text = "0x1000 0x100 long Work.fib(int)\n"
+                            "2000 80 Interpreter\n"
+                            "2040 10 stub that replaced the middle\n"
+                            "zz 10 not a number\n"
+                            "3000 0 empty\n"
+                            "4000 10\n"
+                            "  5000 10   trimmed name  \n";
+    const std::map<unsigned long long, RuntimeCodeMap::Code> code = RuntimeCodeMap::parse(text);
+    QStringList pieces;
+    for (const auto& piece : code)
+        pieces << QStringLiteral("%1-%2 %3").arg(piece.first, 0, 16).arg(piece.second.end, 0, 16).arg(piece.second.name);
+    EXPECT_EQ(pieces.join(QLatin1String("; ")).toStdString(),
+              "1000-1100 long Work.fib(int); 2000-2040 Interpreter; 2040-2050 stub that replaced the middle; "
+              "2050-2080 Interpreter; 5000-5010 trimmed name");
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("perf-1.map"));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(text);
+    file.close();
+    RuntimeCodeMap map(path, QDateTime::currentDateTime().addSecs(-60));
+    const struct {
+        unsigned long long address;
+        const char* name;
+    } cases[] = { { 0xfff, nullptr }, { 0x1000, "long Work.fib(int)" }, { 0x10ff, "long Work.fib(int)" }, { 0x1100, nullptr },
+                  { 0x2045, "stub that replaced the middle" }, { 0x207f, "Interpreter" }, { 0x3000, nullptr } };
+    for (const auto& c : cases) {
+        QString name;
+        EXPECT_EQ(map.name(c.address, &name), c.name != nullptr) << std::hex << c.address;
+        if (c.name) {
+            EXPECT_EQ(name.toStdString(), c.name);
+        }
+    }
+    // Written again as the program runs: read again.
+    ASSERT_TRUE(file.open(QIODevice::Append));
+    file.write("3000 10 compiled later\n");
+    file.close();
+    QString name;
+    EXPECT_TRUE(map.name(0x3008, &name));
+    EXPECT_EQ(name, QStringLiteral("compiled later"));
+    RuntimeCodeMap stale(path, QDateTime::currentDateTime().addSecs(60));
+    EXPECT_FALSE(stale.name(0x1000, &name));
+    EXPECT_FALSE(RuntimeCodeMap::ofProcess(0x7ffffff, QDateTime()).name(0x1000, &name));
+    // This process started before now, and not long ago.
+    const QDateTime started = RuntimeCodeMap::processStart(int(getpid()));
+    ASSERT_TRUE(started.isValid());
+    EXPECT_LE(started, QDateTime::currentDateTime().addSecs(1));
+    EXPECT_GT(started, QDateTime::currentDateTime().addSecs(-3600));
 }
 
 TEST(SymbolDisassembler, KnownBytesInAttSyntax)

@@ -260,6 +260,26 @@ TEST_F(EndToEnd, InlinedFunctionIsANodeOfItsOwn)
     run.send(profilerCommand(CMD_ZOR_FINISH));
 }
 
+// Code made as the program ran has the names its map gives it, and only
+// while the map is of this process.
+TEST_F(EndToEnd, GeneratedCodeIsNamedByItsMap)
+{
+    HostRun run({ZOR_JIT, QStringLiteral("--seconds"), QStringLiteral("1")});
+    ASSERT_FALSE(run.hello.contains(QString::fromLatin1(HelloKeys::Error)));
+    const int target = run.pid(HelloKeys::TargetPid);
+    const Command playCommand = play();
+    const QList<Message> played = run.ask(playCommand);
+    QFile::remove(QStringLiteral("/tmp/perf-%1.map").arg(target));
+    const Message* answer = answerOf(played, playCommand);
+    ASSERT_TRUE(answer && answer->kind == Message::Reply) << (answer ? describe(*answer).toStdString() : "none");
+    const QMap<QString, int> leaves = profileOf(sendSamples(run, *answer)).leaves.value(target);
+    const int three = leaves.value(QStringLiteral("jit_loop_three")), one = leaves.value(QStringLiteral("jit_loop_one"));
+    EXPECT_GT(one, 10) << QStringList(leaves.keys()).join(QLatin1Char(' ')).toStdString();
+    EXPECT_GT(three, one * 2);
+    EXPECT_EQ(leaves.value(QLatin1String(ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION)), 0);
+    run.send(profilerCommand(CMD_ZOR_FINISH));
+}
+
 // Each ends with what was sampled, or a clear error, and leaves nothing.
 TEST_F(EndToEnd, ProgramsThatEndEarlyDieOrKeepRunning)
 {
