@@ -152,6 +152,7 @@ QJsonObject htmlReportData(const Profile& profile)
         o.insert(QStringLiteral("rank"), row.rank);
         o.insert(QStringLiteral("label"), row.label);
         o.insert(QStringLiteral("threads"), row.threads);
+        o.insert(QStringLiteral("tid"), row.tid);
         o.insert(QStringLiteral("cpuUs"), double(us(row.cpuNs)));
         o.insert(QStringLiteral("busy"), busy);
         rows.append(o);

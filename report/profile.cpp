@@ -318,18 +318,55 @@ QList<LineFigure> Profile::lines(int limit) const
 QList<ActivityRow> Profile::activity(int buckets, bool perRank) const
 {
     buckets = std::max(buckets, 1);
+    // The few threads that did most of a class's work (a pool's one busy
+    // thread, a JIT runtime's program thread among its helpers) would vanish
+    // in its average: each gets a row of its own.
+    QMap<QPair<int, QString>, QHash<QPair<int, int>, quint64>> classThreads;
+    for (const ThreadSample& s : mThreadSamples)
+        classThreads[qMakePair(perRank ? s.rank : -1, s.label)][qMakePair(s.rank, s.tid)] += s.cpuNs;
+    QSet<QPair<int, int>> standing;
+    const int MostStandingOut = 4;
+    for (const auto& threads : qAsConst(classThreads)) {
+        QSet<int> ranks;
+        quint64 classNs = 0;
+        QVector<QPair<quint64, QPair<int, int>>> byCpu;
+        for (auto it = threads.constBegin(); it != threads.constEnd(); ++it) {
+            ranks.insert(it.key().first);
+            classNs += it.value();
+            byCpu.append(qMakePair(it.value(), it.key()));
+        }
+        // A thread is told by its id within one process only.
+        if (threads.size() < 3 || ranks.size() > 1)
+            continue;
+        const double least = std::max(0.25 * double(mDurationMs) * 1e6, 3.0 * double(classNs) / threads.size());
+        std::sort(byCpu.begin(), byCpu.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+        for (int i = 0; i < byCpu.size() && i < MostStandingOut && i + 1 < byCpu.size(); ++i) {
+            if (double(byCpu[i].first) < least)
+                break;
+            standing.insert(byCpu[i].second);
+        }
+    }
+
     QMap<QPair<int, QString>, int> index;
     QList<ActivityRow> rows;
     QList<QSet<QPair<int, int>>> rowThreads;
     const double bucketMs = double(mDurationMs) / buckets;
     for (const ThreadSample& s : mThreadSamples) {
-        const QPair<int, QString> key(perRank ? s.rank : -1, s.label);
+        const bool alone = standing.contains(qMakePair(s.rank, s.tid));
+        QString label = s.label;
+        if (alone) {
+            if (label.endsWith(QLatin1String("threads")))
+                label.chop(1);
+            label += QStringLiteral(" %1").arg(s.tid);
+        }
+        const QPair<int, QString> key(perRank ? s.rank : -1, label);
         auto it = index.constFind(key);
         if (it == index.constEnd()) {
             it = index.insert(key, rows.size());
             ActivityRow row;
             row.rank = key.first;
-            row.label = s.label;
+            row.label = label;
+            row.tid = alone ? s.tid : 0;
             row.busy.fill(0.0, buckets);
             rows.append(row);
             rowThreads.append(QSet<QPair<int, int>>());

@@ -52,6 +52,8 @@ struct ActivityRow
     int rank = -1;
     QString label;
     int threads = 0;
+    // A thread that stood out of its class has a row of its own.
+    int tid = 0;
     quint64 cpuNs = 0;
     // Per stretch of the run, the share of the row's threads' time spent on
     // a processor, 0 to 1.

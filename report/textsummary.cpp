@@ -20,6 +20,12 @@ const int MostLabelWidth = 40;
 
 // Cuts text to `width` columns, marking the cut; `keepEnd` keeps the end,
 // which tells more of a path.
+// A class's row counts its threads; a thread's own row is named by its id.
+QString threadCount(const ActivityRow& row)
+{
+    return row.tid ? QString() : QStringLiteral(" (%1)").arg(row.threads);
+}
+
 QString fit(const QString& text, int width, bool keepEnd = false)
 {
     if (text.size() <= width)
@@ -455,7 +461,7 @@ QString textSummary(const Profile& profile, int top)
     QList<ActivityRow> rows = profile.activity(StripWidth, false);
     int labelWidth = LabelWidth;
     for (const ActivityRow& row : rows)
-        labelWidth = std::max(labelWidth, int(row.label.size() + QStringLiteral(" (%1)").arg(row.threads).size()));
+        labelWidth = std::max(labelWidth, int(row.label.size() + threadCount(row).size()));
     labelWidth = std::min(labelWidth, MostLabelWidth);
     const int stripWidth = StripWidth + LabelWidth - labelWidth;
     if (stripWidth != StripWidth)
@@ -474,7 +480,7 @@ QString textSummary(const Profile& profile, int top)
                 sum += busy;
             }
             // The count of threads stays when a long class name is cut.
-            const QString count = QStringLiteral(" (%1)").arg(row.threads);
+            const QString count = threadCount(row);
             out << QStringLiteral("  %1|%2|%3 busy")
                        .arg(fit(row.label, labelWidth - count.size()) + count, -labelWidth)
                        .arg(strip)

@@ -315,6 +315,24 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     const QString made = textSummary(Profile(jit), 5);
     EXPECT_TRUE(made.contains(QLatin1String("75.0% of the CPU time is in code outside any file"))) << qPrintable(made);
     EXPECT_FALSE(made.contains(QLatin1String("Debug symbols"))) << qPrintable(made);
+
+    // One busy thread among idle ones of its class has a strip of its own.
+    Result pool = exampleResult(0);
+    RankResult poolRank = exampleRank(0, 0);
+    for (int i = 0; i < 8; ++i) {
+        QList<ThreadSpec> threads = { { 1, Sample::MainThread, 1000, { "main" } } };
+        for (int tid = 2; tid < 7; ++tid)
+            threads.append({ tid, Sample::OtherThread, tid == 4 ? 100000000ULL : 10ULL, { "work" } });
+        poolRank.samples << makeSample(0, 10 * i, threads);
+    }
+    pool.ranks << poolRank;
+    QStringList rows;
+    for (const ActivityRow& row : Profile(pool).activity(10, false))
+        rows << QStringLiteral("%1/%2/%3").arg(row.label).arg(row.threads).arg(row.tid);
+    EXPECT_EQ(rows.join(QLatin1String("; ")), QStringLiteral("main thread/1/0; other thread 4/1/4; other threads/4/0"));
+    const QString strips = textSummary(Profile(pool), 5);
+    EXPECT_TRUE(strips.contains(QRegExp(QStringLiteral("other thread 4 +\\|")))) << qPrintable(strips);
+    EXPECT_TRUE(strips.contains(QLatin1String("other threads (4)"))) << qPrintable(strips);
 }
 
 TEST(Reports, LongCppNamesKeepWhatTellsThemApart)
