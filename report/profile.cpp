@@ -193,6 +193,8 @@ void Profile::build()
                     const InstructionQuery& query = sample.backendOnly_instruction(tid);
                     if (isInstruction(query.instruction))
                         mInstructionNs[qMakePair(query.instruction, query.implicitMemory)] += cpu;
+                    else if (query.instruction != QLatin1String("mpi") && query.instruction != QLatin1String("accel"))
+                        mUnreadInstructionNs += cpu;
                 }
                 if (sample.backendOnly_threadType(tid) == Sample::MainThread) {
                     QPair<int, int>& mpi = mMpi[rank.rank()];
@@ -404,6 +406,14 @@ QList<ActivityRow> Profile::activity(int buckets, bool perRank) const
     return rows;
 }
 
+double Profile::instructionsRead() const
+{
+    quint64 read = 0;
+    for (quint64 ns : mInstructionNs)
+        read += ns;
+    return read + mUnreadInstructionNs > 0 ? double(read) / double(read + mUnreadInstructionNs) : 0.0;
+}
+
 QList<InstructionClassShare> Profile::instructionMix() const
 {
     // The classes in the order in which an instruction of several goes to
@@ -429,7 +439,9 @@ QList<InstructionClassShare> Profile::instructionMix() const
         total += *it;
         mnemonicNs[QString::number(c) + QLatin1Char(' ') + it.key().first] += *it;
     }
-    if (total == 0)
+    // A mix of the few instructions that could be read (where the code lay
+    // in no file, or wasn't there to read) would not be the program's.
+    if (total == 0 || total * 10 < total + mUnreadInstructionNs)
         return {};
     for (auto it = mnemonicNs.constBegin(); it != mnemonicNs.constEnd(); ++it) {
         const int space = it.key().indexOf(QLatin1Char(' '));

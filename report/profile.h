@@ -111,6 +111,10 @@ public:
     // ones in none last; the shares add up to 100. Empty when the run has no
     // instructions.
     QList<InstructionClassShare> instructionMix() const;
+    // The share of the CPU time, out of MPI and accelerator waits, whose
+    // instruction was read; the mix is of it alone, and left empty under
+    // a tenth.
+    double instructionsRead() const;
     // Share of the main threads' samples that waited for a child process,
     // whose own work isn't sampled; `function` gets the function waited in.
     double childWaitShare(QString* function = nullptr) const;
@@ -146,6 +150,7 @@ private:
     QList<FunctionFigure> mFunctions;
     QList<LineFigure> mLines;
     QHash<QPair<QString, bool>, quint64> mInstructionNs; // CPU time by mnemonic and implicit memory
+    quint64 mUnreadInstructionNs = 0;
     QMap<int, QPair<int, int>> mMpi;        // rank to main-thread samples in MPI and in all
     QPair<int, int> mChildWait;             // main-thread samples waiting for a child, and all
     QString mChildWaitFunction;

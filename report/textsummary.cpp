@@ -499,7 +499,11 @@ QString textSummary(const Profile& profile, int top)
                         .arg(QStringList(share.examples.mid(0, none ? 3 : 2)).join(QLatin1String(", ")));
     }
     if (!mixItems.isEmpty())
-        out << QString() << QStringLiteral("Instruction mix: CPU time by the instruction that each thread was running")
+        out << QString()
+            << QStringLiteral("Instruction mix: CPU time by the instruction that each thread was running%1")
+                   .arg(profile.instructionsRead() < 0.9
+                            ? QStringLiteral(" (read for %1)").arg(formatPercent(profile.instructionsRead(), 1))
+                            : QString())
             << wrap(QStringLiteral("   "), mixItems);
 
     const QMap<int, double> mpi = profile.mpiShare();

@@ -310,11 +310,15 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     Result jit = exampleResult(0);
     RankResult jitRank = exampleRank(0, 0);
     for (int i = 0; i < 4; ++i)
-        jitRank.samples << makeSample(0, 10 * i, { { 1, Sample::MainThread, 1000, { "main", i ? "<unknown>" : "interpret" } } });
+        jitRank.samples << makeSample(0, 10 * i, { { 1, Sample::MainThread, 1000, { "main", i ? "<unknown>" : "interpret" }, false, i ? "" : "addq" } });
     jit.ranks << jitRank;
     const QString made = textSummary(Profile(jit), 5);
     EXPECT_TRUE(made.contains(QLatin1String("75.0% of the CPU time is in code outside any file"))) << qPrintable(made);
     EXPECT_FALSE(made.contains(QLatin1String("Debug symbols"))) << qPrintable(made);
+    // Its instructions can't be read: the mix is of the rest, and says so.
+    EXPECT_TRUE(made.contains(QLatin1String("each thread was running (read for 25.0%)"))) << qPrintable(made);
+    jit.ranks[0].samples[0] = makeSample(0, 0, { { 1, Sample::MainThread, 100, { "main", "interpret" } } });
+    EXPECT_FALSE(textSummary(Profile(jit), 5).contains(QLatin1String("Instruction mix")));
 
     // One busy thread among idle ones of its class has a strip of its own.
     Result pool = exampleResult(0);
