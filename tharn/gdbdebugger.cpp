@@ -834,7 +834,14 @@ QString GdbDebugger::evaluateExpression(const QString& expression)
 {
     if (mTargetGone)
         fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
-    const Answer answer = command(QStringLiteral("-data-evaluate-expression ") + miQuote(expression));
+    Answer answer = command(QStringLiteral("-data-evaluate-expression ") + miQuote(expression));
+    // A function of a file without debug information (a stripped library,
+    // as packages ship them, the sampler too) has no known return type, and
+    // gdb won't call it without one: the sampler's entry points return int,
+    // as C's undeclared functions did.
+    if (answer.result.className != QLatin1String("done")
+        && answer.result.results.str(QStringLiteral("msg")).contains(QLatin1String("has unknown return type")))
+        answer = command(QStringLiteral("-data-evaluate-expression ") + miQuote(QStringLiteral("(int)") + expression));
     const QString printed = answer.console + answer.events;
     if (answer.result.className == QLatin1String("done"))
         return printed + answer.result.results.str(QStringLiteral("value"));

@@ -240,4 +240,30 @@ TEST(GdbDebugger, DrivesARealProgram)
     EXPECT_TRUE(processGone(pid));
 }
 
+// A sampler without debug information, as a package ships it: its entry
+// points are still called and answer.
+TEST(GdbDebugger, CallsIntoAStrippedSampler)
+{
+    const QString problem = gdbCallProblem(QStringLiteral(ZOR_EXAMPLE));
+    if (!problem.isEmpty())
+        GTEST_SKIP() << problem.toStdString();
+    const QString strip = QStandardPaths::findExecutable(QStringLiteral("strip"));
+    ASSERT_FALSE(strip.isEmpty()) << "binutils' strip is needed to make a stripped sampler";
+    QTemporaryDir dir;
+    const QString stripped = dir.filePath(QStringLiteral("libquorvex-sampler.so"));
+    ASSERT_EQ(QProcess::execute(strip, {QStringLiteral("-o"), stripped, QStringLiteral(ZOR_SAMPLER_LIBRARY)}), 0);
+    GdbDebugger::Options options;
+    options.preload << stripped;
+    options.echoFds[0] = options.echoFds[1] = -1;
+    options.timeoutMs = 60000;
+    GdbDebugger debugger(options);
+    QString error;
+    ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
+        << error.toStdString();
+    EXPECT_NE(debugger.getAddressValue(QStringLiteral("&quorvex_init_sampler_now")), 0ULL);
+    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
+    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_set_GPUProfiler_configuration(0,0)")),
+              QStringLiteral("0"));
+}
+
 } // namespace
