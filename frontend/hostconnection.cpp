@@ -168,6 +168,7 @@ void HostConnection::handle(const Message& message)
         mTargetEndedAt.start();
         readExitStatus(message.values, &mExitCode, &mExitSignal);
         mChildrenCpuMs = message.values.value(QStringLiteral("childrenCpuMs"), -1).toLongLong();
+        mProcessCpuMs = message.values.value(QStringLiteral("processCpuMs"), -1).toLongLong();
         mExitStatusKnown = message.values.contains(QStringLiteral("exitCode"))
             || message.values.contains(QStringLiteral("signal"))
             || message.values.value(QStringLiteral("status")).toString().contains(

@@ -69,6 +69,7 @@ public:
     // CPU time of the processes that the program started and waited for;
     // -1 if not known.
     qint64 childrenCpuMs() const { return mChildrenCpuMs; }
+    qint64 processCpuMs() const { return mProcessCpuMs; }
     // Milliseconds since the program ended.
     qint64 msSinceTargetEnded() const { return mTargetEndedAt.isValid() ? mTargetEndedAt.elapsed() : 0; }
 
@@ -110,6 +111,7 @@ private:
     int mExitCode = 0;
     int mExitSignal = 0;
     qint64 mChildrenCpuMs = -1;
+    qint64 mProcessCpuMs = -1;
     QString mBroken;
 };
 

@@ -780,12 +780,19 @@ int ProfileRun::run()
     // Only the user's stop counts: a program that ends also ends a run.
     result.run.interrupted = mStopping;
     result.run.wallMs = duration;
+    // The programs' own CPU time, where every rank's is known and kept.
+    bool processCpuKnown = mOptions.selectedRanks.isEmpty();
+    qint64 processCpuMs = 0;
     for (HostConnection* host : qAsConst(mHosts)) {
+        processCpuKnown = processCpuKnown && host->processCpuMs() >= 0;
+        processCpuMs += std::max<qint64>(host->processCpuMs(), 0);
         if (host->targetEnded())
             result.run.programMs = std::max(result.run.programMs, mClock.elapsed() - host->msSinceTargetEnded());
         if (host->childrenCpuMs() >= 0)
             result.run.childrenCpuMs = std::max<qint64>(result.run.childrenCpuMs, 0) + host->childrenCpuMs();
     }
+    if (processCpuKnown && !mHosts.isEmpty())
+        result.run.processCpuMs = processCpuMs;
 
     // The same number of samples from every rank, on one time axis.
     Command send(QString::fromLatin1(CMD_ZOR_SEND_SAMPLES), QString::fromLatin1(XML_TARGET_PROFILER));

@@ -49,6 +49,8 @@ void writeRun(QXmlStreamWriter& w, const RunInfo& run)
         w.writeAttribute(QStringLiteral("programMs"), QString::number(run.programMs));
     if (run.childrenCpuMs >= 0)
         w.writeAttribute(QStringLiteral("childrenCpuMs"), QString::number(run.childrenCpuMs));
+    if (run.processCpuMs >= 0)
+        w.writeAttribute(QStringLiteral("processCpuMs"), QString::number(run.processCpuMs));
     for (const QString& argument : run.arguments)
         w.writeTextElement(QStringLiteral("arg"), argument);
     w.writeEndElement();
@@ -72,6 +74,10 @@ bool readRun(QXmlStreamReader& r, RunInfo* run, QString* error)
     run->childrenCpuMs = a.value(QLatin1String("childrenCpuMs")).toLongLong(&childrenKnown);
     if (!childrenKnown || run->childrenCpuMs < 0)
         run->childrenCpuMs = -1;
+    bool processKnown = false;
+    run->processCpuMs = a.value(QLatin1String("processCpuMs")).toLongLong(&processKnown);
+    if (!processKnown || run->processCpuMs < 0)
+        run->processCpuMs = -1;
     ok[4] = run->started.isValid();
     for (bool b : ok) {
         if (!b) {

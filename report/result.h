@@ -26,6 +26,9 @@ struct RunInfo
     // CPU time of the processes that the program started and waited for,
     // which zor doesn't sample; -1 if not known.
     qint64 childrenCpuMs = -1;
+    // CPU time of the program's processes as the ended processes tell it,
+    // whether sampled or not; -1 if not known.
+    qint64 processCpuMs = -1;
     int intervalMs = 20;
     int samplesPerProcess = 1000;
     int exitStatus = 0;

@@ -521,6 +521,11 @@ QString GdbDebugger::zombieStatus()
     const long perSecond = sysconf(_SC_CLK_TCK);
     if (user && system && perSecond > 0 && mChildrenCpuMs < 0)
         mChildrenCpuMs = ticks * 1000 / perSecond;
+    // Fields 14 and 15, its own, all its threads' together, those that
+    // ended long ago too: what the samples may have missed.
+    const qint64 own = fields.value(11).toLongLong(&user) + fields.value(12).toLongLong(&system);
+    if (user && system && perSecond > 0 && mProcessCpuMs < 0)
+        mProcessCpuMs = own * 1000 / perSecond;
     // Field 52 of the whole line, the 50th after the name.
     bool ok = false;
     const int code = fields.value(49).trimmed().toInt(&ok);

@@ -78,6 +78,8 @@ public:
     // CPU time of the processes that the ended program started and waited
     // for, in milliseconds; -1 if not known.
     qint64 childrenCpuMs() const { return mChildrenCpuMs; }
+    // The CPU time of the ended program, all its threads; -1 if not known.
+    qint64 processCpuMs() const { return mProcessCpuMs; }
     QString programPath() const { return mProgram.value(0); }
     // Asked before each reattach: whether the program is being stopped from
     // outside, so that it may spin while gdb attaches.
@@ -179,6 +181,7 @@ private:
     // CPU time of the processes that the program started and waited for,
     // read from the ended program; -1 if not known.
     qint64 mChildrenCpuMs = -1;
+    qint64 mProcessCpuMs = -1;
     QString mBoundaryIp;
     // The program's output, and its input, through descriptors that gdb
     // hands down to it: [0] standard output, [1] standard error, read here.

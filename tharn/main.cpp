@@ -195,6 +195,8 @@ int main(int argc, char** argv)
         QVariantMap values = {{QStringLiteral("status"), status}};
         if (debugger.childrenCpuMs() >= 0)
             values.insert(QStringLiteral("childrenCpuMs"), debugger.childrenCpuMs());
+        if (debugger.processCpuMs() >= 0)
+            values.insert(QStringLiteral("processCpuMs"), debugger.processCpuMs());
         stream.send(Message::forValues(Message::TargetExit, values));
         stream.flush();
         if (debugger.isDetached() && tharn.isTargetMonitoring())

@@ -39,6 +39,7 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     original.run.interrupted = true;
     original.run.programMs = 4000;
     original.run.childrenCpuMs = 2800;
+    original.run.processCpuMs = 9000;
     original.run.exitSignal = 11;
     original.run.arguments << QStringLiteral("it's quoted");
     MetricErrorMap errors;
@@ -60,6 +61,7 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     EXPECT_EQ(read.run.started, original.run.started);
     EXPECT_TRUE(read.run.interrupted);
     EXPECT_EQ(read.run.programMs, 4000);
+    EXPECT_EQ(read.run.processCpuMs, 9000);
     ASSERT_EQ(read.ranks.size(), 3);
     EXPECT_TRUE(read.ranks[2].samples.isEmpty());
     EXPECT_EQ(read.ranks[1].rank(), 1);
@@ -288,6 +290,14 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     const QString forked = textSummary(Profile(forks), 5);
     EXPECT_TRUE(forked.contains(QLatin1String("Processes that the program started used 2.80 s of CPU time beside its own")));
     EXPECT_TRUE(forked.contains(QLatin1String("The program was killed by signal 11 (Segmentation fault), exit status 139.")));
+    // Time that no sample saw, told where it is more than the sampler's own.
+    for (const qint64 processCpuMs : { 3700LL, 5100LL }) {
+        Result unseen = exampleResult(1);
+        unseen.run.processCpuMs = processCpuMs;
+        EXPECT_EQ(textSummary(Profile(unseen), 5).contains(QLatin1String("The program used 5.10 s of CPU time, 1.50 s of "
+                                                                         "it where no sample saw it")),
+                  processCpuMs == 5100);
+    }
 
     // A shell that waits for the program doing the work, in code without symbols.
     Result shell = exampleResult(0);
