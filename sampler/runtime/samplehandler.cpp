@@ -59,8 +59,10 @@ bool freshOffer(const ThreadSlot* slot)
 int askOtherThreads(std::uint64_t generation)
 {
     State& s = gState;
+    // A thread that ended since the previous tick may have left an offer.
     auto askable = [&](ThreadSlot* slot) {
-        return slot->state.load(std::memory_order_acquire) == SlotLive
+        const int state = slot->state.load(std::memory_order_acquire);
+        return (state == SlotLive || (state == SlotDead && slot->exitOffer.load(std::memory_order_acquire)))
             && slot->tid.load(std::memory_order_relaxed) != s.mainTid && !slot->owesAnswer;
     };
     int candidates = 0;
@@ -102,13 +104,27 @@ int askOtherThreads(std::uint64_t generation)
         };
         if (tookOffer())
             continue;
+        if (slot->state.load(std::memory_order_acquire) == SlotDead) {
+            // An offer older than the previous tick: what it ran goes to the
+            // thread's last sample, as for a thread that left none.
+            int full = OfferFull;
+            if (slot->offer.compare_exchange_strong(full, OfferEmpty, std::memory_order_acq_rel)) {
+                slot->exitCpu = slot->offerCpuInterval;
+                slot->exitCpuOwed.store(true, std::memory_order_release);
+            }
+            slot->exitOffer.store(false, std::memory_order_release);
+            continue;
+        }
         // A thread that ran since the previous tick answers at its CPU
         // timer's next expiry; one that didn't is asked by a signal.
         // Since its last answer, which took some CPU time itself: a
         // twentieth of the interval counts. A thread that waits for a core
         // has run since, one that sleeps hasn't.
+        // One whose first sample counted its time ahead has run too: its
+        // timer runs on.
         const timespec cpu = slot->haveCpuTimer.load(std::memory_order_acquire) ? threadCpu(tid) : timespec{-1, 0};
-        const bool ran = cpu.tv_sec >= 0 && zs_nanoseconds(zs_difference(cpu, slot->lastCpu)) > 50000LL * s.intervalMs;
+        const long long sinceLast = zs_nanoseconds(zs_difference(cpu, slot->lastCpu));
+        const bool ran = cpu.tv_sec >= 0 && (sinceLast > 50000LL * s.intervalMs || sinceLast < 0);
         // Or one made while its CPU time was read.
         if (tookOffer())
             continue;
@@ -440,6 +456,7 @@ void takeSample(void* ucontext)
             sample->addThreadBacktrace(slot->offerData, slot->inMpi.load(std::memory_order_relaxed), s.askingTid[k],
                                        slot->offerCpuInterval, slot->offerSleeping);
             slot->offer.store(OfferEmpty, std::memory_order_release);
+            slot->exitOffer.store(false, std::memory_order_release);
             ++s.offersTaken;
             continue;
         }
@@ -486,17 +503,29 @@ void copyBacktrace(ExtendedBacktraceData& to, const ExtendedBacktraceData& from)
 // The calling thread's backtrace and its CPU time since the previous one;
 // the time when it was taken.
 timespec takeOwnBacktrace(ThreadSlot* slot, void* ucontext, ExtendedBacktraceData& data, timespec& cpuInterval,
-                          bool& sleeping)
+                          bool& sleeping, bool timerExpiry)
 {
     const timespec cpu = zs_now(CLOCK_THREAD_CPUTIME_ID);
     const timespec wall = zs_now(CLOCK_MONOTONIC);
     unwindFromSignalContext(data, ucontext, gState.boundaryIp);
-    cpuInterval = zs_difference(cpu, slot->lastCpu);
-    sleeping = isSleeping(cpuInterval, zs_difference(wall, slot->lastWall));
+    // The first expiry of the thread's timer stands for all of its first
+    // period; the next samples count from where that period ends.
+    timespec counted = cpu;
+    if (timerExpiry && !slot->timerExpired) {
+        slot->timerExpired = true;
+        if (zs_nanoseconds(zs_difference(slot->firstPeriodEnd, cpu)) > 0)
+            counted = slot->firstPeriodEnd;
+    }
+    const bool ahead = zs_nanoseconds(zs_difference(counted, slot->lastCpu)) < 0;
+    cpuInterval = ahead ? timespec{0, 0} : zs_difference(counted, slot->lastCpu);
+    // A thread whose time was counted ahead runs all the same.
+    const bool inflated = counted.tv_sec != cpu.tv_sec || counted.tv_nsec != cpu.tv_nsec;
+    sleeping = !ahead && !inflated && isSleeping(cpuInterval, zs_difference(wall, slot->lastWall));
     if (sleeping)
         cpuInterval = sleepingCpu(cpuInterval);
     slot->lastWall = wall;
-    slot->lastCpu = zs_add(cpu, zs_difference(zs_now(CLOCK_MONOTONIC), wall));
+    if (!ahead)
+        slot->lastCpu = zs_add(counted, zs_difference(zs_now(CLOCK_MONOTONIC), wall));
     return wall;
 }
 
@@ -517,8 +546,8 @@ void answerRequest(void* ucontext, bool ownTimer)
             && gState.phase.load(std::memory_order_acquire) == PhaseArmed) {
             slot->offerPrevCpu = slot->lastCpu;
             slot->offerPrevWall = slot->lastWall;
-            slot->offerTakenAt
-                = takeOwnBacktrace(slot, ucontext, slot->offerData, slot->offerCpuInterval, slot->offerSleeping);
+            slot->offerTakenAt = takeOwnBacktrace(slot, ucontext, slot->offerData, slot->offerCpuInterval,
+                                                  slot->offerSleeping, true);
             slot->offer.store(OfferFull, std::memory_order_release);
             gState.offersMade.fetch_add(1, std::memory_order_relaxed);
             // Asked meanwhile, by a tick that found no offer yet: the offer
@@ -542,7 +571,7 @@ void answerRequest(void* ucontext, bool ownTimer)
         slot->lastWall = slot->offerPrevWall;
         slot->offer.store(OfferEmpty, std::memory_order_relaxed);
     }
-    takeOwnBacktrace(slot, ucontext, slot->data, slot->cpuInterval, slot->sleeping);
+    takeOwnBacktrace(slot, ucontext, slot->data, slot->cpuInterval, slot->sleeping, ownTimer);
     slot->done.store(generation, std::memory_order_release);
     announceAnswer();
 }

@@ -44,7 +44,9 @@ bool setTimer(int intervalMs, long long firstMs)
     return timer_settime(gState.timer, 0, &timing, nullptr) == 0;
 }
 
-long long drawPeriodNs(int intervalMs)
+namespace {
+
+std::uint64_t drawRandom()
 {
     static ZS_TLS std::uint64_t state;
     if (state == 0)
@@ -53,8 +55,21 @@ long long drawPeriodNs(int intervalMs)
     state ^= state << 13;
     state ^= state >> 7;
     state ^= state << 17;
+    return state;
+}
+
+} // namespace
+
+long long drawPeriodNs(int intervalMs)
+{
     const std::uint64_t base = static_cast<std::uint64_t>(intervalMs > 0 ? intervalMs : 1) * 1000000u;
-    return static_cast<long long>(base / 2 + state % base);
+    return static_cast<long long>(base / 2 + drawRandom() % base);
+}
+
+long long drawFirstPeriodNs(int intervalMs)
+{
+    const std::uint64_t base = static_cast<std::uint64_t>(intervalMs > 0 ? intervalMs : 1) * 1000000u;
+    return static_cast<long long>(1 + drawRandom() % base);
 }
 
 bool setNextTicks(int intervalMs, const timespec& from)

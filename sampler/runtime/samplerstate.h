@@ -230,6 +230,10 @@ bool setTimer(int intervalMs, long long firstMs);
 // period, or a multiple or a fraction of it, would be caught at the same
 // point of each turn, and its split come out wrong by tens of points.
 long long drawPeriodNs(int intervalMs);
+// A thread's first period, drawn between nothing and `intervalMs`: a thread
+// that runs for less than an interval is then sampled as often as the share
+// of an interval that it runs, and its sample stands for a whole interval.
+long long drawFirstPeriodNs(int intervalMs);
 // The main thread's ticks from now on: every `drawPeriodNs`, counted from
 // `from` on the monotonic clock. Drawn again every TICKS_PER_PERIOD ticks,
 // a system call less on the others.

@@ -51,14 +51,14 @@ void markEventFd(int fd)
     gEventFds[fd / 64].fetch_or(std::uint64_t(1) << (fd % 64), std::memory_order_release);
 }
 
-int openCpuEvent(int tid, int intervalMs, bool userOnly)
+int openCpuEvent(int tid, std::uint64_t periodNs, bool userOnly)
 {
     perf_event_attr attr;
     std::memset(&attr, 0, sizeof attr);
     attr.size = sizeof attr;
     attr.type = PERF_TYPE_SOFTWARE;
     attr.config = PERF_COUNT_SW_TASK_CLOCK;
-    attr.sample_period = static_cast<std::uint64_t>(intervalMs) * 1000000u;
+    attr.sample_period = periodNs;
     attr.disabled = 1;
     // Without the kernel's time a thread's system calls would go unsampled;
     // an unprivileged user may have to do with that.
@@ -84,9 +84,12 @@ bool startCpuEvent(ThreadSlot* slot, int tid, int intervalMs)
     int mode = gCpuEvents.load(std::memory_order_acquire);
     if (mode == CpuEventsRefused || gState.noCpuEvents)
         return false;
-    int fd = openCpuEvent(tid, intervalMs, mode == CpuEventsUserOnly);
+    // The first period alone, at a random length; the batches that follow
+    // are drawn as the signal of each batch's end rearms the event.
+    const std::uint64_t first = static_cast<std::uint64_t>(drawFirstPeriodNs(intervalMs));
+    int fd = openCpuEvent(tid, first, mode == CpuEventsUserOnly);
     if (fd < 0 && mode == CpuEventsUntried && (errno == EACCES || errno == EPERM)) {
-        fd = openCpuEvent(tid, intervalMs, true);
+        fd = openCpuEvent(tid, first, true);
         mode = CpuEventsUserOnly;
     }
     if (fd < 0) {
@@ -114,7 +117,7 @@ bool startCpuEvent(ThreadSlot* slot, int tid, int intervalMs)
         return false;
     }
     markEventFd(fd);
-    if (fcntl(fd, F_SETFL, flags | O_ASYNC) != 0 || ioctl(fd, PERF_EVENT_IOC_REFRESH, CPU_EVENT_BATCH) != 0) {
+    if (fcntl(fd, F_SETFL, flags | O_ASYNC) != 0 || ioctl(fd, PERF_EVENT_IOC_REFRESH, 1) != 0) {
         close(fd);
         return false;
     }
@@ -132,11 +135,22 @@ void leaveExitCpu(ThreadSlot* slot)
     if (s.phase.load(std::memory_order_acquire) != PhaseArmed || !s.allThreads || tid == s.mainTid || tid == s.pid)
         return;
     timespec since = slot->lastCpu;
-    int full = OfferFull;
-    if (slot->offer.compare_exchange_strong(full, OfferEmpty, std::memory_order_acq_rel))
-        since = slot->offerPrevCpu;
     timespec now;
-    if (clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now) != 0 || zs_nanoseconds(zs_difference(now, since)) <= 0)
+    if (clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now) != 0)
+        return;
+    int full = OfferFull;
+    if (slot->offer.compare_exchange_strong(full, OfferEmpty, std::memory_order_acq_rel)) {
+        // An offer no tick has taken yet is the thread's last sample, with
+        // all it ran since the previous one: a thread that lives between
+        // two ticks has no other.
+        const timespec ran = zs_difference(now, slot->offerPrevCpu);
+        if (zs_nanoseconds(zs_difference(ran, slot->offerCpuInterval)) > 0)
+            slot->offerCpuInterval = ran;
+        slot->exitOffer.store(true, std::memory_order_relaxed);
+        slot->offer.store(OfferFull, std::memory_order_release);
+        return;
+    }
+    if (zs_nanoseconds(zs_difference(now, since)) <= 0)
         return;
     slot->exitCpu = zs_difference(now, since);
     slot->exitCpuOwed.store(true, std::memory_order_release);
@@ -145,6 +159,7 @@ void leaveExitCpu(ThreadSlot* slot)
 void resetSlot(ThreadSlot* slot)
 {
     slot->exitCpuOwed.store(false, std::memory_order_relaxed);
+    slot->exitOffer.store(false, std::memory_order_relaxed);
     slot->tid.store(0, std::memory_order_relaxed);
     slot->programBlocksSignal.store(false, std::memory_order_relaxed);
     slot->inMpi.store(false, std::memory_order_relaxed);
@@ -203,6 +218,10 @@ bool startCpuTimer(ThreadSlot* slot, int intervalMs)
     if (slot->haveCpuTimer.load(std::memory_order_acquire) || intervalMs <= 0)
         return true;
     slot->cpuEventFd = -1;
+    timespec now = slot->lastCpu;
+    clock_gettime(zs_thread_cpu_clock(slot->tid.load(std::memory_order_relaxed)), &now);
+    slot->firstPeriodEnd = zs_add(now, zs_from_ms(intervalMs));
+    slot->timerExpired = false;
     if (startCpuEvent(slot, slot->tid.load(std::memory_order_relaxed), intervalMs)) {
         slot->haveCpuTimer.store(true, std::memory_order_release);
         return true;
@@ -221,8 +240,8 @@ bool startCpuTimer(ThreadSlot* slot, int intervalMs)
     if (timer_create(zs_thread_cpu_clock(tid), &event, &slot->cpuTimer) != 0)
         return false;
     itimerspec spec;
-    spec.it_value = zs_from_ms(intervalMs);
-    spec.it_interval = spec.it_value;
+    spec.it_value = zs_from_ns(drawFirstPeriodNs(intervalMs));
+    spec.it_interval = zs_from_ms(intervalMs);
     if (timer_settime(slot->cpuTimer, 0, &spec, nullptr) != 0) {
         timer_delete(slot->cpuTimer);
         return false;
@@ -301,7 +320,8 @@ ThreadSlot* acquireSlot()
     if (tryLock(LockRecycling)) {
         for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
             if (slot->state.load(std::memory_order_acquire) == SlotDead && !slot->owesAnswer
-                && !slot->exitCpuOwed.load(std::memory_order_acquire)) {
+                && !slot->exitCpuOwed.load(std::memory_order_acquire)
+                && !slot->exitOffer.load(std::memory_order_acquire)) {
                 resetSlot(slot);
                 unlock();
                 return slot;

@@ -96,6 +96,16 @@ struct ThreadSlot
     // isn't reused while it is owed.
     timespec exitCpu = {0, 0};
     std::atomic<bool> exitCpuOwed{false};
+    // The thread's CPU clock at the end of its timer's first period, which
+    // ends at a random point: a thread sampled there stands for the whole
+    // period, and its first sample counts the CPU time up to this point,
+    // so that threads shorter than a period count as much as they ran, on
+    // average. Written before the timer starts, then by the thread.
+    timespec firstPeriodEnd = {0, 0};
+    bool timerExpired = false;
+    // An offer that the thread left as it ended, for the next tick to take
+    // as the thread's last sample; the slot isn't reused meanwhile.
+    std::atomic<bool> exitOffer{false};
 };
 
 // The head of the registry.

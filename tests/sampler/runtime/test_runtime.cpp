@@ -393,6 +393,45 @@ TEST(SamplerRun, ALoopThatKeepsStepWithTheIntervalIsSampledAllOver)
         EXPECT_NEAR(100 * cpu[t.first] / all, t.second, 4.5) << t.first << "; " << shares;
 }
 
+// Threads far shorter than the interval: each is sampled as often as the
+// share of an interval that it runs, and its sample stands for the whole
+// interval, so that together they come out at the CPU time they took (the
+// sampler used to see next to none of it).
+TEST(SamplerRun, ThreadsShorterThanTheIntervalCountAsMuchAsTheyRan)
+{
+    if (const std::string why = cpuEventsRefused(); !why.empty())
+        GTEST_SKIP() << why;
+    const FunctionSpans functions = functionsOf(ZOR_TARGET);
+    TempDir dir;
+    const std::string output = dir.file("samples");
+    std::uint64_t base = 0;
+    const ProgramRun run = runMapped({ZOR_TARGET, "short-threads"},
+                                     {"ZOR_SAMPLER_OUTPUT=" + output, "ZOR_SAMPLER_OPTIONS=interval=5,samples=100000"},
+                                     functions, base);
+    ASSERT_EQ(run.exitCode, 0) << run.describe();
+    double truth = 0;
+    ASSERT_EQ(sscanf(run.out.c_str(), "short threads %lf s", &truth), 1) << run.out;
+    const SampleFileRead file = readSampleFile(output);
+    ASSERT_TRUE(file.list);
+    double sampled = 0, inWork = 0;
+    std::set<int> threads;
+    for (unsigned i = 0; i < file.list->size(); ++i) {
+        for (std::size_t n = 0; n < file.list->at(i).otherThreads().count(); ++n) {
+            const SBacktrace& bt = file.list->at(i).otherThreads()[n];
+            sampled += seconds(bt.cpuTime());
+            // Mostly reading the clock, below short_work.
+            const auto& work = functions.at("short_work");
+            if (std::any_of(bt.trace().begin(), bt.trace().end(),
+                            [&](std::uint64_t address) { return work.contains(address - base); }))
+                inWork += seconds(bt.cpuTime());
+            threads.insert(bt.tid());
+        }
+    }
+    // Some 120 samples of 5 ms: a tenth is two standard deviations.
+    EXPECT_NEAR(sampled, truth, 0.3 * truth) << threads.size() << " threads sampled";
+    EXPECT_GT(inWork, 0.8 * sampled);
+}
+
 // With the allocation counter preloaded behind the sampler, and a list short
 // enough to be thinned inside the handlers too.
 TEST(SamplerRun, TwoHundredShortThreadsAndNoAllocationInHandlers)
