@@ -13,7 +13,8 @@
  *   signal;
  * - _exit and _Exit, which write the results first, as exit does;
  * - dlclose, so that an object loaded and unloaded during the run (an MPI
- *   library's components) is still in the module list at the end.
+ *   library's components) is still in the module list at the end;
+ * - pipe and pipe2, for libunwind's pipe (below).
  * Calls made inside the C library itself don't pass through here. */
 #define _GNU_SOURCE
 #include "clock.h"
@@ -35,6 +36,8 @@
 #include <sys/signalfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 
 #define ZS_EXPORT __attribute__((visibility("default")))
 
@@ -43,7 +46,7 @@
     X(pthread_create) X(sigaction) X(pthread_sigmask) X(sigprocmask) X(_exit) X(_Exit) X(nanosleep) \
     X(clock_nanosleep) X(pause) X(sigsuspend) X(sigtimedwait) X(poll) X(ppoll) X(select) X(pselect) \
     X(epoll_wait) X(epoll_pwait) X(msgsnd) X(msgrcv) X(semop) X(semtimedop) X(signalfd) X(pthread_exit) \
-    X(execve) X(execvpe) X(fexecve) X(posix_spawn) X(posix_spawnp) X(dlclose)
+    X(execve) X(execvpe) X(fexecve) X(posix_spawn) X(posix_spawnp) X(dlclose) X(pipe) X(pipe2)
 
 /* The next definition of each after this library. */
 #define ZS_DECLARE_REAL(name) static __typeof__(&name) real_##name;
@@ -120,6 +123,7 @@ static const struct timespec* remaining(const struct timespec* timeout, struct t
 /* ---- the sampler's signal kept out of every mask and wait ---- */
 
 ZS_TLS int zs_program_blocks_ours;
+ZS_TLS int zs_readying_unwinder;
 
 /* `set`, or a copy of it without the sampler's signal when it names it. */
 static const sigset_t* without_ours(const sigset_t* set, sigset_t* copy)
@@ -581,4 +585,59 @@ ZS_EXPORT int semtimedop(int id, struct sembuf* ops, size_t n, const struct time
     const struct timespec deadline = timeout ? zs_deadline_after(*timeout) : zs_now(CLOCK_MONOTONIC);
     struct timespec left;
     ZS_RETRY_WHILE_OURS(int, real_semtimedop(id, ops, n, remaining(timeout, deadline, &left)), (void)0)
+}
+
+/* libunwind checks addresses by writing them into a pipe of its own, made
+ * when it starts and made again whenever a read from it fails, closing the
+ * old numbers first. Made at the lowest free numbers, as pipes are, its
+ * ends would be where a program that closes its descriptors opens its next
+ * files: libunwind would read from them, write into them and close them.
+ * The sampler's pipes go up, out of the program's way. */
+static int int_min(int a, int b)
+{
+    return a < b ? a : b;
+}
+
+static void move_up(int* fd)
+{
+    struct rlimit limit;
+    int top = 1024;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < (rlim_t)top)
+        top = (int)limit.rlim_cur;
+    if (top <= 64 || *fd >= top - 64)
+        return;
+    const int flags = fcntl(*fd, F_GETFD);
+    const int high = fcntl(*fd, flags >= 0 && (flags & FD_CLOEXEC) ? F_DUPFD_CLOEXEC : F_DUPFD, int_min(top - 32, top - 1));
+    if (high < 0)
+        return;
+    close(*fd);
+    *fd = high;
+}
+
+static void move_own_pipe_up(int fds[2])
+{
+    if (!zs_in_sampler_handler() && !zs_readying_unwinder)
+        return;
+    const int saved = errno;
+    move_up(&fds[0]);
+    move_up(&fds[1]);
+    errno = saved;
+}
+
+ZS_EXPORT int pipe(int fds[2])
+{
+    ZS_REAL(pipe);
+    const int result = real_pipe(fds);
+    if (result == 0)
+        move_own_pipe_up(fds);
+    return result;
+}
+
+ZS_EXPORT int pipe2(int fds[2], int flags)
+{
+    ZS_REAL(pipe2);
+    const int result = real_pipe2(fds, flags);
+    if (result == 0)
+        move_own_pipe_up(fds);
+    return result;
 }

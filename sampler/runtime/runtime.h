@@ -41,6 +41,9 @@ extern ZS_TLS int zs_program_blocks_ours ZS_HIDDEN;
  * made there (libunwind blocks signals around some look-ups) are not the
  * program's and pass unchanged. */
 int zs_in_sampler_handler(void) ZS_HIDDEN;
+/* Set while the sampler readies libunwind on this thread, outside its
+ * handler: descriptors made then are the sampler's too. */
+extern ZS_TLS int zs_readying_unwinder ZS_HIDDEN;
 /* Unblocks the sampler's signal in the calling thread. */
 void zs_unblock_ours(void) ZS_HIDDEN;
 

@@ -10,6 +10,7 @@
 // threads beyond the first FAST_WALK_THREADS: each cache takes 256 KiB,
 // written when the thread first walks, and a program with a thousand
 // threads shouldn't grow by a quarter of a gigabyte.
+#include <cerrno>
 #include "regions.h"
 #include "sampling.h"
 
@@ -144,6 +145,10 @@ void unwindFromSignalContext(ExtendedBacktraceData& bt, void* ucontext, unsigned
     }
     const ucontext_t* context = static_cast<const ucontext_t*>(ucontext);
     const unsigned long pc = static_cast<unsigned long>(context->uc_mcontext.gregs[REG_RIP]);
+    // libunwind's check of an address loops while errno says EINTR, which
+    // its own calls may not change: the program's EINTR would hold it
+    // there for good. (The handler gives the program its errno back.)
+    errno = 0;
     if (!mayWalkFast(pc) || !fastWalk(bt, context)) {
         bt.size = 0;
         stepwiseWalk(bt, ucontext);
@@ -191,7 +196,9 @@ void prepareUnwinding(const CodeSpan* onceSpans, int count)
 {
     // A cache per thread for the stepwise walk: no lock between threads
     // that unwind at once where libunwind was built with one.
+    zs_readying_unwinder = 1;
     unw_set_caching_policy(unw_local_addr_space, UNW_CACHE_PER_THREAD);
+    zs_readying_unwinder = 0;
     gOnceSpanCount = 0;
     for (int i = 0; i < count && i < MAX_ONCE_SPANS; ++i)
         gOnceSpans[gOnceSpanCount++] = onceSpans[i];

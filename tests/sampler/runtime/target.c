@@ -34,6 +34,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <errno.h>
 #include <limits.h>
 #include <poll.h>
@@ -46,6 +47,7 @@
 #include <string.h>
 #include <sys/select.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -478,6 +480,40 @@ static void run_short_threads(void)
     printf("short threads %.6f s\n", (double)short_total / 1e9);
 }
 
+// ---- reopen ----
+
+// As a daemon does: every descriptor above the standard ones closed, then
+// files opened, which take the lowest numbers, while a worker is sampled.
+// Each file must hold what was written to it, and nothing else.
+static void* burning_worker(void* unused)
+{
+    burn_cpu_ms(400);
+    return unused;
+}
+
+static void run_reopen(const char* dir)
+{
+    for (int fd = 3; fd < 1024; ++fd)
+        close(fd);
+    int fds[8];
+    for (int i = 0; i < 8; ++i) {
+        char path[PATH_MAX];
+        snprintf(path, sizeof path, "%s/file%d", dir, i);
+        fds[i] = open(path, O_CREAT | O_TRUNC | O_RDWR, 0600);
+        CHECK(fds[i] >= 0, "can't open %s", path);
+    }
+    pthread_t worker;
+    CHECK(pthread_create(&worker, NULL, burning_worker, NULL) == 0, "pthread_create failed");
+    burn_cpu_ms(400);
+    pthread_join(worker, NULL);
+    int whole = 0;
+    for (int i = 0; i < 8; ++i) {
+        struct stat st;
+        whole += write(fds[i], "hello\n", 6) == 6 && fstat(fds[i], &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 6;
+    }
+    printf("files whole: %d of 8\n", whole);
+}
+
 // ---- die ----
 
 static void* busy_worker(void* unused)
@@ -677,6 +713,8 @@ int main(int argc, char** argv)
         run_masked();
     else if (argc == 2 && strcmp(mode, "sigwait") == 0)
         run_sigwait();
+    else if (argc == 3 && strcmp(mode, "reopen") == 0)
+        run_reopen(argv[2]);
     else if (argc == 2 && strcmp(mode, "short-threads") == 0)
         run_short_threads();
     else if (argc == 2 && strcmp(mode, "lockstep") == 0)

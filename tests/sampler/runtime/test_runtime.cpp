@@ -432,6 +432,30 @@ TEST(SamplerRun, ThreadsShorterThanTheIntervalCountAsMuchAsTheyRan)
     EXPECT_GT(inWork, 0.8 * sampled);
 }
 
+// A program that closes its descriptors and opens files, which take the
+// lowest numbers: the sampler's unwinder once had a pipe there, and took
+// the files for it (read from them, wrote into them, closed them).
+TEST(SamplerRun, FilesOpenedAfterClosingEveryDescriptorStayTheProgramsOwn)
+{
+    TempDir dir;
+    const std::string output = dir.file("samples");
+    const ProgramRun run = runSampled({ZOR_TARGET, "reopen", dir.dir.path().toStdString()},
+                                      {"ZOR_SAMPLER_OUTPUT=" + output, "ZOR_SAMPLER_OPTIONS=interval=1"});
+    ASSERT_EQ(run.exitCode, 0) << run.describe();
+    EXPECT_EQ(run.out, "files whole: 8 of 8\nok\n");
+    const SampleFileRead file = readSampleFile(output);
+    ASSERT_TRUE(file.list);
+    double worker = 0;
+    for (unsigned i = 0; i < file.list->size(); ++i) {
+        for (std::size_t n = 0; n < file.list->at(i).otherThreads().count(); ++n) {
+            const SBacktrace& bt = file.list->at(i).otherThreads()[n];
+            if (bt.unwindStatus() == 0 && !bt.trace().empty())
+                worker += seconds(bt.cpuTime());
+        }
+    }
+    EXPECT_GT(worker, 0.2) << "CPU seconds of the worker in whole backtraces";
+}
+
 // With the allocation counter preloaded behind the sampler, and a list short
 // enough to be thinned inside the handlers too.
 TEST(SamplerRun, TwoHundredShortThreadsAndNoAllocationInHandlers)
