@@ -87,13 +87,36 @@ bool readsAhead()
 
 // gdb in a process group of its own, so that a ^C on the terminal reaches
 // the front-end, which stops the run, and not gdb.
+// The descriptors that gdb hands down to the program's shell: its input,
+// output and error at 7, 8 and 9, numbers a plain sh can name and close in
+// a redirection, so that the program gets them as 0, 1 and 2 alone.
+const int ChildChannelBase = 7;
+
 class GdbProcess : public QProcess
 {
 public:
     using QProcess::QProcess;
+    // Input, output, error; -1 for none.
+    void setChannels(const int channels[3]) { std::copy(channels, channels + 3, mChannels); }
 
 protected:
-    void setupChildProcess() override { setpgid(0, 0); }
+    void setupChildProcess() override
+    {
+        setpgid(0, 0);
+        if (mChannels[0] < 0 || mChannels[1] < 0 || mChannels[2] < 0)
+            return;
+        // Out of the way first: one may sit where another goes.
+        int moved[3];
+        for (int i = 0; i < 3; ++i)
+            moved[i] = fcntl(mChannels[i], F_DUPFD_CLOEXEC, ChildChannelBase + 3);
+        for (int i = 0; i < 3; ++i) {
+            if (moved[i] >= 0)
+                dup2(moved[i], ChildChannelBase + i);
+        }
+    }
+
+private:
+    int mChannels[3] = {-1, -1, -1};
 };
 
 } // namespace
@@ -165,11 +188,11 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
         mOutput[i] = fds[0];
         fcntl(mOutput[i], F_SETFL, fcntl(mOutput[i], F_GETFL) | O_NONBLOCK);
         mChildEnds[i] = fds[1];
-        fcntl(mChildEnds[i], F_SETFD, 0);
+        fcntl(mChildEnds[i], F_SETFD, FD_CLOEXEC);
         mOutputNotifiers[i] = new QSocketNotifier(mOutput[i], QSocketNotifier::Read, this);
         connect(mOutputNotifiers[i], &QSocketNotifier::activated, this, &GdbDebugger::readTargetOutput);
     }
-    mChildEnds[2] = fcntl(0, F_DUPFD, 3);
+    mChildEnds[2] = fcntl(0, F_DUPFD_CLOEXEC, 3);
     if (mChildEnds[2] < 0)
         mChildEnds[2] = ::open("/dev/null", O_RDONLY);
 
@@ -192,11 +215,10 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
                 preload << inherited;
             wrapper += QStringLiteral("LD_PRELOAD=\"%1\" ").arg(preload.join(QLatin1Char(':')));
         }
-        // By path: a plain sh names no descriptor above 9 in a redirection.
-        wrapper += QStringLiteral("exec \"$0\" \"$@\" </dev/fd/%1 >/dev/fd/%2 2>/dev/fd/%3'")
-                       .arg(mChildEnds[2])
-                       .arg(mChildEnds[0])
-                       .arg(mChildEnds[1]);
+        wrapper += QStringLiteral("exec \"$0\" \"$@\" <&%1 >&%2 2>&%3 %1<&- %2>&- %3>&-'")
+                       .arg(ChildChannelBase)
+                       .arg(ChildChannelBase + 1)
+                       .arg(ChildChannelBase + 2);
         commandOk(QStringLiteral("-interpreter-exec console ") + miQuote(QStringLiteral("set exec-wrapper ") + wrapper));
         Answer run = command(QStringLiteral("-exec-run --start"));
         if (run.result.className == QLatin1String("error")
@@ -294,7 +316,11 @@ bool GdbDebugger::startGdb(QString* error)
                           mOptions.gdb == QLatin1String("gdb") ? QStringLiteral(" (nor cuda-gdb)") : QString());
         return false;
     }
-    mGdb = new GdbProcess(this);
+    auto* process = new GdbProcess(this);
+    // Input, output, error, in the order that the child's numbers take.
+    const int channels[3] = {mChildEnds[2], mChildEnds[0], mChildEnds[1]};
+    process->setChannels(channels);
+    mGdb = process;
     mGdb->setProcessChannelMode(QProcess::SeparateChannels);
     QStringList arguments{QStringLiteral("--interpreter=mi2"), QStringLiteral("-nx"), QStringLiteral("-q")};
     if (!mDataDirectory)

@@ -172,7 +172,10 @@ TEST(MpiWrapper, TwoRanksCountEveryCallAndTheTimeInIt)
         }
         EXPECT_GT(inMpi, 0u);
         EXPECT_LT(inMpi, file.list->size());
-        EXPECT_LE(sampledNs, total);
+        // The samples turn the calls' ticks into nanoseconds at the rate
+        // measured so far, which drifts a little over the run: a few
+        // microseconds over in all at most.
+        EXPECT_LE(sampledNs, total + total / 1000);
         EXPECT_GT(sampledNs + calls["MPI_Finalize"].nanoseconds + total / 10 + 20000000, total);
     }
 }
