@@ -3,7 +3,10 @@
 // and disassembly without gdb, detach and reattach, a restart of gdb, a
 // program that dies while detached, and clear errors for what can't start.
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QMap>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -156,6 +159,15 @@ TEST(GdbDebugger, DrivesARealProgram)
         ASSERT_TRUE(environment.open(QIODevice::ReadOnly));
         EXPECT_EQ(environment.readAll().contains("LD_PRELOAD=" ZOR_SAMPLER_LIBRARY), pid != debugger.gdbPid());
     }
+
+    // Its output pipes only as 1 and 2: no copy of them, nor of its input,
+    // beside.
+    QMap<QString, int> held;
+    for (const QFileInfo& fd : QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryInfoList(QDir::System))
+        ++held[fd.symLinkTarget()];
+    for (int channel : {1, 2})
+        EXPECT_EQ(held.value(QFileInfo(QStringLiteral("/proc/%1/fd/%2").arg(pid).arg(channel)).symLinkTarget()), 1)
+            << channel;
 
     EXPECT_EQ(debugger.readTargetString(QStringLiteral("quorvex_sampler_error"), QStringLiteral("x"), 1), QString());
     debugger.setTargetVariable(QStringLiteral("quorvex_sampler_error[0]"), QStringLiteral("'Z'"));
