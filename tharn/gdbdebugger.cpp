@@ -11,6 +11,8 @@
 #include <QThread>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <elf.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <time.h>
@@ -87,6 +89,48 @@ bool readsAhead()
 
 // gdb in a process group of its own, so that a ^C on the terminal reaches
 // the front-end, which stops the run, and not gdb.
+// Whether the ELF file at `path` is a program linked statically: one that
+// names no program interpreter, so that no dynamic loader runs in it to
+// load a preloaded library. False for what isn't ELF (a script).
+bool isStaticallyLinked(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray header = file.read(sizeof(Elf64_Ehdr));
+    if (header.size() < EI_NIDENT || !header.startsWith(ELFMAG))
+        return false;
+    const bool wide = header[EI_CLASS] == ELFCLASS64;
+    if (header.size() < int(wide ? sizeof(Elf64_Ehdr) : sizeof(Elf32_Ehdr)))
+        return false;
+    quint64 offset = 0;
+    int size = 0, count = 0;
+    quint16 type = 0;
+    if (wide) {
+        Elf64_Ehdr e;
+        std::memcpy(&e, header.constData(), sizeof e);
+        offset = e.e_phoff, size = e.e_phentsize, count = e.e_phnum, type = e.e_type;
+    } else {
+        Elf32_Ehdr e;
+        std::memcpy(&e, header.constData(), sizeof e);
+        offset = e.e_phoff, size = e.e_phentsize, count = e.e_phnum, type = e.e_type;
+    }
+    if ((type != ET_EXEC && type != ET_DYN) || size < int(sizeof(quint32)) || count <= 0 || !file.seek(qint64(offset)))
+        return false;
+    const QByteArray headers = file.read(qint64(size) * count);
+    if (headers.size() < size * count)
+        return false;
+    bool loaded = false;
+    for (int i = 0; i < count; ++i) {
+        quint32 segment = 0;
+        std::memcpy(&segment, headers.constData() + qint64(i) * size, sizeof segment);
+        if (segment == PT_INTERP)
+            return false;
+        loaded = loaded || segment == PT_LOAD;
+    }
+    return loaded;
+}
+
 // The descriptors that gdb hands down to the program's shell: its input,
 // output and error at 7, 8 and 9, numbers a plain sh can name and close in
 // a redirection, so that the program gets them as 0, 1 and 2 alone.
@@ -169,6 +213,12 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
         return false;
     }
     mProgram[0] = exe.absoluteFilePath();
+    if (!mOptions.preload.isEmpty() && isStaticallyLinked(mProgram[0])) {
+        *error = QStringLiteral("%1 is linked statically: zor's sampler enters a program as a library loaded with "
+                                "it, which only a dynamically linked program loads")
+                     .arg(path);
+        return false;
+    }
     for (const QString& library : mOptions.preload) {
         if (!QFileInfo(library).isReadable()) {
             *error = QStringLiteral("The library %1 to preload into the program can't be read").arg(library);

@@ -106,6 +106,22 @@ TEST(GdbDebugger, WhatCantStartSaysWhy)
         EXPECT_FALSE(debugger.start(c.program, &error));
         EXPECT_TRUE(error.contains(QLatin1String(c.reason))) << error.toStdString();
     }
+
+    // A static program loads no preloaded library: said before it runs.
+    const QString compiler = QStandardPaths::findExecutable(QStringLiteral("cc"));
+    ASSERT_FALSE(compiler.isEmpty()) << "a C compiler builds the static program";
+    const QString source = dir.filePath(QStringLiteral("static.c")), program = dir.filePath(QStringLiteral("static"));
+    QFile code(source);
+    ASSERT_TRUE(code.open(QIODevice::WriteOnly));
+    code.write("int main(void) { return 0; }\n");
+    code.close();
+    ASSERT_EQ(QProcess::execute(compiler, {QStringLiteral("-static"), QStringLiteral("-o"), program, source}), 0);
+    GdbDebugger::Options options;
+    options.preload << QStringLiteral(ZOR_SAMPLER_LIBRARY);
+    GdbDebugger debugger(options);
+    QString error;
+    EXPECT_FALSE(debugger.start({program}, &error));
+    EXPECT_TRUE(error.contains(QLatin1String("is linked statically"))) << error.toStdString();
 }
 
 TEST(GdbDebugger, FindsGdbOrTheGpuVendorsBuildOfIt)
