@@ -360,13 +360,13 @@ QStringList runNotes(const Profile& profile)
                                 "program's time, profile it directly.")
                      .arg(formatDuration(double(run.programMs - sampledMs) * 1e6));
     // Time that no sample saw: threads that lived and ended between two
-    // samples, work before main or after sampling ended. A few percent is
-    // the sampler's own.
+    // samples, work before main or after sampling ended, and the sampler's
+    // own, a few percent unless the machine is busy.
     const double unseenNs = double(run.processCpuMs) * 1e6 - cpu;
     if (run.processCpuMs >= 0 && !run.interrupted && !execed && unseenNs >= 1e8 && unseenNs >= 0.2 * run.processCpuMs * 1e6)
-        notes << QStringLiteral("The program used %1 of CPU time, %2 of it where no sample saw it: most often in "
-                                "threads that start and end between two samples, or before main or after sampling "
-                                "ended.")
+        notes << QStringLiteral("The program used %1 of CPU time, %2 of it where no sample saw it: in threads that "
+                                "start and end between two samples, before main or after sampling ended, or in the "
+                                "sampler's own work, which a busy machine makes dearer.")
                      .arg(formatDuration(double(run.processCpuMs) * 1e6), formatDuration(unseenNs));
     // What the program's children did, as the ended program tells it.
     const double childrenNs = double(run.childrenCpuMs) * 1e6;
