@@ -593,11 +593,6 @@ ZS_EXPORT int semtimedop(int id, struct sembuf* ops, size_t n, const struct time
  * ends would be where a program that closes its descriptors opens its next
  * files: libunwind would read from them, write into them and close them.
  * The sampler's pipes go up, out of the program's way. */
-static int int_min(int a, int b)
-{
-    return a < b ? a : b;
-}
-
 static void move_up(int* fd)
 {
     struct rlimit limit;
@@ -607,7 +602,7 @@ static void move_up(int* fd)
     if (top <= 64 || *fd >= top - 64)
         return;
     const int flags = fcntl(*fd, F_GETFD);
-    const int high = fcntl(*fd, flags >= 0 && (flags & FD_CLOEXEC) ? F_DUPFD_CLOEXEC : F_DUPFD, int_min(top - 32, top - 1));
+    const int high = fcntl(*fd, flags >= 0 && (flags & FD_CLOEXEC) ? F_DUPFD_CLOEXEC : F_DUPFD, top - 32);
     if (high < 0)
         return;
     close(*fd);
