@@ -105,6 +105,7 @@ static const int worker_percent[] = {75, 25};
 
 static void* worker(void* argument)
 {
+    pthread_setname_np(pthread_self(), "worker");
     run_plan((struct plan*)argument);
     return NULL;
 }

@@ -106,7 +106,8 @@ bool ProfilerPlayResponse::operator==(const ProfilerPlayResponse& other) const
         && mHasOmpRegions == other.mHasOmpRegions && mOmpRuntimes == other.mOmpRuntimes
         && mStopReason == other.mStopReason && mCudaUsedByTarget == other.mCudaUsedByTarget
         && mCudaProfilingEnabled == other.mCudaProfilingEnabled && mOmpNumThreads == other.mOmpNumThreads
-        && mCustomMetrics == other.mCustomMetrics && mMetrics == other.mMetrics;
+        && mCustomMetrics == other.mCustomMetrics && mMetrics == other.mMetrics
+        && mThreadNames == other.mThreadNames;
 }
 
 void ProfilerPlayResponse::writeContent(QXmlStreamWriter& writer) const
@@ -151,6 +152,12 @@ void ProfilerPlayResponse::writeContent(QXmlStreamWriter& writer) const
         writer.writeAttribute(QStringLiteral("v"), sampleValueToString(it.value()));
         writer.writeEndElement();
     }
+    for (auto it = mThreadNames.constBegin(); it != mThreadNames.constEnd(); ++it) {
+        writer.writeStartElement(QStringLiteral("thread"));
+        writer.writeAttribute(QStringLiteral("tid"), QString::number(it.key()));
+        writer.writeAttribute(QStringLiteral("name"), it.value());
+        writer.writeEndElement();
+    }
 }
 
 bool ProfilerPlayResponse::readContent(QXmlStreamReader& reader, QString* error)
@@ -170,6 +177,7 @@ bool ProfilerPlayResponse::readContent(QXmlStreamReader& reader, QString* error)
     mOmpNumThreads.clear();
     mCustomMetrics.clear();
     mMetrics.clear();
+    mThreadNames.clear();
     while (reader.readNextStartElement()) {
         const QXmlStreamAttributes e = reader.attributes();
         const QStringRef name = reader.name();
@@ -186,6 +194,11 @@ bool ProfilerPlayResponse::readContent(QXmlStreamReader& reader, QString* error)
         } else if (name == QLatin1String("ompNumThreads")) {
             mOmpNumThreads.append(reader.readElementText());
             continue;
+        } else if (name == QLatin1String("thread")) {
+            int tid = 0;
+            if (!readNumber(e, "tid", &tid, error))
+                return false;
+            mThreadNames.insert(tid, e.value(QLatin1String("name")).toString());
         } else if (name == QLatin1String("customMetric") || name == QLatin1String("metric")) {
             SampleValue value;
             if (!sampleValueFromString(e.value(QLatin1String("v")).toString(), &value))

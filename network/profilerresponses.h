@@ -55,6 +55,8 @@ public:
         mCustomMetrics[rank].insert(id, value);
     }
     void setMetric(const QString& id, const SampleValue& value) { mMetrics.insert(id, value); }
+    // The names that threads of the process gave themselves, by thread id.
+    void setThreadName(int tid, const QString& name) { mThreadNames.insert(tid, name); }
 
     int rank() const { return mRank; }
     bool interrupted() const { return mInterrupted; }
@@ -71,6 +73,7 @@ public:
     QStringList ompNumThreadsStrings() const { return mOmpNumThreads; }
     QMap<int, QMap<QString, SampleValue>> singleValueCustomMetrics() const { return mCustomMetrics; }
     QMap<QString, SampleValue> metrics() const { return mMetrics; }
+    QMap<int, QString> threadNames() const { return mThreadNames; }
 
     bool operator==(const ProfilerPlayResponse& other) const;
 
@@ -94,6 +97,7 @@ private:
     QStringList mOmpNumThreads;
     QMap<int, QMap<QString, SampleValue>> mCustomMetrics;
     QMap<QString, SampleValue> mMetrics;
+    QMap<int, QString> mThreadNames;
 };
 
 // How far a run or its analysis has got.

@@ -70,6 +70,15 @@ QString classLabel(const Sample& sample, int tid, const QVector<const PSVModelIt
     return OtherThreadLabel;
 }
 
+// What threads of one kind share in their names: "GC Thread#3" and
+// "pool-2-worker-17" are told apart by their numbers.
+QString nameFamily(const QString& name)
+{
+    static const QRegularExpression numbered(QStringLiteral("[-_#:/. ]*\\d+([-_#:/. ]+\\d+)*[-_#:/. ]*$"));
+    const QString family = QString(name).remove(numbered);
+    return family.isEmpty() ? name : family;
+}
+
 // Whether a sample's instruction is one, rather than a mark of the analysis
 // for a thread in MPI, on an accelerator or without a leaf.
 bool isInstruction(const QString& mnemonic)
@@ -161,7 +170,7 @@ void Profile::build()
                     }
                 }
                 threadSamples.append({ rank.rank(), tid, beginMs, beginMs + stretchMs, sample.backendOnly_cpuTime(tid),
-                                       classLabel(sample, tid, paths.value(0)) });
+                                       classLabel(sample, tid, paths.value(0)), QString() });
                 if (sample.backendOnly_threadType(tid) == Sample::MainThread) {
                     ++mChildWait.second;
                     if (sleeping && !paths.isEmpty() && !paths.first().isEmpty()) {
@@ -280,6 +289,21 @@ void Profile::build()
             }
         }
     }
+    // Threads that named themselves are shown by what their names share,
+    // within their class: an unnamed pool of workers stays one row.
+    QHash<QPair<int, int>, QString> threadNames;
+    for (const RankResult& rank : mResult.ranks) {
+        const QMap<int, QString> names = rank.play.threadNames();
+        for (auto it = names.constBegin(); it != names.constEnd(); ++it)
+            threadNames.insert(qMakePair(rank.rank(), it.key()), it.value());
+    }
+    for (ThreadSample& s : threadSamples) {
+        s.name = threadNames.value(qMakePair(s.rank, s.tid));
+        if (s.name.isEmpty() || s.label == MainThreadLabel)
+            continue;
+        const QString family = nameFamily(s.name);
+        s.label = s.label == OtherThreadLabel ? family : s.label + QStringLiteral(": ") + family;
+    }
     mThreadSamples = threadSamples;
 }
 
@@ -356,7 +380,9 @@ QList<ActivityRow> Profile::activity(int buckets, bool perRank) const
     for (const ThreadSample& s : mThreadSamples) {
         const bool alone = standing.contains(qMakePair(s.rank, s.tid));
         QString label = s.label;
-        if (alone) {
+        if (alone && !s.name.isEmpty()) {
+            label = QStringLiteral("%1 (thread %2)").arg(s.name).arg(s.tid);
+        } else if (alone) {
             if (label.endsWith(QLatin1String("threads")))
                 label.chop(1);
             label += QStringLiteral(" %1").arg(s.tid);

@@ -136,6 +136,7 @@ private:
         double endMs;
         quint64 cpuNs;
         QString label;
+        QString name; // the thread's own, if it named itself
     };
     void build();
 

@@ -3,7 +3,9 @@
 #include <QFileInfo>
 #include <QStringList>
 
+#include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <cstring>
 
 #include "mpicalls.h"
@@ -467,14 +469,31 @@ QString textSummary(const Profile& profile, int top)
         }
     }
 
-    QList<ActivityRow> rows = profile.activity(StripWidth, false);
+    // Of a program of many named threads (a managed runtime's), those that
+    // were next to idle are counted rather than drawn.
+    int idleRows = 0, idleThreads = 0;
+    auto drawn = [&](QList<ActivityRow> rows) {
+        const int MostRows = 8;
+        idleRows = idleThreads = 0;
+        for (int i = rows.size() - 1; i > 0 && rows.size() > MostRows; --i) {
+            const ActivityRow& row = rows.at(i);
+            const double busy = std::accumulate(row.busy.begin(), row.busy.end(), 0.0) / std::max(1, row.busy.size());
+            if (busy < 0.01 && row.label != QLatin1String("main thread")) {
+                ++idleRows;
+                idleThreads += row.threads;
+                rows.removeAt(i);
+            }
+        }
+        return rows;
+    };
+    QList<ActivityRow> rows = drawn(profile.activity(StripWidth, false));
     int labelWidth = LabelWidth;
     for (const ActivityRow& row : rows)
         labelWidth = std::max(labelWidth, int(row.label.size() + threadCount(row).size()));
     labelWidth = std::min(labelWidth, MostLabelWidth);
     const int stripWidth = StripWidth + LabelWidth - labelWidth;
     if (stripWidth != StripWidth)
-        rows = profile.activity(stripWidth, false);
+        rows = drawn(profile.activity(stripWidth, false));
     if (!rows.isEmpty()) {
         out << QString()
             << fit(QStringLiteral("Activity over %1 (a column is %2; '#' busy >75%, '=' >50%, ':' >25%, '.' >5%)")
@@ -495,6 +514,9 @@ QString textSummary(const Profile& profile, int top)
                        .arg(strip)
                        .arg(QStringLiteral("%1%").arg(std::lround(100 * sum / row.busy.size())), 4);
         }
+        if (idleRows > 0)
+            out << QStringLiteral("  and %1 (%2), each under 1% busy")
+                       .arg(plural(idleRows, "more row", "more rows"), plural(idleThreads, "thread", "threads"));
     }
 
     // Each class with its commonest mnemonics, since the classes are narrower

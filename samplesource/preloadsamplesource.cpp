@@ -203,6 +203,7 @@ PreloadSampleSource::PreloadSampleSource(TharnInterface& host, int numSamples, i
     , mMpiFileRemove(mMpiFile)
     , mGpuFileRemove(mGpuFile)
     , mModulesFileRemove(mSampleFile + QStringLiteral(".modules"))
+    , mThreadsFileRemove(mSampleFile + QStringLiteral(".threads"))
     , mMaxBacktracesPerSample(0)
     , mMainThreadUid(-1)
     , mCudaPcSampling(enableCudaPcSampling)
@@ -676,7 +677,7 @@ void PreloadSampleSource::keepSamplesFiles(const QString& destination)
 {
     const bool intoDirectory = QDir(destination).exists();
     for (const QString& file : {mSampleFile, mErrorMessagesFile, mMpiFile, mGpuFile,
-                                mSampleFile + QStringLiteral(".modules")}) {
+                                mSampleFile + QStringLiteral(".modules"), mSampleFile + QStringLiteral(".threads")}) {
         const QString copy = intoDirectory
             ? destination + QLatin1Char('/') + file.section(QLatin1Char('/'), -1) + QStringLiteral(".kept")
             : file + QStringLiteral(".kept");
@@ -748,6 +749,9 @@ void PreloadSampleSource::provideMetrics(ProfilerPlayResponse& response)
     response.setMetric(QLatin1String(METRIC_NUM_OMP_THREADS), SampleValue(mOmpTids.size()));
     response.setMetric(QLatin1String(METRIC_NUM_OMP_THREADS_WITH_REGIONS), SampleValue(mRegionTids.size()));
     response.setMetric(QLatin1String(METRIC_NUM_MONITOR_THREADS), SampleValue(mMonitorTids.size()));
+    const QMap<int, QString> names = PreloadSampleSourceUtils::readThreadNames(mSampleFile + QStringLiteral(".threads"));
+    for (auto it = names.constBegin(); it != names.constEnd(); ++it)
+        response.setThreadName(it.key(), it.value());
 }
 
 void PreloadSampleSource::readMpiCallMetrics(MpiCallMetrics& metrics)

@@ -420,6 +420,7 @@ private:
     AutoFileRemove mGpuFileRemove;
     // The sampler's list of loaded objects, written beside the sample file.
     AutoFileRemove mModulesFileRemove;
+    AutoFileRemove mThreadsFileRemove;
     QStringList mSamplerTemporaryFiles;
     QSet<int> mAcceleratorTids;
     QSet<int> mMainTids;

@@ -155,6 +155,33 @@ QList<SharedLibrary> PreloadSampleSourceUtils::readModulesList(const QString& pa
     return modules + transient + removed;
 }
 
+QMap<int, QString> PreloadSampleSourceUtils::readThreadNames(const QString& path)
+{
+    QMap<int, QString> names;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return names;
+    while (!file.atEnd()) {
+        QByteArray line = file.readLine(256);
+        if (line.endsWith('\n'))
+            line.chop(1);
+        const int space = line.indexOf(' ');
+        bool ok = false;
+        const int tid = space > 0 ? line.left(space).toInt(&ok) : 0;
+        if (!ok || tid <= 0 || space + 1 >= line.size())
+            continue;
+        // A name is any bytes the program chose: what isn't text is shown
+        // as such rather than sent on.
+        QString name = QString::fromUtf8(line.mid(space + 1));
+        for (QChar& c : name) {
+            if (c.unicode() < 0x20 || c.unicode() == 0x7f)
+                c = QLatin1Char('?');
+        }
+        names.insert(tid, name);
+    }
+    return names;
+}
+
 QList<SharedLibrary> PreloadSampleSourceUtils::withModules(QList<SharedLibrary> libraries,
                                                            const QList<SharedLibrary>& more)
 {

@@ -52,6 +52,10 @@ public:
     // whose file can't be read now are left out; a missing or damaged list
     // gives none.
     static QList<SharedLibrary> readModulesList(const QString& path);
+    // The sampler's "PATH.threads": "TID NAME" lines, of the threads that
+    // named themselves. Lines that aren't such are passed over; a missing
+    // file gives none.
+    static QMap<int, QString> readThreadNames(const QString& path);
     // `libraries` with those of `more` that overlap none of them added.
     static QList<SharedLibrary> withModules(QList<SharedLibrary> libraries, const QList<SharedLibrary>& more);
 };

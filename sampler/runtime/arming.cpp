@@ -168,6 +168,8 @@ void setPaths(const char* path)
     std::strcat(s.errorsPath, ".errorMessages");
     std::strcpy(s.modulesPath, path);
     std::strcat(s.modulesPath, ".modules");
+    std::strcpy(s.threadsPath, path);
+    std::strcat(s.threadsPath, ".threads");
 }
 
 // The data file emptied, and the side files of an earlier run under the
@@ -182,6 +184,8 @@ bool claimDataFile()
     unlink(s.mpiPath);
     unlink(s.errorsPath);
     unlink(s.modulesPath);
+    unlink(s.threadsPath);
+    forgetThreadNames();
     return true;
 }
 

@@ -71,8 +71,8 @@ void reportFileError(const char* what, const char* path)
 }
 
 // Writes the data file, ".errorMessages" when some metric can't be taken,
-// ".mpi" when an MPI wrapper is loaded, and ".modules" when there are
-// addresses; then deletes ".running". Allocates nothing and
+// ".mpi" when an MPI wrapper is loaded, ".modules" when there are
+// addresses and ".threads" when threads named themselves; then deletes ".running". Allocates nothing and
 // takes no lock, since it may run on top of an interrupted handler.
 void writeResults(int stopReason, int stage)
 {
@@ -156,6 +156,8 @@ void writeResults(int stopReason, int stage)
     if ((s.list->size() > 0 || gCallSiteCount.load(std::memory_order_acquire) > 0)
         && !writeModulesFile(s.modulesPath))
         reportFileError("the module list", s.modulesPath);
+    if (s.list->size() > 0 && !writeThreadNames(s.threadsPath))
+        reportFileError("the thread names", s.threadsPath);
 
     unlink(s.runningPath);
 }

@@ -137,6 +137,7 @@ struct State
     char mpiPath[PATH_MAX + 16];
     char errorsPath[PATH_MAX + 16];
     char modulesPath[PATH_MAX + 16];
+    char threadsPath[PATH_MAX + 16];
     char ompThreads[256];
     bool haveOmpThreads;
 

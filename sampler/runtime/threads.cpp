@@ -5,13 +5,16 @@
 #include "sampling.h"
 
 #include "clock.h"
+#include "zor_print.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <linux/perf_event.h>
+#include <sys/prctl.h>
 #include <new>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -45,6 +48,63 @@ const int CPU_EVENT_BATCH = 8;
 // Every descriptor number that ever held one of the events.
 const int MAX_EVENT_FD = 1 << 16;
 std::atomic<std::uint64_t> gEventFds[MAX_EVENT_FD / 64];
+
+// The names of ended threads; a program that makes more named threads than
+// this keeps the rest unnamed. A name holds at most 15 bytes.
+const int MAX_ENDED_NAMES = 4096;
+struct EndedName
+{
+    std::atomic<bool> ready{false};
+    int tid = 0;
+    char name[16] = {};
+};
+EndedName gEndedNames[MAX_ENDED_NAMES];
+std::atomic<int> gEndedNameCount{0};
+char gProcessName[16];
+
+// The name of a thread as /proc tells it, without its newline; false for a
+// thread gone or a name that can't be read.
+bool readThreadName(int pid, int tid, char (&name)[16])
+{
+    quorvex::SafeMessage path;
+    path.str("/proc/").dec(pid).str("/task/").dec(tid).str("/comm");
+    const int fd = open(path.text(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const ssize_t got = read(fd, name, sizeof name - 1);
+    close(fd);
+    if (got <= 0)
+        return false;
+    name[got] = '\0';
+    if (char* end = std::strchr(name, '\n'))
+        *end = '\0';
+    return name[0] != '\0';
+}
+
+void noteEndingThreadName(int tid)
+{
+    char name[16] = {};
+    if (prctl(PR_GET_NAME, name, 0, 0, 0) != 0 || !name[0] || std::strncmp(name, gProcessName, sizeof name) == 0)
+        return;
+    const int i = gEndedNameCount.fetch_add(1, std::memory_order_relaxed);
+    if (i >= MAX_ENDED_NAMES)
+        return;
+    gEndedNames[i].tid = tid;
+    std::memcpy(gEndedNames[i].name, name, sizeof name);
+    gEndedNames[i].ready.store(true, std::memory_order_release);
+}
+
+void writeNameLine(int& fd, const char* path, int tid, const char* name)
+{
+    // -1: not opened yet; -2: can't be.
+    if (fd == -1 && (fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)) < 0)
+        fd = -2;
+    if (fd < 0)
+        return;
+    quorvex::SafeMessage line;
+    line.dec(tid).str(" ").str(name).str("\n");
+    line.writeTo(fd);
+}
 
 void markEventFd(int fd)
 {
@@ -311,8 +371,45 @@ void endCurrentThread()
     stopCpuTimer(slot);
     endThreadUnwinding();
     leaveExitCpu(slot);
+    if (gState.phase.load(std::memory_order_acquire) == PhaseArmed && gState.pid == getpid())
+        noteEndingThreadName(slot->tid.load(std::memory_order_relaxed));
     slot->state.store(SlotDead, std::memory_order_release);
     announceAnswer();
+}
+
+void forgetThreadNames()
+{
+    for (int i = 0; i < MAX_ENDED_NAMES; ++i)
+        gEndedNames[i].ready.store(false, std::memory_order_relaxed);
+    gEndedNameCount.store(0, std::memory_order_release);
+    const pid_t pid = getpid();
+    if (!readThreadName(pid, pid, gProcessName))
+        gProcessName[0] = '\0';
+}
+
+bool writeThreadNames(const char* path)
+{
+    const pid_t pid = getpid();
+    char mainName[16];
+    if (!readThreadName(pid, pid, mainName))
+        mainName[0] = '\0';
+    int fd = -1;
+    const int ended = std::min(gEndedNameCount.load(std::memory_order_acquire), MAX_ENDED_NAMES);
+    for (int i = 0; i < ended; ++i) {
+        const EndedName& entry = gEndedNames[i];
+        if (entry.ready.load(std::memory_order_acquire) && std::strncmp(entry.name, mainName, sizeof mainName) != 0)
+            writeNameLine(fd, path, entry.tid, entry.name);
+    }
+    for (ThreadSlot* slot = firstSlot(); slot; slot = slot->next) {
+        const int tid = slot->tid.load(std::memory_order_relaxed);
+        char name[16];
+        if (slot->state.load(std::memory_order_acquire) == SlotLive && tid > 0 && tid != pid
+            && readThreadName(pid, tid, name) && std::strncmp(name, mainName, sizeof name) != 0)
+            writeNameLine(fd, path, tid, name);
+    }
+    if (fd < 0)
+        return fd == -1;
+    return close(fd) == 0;
 }
 
 ThreadSlot* acquireSlot()

@@ -119,6 +119,12 @@ ThreadSlot* currentSlot();
 void startCurrentThread(ThreadSlot* slot);
 // Marks the calling thread's slot dead; called as the thread ends.
 void endCurrentThread();
+// The names that threads gave themselves: forgotten when a process starts
+// sampling, noted as each thread ends, and written with the live threads'
+// as "TID NAME" lines to `path` at the end; only names other than the main
+// thread's, which a thread has until it names itself. No file without one.
+void forgetThreadNames();
+bool writeThreadNames(const char* path);
 // Starts the timer on the CPU clock of the thread of `slot`, ticking every
 // `intervalMs`; false when the kernel refuses. Stops it, once.
 bool startCpuTimer(ThreadSlot* slot, int intervalMs);

@@ -147,6 +147,8 @@ TEST(ZorProfile, ExampleSharesComeOutAsTheProgramMeansThem)
     // main calls spin_alpha through the loop that shares the work out.
     for (const QByteArray& stack : readAll(folded).split('\n'))
         EXPECT_TRUE(!stack.contains(";spin_alpha ") || QString::fromUtf8(stack).contains(QRegularExpression(QStringLiteral(";main;(run_plan;)?spin_alpha ")))) << stack.constData();
+    // The worker named itself, and is shown so.
+    EXPECT_TRUE(run.err.contains(QRegularExpression(QStringLiteral("\n  worker \\(1\\) +\\|")))) << qPrintable(run.err);
     // The hot functions are one-liners in the 40s to 60s of the example's source.
     for (const QString& line : topFunctions(run.err).filter(QStringLiteral(" spin_")))
         EXPECT_TRUE(line.contains(QRegularExpression(QStringLiteral("hotspots\\.c:[4-6][0-9]$")))) << qPrintable(line);

@@ -85,6 +85,7 @@ std::vector<std::unique_ptr<Response>> everyResponse()
     play->setMetric(QString::fromLatin1(METRIC_NUM_DOWNSAMPLES), SampleValue(7UL));
     play->setMetric(QStringLiteral("nan"), SampleValue(std::nan("")));
     play->setMetric(QStringLiteral("tiny"), SampleValue(5e-324));
+    play->setThreadName(77, QStringLiteral("GC Thread#0 \"&<"));
     all.emplace_back(play);
 
     all.emplace_back(new ProfilerProgressResponse(ProfilerProgressResponse::AnalysisProgress, 4, 37));

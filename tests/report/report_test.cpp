@@ -347,6 +347,30 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     const QString strips = textSummary(Profile(pool), 5);
     EXPECT_TRUE(strips.contains(QRegExp(QStringLiteral("other thread 4 +\\|")))) << qPrintable(strips);
     EXPECT_TRUE(strips.contains(QLatin1String("other threads (4)"))) << qPrintable(strips);
+
+    // Threads that named themselves: a row for what a kind's names share,
+    // the busy one by its whole name.
+    pool.ranks[0].play.setThreadName(2, QStringLiteral("GC Thread#0"));
+    pool.ranks[0].play.setThreadName(3, QStringLiteral("GC Thread#1"));
+    pool.ranks[0].play.setThreadName(4, QStringLiteral("GC Thread#2"));
+    pool.ranks[0].play.setThreadName(5, QStringLiteral("GC Thread#3"));
+    pool.ranks[0].play.setThreadName(6, QStringLiteral("pool-1-thread-12"));
+    rows.clear();
+    for (const ActivityRow& row : Profile(pool).activity(10, false))
+        rows << QStringLiteral("%1/%2").arg(row.label).arg(row.threads);
+    rows.sort();
+    EXPECT_EQ(rows.join(QLatin1String("; ")),
+              QStringLiteral("GC Thread#2 (thread 4)/1; GC Thread/3; main thread/1; pool-1-thread/1"));
+    // Past eight rows, those next to idle are counted instead.
+    QList<ThreadSpec> idle = { { 1, Sample::MainThread, 1000, { "main" } } };
+    for (int tid = 7; tid < 20; ++tid) {
+        idle.append({ tid, Sample::OtherThread, 10, { "idle" } });
+        pool.ranks[0].play.setThreadName(tid, QStringLiteral("idle %1").arg(QChar('a' + tid)));
+    }
+    pool.ranks[0].samples[0] = makeSample(0, 0, idle);
+    const QString many = textSummary(Profile(pool), 5);
+    EXPECT_TRUE(many.contains(QLatin1String("and 9 more rows (9 threads), each under 1% busy"))) << qPrintable(many);
+    EXPECT_TRUE(many.contains(QRegExp(QStringLiteral("GC Thread#2 \\(thread 4\\) +\\|")))) << qPrintable(many);
 }
 
 TEST(Reports, LongCppNamesKeepWhatTellsThemApart)
