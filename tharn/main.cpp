@@ -136,11 +136,12 @@ int main(int argc, char** argv)
         {QString::fromLatin1(HelloKeys::HostPid), int(app.applicationPid())},
         {QString::fromLatin1(HelloKeys::Program), program.first()},
     };
+    // The front-end tells the user what went wrong; the host only when it
+    // can't.
     auto fail = [&](const QString& why) {
-        fprintf(stderr, "zor-host: %s\n", qPrintable(why));
         hello.insert(QString::fromLatin1(HelloKeys::Error), why);
-        stream.send(Message::forValues(Message::Hello, hello));
-        stream.flush();
+        if (!stream.send(Message::forValues(Message::Hello, hello)) || !stream.flush())
+            fprintf(stderr, "zor-host: %s\n", qPrintable(why));
         return 1;
     };
 
