@@ -1,9 +1,14 @@
 #include "debuggertypes.h"
 
+#include <QFile>
+#include <QHash>
+#include <QStringList>
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
 #include "constants.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -81,4 +86,56 @@ SetThreadCommand::SetThreadCommand(int debuggerId)
 int SetThreadCommand::threadId() const
 {
     return getValue(QStringLiteral("thread"), -1).toInt();
+}
+
+QList<SharedLibrary> filesOfMaps(const QByteArray& maps)
+{
+    struct Range
+    {
+        unsigned long long start, end;
+        long long placement; // address less offset of the first mapping
+        bool code;
+    };
+    // A loader keeps a file's segments within a few pages of where their
+    // offsets put them; a copy of its code elsewhere is far from there.
+    const long long Far = 256LL << 20;
+    QStringList order;
+    QHash<QString, Range> ranges;
+    QList<SharedLibrary> remappings;
+    // "start-end perms offset dev inode path"; the path may hold spaces.
+    for (const QByteArray& line : maps.split('\n')) {
+        const QList<QByteArray> fields = line.simplified().split(' ');
+        if (fields.size() < 6 || !fields[5].startsWith('/'))
+            continue;
+        const int dash = fields[0].indexOf('-');
+        bool ok1 = false, ok2 = false, ok3 = false;
+        const unsigned long long start = fields[0].left(dash).toULongLong(&ok1, 16);
+        const unsigned long long end = fields[0].mid(dash + 1).toULongLong(&ok2, 16);
+        const unsigned long long offset = fields[2].toULongLong(&ok3, 16);
+        if (dash < 0 || !ok1 || !ok2 || !ok3 || end <= start)
+            continue;
+        const QString path = QFile::decodeName(line.mid(line.indexOf('/')));
+        const bool code = fields[1].contains('x');
+        const long long placement = static_cast<long long>(start - offset);
+        auto it = ranges.find(path);
+        if (it == ranges.end()) {
+            order << path;
+            ranges.insert(path, {start, end, placement, code});
+        } else if (placement - it->placement > Far || it->placement - placement > Far) {
+            if (code)
+                remappings << SharedLibrary::remapping(path, start, end, offset);
+        } else {
+            it->start = std::min(it->start, start);
+            it->end = std::max(it->end, end);
+            it->code = it->code || code;
+        }
+    }
+    QList<SharedLibrary> result;
+    // Only files with code can hold a sampled address.
+    for (const QString& path : order) {
+        const Range& range = ranges[path];
+        if (range.code)
+            result << SharedLibrary(path, range.start, range.end);
+    }
+    return result + remappings;
 }

@@ -22,6 +22,19 @@ public:
     }
     // A library whose address range the debugger couldn't tell.
     explicit SharedLibrary(const QString& path) : mPath(path), mStart(0), mEnd(0), mRangeKnown(false) {}
+    // A second mapping of code of a library at [start, end), from `offset`
+    // in its file: what a runtime makes when it copies its built-in code
+    // near the code it generates. Its code is the library's own, at the
+    // address where the library's mapping of that offset lies.
+    static SharedLibrary remapping(const QString& path, unsigned long long start, unsigned long long end,
+                                   unsigned long long offset)
+    {
+        SharedLibrary library(path, start, end);
+        library.mOffset = static_cast<long long>(offset);
+        return library;
+    }
+    bool isRemapping() const { return mOffset >= 0; }
+    unsigned long long fileOffset() const { return mOffset < 0 ? 0 : static_cast<unsigned long long>(mOffset); }
 
     QString path() const { return mPath; }
     QString name() const { return mPath; }
@@ -32,7 +45,7 @@ public:
     bool operator==(const SharedLibrary& other) const
     {
         return mPath == other.mPath && mStart == other.mStart && mEnd == other.mEnd
-            && mRangeKnown == other.mRangeKnown;
+            && mRangeKnown == other.mRangeKnown && mOffset == other.mOffset;
     }
 
 private:
@@ -40,7 +53,14 @@ private:
     unsigned long long mStart;
     unsigned long long mEnd;
     bool mRangeKnown;
+    long long mOffset = -1;
 };
+
+// The files with code among the lines of a /proc/PID/maps, each over the
+// range of its mappings, and the second mappings of their code (see
+// SharedLibrary::remapping), told by lying far from where the file's first
+// mapping puts their offset. The kernel's vDSO, in no file, is left out.
+QList<SharedLibrary> filesOfMaps(const QByteArray& maps);
 
 // One thread of the target.
 class ThreadResponse

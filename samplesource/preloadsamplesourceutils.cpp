@@ -130,11 +130,17 @@ QList<SharedLibrary> PreloadSampleSourceUtils::readModulesList(const QString& pa
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly) || !file.readLine().startsWith("# zor modules 1:"))
         return modules;
-    // "LOAD_ADDRESS BUILD_ID STATE PATH"; the path may hold spaces.
+    // "LOAD_ADDRESS BUILD_ID STATE PATH"; the path may hold spaces. Then
+    // "map " and a line of /proc/PID/maps, for each mapping of a file.
+    QByteArray maps;
     while (!file.atEnd()) {
         const QByteArray line = file.readLine();
         if (!line.endsWith('\n'))
             return {};
+        if (line.startsWith("map ")) {
+            maps += line.mid(4);
+            continue;
+        }
         const QList<QByteArray> fields = line.left(line.size() - 1).split(' ');
         bool ok = false;
         const unsigned long long start = fields.value(0).startsWith("0x") ? fields[0].mid(2).toULongLong(&ok, 16) : 0;
@@ -151,6 +157,10 @@ QList<SharedLibrary> PreloadSampleSourceUtils::readModulesList(const QString& pa
             removed.append(library);
         else
             modules.append(library);
+    }
+    for (const SharedLibrary& mapped : filesOfMaps(maps)) {
+        if (mapped.isRemapping())
+            removed << mapped;
     }
     return modules + transient + removed;
 }

@@ -786,14 +786,6 @@ QString vdsoImage(unsigned long long targetSize)
 QList<SharedLibrary> SymbolTable::parseMaps(const QByteArray& maps)
 {
     QList<SharedLibrary> result;
-    struct Range
-    {
-        unsigned long long start, end;
-        bool code;
-    };
-    QStringList order;
-    QHash<QString, Range> ranges;
-    // "start-end perms offset dev inode path"; the path may hold spaces.
     for (const QByteArray& line : maps.split('\n')) {
         const QList<QByteArray> fields = line.simplified().split(' ');
         if (fields.size() == 6 && fields[5] == "[vdso]") {
@@ -801,40 +793,11 @@ QList<SharedLibrary> SymbolTable::parseMaps(const QByteArray& maps)
             const unsigned long long start = fields[0].left(dash).toULongLong(nullptr, 16);
             const unsigned long long end = fields[0].mid(dash + 1).toULongLong(nullptr, 16);
             const QString image = end > start ? vdsoImage(end - start) : QString();
-            if (!image.isEmpty()) {
-                order << image;
-                ranges.insert(image, {start, end, true});
-            }
-            continue;
-        }
-        if (fields.size() < 6 || !fields[5].startsWith('/'))
-            continue;
-        const int dash = fields[0].indexOf('-');
-        bool ok1 = false, ok2 = false;
-        const unsigned long long start = fields[0].left(dash).toULongLong(&ok1, 16);
-        const unsigned long long end = fields[0].mid(dash + 1).toULongLong(&ok2, 16);
-        if (dash < 0 || !ok1 || !ok2)
-            continue;
-        const int pathStart = line.indexOf('/');
-        const QString path = QFile::decodeName(line.mid(pathStart));
-        const bool code = fields[1].contains('x');
-        auto it = ranges.find(path);
-        if (it == ranges.end()) {
-            order << path;
-            ranges.insert(path, {start, end, code});
-        } else {
-            it->start = std::min(it->start, start);
-            it->end = std::max(it->end, end);
-            it->code = it->code || code;
+            if (!image.isEmpty())
+                result << SharedLibrary(image, start, end);
         }
     }
-    // Only files with code can hold a sampled address.
-    for (const QString& path : order) {
-        const Range& range = ranges[path];
-        if (range.code)
-            result.append(SharedLibrary(path, range.start, range.end));
-    }
-    return result;
+    return result + filesOfMaps(maps);
 }
 
 QByteArray SymbolTable::buildId(const QString& path)
@@ -872,7 +835,7 @@ void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringLis
     mDwfl = dwfl_begin(&callbacks);
     dwfl_report_begin(mDwfl);
     for (const SharedLibrary& library : libraries) {
-        if (!library.isRangeKnown())
+        if (!library.isRangeKnown() || library.isRemapping())
             continue;
         const QByteArray path = QFile::encodeName(library.path());
         const QByteArray name = QFile::encodeName(QFileInfo(library.path()).fileName());
@@ -882,6 +845,44 @@ void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringLis
             *problems << QStringLiteral("%1: %2").arg(library.path(), QString::fromLocal8Bit(dwfl_errmsg(-1)));
     }
     dwfl_report_end(mDwfl, nullptr, nullptr);
+
+    // A second mapping of a file's code reads as the file's own mapping of
+    // the same offset.
+    mRemappings.clear();
+    for (const SharedLibrary& remapped : libraries) {
+        if (!remapped.isRemapping())
+            continue;
+        for (const SharedLibrary& library : libraries) {
+            if (library.isRemapping() || !library.isRangeKnown() || library.path() != remapped.path())
+                continue;
+            Dwfl_Module* module = dwfl_addrmodule(mDwfl, library.start());
+            GElf_Addr bias = 0;
+            Elf* elf = module ? dwfl_module_getelf(module, &bias) : nullptr;
+            size_t headers = 0;
+            if (!elf || elf_getphdrnum(elf, &headers) != 0)
+                break;
+            for (size_t i = 0; i < headers; ++i) {
+                GElf_Phdr header;
+                if (!gelf_getphdr(elf, int(i), &header) || header.p_type != PT_LOAD
+                    || remapped.fileOffset() < header.p_offset
+                    || remapped.fileOffset() >= header.p_offset + header.p_filesz)
+                    continue;
+                const unsigned long long own = bias + header.p_vaddr + (remapped.fileOffset() - header.p_offset);
+                mRemappings.push_back({remapped.start(), remapped.end(), remapped.start() - own});
+                break;
+            }
+            break;
+        }
+    }
+}
+
+unsigned long long SymbolTable::canonicalAddress(unsigned long long address) const
+{
+    for (const Remapping& remapping : mRemappings) {
+        if (remapping.start <= address && address < remapping.end)
+            return address - remapping.shift;
+    }
+    return address;
 }
 
 SymbolPosition SymbolTable::position(unsigned long long address, QList<SymbolPosition>* inlinedCallers)

@@ -62,6 +62,9 @@ public:
     // be read is left out and named in `problems`.
     void setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems = nullptr);
     QList<SharedLibrary> libraries() const { return mLibraries; }
+    // Where the code at `address` lies in its file's own mapping, for an
+    // address in a second mapping of a file's code; `address` elsewhere.
+    unsigned long long canonicalAddress(unsigned long long address) const;
 
     // The position of exactly `address`. With inlined code, the position
     // is that of the inlined function, and `inlinedCallers` gets the
@@ -168,6 +171,12 @@ private:
     std::atomic<bool> mPrepareIdle{false};
     std::vector<Dwfl_Module*> mPreparingModules;
     QList<SharedLibrary> mLibraries;
+    struct Remapping
+    {
+        unsigned long long start, end;
+        unsigned long long shift; // to subtract
+    };
+    std::vector<Remapping> mRemappings;
     // The functions of each compilation unit by address, built as addresses
     // fall into them: a lookup is then a binary search, not a walk.
     std::unordered_map<const void*, std::unique_ptr<UnitIndex>> mUnits;

@@ -998,7 +998,7 @@ PositionResponse* GdbDebugger::positionOfAddress(unsigned long long address, int
     if (mSymbolsStale)
         refreshSymbols();
     QList<SymbolPosition> callers;
-    SymbolPosition where = mSymbols.position(address, &callers);
+    SymbolPosition where = mSymbols.position(mSymbols.canonicalAddress(address), &callers);
     if (!where.hasSymbol && !inMappedFile(address) && mRuntimeCode.name(address, &where.function))
         where.hasSymbol = true;
     if (inlinedCallers) {
@@ -1031,7 +1031,17 @@ QMap<unsigned long long, Instruction> GdbDebugger::disassembleRange(unsigned lon
 {
     if (mSymbolsStale)
         refreshSymbols();
-    return mDisassembler.disassemble(start, length, end);
+    // Code of a second mapping is read where its file's own mapping has it.
+    const unsigned long long shift = start - mSymbols.canonicalAddress(start);
+    if (!shift)
+        return mDisassembler.disassemble(start, length, end);
+    QMap<unsigned long long, Instruction> shifted;
+    const QMap<unsigned long long, Instruction> instructions = mDisassembler.disassemble(start - shift, length, end);
+    for (auto it = instructions.constBegin(); it != instructions.constEnd(); ++it)
+        shifted.insert(it.key() + shift, it.value());
+    if (end && *end)
+        *end += shift;
+    return shifted;
 }
 
 void GdbDebugger::handleSetLanguage(Command& command)

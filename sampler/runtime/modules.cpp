@@ -222,6 +222,49 @@ void recordModulesAtStart()
     gStarted = true;
 }
 
+namespace {
+
+// The mappings of files as /proc tells them, each line behind "map ": a
+// runtime may map code of a file a second time, away from where the loader
+// put it, which the loader's list doesn't show.
+void writeFileMappings(int out)
+{
+    const int in = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    if (in < 0)
+        return;
+    static char buffer[16384];
+    static char line[4096 + 8];
+    std::size_t length = 0;
+    bool tooLong = false;
+    for (;;) {
+        const ssize_t got = read(in, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break;
+        for (ssize_t i = 0; i < got; ++i) {
+            const char c = buffer[i];
+            if (c != '\n') {
+                if (length + 1 < sizeof line - 4)
+                    line[4 + length++] = c;
+                else
+                    tooLong = true;
+                continue;
+            }
+            line[4 + length] = '\n';
+            if (!tooLong && std::memchr(line + 4, '/', length)) {
+                std::memcpy(line, "map ", 4);
+                quorvex::safe_write_all(out, line, length + 5);
+            }
+            length = 0;
+            tooLong = false;
+        }
+    }
+    close(in);
+}
+
+} // namespace
+
 bool writeModulesFile(const char* path)
 {
     scan(gAtEnd);
@@ -241,6 +284,7 @@ bool writeModulesFile(const char* path)
         if (!find(gAtEnd, gBetween.modules[i]))
             writeModule(fd, gBetween.modules[i], "transient");
     }
+    writeFileMappings(fd);
     close(fd);
     return true;
 }

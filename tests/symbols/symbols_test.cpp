@@ -430,6 +430,55 @@ TEST(RuntimeCodeMap, PiecesOfCodeByAddress)
     EXPECT_GT(started, QDateTime::currentDateTime().addSecs(-3600));
 }
 
+// A process's maps as a runtime that copies its built-in code leaves them:
+// each file over the range of its mappings, and the copy apart, read as the
+// file's own code.
+TEST(RuntimeCodeMap, CodeMappedAgainFarAwayIsTheFilesOwn)
+{
+    const QByteArray maps = "00400000-00b6f000 r--p 00000000 fe:00 247823  /usr/bin/node\n"
+                            "00b72000-025fe000 r-xp 00772000 fe:00 247823  /usr/bin/node\n"
+                            "0563e000-0565d000 rw-p 0523d000 fe:00 247823  /usr/bin/node\n"
+                            "7fffc0000000-7fffc4000000 rwxp 00000000 00:00 0 \n"
+                            "7fffefe40000-7fffeffd2000 r-xp 014c4000 fe:00 247823  /usr/bin/node\n"
+                            "7ffff7dd4000-7ffff7f29000 r-xp 00026000 fe:00 1  /usr/lib/x86_64-linux-gnu/libc.so.6\n"
+                            "7ffff7f30000-7ffff7f31000 r--p 00000000 fe:00 2  /tmp/data file\n";
+    QStringList files;
+    for (const SharedLibrary& file : filesOfMaps(maps))
+        files << QStringLiteral("%1 %2-%3%4").arg(file.path()).arg(file.start(), 0, 16).arg(file.end(), 0, 16)
+                     .arg(file.isRemapping() ? QStringLiteral(" from %1").arg(file.fileOffset(), 0, 16) : QString());
+    EXPECT_EQ(files.join(QLatin1String("; ")).toStdString(),
+              "/usr/bin/node 400000-565d000; /usr/lib/x86_64-linux-gnu/libc.so.6 7ffff7dd4000-7ffff7f29000; "
+              "/usr/bin/node 7fffefe40000-7fffeffd2000 from 14c4000");
+
+    // This program's own code as if mapped again elsewhere: read where it
+    // was loaded.
+    const unsigned long long function = reinterpret_cast<unsigned long long>(&zorSymbolsKnownFunction);
+    const unsigned long long page = sysconf(_SC_PAGESIZE), from = function & ~(page - 1);
+    const unsigned long long copy = 0x7e0000000000ULL;
+    QFile self(QStringLiteral("/proc/self/maps"));
+    ASSERT_TRUE(self.open(QIODevice::ReadOnly));
+    const QList<SharedLibrary> own = SymbolTable::parseMaps(self.readAll());
+    self.seek(0);
+    QList<SharedLibrary> libraries = own;
+    for (const QByteArray& line : self.readAll().split('\n')) {
+        unsigned long long start = 0, end = 0, offset = 0;
+        if (sscanf(line.constData(), "%llx-%llx %*s %llx", &start, &end, &offset) == 3 && start <= function
+            && function < end)
+            libraries << SharedLibrary::remapping(own.first().path(), copy, copy + page, offset + (from - start));
+    }
+    ASSERT_EQ(libraries.size(), own.size() + 1);
+    for (const SharedLibrary& library : own) {
+        if (library.start() <= function && function < library.end())
+            libraries.last() = SharedLibrary::remapping(library.path(), copy, copy + page, libraries.last().fileOffset());
+    }
+    SymbolTable table;
+    table.setLibraries(libraries);
+    EXPECT_EQ(table.canonicalAddress(copy + (function - from)), function);
+    EXPECT_EQ(table.position(table.canonicalAddress(copy + (function - from))).function,
+              QStringLiteral("zorSymbolsKnownFunction"));
+    EXPECT_EQ(table.canonicalAddress(copy + page), copy + page);
+}
+
 TEST(SymbolDisassembler, KnownBytesInAttSyntax)
 {
     SymbolTable none;

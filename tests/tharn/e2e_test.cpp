@@ -276,6 +276,8 @@ TEST_F(EndToEnd, GeneratedCodeIsNamedByItsMap)
     const int three = leaves.value(QStringLiteral("jit_loop_three")), one = leaves.value(QStringLiteral("jit_loop_one"));
     EXPECT_GT(one, 10) << QStringList(leaves.keys()).join(QLatin1Char(' ')).toStdString();
     EXPECT_GT(three, one * 2);
+    // Its own code, run from a second mapping of its file, by its name.
+    EXPECT_GT(leaves.value(QStringLiteral("remapped_loop")), one / 2);
     EXPECT_EQ(leaves.value(QLatin1String(ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION)), 0);
     run.send(profilerCommand(CMD_ZOR_FINISH));
 }
