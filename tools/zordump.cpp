@@ -57,7 +57,7 @@ const std::string& positionText(unsigned long frame, bool returnAddress)
     if (it != known.end())
         return *it;
     QList<SymbolPosition> callers;
-    QString text = describe(gSymbols->position(address, &callers));
+    QString text = describe(gSymbols->position(gSymbols->canonicalAddress(address), &callers));
     for (const SymbolPosition& caller : callers)
         text += QStringLiteral("\n          inlined into ") + describe(caller);
     return *known.insert(address, text.toStdString());
@@ -149,6 +149,9 @@ struct Module
 // objects, whose load addresses and build ids turn the frames into
 // functions. An absent file is no error (a file from an older sampler); a
 // damaged one is.
+// The lines behind "map ": the process's mappings of files, as /proc told them.
+QByteArray gMaps;
+
 bool readModules(const std::string& path, std::vector<Module>* modules, bool* present)
 {
     FILE* in = fopen(path.c_str(), "r");
@@ -162,6 +165,10 @@ bool readModules(const std::string& path, std::vector<Module>* modules, bool* pr
         char buildId[160], state[16];
         int pathAt = 0;
         const std::size_t length = std::strlen(line);
+        if (std::strncmp(line, "map ", 4) == 0 && length > 0 && line[length - 1] == '\n') {
+            gMaps += line + 4;
+            continue;
+        }
         good = length > 0 && line[length - 1] == '\n'
             && sscanf(line, "0x%llx %159s %15s %n", &address, buildId, state, &pathAt) == 3 && pathAt > 0
             && (std::strcmp(state, "loaded") == 0 || std::strcmp(state, "added") == 0
@@ -183,6 +190,11 @@ void printModules(const std::vector<Module>& modules)
     for (const Module& m : modules)
         printf("module %s at 0x%llx, build id %s%s\n", m.path.c_str(), m.address, m.buildId.c_str(),
                m.state == "loaded" ? "" : (", " + m.state + " during the run").c_str());
+    for (const SharedLibrary& file : filesOfMaps(gMaps)) {
+        if (file.isRemapping())
+            printf("code of %s mapped again at 0x%llx-0x%llx from offset 0x%llx\n", qPrintable(file.path()),
+                   file.start(), file.end(), file.fileOffset());
+    }
 }
 
 // The modules placed where the run had them. Each is placed at its load
@@ -203,6 +215,10 @@ void loadSymbols(const std::vector<Module>& modules, SymbolTable* table)
             }
         }
         libraries.append(SharedLibrary(path, m.address, m.address + 1));
+    }
+    for (const SharedLibrary& file : filesOfMaps(gMaps)) {
+        if (file.isRemapping())
+            libraries.append(file);
     }
     QStringList problems;
     table->setLibraries(libraries, &problems);
