@@ -3,6 +3,7 @@
 #include <QFile>
 #include <QHash>
 #include <QStringList>
+#include <QVector>
 #include <QXmlStreamReader>
 #include <QXmlStreamWriter>
 
@@ -90,19 +91,15 @@ int SetThreadCommand::threadId() const
 
 QList<SharedLibrary> filesOfMaps(const QByteArray& maps)
 {
-    struct Range
+    struct Mapping
     {
-        unsigned long long start, end;
-        long long placement; // address less offset of the first mapping
+        QString path;
+        unsigned long long start, end, offset;
         bool code;
+        long long placement() const { return static_cast<long long>(start - offset); }
     };
-    // A loader keeps a file's segments within a few pages of where their
-    // offsets put them; a copy of its code elsewhere is far from there.
-    const long long Far = 256LL << 20;
-    QStringList order;
-    QHash<QString, Range> ranges;
-    QList<SharedLibrary> remappings;
     // "start-end perms offset dev inode path"; the path may hold spaces.
+    QVector<Mapping> mappings;
     for (const QByteArray& line : maps.split('\n')) {
         const QList<QByteArray> fields = line.simplified().split(' ');
         if (fields.size() < 6 || !fields[5].startsWith('/'))
@@ -114,26 +111,44 @@ QList<SharedLibrary> filesOfMaps(const QByteArray& maps)
         const unsigned long long offset = fields[2].toULongLong(&ok3, 16);
         if (dash < 0 || !ok1 || !ok2 || !ok3 || end <= start)
             continue;
-        const QString path = QFile::decodeName(line.mid(line.indexOf('/')));
-        const bool code = fields[1].contains('x');
-        const long long placement = static_cast<long long>(start - offset);
-        auto it = ranges.find(path);
+        mappings.append({QFile::decodeName(line.mid(line.indexOf('/'))), start, end, offset, fields[1].contains('x')});
+    }
+    // Where the loader put a file: its mapping of the lowest offset, which
+    // holds its headers. The loader keeps the other segments within a few
+    // pages of where their offsets put them; a copy of its code elsewhere is
+    // far from there.
+    const long long Far = 256LL << 20;
+    QHash<QString, const Mapping*> first;
+    for (const Mapping& m : mappings) {
+        const Mapping*& lowest = first[m.path];
+        if (!lowest || m.offset < lowest->offset)
+            lowest = &m;
+    }
+    QStringList order;
+    QHash<QString, Mapping> ranges;
+    QList<SharedLibrary> remappings;
+    for (const Mapping& m : mappings) {
+        const long long placement = first.value(m.path)->placement();
+        if (m.placement() - placement > Far || placement - m.placement() > Far) {
+            const SharedLibrary remapping = SharedLibrary::remapping(m.path, m.start, m.end, m.offset);
+            if (m.code && !remappings.contains(remapping))
+                remappings << remapping;
+            continue;
+        }
+        auto it = ranges.find(m.path);
         if (it == ranges.end()) {
-            order << path;
-            ranges.insert(path, {start, end, placement, code});
-        } else if (placement - it->placement > Far || it->placement - placement > Far) {
-            if (code)
-                remappings << SharedLibrary::remapping(path, start, end, offset);
+            order << m.path;
+            ranges.insert(m.path, m);
         } else {
-            it->start = std::min(it->start, start);
-            it->end = std::max(it->end, end);
-            it->code = it->code || code;
+            it->start = std::min(it->start, m.start);
+            it->end = std::max(it->end, m.end);
+            it->code = it->code || m.code;
         }
     }
     QList<SharedLibrary> result;
     // Only files with code can hold a sampled address.
     for (const QString& path : order) {
-        const Range& range = ranges[path];
+        const Mapping& range = ranges[path];
         if (range.code)
             result << SharedLibrary(path, range.start, range.end);
     }

@@ -14,7 +14,9 @@
  * - _exit and _Exit, which write the results first, as exit does;
  * - dlclose, so that an object loaded and unloaded during the run (an MPI
  *   library's components) is still in the module list at the end;
- * - pipe and pipe2, for libunwind's pipe (below).
+ * - pipe and pipe2, for libunwind's pipe (below);
+ * - mmap, so that code mapped from a file away from its loaded place is
+ *   known at the end even when it is gone by then.
  * Calls made inside the C library itself don't pass through here. */
 #define _GNU_SOURCE
 #include "clock.h"
@@ -30,6 +32,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <sys/msg.h>
 #include <sys/select.h>
 #include <sys/sem.h>
@@ -635,4 +638,24 @@ ZS_EXPORT int pipe2(int fds[2], int flags)
     if (result == 0)
         move_own_pipe_up(fds);
     return result;
+}
+
+/* The system call itself: a look-up of the next definition could come
+ * before this library's constructor, and may allocate. */
+static void* map_and_note(void* address, size_t length, int prot, int flags, int fd, off_t offset)
+{
+    void* result = (void*)syscall(SYS_mmap, address, length, prot, flags, fd, offset);
+    if (result != MAP_FAILED && fd >= 0 && (prot & PROT_EXEC))
+        zs_note_file_mapping(result, length, prot, fd, (long long)offset);
+    return result;
+}
+
+ZS_EXPORT void* mmap(void* address, size_t length, int prot, int flags, int fd, off_t offset)
+{
+    return map_and_note(address, length, prot, flags, fd, offset);
+}
+
+ZS_EXPORT void* mmap64(void* address, size_t length, int prot, int flags, int fd, off_t offset)
+{
+    return map_and_note(address, length, prot, flags, fd, offset);
 }

@@ -3,6 +3,7 @@
 #include "runtime.h"
 #include "zor_print.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstddef>
@@ -224,7 +225,20 @@ void recordModulesAtStart()
 
 namespace {
 
-// The mappings of files as /proc tells them, each line behind "map ": a
+// Mappings of code from files that the program made through mmap, as
+// zs_note_file_mapping saw them; past the last, none are kept.
+const int MAX_NOTED_MAPPINGS = 64;
+struct NotedMapping
+{
+    std::atomic<bool> ready{false};
+    unsigned long long start = 0, end = 0, offset = 0;
+    char path[512] = {};
+};
+NotedMapping gNotedMappings[MAX_NOTED_MAPPINGS];
+std::atomic<int> gNotedMappingCount{0};
+
+// The mappings of files as /proc tells them, each line behind "map ", then
+// those that the program made of code, whether still there or not: a
 // runtime may map code of a file a second time, away from where the loader
 // put it, which the loader's list doesn't show.
 void writeFileMappings(int out)
@@ -261,6 +275,15 @@ void writeFileMappings(int out)
         }
     }
     close(in);
+    const int noted = std::min(gNotedMappingCount.load(std::memory_order_acquire), MAX_NOTED_MAPPINGS);
+    for (int i = 0; i < noted; ++i) {
+        const NotedMapping& m = gNotedMappings[i];
+        if (!m.ready.load(std::memory_order_acquire))
+            continue;
+        quorvex::SafeMessage text;
+        text.str("map ").hex(m.start).str("-").hex(m.end).str(" r-xp ").hex(m.offset).str(" 00:00 0 ").str(m.path);
+        text.str("\n").writeTo(out);
+    }
 }
 
 } // namespace
@@ -290,6 +313,27 @@ bool writeModulesFile(const char* path)
 }
 
 } // namespace zorsampler
+
+extern "C" void zs_note_file_mapping(void* address, size_t length, int, int fd, long long offset)
+{
+    using namespace zorsampler;
+    if (length == 0 || offset < 0)
+        return;
+    const int i = gNotedMappingCount.fetch_add(1, std::memory_order_relaxed);
+    if (i >= MAX_NOTED_MAPPINGS)
+        return;
+    NotedMapping& m = gNotedMappings[i];
+    quorvex::SafeMessage link;
+    link.str("/proc/self/fd/").dec(fd);
+    const ssize_t size = readlink(link.text(), m.path, sizeof m.path - 1);
+    if (size <= 0 || m.path[0] != '/')
+        return;
+    m.path[size] = '\0';
+    m.start = reinterpret_cast<unsigned long long>(address);
+    m.end = m.start + length;
+    m.offset = static_cast<unsigned long long>(offset);
+    m.ready.store(true, std::memory_order_release);
+}
 
 extern "C" void zs_before_unload(void)
 {

@@ -65,6 +65,11 @@ char** zs_prepare_exec(const char* file, int searchPath, char* const envp[], int
 void zs_before_immediate_exit(void) ZS_HIDDEN;
 /* Notes the objects loaded now, before dlclose may unload one of them. */
 void zs_before_unload(void) ZS_HIDDEN;
+/* After mmap made a mapping of `length` bytes at `address` from `offset` in
+ * the file of `fd`: a mapping of code is kept for the module list, since a
+ * runtime may map code of its own file a second time and unmap it before
+ * the end (V8 does). */
+void zs_note_file_mapping(void* address, size_t length, int prot, int fd, long long offset) ZS_HIDDEN;
 
 #ifdef __cplusplus
 }
