@@ -2,6 +2,7 @@
 #include "debugcache.h"
 #include "linetable.h"
 #include "dwarfreader.h"
+#include "rustdemangle.h"
 
 #include <QDir>
 #include <QFile>
@@ -146,6 +147,9 @@ int collectModule(Dwfl_Module* module, void**, const char*, Dwarf_Addr, void* ar
 
 QString demangledName(const QString& name)
 {
+    QString rust;
+    if ((name.startsWith(QLatin1String("_R")) || name.startsWith(QLatin1String("_ZN"))) && demangleRust(name, &rust))
+        return rust;
     if (!name.startsWith(QLatin1String("_Z")))
         return name;
     int status = 0;

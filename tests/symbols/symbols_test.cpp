@@ -479,6 +479,44 @@ TEST(RuntimeCodeMap, CodeMappedAgainFarAwayIsTheFilesOwn)
     EXPECT_EQ(table.canonicalAddress(copy + page), copy + page);
 }
 
+// Rust's names in both of the compiler's schemes, taken from real programs,
+// as the language writes them (and c++filt reads them), without hashes.
+TEST(Demangling, RustNamesAsTheLanguageWritesThem)
+{
+    const struct {
+        const char* mangled;
+        const char* shown;
+    } cases[] = {
+        { "_ZN4main6crunch17h95bfd38f012d9febE", "main::crunch" },
+        { "_ZN4core3ptr130drop_in_place$LT$core..result..Result$LT$$LP$$RP$$C$alloc..boxed..Box$LT$dyn$u20$core..any.."
+          "Any$u2b$core..marker..Send$GT$$GT$$GT$17h953bc00c77ee2257E",
+          "core::ptr::drop_in_place<core::result::Result<(),alloc::boxed::Box<dyn core::any::Any+core::marker::Send>>>" },
+        { "_ZN4core3ops8function6FnOnce40call_once$u7b$$u7b$vtable.shim$u7d$$u7d$17hb12ac75f187c2ba6E.llvm.734384602",
+          "core::ops::function::FnOnce::call_once{{vtable.shim}}" },
+        { "_RNvMNtCs1234_4core3numy12wrapping_mul", "<u64>::wrapping_mul" },
+        { "_RNvXs1i_NtCsgEmfK2I1SDS_4core3fmtReNtB6_7Display3fmtB8_", "<&str as core::fmt::Display>::fmt" },
+        { "_RNCNCNCNvNtCsjrHSEGnQ3l9_3std2rt19lang_start_internal00s_0B9_",
+          "std::rt::lang_start_internal::{closure#0}::{closure#0}::{closure#1}" },
+        { "_RINvNtNtCsjrHSEGnQ3l9_3std3sys9backtrace28___rust_begin_short_backtraceFEuuECsfq2Zq5gqAK1_2v0",
+          "std::sys::backtrace::__rust_begin_short_backtrace::<fn(), ()>" },
+        { "_RNvMs3_NtCslNYArtu3iFV_5alloc7raw_vecINtB5_6RawVecTOhFUKCBN_EuENtNtCsjrHSEGnQ3l9_3std5alloc6SystemE8grow_oneB13_",
+          "<alloc::raw_vec::RawVec<(*mut u8, unsafe extern \"C\" fn(*mut u8)), std::alloc::System>>::grow_one" },
+        { "_RNvYINtNvNtCsjrHSEGnQ3l9_3std2io17default_write_fmt7AdapterINtNtB7_6cursor6CursorQShEENtNtCsgEmfK2I1SDS_4core"
+          "3fmt5Write9write_fmtB9_",
+          "<std::io::default_write_fmt::Adapter<std::io::cursor::Cursor<&mut [u8]>> as core::fmt::Write>::write_fmt" },
+        { "_RNvXs1g_NtCsgEmfK2I1SDS_4core3fmtRDNtB6_5DebugEL_Bx_3fmtB8_", "<&dyn core::fmt::Debug as core::fmt::Debug>::fmt" },
+        // C++'s, as before; damaged ones as they are.
+        { "_ZN5boost6detail4swapERiS1_", "boost::detail::swap(int&, int&)" },
+        { "_ZN3foo3barEv", "foo::bar()" },
+        { "_RNvB_3foo", "_RNvB_3foo" },
+        { "_RNvCs1234_7mycrate9trunc", "_RNvCs1234_7mycrate9trunc" },
+        { "_RIC3fooKj2a_E", "foo::<42>" },
+        { "_RNvNtC3foo3bar", "_RNvNtC3foo3bar" },
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(demangledName(QString::fromLatin1(c.mangled)).toStdString(), c.shown) << c.mangled;
+}
+
 TEST(SymbolDisassembler, KnownBytesInAttSyntax)
 {
     SymbolTable none;
