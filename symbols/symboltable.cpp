@@ -150,6 +150,10 @@ QString demangledName(const QString& name)
     QString rust;
     if ((name.startsWith(QLatin1String("_R")) || name.startsWith(QLatin1String("_ZN"))) && demangleRust(name, &rust))
         return rust;
+    // gfortran's procedures of a module: "__heat_MOD_stencil" is heat's stencil.
+    const int module = name.startsWith(QLatin1String("__")) ? name.indexOf(QLatin1String("_MOD_"), 3) : -1;
+    if (module > 2 && module + 5 < name.size())
+        return name.mid(2, module - 2) + QStringLiteral("::") + name.mid(module + 5);
     if (!name.startsWith(QLatin1String("_Z")))
         return name;
     int status = 0;

@@ -187,7 +187,8 @@ private:
     std::unordered_map<const char*, QString> mFileNames;
 };
 
-// The demangled form of a C++ or Rust symbol; the name itself when it isn't one.
+// The demangled form of a C++, Rust or Fortran module symbol; the name itself
+// when it isn't one.
 QString demangledName(const QString& name);
 
 #endif

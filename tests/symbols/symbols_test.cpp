@@ -480,8 +480,9 @@ TEST(RuntimeCodeMap, CodeMappedAgainFarAwayIsTheFilesOwn)
 }
 
 // Rust's names in both of the compiler's schemes, taken from real programs,
-// as the language writes them (and c++filt reads them), without hashes.
-TEST(Demangling, RustNamesAsTheLanguageWritesThem)
+// as the language writes them (and c++filt reads them), without hashes;
+// Fortran's module procedures as the language calls them.
+TEST(Demangling, RustAndFortranNamesAsTheLanguagesWriteThem)
 {
     const struct {
         const char* mangled;
@@ -505,6 +506,10 @@ TEST(Demangling, RustNamesAsTheLanguageWritesThem)
           "3fmt5Write9write_fmtB9_",
           "<std::io::default_write_fmt::Adapter<std::io::cursor::Cursor<&mut [u8]>> as core::fmt::Write>::write_fmt" },
         { "_RNvXs1g_NtCsgEmfK2I1SDS_4core3fmtRDNtB6_5DebugEL_Bx_3fmtB8_", "<&dyn core::fmt::Debug as core::fmt::Debug>::fmt" },
+        // gfortran's procedures of modules, and what the compiler made of them.
+        { "__kernels_MOD_stencil", "kernels::stencil" },
+        { "__kernels_MOD_stencil._omp_fn.0", "kernels::stencil._omp_fn.0" },
+        { "__MOD_x", "__MOD_x" },
         // C++'s, as before; damaged ones as they are.
         { "_ZN5boost6detail4swapERiS1_", "boost::detail::swap(int&, int&)" },
         { "_ZN3foo3barEv", "foo::bar()" },
