@@ -1,6 +1,7 @@
 #include "textsummary.h"
 
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QStringList>
 
 #include <algorithm>
@@ -423,12 +424,27 @@ QString textSummary(const Profile& profile, int top)
     quint64 unnamedNs = 0, generatedNs = 0;
     QStringList unnamedIn;
     static const QString unknown = QLatin1String(ZOR_FUNCTION_NAME_FOR_UNKNOWN_FUNCTION);
+    // The OpenMP runtimes' own time, named or not, is threads that wait.
+    static const QRegularExpression openMp(QStringLiteral("^(gomp_|__kmp|__ompt_)| from lib(gomp|omp|iomp5)\\.so"));
+    quint64 openMpNs = 0;
+    QString openMpLibrary;
+    for (const FunctionFigure& f : profile.functions()) {
+        const QRegularExpressionMatch match = openMp.match(f.function);
+        if (!match.hasMatch())
+            continue;
+        openMpNs += f.selfNs;
+        if (!match.captured(2).isEmpty())
+            openMpLibrary = QStringLiteral("lib") + match.captured(2);
+        else if (openMpLibrary.isEmpty())
+            openMpLibrary = match.captured(1) == QLatin1String("gomp_") ? QStringLiteral("libgomp") : QStringLiteral("libomp");
+    }
+    const bool openMpNote = openMpNs * 10 >= profile.cpuNs() && openMpNs > 0;
     for (const FunctionFigure& f : profile.functions()) {
         if (f.function == unknown) {
             generatedNs += f.selfNs;
             continue;
         }
-        if (!f.function.startsWith(unknown))
+        if (!f.function.startsWith(unknown) || (openMpNote && openMp.match(f.function).hasMatch()))
             continue;
         unnamedNs += f.selfNs;
         const int from = f.function.indexOf(QLatin1String(" from "));
@@ -442,6 +458,14 @@ QString textSummary(const Profile& profile, int top)
                                         "Debian, a -dbgsym or -dbg package) would name its functions and lines.")
                              .arg(formatPercent(unnamedNs, cpu))
                              .arg(where),
+                         QStringLiteral("  "));
+    }
+    if (openMpNote) {
+        out << wrapWords(QStringLiteral("%1 of the CPU time is in the OpenMP runtime (%2), as a rule threads that wait "
+                                        "at a barrier or for work and spin before they sleep (OMP_WAIT_POLICY=passive has "
+                                        "them sleep at once): work shared unevenly between threads, or serial work "
+                                        "between parallel regions, leaves them waiting.")
+                             .arg(formatPercent(openMpNs, cpu), openMpLibrary),
                          QStringLiteral("  "));
     }
     if (generatedNs * 10 >= profile.cpuNs() && generatedNs > 0) {

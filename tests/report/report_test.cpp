@@ -327,6 +327,16 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     EXPECT_FALSE(made.contains(QLatin1String("Debug symbols"))) << qPrintable(made);
     // Its instructions can't be read: the mix is of the rest, and says so.
     EXPECT_TRUE(made.contains(QLatin1String("each thread was running (read for 25.0%)"))) << qPrintable(made);
+    // Time in an OpenMP runtime without symbols is told for what it is, not
+    // as a want of symbols.
+    Result omp = exampleResult(0);
+    RankResult ompRank = exampleRank(0, 0);
+    for (int i = 0; i < 4; ++i)
+        ompRank.samples << makeSample(0, 10 * i, { { 1, Sample::MainThread, 1000, { "main", i ? "<unknown> from libgomp.so.1.0.0" : "work" } } });
+    omp.ranks << ompRank;
+    const QString spins = textSummary(Profile(omp), 5);
+    EXPECT_TRUE(spins.contains(QLatin1String("75.0% of the CPU time is in the OpenMP runtime (libgomp), as a rule threads that wait"))) << qPrintable(spins);
+    EXPECT_FALSE(spins.contains(QLatin1String("Debug symbols"))) << qPrintable(spins);
     jit.ranks[0].samples[0] = makeSample(0, 0, { { 1, Sample::MainThread, 100, { "main", "interpret" } } });
     EXPECT_FALSE(textSummary(Profile(jit), 5).contains(QLatin1String("Instruction mix")));
 
