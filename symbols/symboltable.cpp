@@ -55,7 +55,9 @@ QString functionName(Dwarf_Die* die)
         linkage = attributeString(die, DW_AT_MIPS_linkage_name);
     if (!linkage.isEmpty())
         return demangledName(linkage);
-    return attributeString(die, DW_AT_name);
+    // A compiler's own functions (a Fortran module procedure's OpenMP
+    // region) carry their mangled names as plain ones.
+    return demangledName(attributeString(die, DW_AT_name));
 }
 
 QString absolutePath(const QString& file, const QString& directory)
@@ -647,7 +649,7 @@ void SymbolTable::resolve(UnitIndex& index, int function)
         const char* plain = nullptr;
         Dwarf_Die die = Dwarf_Die();
         if (index.ownDies && index.reader.name(entry.offset, &linkage, &plain)) {
-            entry.name = linkage ? demangledName(QString::fromUtf8(linkage)) : QString::fromUtf8(plain);
+            entry.name = demangledName(QString::fromUtf8(linkage ? linkage : plain));
         } else {
             die = functionDie(index, f);
             entry.name = functionName(&die);
