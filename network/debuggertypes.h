@@ -58,8 +58,9 @@ private:
 
 // The files with code among the lines of a /proc/PID/maps, each over the
 // range of its mappings, and the second mappings of their code (see
-// SharedLibrary::remapping), told by lying far from where the file's first
-// mapping puts their offset. The kernel's vDSO, in no file, is left out.
+// SharedLibrary::remapping), told by lying far from where the file's mapping
+// of the lowest offset puts their offset. The kernel's vDSO, in no file, is
+// left out.
 QList<SharedLibrary> filesOfMaps(const QByteArray& maps);
 
 // One thread of the target.

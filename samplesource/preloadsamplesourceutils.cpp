@@ -158,11 +158,13 @@ QList<SharedLibrary> PreloadSampleSourceUtils::readModulesList(const QString& pa
         else
             modules.append(library);
     }
+    // Code that the program mapped again elsewhere, there at the end or not.
+    QList<SharedLibrary> remapped;
     for (const SharedLibrary& mapped : filesOfMaps(maps)) {
         if (mapped.isRemapping())
-            removed << mapped;
+            remapped << mapped;
     }
-    return modules + transient + removed;
+    return modules + transient + removed + remapped;
 }
 
 QMap<int, QString> PreloadSampleSourceUtils::readThreadNames(const QString& path)

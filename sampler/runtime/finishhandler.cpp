@@ -71,9 +71,10 @@ void reportFileError(const char* what, const char* path)
 }
 
 // Writes the data file, ".errorMessages" when some metric can't be taken,
-// ".mpi" when an MPI wrapper is loaded, ".modules" when there are
-// addresses and ".threads" when threads named themselves; then deletes ".running". Allocates nothing and
-// takes no lock, since it may run on top of an interrupted handler.
+// ".mpi" when an MPI wrapper is loaded, ".modules" when there are addresses
+// and ".threads" when threads named themselves; then deletes ".running".
+// Allocates nothing and takes no lock, since it may run on top of an
+// interrupted handler.
 void writeResults(int stopReason, int stage)
 {
     State& s = gState;

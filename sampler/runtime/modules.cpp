@@ -248,7 +248,9 @@ void writeFileMappings(int out)
         return;
     static char buffer[16384];
     static char line[4096 + 8];
-    std::size_t length = 0;
+    // Gathered, so that a program of thousands of mappings costs a few writes.
+    static char gathered[65536];
+    std::size_t length = 0, gatheredLength = 0;
     bool tooLong = false;
     for (;;) {
         const ssize_t got = read(in, buffer, sizeof buffer);
@@ -268,13 +270,19 @@ void writeFileMappings(int out)
             line[4 + length] = '\n';
             if (!tooLong && std::memchr(line + 4, '/', length)) {
                 std::memcpy(line, "map ", 4);
-                quorvex::safe_write_all(out, line, length + 5);
+                if (gatheredLength + length + 5 > sizeof gathered) {
+                    quorvex::safe_write_all(out, gathered, gatheredLength);
+                    gatheredLength = 0;
+                }
+                std::memcpy(gathered + gatheredLength, line, length + 5);
+                gatheredLength += length + 5;
             }
             length = 0;
             tooLong = false;
         }
     }
     close(in);
+    quorvex::safe_write_all(out, gathered, gatheredLength);
     const int noted = std::min(gNotedMappingCount.load(std::memory_order_acquire), MAX_NOTED_MAPPINGS);
     for (int i = 0; i < noted; ++i) {
         const NotedMapping& m = gNotedMappings[i];
