@@ -110,8 +110,10 @@ static void* worker(void* argument)
     return NULL;
 }
 
-static void usage(void)
+static void usage(const char* unknown)
 {
+    if (unknown)
+        fprintf(stderr, "zor-example: unknown argument %s\n", unknown);
     fprintf(stderr, "usage: zor-example [--seconds S | --work N]\n");
     exit(2);
 }
@@ -126,10 +128,10 @@ int main(int argc, char** argv)
         else if (strcmp(argv[i], "--work") == 0 && i + 1 < argc)
             rounds = atol(argv[++i]);
         else
-            usage();
+            usage(argv[i]);
     }
     if (seconds <= 0 || rounds < 0)
-        usage();
+        usage(NULL);
 
     const int64_t start = now_ns();
     const int64_t end = start + (int64_t)(seconds * 1e9);

@@ -6,6 +6,7 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QSet>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -157,7 +158,7 @@ int parse(const QStringList& args, ProfileOptions* options)
 }
 
 // The program as the shell would find it; a clear message when it can't be run.
-bool resolveProgram(const QString& program, QString* path, QString* error)
+bool findProgram(const QString& program, QString* path, QString* error)
 {
     if (program.contains(QLatin1Char('/'))) {
         *path = program;
@@ -185,20 +186,71 @@ bool resolveProgram(const QString& program, QString* path, QString* error)
         *error = QStringLiteral("%1 is not executable").arg(program);
         return false;
     }
-    // The debugger runs programs, not scripts (/usr/bin/7z is one that execs
-    // the real 7z); a script's interpreter would be sampled, not what it runs.
-    QFile file(*path);
-    if (file.open(QIODevice::ReadOnly)) {
-        const QByteArray head = file.read(256);
-        if (head.startsWith("#!")) {
-            const QString interpreter =
-                QString::fromLocal8Bit(head.mid(2, head.indexOf('\n') < 0 ? -1 : head.indexOf('\n') - 2)).trimmed();
-            *error = QStringLiteral("%1 is a script (#!%2), not a program: profile the program that it runs, or its "
-                                    "interpreter with the script as an argument")
-                         .arg(program, interpreter);
-            return false;
-        }
+    return true;
+}
+
+// The interpreter line of a script ("#!/usr/bin/python3 -u"), empty for
+// anything else.
+QString interpreterLine(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    const QByteArray head = file.read(256);
+    if (!head.startsWith("#!"))
+        return QString();
+    const int end = head.indexOf('\n');
+    return QString::fromLocal8Bit(head.mid(2, end < 0 ? -1 : end - 2)).trimmed();
+}
+
+// What runs when `program` is started: the program itself, or for a script
+// its interpreter, with what the kernel puts before the script's arguments
+// (the interpreter's argument, the script). The interpreter does a script's
+// work in the same process, so that is what is sampled; a shell does it in
+// the programs it starts, or by becoming another program (/usr/bin/7z execs
+// the real 7z), and neither is seen from the shell's process.
+bool resolveProgram(const QString& program, QString* path, QStringList* leading, QString* error)
+{
+    leading->clear();
+    if (!findProgram(program, path, error))
+        return false;
+    const QString line = interpreterLine(*path);
+    if (line.isEmpty())
+        return true;
+    const auto unusable = [&](const QString& why) {
+        *error = QStringLiteral("%1 is a script (#!%2): %3").arg(program, line, why);
+        return false;
+    };
+    // The kernel passes what follows the interpreter as one argument; env
+    // finds its program in PATH, and splits its words with -S.
+    const int space = line.indexOf(QRegularExpression(QStringLiteral("\\s")));
+    QString interpreter = space < 0 ? line : line.left(space);
+    QStringList arguments;
+    if (space >= 0)
+        arguments << line.mid(space + 1).trimmed();
+    if (QFileInfo(interpreter).fileName() == QLatin1String("env") && !arguments.isEmpty()) {
+        QStringList words = arguments.first().split(QRegularExpression(QStringLiteral("\\s+")), Qt::SkipEmptyParts);
+        if (words.first() == QLatin1String("-S"))
+            words.removeFirst();
+        if (words.isEmpty() || words.first().startsWith(QLatin1Char('-')) || words.first().contains(QLatin1Char('=')))
+            return unusable(QStringLiteral("zor can't start it as env would: profile its interpreter with the script as "
+                                           "an argument"));
+        interpreter = words.takeFirst();
+        arguments = words;
     }
+    QString found;
+    QString why;
+    if (!findProgram(interpreter, &found, &why))
+        return unusable(why);
+    static const QStringList shells = { "sh", "bash", "dash", "zsh", "ksh", "mksh", "csh", "tcsh", "fish", "busybox" };
+    if (shells.contains(QFileInfo(found).fileName()))
+        return unusable(QStringLiteral("a shell script's work is done by the programs that it runs, which zor doesn't "
+                                       "sample: profile the program that it runs"));
+    if (!interpreterLine(found).isEmpty())
+        return unusable(QStringLiteral("its interpreter is a script too: profile the program that runs it"));
+    *path = found;
+    *leading = arguments;
+    *leading << program;
     return true;
 }
 
@@ -285,9 +337,10 @@ const int UnknownEndGraceMs = 20000;
 class ProfileRun : public QObject
 {
 public:
-    ProfileRun(const ProfileOptions& options, const QString& program)
+    ProfileRun(const ProfileOptions& options, const QString& program, const QStringList& leading)
         : mOptions(options)
         , mProgram(program)
+        , mLeading(leading)
         , mRanks(std::max(1, options.processes))
     {
         connect(&mInterrupts, &InterruptWatcher::interrupted, this, &ProfileRun::interrupted);
@@ -329,6 +382,8 @@ private:
 
     ProfileOptions mOptions;
     QString mProgram;
+    // Before the user's arguments: a script's interpreter takes the script.
+    QStringList mLeading;
     int mRanks;
     QTemporaryDir mDirectory{ QDir(QDir::tempPath()).filePath(QStringLiteral("zor-XXXXXX")) };
     HostListener mListener;
@@ -455,7 +510,7 @@ bool ProfileRun::start(QString* error)
             arguments << QStringLiteral("--allow-run-as-root");
         arguments << host;
     }
-    arguments << QStringLiteral("--") << mProgram << mOptions.arguments;
+    arguments << QStringLiteral("--") << mProgram << mLeading << mOptions.arguments;
     mLauncher.start(launcher, arguments);
     if (!mLauncher.waitForStarted(30000)) {
         *error = QStringLiteral("cannot start %1: %2").arg(launcher, mLauncher.errorString());
@@ -633,7 +688,7 @@ void ProfileRun::showProgress()
         mProgress.show(QStringLiteral("zor: analysing"), mHosts.isEmpty() ? 0 : percent / mHosts.size());
     else if (mPlaying)
         mProgress.show(QStringLiteral("zor: %1 running, %2%3")
-                           .arg(QFileInfo(mProgram).fileName(), elapsed,
+                           .arg(QFileInfo(mOptions.program).fileName(), elapsed,
                                 mStopping ? QStringLiteral(", stopping") : QStringLiteral(" (Ctrl-C stops)")));
     else
         mProgress.show(QStringLiteral("zor: %1").arg(mPhase));
@@ -939,13 +994,14 @@ int runProfileCommand(const QStringList& args)
     if (status != 0)
         return status < 0 ? 0 : status;
     QString program;
+    QStringList leading;
     QString error;
-    if (!resolveProgram(options.program, &program, &error)) {
+    if (!resolveProgram(options.program, &program, &leading, &error)) {
         complain(error);
         return 127;
     }
     if (options.processes > 0 && !options.shmem && usesOpenShmem(program))
         options.shmem = true;
-    ProfileRun run(options, program);
+    ProfileRun run(options, program, leading);
     return run.run();
 }

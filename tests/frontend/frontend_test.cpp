@@ -173,11 +173,20 @@ TEST(ZorProfile, ExampleSharesComeOutAsTheProgramMeansThem)
                    QStringLiteral("zor-profile.png"));
 
     // The program's failure is zor's, and -o names the result, which the
-    // command that shows it again quotes.
+    // command that shows it again quotes. The program is a script's
+    // interpreter here, which gets its argument and the script before the
+    // script's own.
+    const QString script = dir.filePath(QStringLiteral("bogus-script"));
+    QFile scriptFile(script);
+    ASSERT_TRUE(scriptFile.open(QIODevice::WriteOnly));
+    scriptFile.write("#!" + QByteArray(ZOR_EXAMPLE) + " --work\n");
+    scriptFile.setPermissions(scriptFile.permissions() | QFile::ExeOwner);
+    scriptFile.close();
     const QString named = dir.filePath(QStringLiteral("named result.zor"));
-    const Outcome failing = zor({ "profile", "-o", named, "--", ZOR_EXAMPLE, "--bogus" }, env, 120000, dir.path());
+    const Outcome failing = zor({ "profile", "-o", named, "--", script, "--bogus" }, env, 120000, dir.path());
     EXPECT_EQ(failing.status, 2) << qPrintable(failing.err);
-    EXPECT_TRUE(failing.err.contains(QLatin1String("usage: zor-example"))) << qPrintable(failing.err);
+    EXPECT_TRUE(failing.err.contains(QLatin1String("zor-example: unknown argument --bogus\nusage: zor-example")))
+        << qPrintable(failing.err);
     EXPECT_TRUE(failing.err.contains(QStringLiteral("(zor report '%1' shows it again)").arg(named))) << qPrintable(failing.err);
     EXPECT_TRUE(QFile::exists(named));
 }
@@ -299,6 +308,12 @@ TEST(ZorCommand, BadInputGetsOneClearLineAndLeavesNothingBehind)
     script.write("#! /bin/sh\nexec true \"$@\"\n");
     script.setPermissions(script.permissions() | QFile::ExeOwner);
     script.close();
+    const QString nested = files.filePath(QStringLiteral("nested"));
+    QFile nestedScript(nested);
+    nestedScript.open(QIODevice::WriteOnly);
+    nestedScript.write("#!" + QFile::encodeName(wrapper) + " -x\n");
+    nestedScript.setPermissions(nestedScript.permissions() | QFile::ExeOwner);
+    nestedScript.close();
     QFile foreign(files.filePath(QStringLiteral("notes.zor")));
     foreign.open(QIODevice::WriteOnly);
     foreign.write("these are my notes\n");
@@ -314,7 +329,8 @@ TEST(ZorCommand, BadInputGetsOneClearLineAndLeavesNothingBehind)
         { { "profile", "--", "no-such-program-zor-test" }, "^zor: no such program: no-such-program-zor-test \\(not found in PATH\\)$" },
         { { "profile", "--", notExecutable }, "^zor: .*/script is not executable$" },
         { { "profile", "--", files.path() }, "is not executable$" },
-        { { "profile", "--", wrapper }, "^zor: .*/wrapper is a script \\(#!/bin/sh\\), not a program: profile the program" },
+        { { "profile", "--", wrapper }, "^zor: .*/wrapper is a script \\(#!/bin/sh\\): a shell script's work is done by the programs that it runs" },
+        { { "profile", "--", nested }, "^zor: .*/nested is a script \\(#!.*/wrapper -x\\): its interpreter is a script too" },
         { { "profile", "--frobnicate", "--", "true" }, "^zor: unknown option --frobnicate \\(see zor --help\\)$" },
         { { "profile", "--interval", "soon", "--", "true" }, "^zor: --interval takes a positive number, not soon$" },
         { { "profile", "--samples" }, "^zor: --samples needs a value$" },
