@@ -139,6 +139,37 @@ bool readUnitRanges(const unsigned char* data, size_t size, std::vector<UnitRang
     return true;
 }
 
+// The ranges of the units that .debug_aranges leaves out, from their own
+// DIEs: Go's compiler lists none of its units there, which lie between the
+// C units of the same program, so that their code was read as the C unit's
+// before it.
+template <class UnitRange>
+void addUnlistedUnits(Dwarf* dwarf, std::vector<UnitRange>* ranges)
+{
+    std::vector<unsigned long long> listed;
+    listed.reserve(ranges->size());
+    for (const UnitRange& range : *ranges)
+        listed.push_back(range.unit);
+    std::sort(listed.begin(), listed.end());
+    const size_t before = ranges->size();
+    Dwarf_Off offset = 0, next = 0;
+    size_t header = 0;
+    while (dwarf_nextcu(dwarf, offset, &next, &header, nullptr, nullptr, nullptr) == 0) {
+        Dwarf_Die unit;
+        if (!std::binary_search(listed.begin(), listed.end(), offset) && dwarf_offdie(dwarf, offset + header, &unit)) {
+            Dwarf_Addr base = 0, low = 0, high = 0;
+            ptrdiff_t at = 0;
+            while ((at = dwarf_ranges(&unit, at, &base, &low, &high)) > 0) {
+                if (low < high)
+                    ranges->push_back({low, high, offset});
+            }
+        }
+        offset = next;
+    }
+    if (ranges->size() != before)
+        std::sort(ranges->begin(), ranges->end(), [](const UnitRange& a, const UnitRange& b) { return a.start < b.start; });
+}
+
 int collectModule(Dwfl_Module* module, void**, const char*, Dwarf_Addr, void* arg)
 {
     static_cast<std::vector<Dwfl_Module*>*>(arg)->push_back(module);
@@ -442,6 +473,8 @@ SymbolTable::UnitLookup SymbolTable::unitAt(DwarfSections& sections, Dwarf* dwar
             elf && elf_getshdrstrndx(elf, &names) == 0 ? sectionData(elf, names, ".debug_aranges", &size) : nullptr;
         if (!data || !readUnitRanges(data, size, &ranges))
             ranges.clear();
+        else
+            addUnlistedUnits(dwarf, &ranges);
     }
     if (ranges.empty())
         return UnitLookup::Unknown;

@@ -295,6 +295,72 @@ TEST_F(Symbols, CompressedSeparateDebugFileIsReadThroughItsKeptCopy)
     qputenv("ZOR_DEBUG_CACHE", setting);
 }
 
+// Go's compiler lists none of its units in .debug_aranges, which the C
+// units linked with them (cgo) are listed in: an unlisted unit's code lies
+// between listed ones, and was read as the unit's before it. A unit whose
+// entries are taken out of the table stands in for them here.
+TEST(UnitRanges, AUnitLeftOutOfTheAddressTableIsFoundByItsOwnRanges)
+{
+    for (const char* tool : {"cc", "objcopy"}) {
+        if (QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty())
+            GTEST_SKIP() << "no " << tool << " to make the program with";
+    }
+    QTemporaryDir dir;
+    const struct
+    {
+        const char* name;
+        const char* text;
+    } sources[] = {
+        {"listed", "int listed(int x)\n{\n    return x + 1;\n}\n"},
+        {"unlisted", "int listed(int);\nint unlisted(int x)\n{\n    return listed(x) * 3;\n}\n"
+                     "int main(void)\n{\n    return unlisted(2);\n}\n"},
+    };
+    QStringList objects;
+    for (const auto& source : sources) {
+        const QString c = dir.filePath(QLatin1String(source.name) + QStringLiteral(".c"));
+        QFile file(c);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(source.text);
+        file.close();
+        objects << dir.filePath(QLatin1String(source.name) + QStringLiteral(".o"));
+        ASSERT_EQ(QProcess::execute(QStringLiteral("cc"), {QStringLiteral("-g"), QStringLiteral("-O1"),
+                                                          QStringLiteral("-fPIE"), QStringLiteral("-c"), c,
+                                                          QStringLiteral("-o"), objects.last()}),
+                  0);
+    }
+    ASSERT_EQ(QProcess::execute(QStringLiteral("objcopy"),
+                                {QStringLiteral("--remove-section=.debug_aranges"), objects.last()}),
+              0);
+    const QString program = dir.filePath(QStringLiteral("program"));
+    ASSERT_EQ(QProcess::execute(QStringLiteral("cc"), QStringList{QStringLiteral("-pie"), QStringLiteral("-o"), program}
+                                                          + objects),
+              0);
+
+    const unsigned long long base = 0x10000000;
+    SymbolTable table;
+    table.setLibraries({SharedLibrary(program, base, base + QFileInfo(program).size())});
+    const struct
+    {
+        const char* function;
+        const char* file;
+        int line;
+    } expected[] = {{"listed", "/listed.c", 3}, {"unlisted", "/unlisted.c", 4}, {"main", "/unlisted.c", 8}};
+    for (const auto& e : expected) {
+        unsigned long long address = 0;
+        ASSERT_TRUE(table.functionAddress(QLatin1String(e.function), &address)) << e.function;
+        FunctionBounds bounds;
+        ASSERT_TRUE(table.functionBounds(address, &bounds)) << e.function;
+        bool lineSeen = false;
+        for (unsigned long long a = bounds.start; a < bounds.end; ++a) {
+            const SymbolPosition p = table.position(a);
+            EXPECT_TRUE(p.file.endsWith(QLatin1String(e.file))) << e.function << " at +" << a - address << ": "
+                                                                 << p.file.toStdString();
+            lineSeen = lineSeen || p.line == e.line;
+        }
+        EXPECT_TRUE(lineSeen) << e.function;
+    }
+}
+
 // Two programs whose debug files dwz has made share a third
 // (.gnu_debugaltlink), all compressed, as Debian's -dbg packages ship them:
 // names that lie in the shared file are read there, on the run that makes
