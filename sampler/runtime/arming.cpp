@@ -629,6 +629,8 @@ int arm(const ArmSettings& settings, bool readConfigFile)
         }
     }
 
+    hookGoExit();
+
     quorvex::SafeMessage message = logLine();
     message.str("armed: every ").dec(s.intervalMs).str(" ms, at most ").dec(numSamples).str(" samples, ")
         .dec(s.threadsPerSample).str(" other threads per sample, ").udec(s.metricCount).str(" metrics, results to ")

@@ -17,6 +17,9 @@ namespace zorsampler {
 
 // The objects loaded now, kept for the end.
 void recordModulesAtStart();
+
+// In a Go program, makes the Go runtime's own exit write the samples first.
+void hookGoExit();
 // Writes "PATH.modules" for the objects at the start and now; false with
 // errno set if it can't be written.
 bool writeModulesFile(const char* path);

@@ -555,6 +555,32 @@ TEST(SamplerRun, DeathBySignalKeepsTheSamples)
     }
 }
 
+// A Go program ends through the exit system call itself, in a routine of the
+// Go runtime's (the target's stands in for it), found by its name or, in a
+// program stripped of its symbols, by its bytes: the samples are written
+// first, and the process ends with the status that the routine was given.
+TEST(SamplerRun, TheGoRuntimesOwnExitKeepsTheSamples)
+{
+    TempDir dir;
+    const std::string stripped = dir.file("stripped-target");
+    ASSERT_EQ(QProcess::execute(QStringLiteral("objcopy"), {QStringLiteral("--strip-all"), QStringLiteral(ZOR_TARGET),
+                                                            QString::fromStdString(stripped)}),
+              0);
+    for (const std::string& program : {std::string(ZOR_TARGET), stripped}) {
+        SCOPED_TRACE(program);
+        const std::string path = dir.file("samples");
+        const ProgramRun run
+            = runSampled({program, "go-exit"}, {"ZOR_SAMPLER_OUTPUT=" + path, "ZOR_SAMPLER_OPTIONS=interval=2"});
+        EXPECT_EQ(run.exitCode, 7) << run.describe();
+        EXPECT_EQ(run.out, "leaving\n");
+        EXPECT_FALSE(exists(path + ".running"));
+        const SampleFileRead file = readSampleFile(path);
+        ASSERT_TRUE(file.list);
+        EXPECT_GT(file.list->size(), 10u);
+        EXPECT_EQ(sampledThreads(*file.list).size(), 2u) << "the main thread and the worker";
+    }
+}
+
 // Threads that block every signal, a main thread that waits for all of them
 // in sigwait and a signalfd, a main thread that leaves before its workers,
 // even before they have started to run: every thread that runs is sampled,
