@@ -64,7 +64,10 @@ QString classLabel(const Sample& sample, int tid, const QVector<const PSVModelIt
     }
     if (path.size() > 1 && specialOf(path.at(0)) == ZORPSVModelItem::specialProgramFrame) {
         const QString name = path.at(1)->position().function;
-        if (name.startsWith(QLatin1Char('[')) && name.endsWith(QLatin1Char(']')))
+        // A trace cut short (a thread that didn't answer in time) shows its
+        // mark where a thread's entry stands, and tells no class.
+        if (name.startsWith(QLatin1Char('[')) && name.endsWith(QLatin1Char(']'))
+            && name != QLatin1String(ZOR_FUNCTION_NAME_FOR_PARTIAL_TRACE))
             return name.mid(1, name.size() - 2);
     }
     return OtherThreadLabel;

@@ -341,12 +341,18 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     EXPECT_FALSE(textSummary(Profile(jit), 5).contains(QLatin1String("Instruction mix")));
 
     // One busy thread among idle ones of its class has a strip of its own.
+    // A thread that mostly didn't answer in time (its traces cut short)
+    // stays in its class.
     Result pool = exampleResult(0);
     RankResult poolRank = exampleRank(0, 0);
     for (int i = 0; i < 8; ++i) {
         QList<ThreadSpec> threads = { { 1, Sample::MainThread, 1000, { "main" } } };
-        for (int tid = 2; tid < 7; ++tid)
-            threads.append({ tid, Sample::OtherThread, tid == 4 ? 100000000ULL : 10ULL, { "work" } });
+        for (int tid = 2; tid < 7; ++tid) {
+            if (tid == 6 && i < 5)
+                threads.append({ tid, Sample::OtherThread, 0, { "[partial trace]", "<unknown> [no stack trace]" } });
+            else
+                threads.append({ tid, Sample::OtherThread, tid == 4 ? 100000000ULL : 10ULL, { "work" } });
+        }
         poolRank.samples << makeSample(0, 10 * i, threads);
     }
     pool.ranks << poolRank;
