@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstring>
 #include <elf.h>
+#include <sched.h>
 #include <functional>
 #include <future>
 #include <thread>
@@ -785,6 +786,11 @@ int ProfileRun::run()
     result.run.started = QDateTime::currentDateTimeUtc();
     result.run.intervalMs = mOptions.intervalMs;
     result.run.samplesPerProcess = mOptions.samples;
+    // The program inherits zor's processors; the ranks of a launcher may
+    // have others, on other nodes.
+    cpu_set_t usable;
+    if (mOptions.processes == 0 && sched_getaffinity(0, sizeof usable, &usable) == 0)
+        result.run.cpus = CPU_COUNT(&usable);
     if (mOptions.output.isEmpty())
         mOptions.output = defaultOutput(mOptions.program, result.run.started);
 

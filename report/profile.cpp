@@ -419,10 +419,14 @@ QList<ActivityRow> Profile::activity(int buckets, bool perRank) const
         }
     }
     const double bucketNs = std::max(1.0, bucketMs * 1e6);
+    // More threads than processors can't all be busy at once: a row's share
+    // is of the processors its threads could use.
+    const int cpus = mResult.run.cpus;
     for (int i = 0; i < rows.size(); ++i) {
         rows[i].threads = rowThreads.at(i).size();
+        const int running = cpus > 0 ? std::min(rows[i].threads, cpus) : rows[i].threads;
         for (double& busy : rows[i].busy)
-            busy = std::min(1.0, busy / (bucketNs * rows[i].threads));
+            busy = std::min(1.0, busy / (bucketNs * running));
     }
     // Ranks in order; within one, the main thread first, then the busiest.
     std::stable_sort(rows.begin(), rows.end(), [](const ActivityRow& a, const ActivityRow& b) {
@@ -433,6 +437,24 @@ QList<ActivityRow> Profile::activity(int buckets, bool perRank) const
         return a.cpuNs > b.cpuNs;
     });
     return rows;
+}
+
+int Profile::threadsDoingMostWork() const
+{
+    QHash<QPair<int, int>, quint64> perThread;
+    for (const ThreadSample& s : mThreadSamples)
+        perThread[qMakePair(s.rank, s.tid)] += s.cpuNs;
+    std::vector<quint64> times(perThread.begin(), perThread.end());
+    std::sort(times.begin(), times.end(), std::greater<quint64>());
+    quint64 sum = 0;
+    int count = 0;
+    for (quint64 time : times) {
+        if (double(sum) >= 0.9 * double(mCpuNs))
+            break;
+        sum += time;
+        ++count;
+    }
+    return count;
 }
 
 double Profile::instructionsRead() const

@@ -99,6 +99,8 @@ public:
     int sampleCount() const { return mSampleCount; }
     long long durationMs() const { return mDurationMs; }
     quint64 cpuNs() const { return mCpuNs; }
+    // The fewest threads whose CPU time makes nine tenths of the run's.
+    int threadsDoingMostWork() const;
 
     // Sorted by self time, longest first; `limit` < 0 for all.
     QList<FunctionFigure> functions(int limit = -1) const;

@@ -51,6 +51,8 @@ void writeRun(QXmlStreamWriter& w, const RunInfo& run)
         w.writeAttribute(QStringLiteral("childrenCpuMs"), QString::number(run.childrenCpuMs));
     if (run.processCpuMs >= 0)
         w.writeAttribute(QStringLiteral("processCpuMs"), QString::number(run.processCpuMs));
+    if (run.cpus > 0)
+        w.writeAttribute(QStringLiteral("cpus"), QString::number(run.cpus));
     for (const QString& argument : run.arguments)
         w.writeTextElement(QStringLiteral("arg"), argument);
     w.writeEndElement();
@@ -78,6 +80,7 @@ bool readRun(QXmlStreamReader& r, RunInfo* run, QString* error)
     run->processCpuMs = a.value(QLatin1String("processCpuMs")).toLongLong(&processKnown);
     if (!processKnown || run->processCpuMs < 0)
         run->processCpuMs = -1;
+    run->cpus = std::max(0, a.value(QLatin1String("cpus")).toInt());
     ok[4] = run->started.isValid();
     for (bool b : ok) {
         if (!b) {

@@ -29,6 +29,9 @@ struct RunInfo
     // CPU time of the program's processes as the ended processes tell it,
     // whether sampled or not; -1 if not known.
     qint64 processCpuMs = -1;
+    // The processors that the program could run on, for a run of one
+    // process; 0 if not known.
+    int cpus = 0;
     int intervalMs = 20;
     int samplesPerProcess = 1000;
     int exitStatus = 0;

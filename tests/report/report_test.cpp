@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <numeric>
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -40,6 +41,7 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     original.run.programMs = 4000;
     original.run.childrenCpuMs = 2800;
     original.run.processCpuMs = 9000;
+    original.run.cpus = 12;
     original.run.exitSignal = 11;
     original.run.arguments << QStringLiteral("it's quoted");
     MetricErrorMap errors;
@@ -62,6 +64,7 @@ TEST(ResultFile, RoundTripKeepsEverythingTheReportsRead)
     EXPECT_TRUE(read.run.interrupted);
     EXPECT_EQ(read.run.programMs, 4000);
     EXPECT_EQ(read.run.processCpuMs, 9000);
+    EXPECT_EQ(read.run.cpus, 12);
     ASSERT_EQ(read.ranks.size(), 3);
     EXPECT_TRUE(read.ranks[2].samples.isEmpty());
     EXPECT_EQ(read.ranks[1].rank(), 1);
@@ -387,6 +390,34 @@ TEST(Reports, SummaryFitsATerminalAndSaysWhatMatters)
     const QString many = textSummary(Profile(pool), 5);
     EXPECT_TRUE(many.contains(QLatin1String("and 9 more rows (9 threads), each under 1% busy"))) << qPrintable(many);
     EXPECT_TRUE(many.contains(QRegExp(QStringLiteral("GC Thread#2 \\(thread 4\\) +\\|")))) << qPrintable(many);
+
+    // Six threads at work on two processors, which they keep busy: told, and
+    // their strip is their share of the two. Unknown processors, or a run
+    // whose work is done by as many threads as processors, tell nothing.
+    Result crowded = exampleResult(0);
+    RankResult crowdedRank = exampleRank(0, 0);
+    for (int i = 0; i < 10; ++i) {
+        QList<ThreadSpec> threads = { { 1, Sample::MainThread, 100, { "main" } } };
+        for (int tid = 2; tid < 8; ++tid)
+            threads.append({ tid, Sample::OtherThread, 3333333ULL, { "work" } });
+        crowdedRank.samples << makeSample(0, 10 * i, threads);
+    }
+    crowded.ranks << crowdedRank;
+    crowded.run.wallMs = 100;
+    const QString told = QStringLiteral("6 threads at work took turns on the 2 processors");
+    const auto workersBusy = [](const Profile& profile) {
+        const QList<ActivityRow> rows = profile.activity(5, false);
+        EXPECT_EQ(rows.last().threads, 6);
+        return std::accumulate(rows.last().busy.begin(), rows.last().busy.end(), 0.0);
+    };
+    const double perThread = workersBusy(Profile(crowded));
+    for (const int cpus : { 0, 2, 6 }) {
+        SCOPED_TRACE(cpus);
+        crowded.run.cpus = cpus;
+        const Profile profile(crowded);
+        EXPECT_EQ(textSummary(profile, 5).contains(told), cpus == 2) << qPrintable(textSummary(profile, 5));
+        EXPECT_NEAR(workersBusy(profile), cpus == 2 ? 3 * perThread : perThread, 1e-9);
+    }
 }
 
 TEST(Reports, LongCppNamesKeepWhatTellsThemApart)
