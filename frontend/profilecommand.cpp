@@ -244,9 +244,20 @@ bool resolveProgram(const QString& program, QString* path, QStringList* leading,
     if (!findProgram(interpreter, &found, &why))
         return unusable(why);
     static const QStringList shells = { "sh", "bash", "dash", "zsh", "ksh", "mksh", "csh", "tcsh", "fish", "busybox" };
-    if (shells.contains(QFileInfo(found).fileName()))
+    if (shells.contains(QFileInfo(found).fileName())) {
+        // An uninstalled program of a build that uses libtool is such a
+        // script, which sets up the build's libraries and execs the program.
+        QFile script(*path);
+        static const QRegularExpression libtool(QStringLiteral("temporary wrapper script for (\\S+)"));
+        const QRegularExpressionMatch wrapped =
+            script.open(QIODevice::ReadOnly) ? libtool.match(QString::fromLocal8Bit(script.read(2048))) : QRegularExpressionMatch();
+        if (wrapped.hasMatch())
+            return unusable(QStringLiteral("libtool's wrapper of %1: run zor through libtool, which sets up the "
+                                           "build's libraries for it: libtool --mode=execute zor profile -- %2")
+                                .arg(wrapped.captured(1), program));
         return unusable(QStringLiteral("a shell script's work is done by the programs that it runs, which zor doesn't "
                                        "sample: profile the program that it runs"));
+    }
     if (!interpreterLine(found).isEmpty())
         return unusable(QStringLiteral("its interpreter is a script too: profile the program that runs it"));
     *path = found;
