@@ -191,17 +191,17 @@ bool findProgram(const QString& program, QString* path, QString* error)
 }
 
 // The interpreter line of a script ("#!/usr/bin/python3 -u"), empty for
-// anything else.
-QString interpreterLine(const QString& path)
+// anything else; `head` gets the start of the file.
+QString interpreterLine(const QString& path, QByteArray* head = nullptr)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+    const QByteArray start = file.open(QIODevice::ReadOnly) ? file.read(2048) : QByteArray();
+    if (head)
+        *head = start;
+    if (!start.startsWith("#!"))
         return QString();
-    const QByteArray head = file.read(256);
-    if (!head.startsWith("#!"))
-        return QString();
-    const int end = head.indexOf('\n');
-    return QString::fromLocal8Bit(head.mid(2, end < 0 ? -1 : end - 2)).trimmed();
+    const int end = start.indexOf('\n');
+    return QString::fromLocal8Bit(start.mid(2, end < 0 ? -1 : end - 2)).trimmed();
 }
 
 // What runs when `program` is started: the program itself, or for a script
@@ -215,7 +215,8 @@ bool resolveProgram(const QString& program, QString* path, QStringList* leading,
     leading->clear();
     if (!findProgram(program, path, error))
         return false;
-    const QString line = interpreterLine(*path);
+    QByteArray head;
+    const QString line = interpreterLine(*path, &head);
     if (line.isEmpty())
         return true;
     const auto unusable = [&](const QString& why) {
@@ -247,10 +248,8 @@ bool resolveProgram(const QString& program, QString* path, QStringList* leading,
     if (shells.contains(QFileInfo(found).fileName())) {
         // An uninstalled program of a build that uses libtool is such a
         // script, which sets up the build's libraries and execs the program.
-        QFile script(*path);
         static const QRegularExpression libtool(QStringLiteral("temporary wrapper script for (\\S+)"));
-        const QRegularExpressionMatch wrapped =
-            script.open(QIODevice::ReadOnly) ? libtool.match(QString::fromLocal8Bit(script.read(2048))) : QRegularExpressionMatch();
+        const QRegularExpressionMatch wrapped = libtool.match(QString::fromLocal8Bit(head));
         if (wrapped.hasMatch())
             return unusable(QStringLiteral("libtool's wrapper of %1: run zor through libtool, which sets up the "
                                            "build's libraries for it: libtool --mode=execute zor profile -- %2")

@@ -351,13 +351,14 @@ QStringList runNotes(const Profile& profile)
         notes << QStringLiteral("Sampling was stopped early.");
     // Threads at work that outnumber the processors take turns on them.
     const int working = profile.threadsDoingMostWork();
-    if (run.cpus > 0 && working > run.cpus && sampledMs > 0 && cpu >= 0.8 * run.cpus * double(sampledMs) * 1e6)
+    const double processorsUsed = run.cpus > 0 && sampledMs > 0 ? cpu / (run.cpus * double(sampledMs) * 1e6) : 0;
+    if (working > run.cpus && processorsUsed >= 0.8)
         notes << QStringLiteral("%1 threads at work took turns on the %2 that the program could use, which they kept "
                                 "%3 busy: each thread waited for the others. A strip below is its threads' share of "
                                 "the processors that they could use.")
                      .arg(working)
                      .arg(plural(run.cpus, "processor", "processors"))
-                     .arg(QStringLiteral("%1%").arg(std::lround(std::min(100.0, 100 * cpu / (run.cpus * double(sampledMs) * 1e6)))));
+                     .arg(QStringLiteral("%1%").arg(std::lround(100 * std::min(1.0, processorsUsed))));
     if (run.exitSignal > 0 && !run.interrupted)
         notes << QStringLiteral("The program was killed by signal %1 (%2), exit status %3.")
                      .arg(run.exitSignal)
