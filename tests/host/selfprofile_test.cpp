@@ -111,14 +111,15 @@ TEST(SysMemInfo, ParsesTheLinesThatCountAndReadsThisNode)
     const QStringList node = Utils::readSysMemInfo();
     ASSERT_FALSE(node.isEmpty());
     EXPECT_TRUE(node.first().startsWith(QStringLiteral("MemTotal:")) && node.last().isEmpty());
-    EXPECT_GT(Utils::calcSysMemUsage(node), 0);
+    // A machine that has nearly all its memory free reads as 0%.
+    EXPECT_GE(Utils::calcSysMemUsage(node), 0);
     EXPECT_LT(Utils::calcSysMemUsage(node), 100);
     // The file read in place gives the same total.
     unsigned long long fromLines = 0;
     Utils::parseSysMemInfo(node, fromLines, free);
     ASSERT_TRUE(Utils::readSysMem(total, free));
     EXPECT_EQ(total, fromLines);
-    EXPECT_GT(Utils::sysMemUsage(total, free), 0);
+    EXPECT_NEAR(Utils::sysMemUsage(total, free), Utils::calcSysMemUsage(node), 2);
 }
 
 } // namespace
