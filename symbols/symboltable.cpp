@@ -861,6 +861,34 @@ QByteArray SymbolTable::buildId(const QString& path)
     return result;
 }
 
+bool SymbolTable::importsFunction(const QString& path, const char* name)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    elf_version(EV_CURRENT);
+    bool found = false;
+    if (Elf* elf = elf_begin(fd, ELF_C_READ_MMAP, nullptr)) {
+        for (Elf_Scn* section = elf_nextscn(elf, nullptr); section && !found; section = elf_nextscn(elf, section)) {
+            GElf_Shdr header;
+            if (!gelf_getshdr(section, &header) || header.sh_type != SHT_DYNSYM || header.sh_entsize == 0)
+                continue;
+            Elf_Data* data = elf_getdata(section, nullptr);
+            const size_t count = header.sh_size / header.sh_entsize;
+            for (size_t i = 1; data && i < count && !found; ++i) {
+                GElf_Sym symbol;
+                if (!gelf_getsym(data, int(i), &symbol) || symbol.st_shndx != SHN_UNDEF)
+                    continue;
+                const char* text = elf_strptr(elf, header.sh_link, symbol.st_name);
+                found = text && std::strcmp(text, name) == 0;
+            }
+        }
+        elf_end(elf);
+    }
+    ::close(fd);
+    return found;
+}
+
 void SymbolTable::setLibraries(const QList<SharedLibrary>& libraries, QStringList* problems)
 {
     stopPreparing();

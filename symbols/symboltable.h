@@ -57,6 +57,9 @@ public:
 
     // The GNU build id of the ELF file at `path`, in hex; empty without one.
     static QByteArray buildId(const QString& path);
+    // Whether the ELF file at `path` takes the function `name` from a
+    // library (an undefined symbol of its dynamic table).
+    static bool importsFunction(const QString& path, const char* name);
 
     // Replaces the modules by the files of `libraries`; a file that can't
     // be read is left out and named in `problems`.

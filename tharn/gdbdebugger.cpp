@@ -9,6 +9,7 @@
 #include <QSocketNotifier>
 #include <QStandardPaths>
 #include <QThread>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -16,7 +17,9 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <time.h>
+#include <sys/personality.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -163,6 +166,70 @@ private:
     int mChannels[3] = {-1, -1, -1};
 };
 
+
+// The environment variable that hands the sampler its end of the arming
+// channel.
+const char ArmingVariable[] = "ZOR_SAMPLER_ARMING_FD";
+
+// The request of the sampler's channel for a call such as
+// `quorvex_init_sampler_now(1000, 20, "/tmp/x", 1, 0, 0)`: a named function
+// with integer and string arguments. Empty for any other expression.
+QByteArray callRequest(const QString& expression)
+{
+    static const QRegularExpression call(QStringLiteral("^\\s*(?:\\(int\\)\\s*)?([A-Za-z_]\\w*)\\s*\\((.*)\\)\\s*$"));
+    static const QRegularExpression integer(QStringLiteral("^[-+]?(?:0[xX][0-9a-fA-F]+|\\d+)$"));
+    const QRegularExpressionMatch match = call.match(expression);
+    if (!match.hasMatch())
+        return QByteArray();
+    QByteArray request = "call " + match.captured(1).toLatin1();
+    const QByteArray arguments = match.captured(2).toUtf8();
+    int pos = 0;
+    int count = 0;
+    for (;;) {
+        while (pos < arguments.size() && arguments[pos] == ' ')
+            ++pos;
+        if (pos >= arguments.size())
+            break;
+        if (++count > 6)
+            return QByteArray();
+        if (arguments[pos] == '"') {
+            QByteArray text;
+            if (!parseCString(arguments, &pos, &text) || text.contains('\0'))
+                return QByteArray();
+            request += " s" + text.toHex();
+        } else {
+            const int comma = arguments.indexOf(',', pos);
+            const QString word = QString::fromUtf8(arguments.mid(pos, comma < 0 ? -1 : comma - pos)).trimmed();
+            if (!integer.match(word).hasMatch())
+                return QByteArray();
+            const bool negative = word.startsWith(QLatin1Char('-'));
+            const bool sign = negative || word.startsWith(QLatin1Char('+'));
+            bool ok = false;
+            const qulonglong magnitude = word.mid(sign ? 1 : 0).toULongLong(&ok, 0);
+            if (!ok)
+                return QByteArray();
+            request += " i" + QByteArray::number(negative ? -qint64(magnitude) : qint64(magnitude));
+            pos = comma < 0 ? arguments.size() : comma;
+        }
+        while (pos < arguments.size() && arguments[pos] == ' ')
+            ++pos;
+        if (pos >= arguments.size())
+            break;
+        if (arguments[pos] != ',')
+            return QByteArray();
+        ++pos;
+    }
+    if (count == 0 && !match.captured(2).trimmed().isEmpty())
+        return QByteArray();
+    return request;
+}
+
+bool isIdentifier(const QString& text)
+{
+    static const QRegularExpression identifier(QStringLiteral("^[A-Za-z_]\\w*$"));
+    return identifier.match(text).hasMatch();
+}
+
 } // namespace
 
 GdbDebugger::GdbDebugger(const Options& options, QObject* parent)
@@ -246,6 +313,8 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
     if (mChildEnds[2] < 0)
         mChildEnds[2] = ::open("/dev/null", O_RDONLY);
 
+    if (canArmThroughSampler())
+        return startWithArmingChannel(error);
     if (!startGdb(error))
         return false;
     try {
@@ -305,6 +374,232 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
         return false;
     }
     return true;
+}
+
+bool GdbDebugger::canArmThroughSampler() const
+{
+#if defined(__x86_64__)
+    // The sampler stands in front of the C library's start routine, which
+    // a program of Go's runtime, say, never calls.
+    return mOptions.armThroughSampler && !mOptions.preload.isEmpty()
+        && QFileInfo(mOptions.preload.first()).fileName().startsWith(QLatin1String("libquorvex-sampler"))
+        && SymbolTable::importsFunction(mProgram.value(0), "__libc_start_main");
+#else
+    return false;
+#endif
+}
+
+bool GdbDebugger::startWithArmingChannel(QString* error)
+{
+    const auto failure = [error](const QString& what) {
+        *error = QStringLiteral("%1: %2").arg(what, QString::fromLocal8Bit(strerror(errno)));
+        return false;
+    };
+    int channel[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0)
+        return failure(QStringLiteral("Can't make a channel to the program"));
+    // The number the program finds its end under: free here, so free in the
+    // child too, where only 0, 1 and 2 are set anew.
+    const int childEnd = fcntl(channel[1], F_DUPFD_CLOEXEC, 10);
+    ::close(channel[1]);
+    int execFailed[2];
+    if (childEnd < 0 || pipe2(execFailed, O_CLOEXEC) != 0) {
+        ::close(channel[0]);
+        if (childEnd >= 0)
+            ::close(childEnd);
+        return failure(QStringLiteral("Can't make a channel to the program"));
+    }
+
+    // All the child needs, made before fork: after it, only calls that are
+    // safe in a child of a process with threads.
+    const QByteArray path = QFile::encodeName(mProgram[0]);
+    QList<QByteArray> strings;
+    for (const QString& argument : qAsConst(mProgram))
+        strings << argument.toLocal8Bit();
+    std::vector<char*> argv;
+    for (QByteArray& argument : strings)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    QStringList preload = mOptions.preload;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    const QString inherited = environment.value(QStringLiteral("LD_PRELOAD"));
+    if (!inherited.isEmpty())
+        preload << inherited;
+    environment.insert(QStringLiteral("LD_PRELOAD"), preload.join(QLatin1Char(':')));
+    environment.insert(QLatin1String(ArmingVariable), QString::number(childEnd));
+    QList<QByteArray> variables;
+    for (const QString& variable : environment.toStringList())
+        variables << variable.toLocal8Bit();
+    std::vector<char*> envp;
+    for (QByteArray& variable : variables)
+        envp.push_back(variable.data());
+    envp.push_back(nullptr);
+    const int channels[3] = {mChildEnds[2], mChildEnds[0], mChildEnds[1]};
+
+    const pid_t pid = fork();
+    if (pid == 0) {
+        // In a process group of its own, as under gdb: a ^C on the terminal
+        // goes to the front-end, which stops the run. The host's blocked and
+        // ignored signals aren't the program's; nor is the address space laid
+        // out afresh on each run, which gdb doesn't do either.
+        setpgid(0, 0);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        signal(SIGINT, SIG_DFL);
+        personality(personality(0xffffffff) | ADDR_NO_RANDOMIZE);
+        int moved[3];
+        for (int i = 0; i < 3; ++i)
+            moved[i] = fcntl(channels[i], F_DUPFD_CLOEXEC, 3);
+        for (int i = 0; i < 3; ++i)
+            dup2(moved[i], i);
+        fcntl(childEnd, F_SETFD, 0);
+        execve(path.constData(), argv.data(), envp.data());
+        const int why = errno;
+        const ssize_t ignored = ::write(execFailed[1], &why, sizeof why);
+        (void)ignored;
+        _exit(127);
+    }
+    ::close(childEnd);
+    ::close(execFailed[1]);
+    if (pid < 0) {
+        ::close(channel[0]);
+        ::close(execFailed[0]);
+        return failure(QStringLiteral("Can't start %1").arg(mProgram[0]));
+    }
+    mTargetPid = pid;
+    mChannel = channel[0];
+    mArmedThroughSampler = true;
+    closeChildEnds();
+    int why = 0;
+    ssize_t n;
+    while ((n = ::read(execFailed[0], &why, sizeof why)) < 0 && errno == EINTR) {
+    }
+    ::close(execFailed[0]);
+    if (n == sizeof why) {
+        waitpid(pid, nullptr, 0);
+        mTargetGone = true;
+        closeChannel();
+        errno = why;
+        return failure(QStringLiteral("Can't start %1").arg(mProgram[0]));
+    }
+    mRuntimeCode = RuntimeCodeMap::ofProcess(pid, RuntimeCodeMap::processStart(pid));
+    watchTarget();
+    if (mOptions.whileGdbStarts) {
+        mOptions.whileGdbStarts();
+        mOptions.whileGdbStarts = nullptr;
+    }
+    try {
+        QByteArray ready;
+        if (!channelLine(&ready)) {
+            *error = QStringLiteral("%1 ended before main: %2").arg(mProgram[0], endEvent().trimmed());
+            return false;
+        }
+        if (!ready.startsWith("ready ")) {
+            *error = QStringLiteral("The sampler in %1 said %2 at main").arg(mProgram[0], QString::fromUtf8(ready));
+            return false;
+        }
+        mBoundaryIp = QString::fromLatin1(ready.mid(6));
+    } catch (Exception* failed) {
+        *error = failed->fullMessage();
+        delete failed;
+        return false;
+    }
+    mStopped = true;
+    refreshSymbols();
+    if (readsAhead())
+        mSymbols.prepareInBackground(false);
+    return true;
+}
+
+bool GdbDebugger::channelLine(QByteArray* line)
+{
+    QDeadlineTimer deadline(mOptions.timeoutMs);
+    for (;;) {
+        const int newline = mChannelBuffer.indexOf('\n');
+        if (newline >= 0) {
+            *line = mChannelBuffer.left(newline);
+            mChannelBuffer.remove(0, newline + 1);
+            return true;
+        }
+        if (mChannel < 0)
+            return false;
+        // The program's output is read meanwhile: a program that fills its
+        // pipe before main would wait for ever.
+        pollfd wait[3] = {{mChannel, POLLIN, 0}, {mOutput[0], POLLIN, 0}, {mOutput[1], POLLIN, 0}};
+        poll(wait, 3, int(std::min<qint64>(50, std::max<qint64>(0, deadline.remainingTime()))));
+        readTargetOutput();
+        if (wait[0].revents) {
+            char buffer[4096];
+            const ssize_t n = ::read(mChannel, buffer, sizeof buffer);
+            if (n > 0) {
+                mChannelBuffer.append(buffer, int(n));
+                continue;
+            }
+            if (n == 0 || errno != EINTR) {
+                // The program has ended, or is about to.
+                closeChannel();
+                targetEnds(2000);
+                return false;
+            }
+        }
+        if (deadline.hasExpired())
+            fail(DebuggerFailed,
+                 QStringLiteral("The program did not answer within %1 s at main").arg(mOptions.timeoutMs / 1000));
+    }
+}
+
+bool GdbDebugger::channelAsk(const QByteArray& request, QByteArray* answer)
+{
+    if (mChannel < 0)
+        return false;
+    const QByteArray line = request + '\n';
+    for (int done = 0; done < line.size();) {
+        const ssize_t n = ::send(mChannel, line.constData() + done, size_t(line.size() - done), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            closeChannel();
+            targetEnds(2000);
+            return false;
+        }
+        done += int(n);
+    }
+    return channelLine(answer);
+}
+
+void GdbDebugger::closeChannel()
+{
+    if (mChannel >= 0)
+        ::close(mChannel);
+    mChannel = -1;
+    mChannelBuffer.clear();
+}
+
+QString GdbDebugger::endEvent() const
+{
+    if (mExitStatus.startsWith(QLatin1String("exited")))
+        return QStringLiteral("[Inferior 1 (process %1) %2]\n").arg(mTargetPid).arg(mExitStatus);
+    if (mExitStatus.startsWith(QLatin1String("killed by signal ")))
+        return QStringLiteral("Program terminated with signal %1.\n").arg(mExitStatus.mid(17));
+    return QStringLiteral("The program has %1.\n").arg(mExitStatus.isEmpty() ? QStringLiteral("ended") : mExitStatus);
+}
+
+void GdbDebugger::attachGdbBeside()
+{
+    // The program waits on the channel, in the sampler's code; gdb's calls
+    // from there are as good as from main.
+    if (!mGdb) {
+        QString error;
+        if (!startGdb(&error))
+            fail(DebuggerFailed, error);
+    }
+    mStopped = false;
+    Answer attach = commandOk(QStringLiteral("-target-attach %1").arg(mTargetPid));
+    mGdbBeside = true;
+    if (!mStopped)
+        waitForStop(&attach);
+    readOwnLibrarySymbols();
 }
 
 GdbDebugger::Answer GdbDebugger::runToStrippedMain()
@@ -705,6 +1000,10 @@ void GdbDebugger::refreshSymbols()
 
 void GdbDebugger::restart()
 {
+    if (onChannel() && !mTargetGone) {
+        attachGdbBeside();
+        return;
+    }
     const bool alive = !mTargetGone;
     if (mGdb && mGdb->state() == QProcess::Running) {
         try {
@@ -735,6 +1034,7 @@ void GdbDebugger::terminate()
 {
     if (mTargetPid > 0 && !mTargetGone)
         ::kill(mTargetPid, SIGKILL);
+    closeChannel();
     if (mGdb) {
         if (mGdb->state() != QProcess::NotRunning) {
             mGdb->kill();
@@ -793,6 +1093,25 @@ ThreadsResponse* GdbDebugger::handleGetThreads(Command&, int)
 {
     if (mTargetGone || mDetached)
         return new ThreadsResponse();
+    if (onChannel()) {
+        // The threads the program's constructors started, if any, after
+        // the main one, numbered as gdb numbers them.
+        const QDir tasks(QStringLiteral("/proc/%1/task").arg(mTargetPid));
+        QList<int> tids;
+        for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+            tids << task.toInt();
+        std::sort(tids.begin(), tids.end(), [this](int a, int b) {
+            return (a == mTargetPid) != (b == mTargetPid) ? a == mTargetPid : a < b;
+        });
+        QList<ThreadResponse> threads;
+        for (int tid : qAsConst(tids)) {
+            QFile comm(tasks.filePath(QStringLiteral("%1/comm").arg(tid)));
+            const QString name =
+                comm.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(comm.readAll()).trimmed() : QString();
+            threads.append(ThreadResponse(tid, threads.size() + 1, tid, name));
+        }
+        return new ThreadsResponse(threads, tids.isEmpty() ? -1 : 0);
+    }
     const Answer info = commandOk(QStringLiteral("-thread-info"));
     const QString current = info.result.results.str(QStringLiteral("current-thread-id"));
     static const QRegularExpression lwp(QStringLiteral("(?:LWP|process) (\\d+)"));
@@ -813,6 +1132,8 @@ ThreadsResponse* GdbDebugger::handleGetThreads(Command&, int)
 void GdbDebugger::handleSetThread(Command& command)
 {
     const int thread = command.getValue(QStringLiteral("thread"), -1).toInt();
+    if (onChannel())
+        attachGdbBeside();
     commandOk(QStringLiteral("-thread-select %1").arg(thread));
 }
 
@@ -823,12 +1144,19 @@ Response* GdbDebugger::handleDetach(Command&)
     if (!mDetached) {
         mDetaching = true;
         try {
-            commandOk(QStringLiteral("-target-detach"));
+            if (!onChannel())
+                commandOk(QStringLiteral("-target-detach"));
         } catch (...) {
             mDetaching = false;
             throw;
         }
         mDetaching = false;
+        mGdbBeside = false;
+        // Main runs once the sampler's channel closes.
+        if (mChannel >= 0) {
+            ::send(mChannel, "go\n", 3, MSG_NOSIGNAL);
+            closeChannel();
+        }
         mDetached = true;
         mStopped = false;
         mSymbolsStale = true;
@@ -870,6 +1198,12 @@ Response* GdbDebugger::handleReattach(Command&)
     // Not for a program on its way out, which should end first.
     if (mLowerTargetFirst && mLowerTargetFirst())
         lowerTargetPriority();
+    // A program armed without gdb meets it only now.
+    if (!mGdb) {
+        QString error;
+        if (!startGdb(&error))
+            fail(DebuggerFailed, error);
+    }
     Answer attach = command(QStringLiteral("-target-attach %1").arg(mTargetPid));
     if (attach.result.className == QLatin1String("error")) {
         // A program on its way out can't be attached to: that is its end,
@@ -891,6 +1225,19 @@ void GdbDebugger::setTargetVariable(const QString& name, const QString& value)
 {
     if (mTargetGone)
         fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
+    bool integer = false;
+    value.toInt(&integer);
+    if (onChannel() && isIdentifier(name) && integer) {
+        QByteArray answer;
+        if (!channelAsk("set " + name.toLatin1() + ' ' + QByteArray::number(value.toInt()), &answer))
+            fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
+        if (answer == "ok")
+            return;
+        if (answer == "nosym")
+            fail(DebuggerFailed, QStringLiteral("No symbol \"%1\" in the program").arg(name));
+    }
+    if (onChannel())
+        attachGdbBeside();
     commandOk(QStringLiteral("-data-evaluate-expression ") + miQuote(name + QLatin1Char('=') + value));
 }
 
@@ -898,6 +1245,14 @@ QString GdbDebugger::readTargetString(const QString& name, const QString& defaul
 {
     if (mTargetGone || mDetached)
         return defaultValue;
+    if (onChannel() && isIdentifier(name)) {
+        QByteArray answer;
+        if (!channelAsk("str " + name.toLatin1(), &answer) || !answer.startsWith("ok"))
+            return defaultValue;
+        return QString::fromUtf8(QByteArray::fromHex(answer.mid(3)));
+    }
+    if (onChannel())
+        attachGdbBeside();
     const Answer answer =
         command(QStringLiteral("-data-evaluate-expression ") + miQuote(QStringLiteral("(const char*)") + name));
     if (answer.result.className != QLatin1String("done"))
@@ -915,6 +1270,20 @@ QString GdbDebugger::evaluateExpression(const QString& expression)
 {
     if (mTargetGone)
         fail(TargetGoneError, QStringLiteral("The program has ended (%1)").arg(mExitStatus));
+    if (onChannel()) {
+        const QByteArray request = callRequest(expression);
+        QByteArray answer;
+        if (!request.isEmpty()) {
+            if (!channelAsk(request, &answer))
+                return endEvent();
+            if (answer.startsWith("ok "))
+                return QString::fromLatin1(answer.mid(3));
+            // A function that isn't there has no value at all, as below.
+            if (answer == "nosym")
+                return QString();
+        }
+        attachGdbBeside();
+    }
     Answer answer = command(QStringLiteral("-data-evaluate-expression ") + miQuote(expression));
     // A function of a file without debug information (a stripped library,
     // as packages ship them, the sampler too) has no known return type, and
@@ -937,6 +1306,14 @@ unsigned long long GdbDebugger::addressValue(const QString& expression)
 {
     if (mTargetGone || mDetached)
         return 0;
+    if (onChannel() && expression.startsWith(QLatin1Char('&')) && isIdentifier(expression.mid(1))) {
+        QByteArray answer;
+        if (!channelAsk("addr " + expression.mid(1).toLatin1(), &answer) || !answer.startsWith("ok "))
+            return 0;
+        return answer.mid(3).toULongLong();
+    }
+    if (onChannel())
+        attachGdbBeside();
     const Answer answer = command(QStringLiteral("-data-evaluate-expression ")
                                   + miQuote(QStringLiteral("(unsigned long)(%1)").arg(expression)));
     if (answer.result.className != QLatin1String("done"))
@@ -963,6 +1340,10 @@ void GdbDebugger::setSignalDisposition(const QString& name, const QString& dispo
     mDispositionCommands.removeAll(QStringLiteral("handle %1 nostop noprint pass").arg(name));
     mDispositionCommands.removeAll(QStringLiteral("handle %1 stop print pass").arg(name));
     mDispositionCommands << handle;
+    // Without gdb a signal goes to the program as it would anyway; a gdb
+    // that comes later takes the dispositions with its settings.
+    if (onChannel() || !mGdb)
+        return;
     commandOk(QStringLiteral("-interpreter-exec console ") + miQuote(handle));
 }
 
@@ -1051,7 +1432,7 @@ void GdbDebugger::handleSetLanguage(Command& command)
     if (Language::languageToInternalString(tag) != name)
         return;
     static const char* const gdbNames[] = {"auto", "c", "c++", "fortran", "asm", "minimal", "auto"};
-    if (!mTargetGone && !mDetached)
+    if (!mTargetGone && !mDetached && !onChannel())
         commandOk(QStringLiteral("-gdb-set language ") + QLatin1String(gdbNames[tag]));
     mLanguage = tag;
 }

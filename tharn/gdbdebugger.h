@@ -2,6 +2,11 @@
 // and calls into it, and the symbol table (libdwfl, Capstone) for positions
 // and disassembly, which need no round trip to gdb.
 //
+// A program that the sampler can arm itself starts without gdb: the host
+// starts it, and the sampler, where main would begin, takes the calls over
+// a socket (its "arming channel") until the debugger detaches. What the
+// channel can't do, and any later attach, gets a gdb started then.
+//
 // The target writes to pipes of the host, which copies what comes to its own
 // standard output and error, so that gdb's output stays apart from it; it
 // reads the host's standard input. A wrapper shell gives it those and
@@ -51,6 +56,11 @@ public:
         // Work of the caller's that fits into the tens of milliseconds gdb
         // takes to start, which this process would otherwise spend waiting.
         std::function<void()> whileGdbStarts;
+        // Whether a program that the sampler can arm itself is started
+        // without gdb: the sampler, preloaded, waits where main begins and
+        // takes the calls that arm it over a socket. gdb starts only if it
+        // is needed later, to stop the program again.
+        bool armThroughSampler = true;
     };
 
     explicit GdbDebugger(const Options& options, QObject* parent = nullptr);
@@ -73,6 +83,9 @@ public:
 
     int targetPid() const { return mTargetPid; }
     int gdbPid() const { return mGdb ? int(mGdb->processId()) : 0; }
+    // Whether the program was started without gdb, for the sampler to arm
+    // itself (which it may still be doing).
+    bool isArmedThroughSampler() const { return mArmedThroughSampler; }
     bool isTargetGone() const { return mTargetGone; }
     bool isDetached() const { return mDetached; }
     // CPU time of the processes that the ended program started and waited
@@ -135,6 +148,21 @@ private:
     };
 
     bool startGdb(QString* error);
+    bool canArmThroughSampler() const;
+    bool startWithArmingChannel(QString* error);
+    // The next line from the sampler's channel; false when the channel has
+    // closed, which the program's end does.
+    bool channelLine(QByteArray* line);
+    // One request and its answer; false when the program has gone.
+    bool channelAsk(const QByteArray& request, QByteArray* answer);
+    void closeChannel();
+    // While the program waits on the channel: whether the channel answers
+    // the debugger's calls, or gdb, attached beside it for what the channel
+    // can't do.
+    bool onChannel() const { return mChannel >= 0 && !mGdbBeside; }
+    void attachGdbBeside();
+    // What gdb would have printed of the program's end.
+    QString endEvent() const;
     // Sends one command and waits for its result record; throws an
     // Exception* when gdb doesn't answer in time or has gone.
     Answer command(const QString& text);
@@ -198,6 +226,11 @@ private:
     SymbolDisassembler mDisassembler;
     bool mSymbolsStale = true;
     QList<SharedLibrary> mKeptLibraries;
+    // The sampler's end of the arming channel and what was read of it.
+    int mChannel = -1;
+    QByteArray mChannelBuffer;
+    bool mGdbBeside = false;
+    bool mArmedThroughSampler = false;
     // Code the program made as it ran, named by the map its runtime wrote.
     RuntimeCodeMap mRuntimeCode;
 };

@@ -150,6 +150,9 @@ int main(int argc, char** argv)
     const bool mpi = identity.rankCount > 1 || !launcher.isEmpty();
     GdbDebugger::Options options;
     options.gdb = qEnvironmentVariable("ZOR_GDB", options.gdb);
+    // ZOR_ARM_WITH_GDB=1 starts every program under gdb, as a program the
+    // sampler can't arm itself is.
+    options.armThroughSampler = !EnvSwitch("ARM_WITH_GDB").isOn();
     options.preload << QuorvexGlobals::instance().installPath() + QStringLiteral("/libquorvex-sampler.so");
     // An OpenSHMEM program (the front-end says so) gets the wrapper that
     // counts its SHMEM calls as well as its MPI ones.

@@ -196,7 +196,7 @@ TEST_F(Symbols, LinesAndInlinedCallersAgreeWithAddr2line)
     EXPECT_GT(withInlines, 50);
 }
 
-TEST_F(Symbols, PltEntriesNamedAsObjdumpLabelsThem)
+TEST_F(Symbols, PltEntriesNamedAsObjdumpLabelsThemAndImported)
 {
     if (QStandardPaths::findExecutable(QStringLiteral("objdump")).isEmpty())
         GTEST_SKIP() << "no objdump to compare with";
@@ -224,9 +224,15 @@ TEST_F(Symbols, PltEntriesNamedAsObjdumpLabelsThem)
         EXPECT_EQ(p.line, 0);
         EXPECT_EQ(cache.previousAddressAndInstruction(self.start() + at, InstructionCache::DisassemblyLookupAllowed).address,
                   self.start() + at) << name.toStdString();
+        // What a PLT entry calls, the program takes from a library.
+        EXPECT_TRUE(SymbolTable::importsFunction(self.path(), name.toLatin1().constData())) << name.toStdString();
         ++entries;
     }
     EXPECT_GT(entries, 10);
+    // Called through the GOT, not the PLT; its own functions it doesn't take.
+    EXPECT_TRUE(SymbolTable::importsFunction(self.path(), "__libc_start_main"));
+    for (const char* name : {"main", "no_such_function_anywhere"})
+        EXPECT_FALSE(SymbolTable::importsFunction(self.path(), name)) << name;
 }
 
 // A program whose debug information lies beside it in a compressed file, as

@@ -1,13 +1,15 @@
-// The real debugger on zor-example with the sampler preloaded: stopped at
-// main, calls into the program, variables and strings, threads, positions
-// and disassembly without gdb, detach and reattach, a restart of gdb, a
-// program that dies while detached, and clear errors for what can't start.
+// The real debugger on zor-example with the sampler preloaded, started under
+// gdb and armed through the sampler: stopped at main, calls into the
+// program, variables and strings, threads, positions and disassembly
+// without gdb, detach and reattach, a restart of gdb, a program that dies
+// while detached, and clear errors for what can't start.
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QMap>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <csignal>
@@ -122,6 +124,26 @@ TEST(GdbDebugger, WhatCantStartSaysWhy)
     QString error;
     EXPECT_FALSE(debugger.start({program}, &error));
     EXPECT_TRUE(error.contains(QLatin1String("is linked statically"))) << error.toStdString();
+
+    // A program that ends in a constructor never reaches main, with gdb or
+    // without.
+    if (!samplerPreloadProblem().isEmpty())
+        return;
+    code.setFileName(source);
+    ASSERT_TRUE(code.open(QIODevice::WriteOnly));
+    code.write("#include <unistd.h>\n__attribute__((constructor)) static void quit(void) { _exit(3); }\n"
+               "int main(void) { return 0; }\n");
+    code.close();
+    ASSERT_EQ(QProcess::execute(compiler, {QStringLiteral("-o"), program, source}), 0);
+    for (bool throughSampler : {false, true}) {
+        options.armThroughSampler = throughSampler;
+        options.echoFds[0] = options.echoFds[1] = -1;
+        GdbDebugger early(options);
+        EXPECT_FALSE(early.start({program}, &error));
+        // gdb writes the code in octal.
+        EXPECT_TRUE(error.contains(QRegularExpression(QStringLiteral("ended before main: .*exited with code 0?3\\]"))))
+            << error.toStdString();
+    }
 }
 
 TEST(GdbDebugger, FindsGdbOrTheGpuVendorsBuildOfIt)
@@ -150,122 +172,152 @@ TEST(GdbDebugger, FindsGdbOrTheGpuVendorsBuildOfIt)
         EXPECT_EQ(GdbDebugger::locate(c.name, c.paths), c.expected) << c.name.toStdString();
 }
 
+// Both ways of starting: under gdb, and without it, the sampler armed over
+// its channel, with gdb attached only for what the channel can't do.
 TEST(GdbDebugger, DrivesARealProgram)
 {
     const QString problem = gdbCallProblem(QStringLiteral(ZOR_EXAMPLE));
     if (!problem.isEmpty())
         GTEST_SKIP() << problem.toStdString();
-    GdbDebugger::Options options;
-    options.preload << QStringLiteral(ZOR_SAMPLER_LIBRARY);
-    options.echoFds[0] = options.echoFds[1] = -1;
-    options.timeoutMs = 60000;
-    GdbDebugger debugger(options);
-    QString error;
-    ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
-        << error.toStdString();
-    const int pid = debugger.targetPid();
-    ASSERT_GT(pid, 0);
-    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
+    for (bool throughSampler : {false, true}) {
+        SCOPED_TRACE(throughSampler ? "armed through the sampler" : "started under gdb");
+        GdbDebugger::Options options;
+        options.preload << QStringLiteral(ZOR_SAMPLER_LIBRARY);
+        options.echoFds[0] = options.echoFds[1] = -1;
+        options.timeoutMs = 60000;
+        options.armThroughSampler = throughSampler;
+        GdbDebugger debugger(options);
+        QString error;
+        ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
+            << error.toStdString();
+        EXPECT_EQ(debugger.isArmedThroughSampler(), throughSampler);
+        const int pid = debugger.targetPid();
+        ASSERT_GT(pid, 0);
+        EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
 
-    // Stopped at main (the boundary, the sampler's entry and its version, an
-    // address or a call that isn't there: every run end to end asks them),
-    // with the sampler in the program and not in gdb.
-    for (int pid : {debugger.gdbPid(), pid}) {
-        QFile environment(QStringLiteral("/proc/%1/environ").arg(pid));
-        ASSERT_TRUE(environment.open(QIODevice::ReadOnly));
-        EXPECT_EQ(environment.readAll().contains("LD_PRELOAD=" ZOR_SAMPLER_LIBRARY), pid != debugger.gdbPid());
+        // Stopped at main (the boundary, the sampler's entry and its version,
+        // an address or a call that isn't there: every run end to end asks
+        // them), with the sampler in the program and not in gdb.
+        QList<int> processes{pid};
+        if (!throughSampler)
+            processes << debugger.gdbPid();
+        for (int process : processes) {
+            QFile environment(QStringLiteral("/proc/%1/environ").arg(process));
+            ASSERT_TRUE(environment.open(QIODevice::ReadOnly));
+            EXPECT_EQ(environment.readAll().contains("LD_PRELOAD=" ZOR_SAMPLER_LIBRARY), process == pid);
+        }
+        // Its output pipes only as 1 and 2: no copy of them, nor of its
+        // input, beside.
+        QMap<QString, int> held;
+        for (const QFileInfo& fd : QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryInfoList(QDir::System))
+            ++held[fd.symLinkTarget()];
+        for (int channel : {1, 2})
+            EXPECT_EQ(held.value(QFileInfo(QStringLiteral("/proc/%1/fd/%2").arg(pid).arg(channel)).symLinkTarget()), 1)
+                << channel;
+
+        std::unique_ptr<PositionResponse> boundary(
+            debugger.positionOfAddress(debugger.mainFrameBoundaryIp().toULongLong(nullptr, 16), 0, nullptr));
+        EXPECT_EQ(boundary->function, QStringLiteral("__libc_start_call_main"));
+        EXPECT_NE(debugger.getAddressValue(QStringLiteral("&quorvex_init_sampler_now")), 0ULL);
+        EXPECT_EQ(debugger.getAddressValue(QStringLiteral("&no_such_function")), 0ULL);
+        EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
+        EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("no_such_function(1, \"a, b\")")), QString());
+        EXPECT_EQ(debugger.readTargetString(QStringLiteral("quorvex_sampler_error"), QStringLiteral("x"), 1), QString());
+        EXPECT_EQ(debugger.readTargetString(QStringLiteral("no_such_variable"), QStringLiteral("d"), 1),
+                  QStringLiteral("d"));
+        EXPECT_THROW(debugger.setTargetVariable(QStringLiteral("no_such_variable"), QStringLiteral("1")), Exception*);
+        debugger.setTargetVariable(QStringLiteral("quorvex_sampling_finished"), QStringLiteral("0"));
+        debugger.setSignalDisposition(QStringLiteral("SIGSEGV"),
+                                      QString::fromLatin1(DispositionStrings::IgnoreDisposition));
+        debugger.setSignalDisposition(QStringLiteral("SIGSEGV"),
+                                      QString::fromLatin1(DispositionStrings::DefaultDisposition));
+        Command getThreads = debuggerCommand(CMD_GET_THREADS);
+        std::unique_ptr<ThreadsResponse> threads(debugger.handleGetThreads(getThreads, 0));
+        ASSERT_EQ(threads->getNumThreads(), 1);
+        EXPECT_EQ(threads->getActiveThread().uniqueId(), pid);
+        // All of that without gdb, where the sampler took it.
+        EXPECT_EQ(debugger.gdbPid() == 0, throughSampler);
+
+        // What the channel doesn't take, gdb does, attached while the program
+        // waits in the sampler.
+        debugger.setTargetVariable(QStringLiteral("quorvex_sampler_error[0]"), QStringLiteral("'Z'"));
+        EXPECT_NE(debugger.gdbPid(), 0);
+        EXPECT_EQ(debugger.readTargetString(QStringLiteral("quorvex_sampler_error"), QString(), 1), QStringLiteral("Z"));
+        EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version() + 1")), QStringLiteral("701"));
+        threads.reset(debugger.handleGetThreads(getThreads, 0));
+        ASSERT_EQ(threads->getNumThreads(), 1);
+        EXPECT_EQ(threads->getActiveThread().uniqueId(), pid);
+
+        // Positions and code come from the files, gdb isn't asked (names,
+        // files and lines of runs: the end-to-end tests).
+        const unsigned long long alpha = debugger.getAddressValue(QStringLiteral("&spin_alpha"));
+        QList<PositionResponse*> inlined;
+        std::unique_ptr<PositionResponse> position(debugger.positionOfAddress(alpha, 0, &inlined));
+        EXPECT_EQ(position->function, QStringLiteral("spin_alpha"));
+        unsigned long long end = 0;
+        const QMap<unsigned long long, Instruction> code = debugger.disassembleRange(alpha + 1, 0, &end);
+        ASSERT_FALSE(code.isEmpty());
+        EXPECT_EQ(code.firstKey(), alpha);
+        EXPECT_GT(end, alpha);
+        EXPECT_EQ(debugger.demangleName(QStringLiteral("_ZN3foo3barEi")), QStringLiteral("foo::bar(int)"));
+        bool libcSeen = false;
+        for (const SharedLibrary& library : debugger.sharedLibraries())
+            libcSeen = libcSeen || library.path().contains(QLatin1String("libc.so"));
+        EXPECT_TRUE(libcSeen);
+
+        // Detached, the program runs and starts its worker; attached again,
+        // it stands still with both threads, the main one known by the same
+        // id.
+        Command detach = debuggerCommand(CMD_DETACH);
+        delete debugger.handleCommand(detach);
+        EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::Detached));
+        spinUntil([] { return false; }, 300);
+        Command reattach = debuggerCommand(CMD_REATTACH);
+        delete debugger.handleCommand(reattach);
+        EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
+        threads.reset(debugger.handleGetThreads(getThreads, 0));
+        ASSERT_EQ(threads->getNumThreads(), 2);
+        EXPECT_EQ(threads->getThread(0).uniqueId(), pid);
+        SetThreadCommand second(threads->getThread(1).debuggerId());
+        debugger.handleSetThread(second);
+        threads.reset(debugger.handleGetThreads(getThreads, 0));
+        EXPECT_EQ(threads->getActiveThread().uniqueId(), threads->getThread(1).uniqueId());
+        EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
+
+        // A fresh gdb takes the program over as it stands.
+        const int firstGdb = debugger.gdbPid();
+        debugger.restart();
+        EXPECT_NE(debugger.gdbPid(), firstGdb);
+        EXPECT_TRUE(processGone(firstGdb));
+        EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
+        EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
+
+        // A program that dies while detached is noticed without asking.
+        delete debugger.handleCommand(detach);
+        QString exitStatus;
+        QObject::connect(&debugger, &GdbDebugger::targetExited, [&](const QString& status) { exitStatus = status; });
+        ::kill(pid, SIGKILL);
+        EXPECT_TRUE(spinUntil([&] { return !exitStatus.isEmpty(); }, 10000));
+        EXPECT_EQ(exitStatus, QStringLiteral("killed by signal SIGKILL"));
+        EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetGone));
+        try {
+            delete debugger.handleReattach(reattach);
+            ADD_FAILURE() << "reattached to a program that is gone";
+        } catch (Exception* failure) {
+            EXPECT_EQ(failure->code(), int(GdbDebugger::TargetGoneError));
+            delete failure;
+        }
+        // Positions still come from the files kept.
+        QList<SharedLibrary> kept = debugger.sharedLibraries();
+        debugger.keepSharedLibraries(kept);
+        position.reset(debugger.positionOfAddress(alpha, 0, &inlined));
+        EXPECT_EQ(position->function, QStringLiteral("spin_alpha"));
+
+        const int gdb = debugger.gdbPid();
+        debugger.terminate();
+        EXPECT_TRUE(processGone(gdb));
+        EXPECT_TRUE(processGone(pid));
     }
-
-    // Its output pipes only as 1 and 2: no copy of them, nor of its input,
-    // beside.
-    QMap<QString, int> held;
-    for (const QFileInfo& fd : QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryInfoList(QDir::System))
-        ++held[fd.symLinkTarget()];
-    for (int channel : {1, 2})
-        EXPECT_EQ(held.value(QFileInfo(QStringLiteral("/proc/%1/fd/%2").arg(pid).arg(channel)).symLinkTarget()), 1)
-            << channel;
-
-    EXPECT_EQ(debugger.readTargetString(QStringLiteral("quorvex_sampler_error"), QStringLiteral("x"), 1), QString());
-    debugger.setTargetVariable(QStringLiteral("quorvex_sampler_error[0]"), QStringLiteral("'Z'"));
-    EXPECT_EQ(debugger.readTargetString(QStringLiteral("quorvex_sampler_error"), QString(), 1), QStringLiteral("Z"));
-    EXPECT_EQ(debugger.readTargetString(QStringLiteral("no_such_variable"), QStringLiteral("d"), 1),
-              QStringLiteral("d"));
-    EXPECT_THROW(debugger.setTargetVariable(QStringLiteral("no_such_variable"), QStringLiteral("1")), Exception*);
-    debugger.setSignalDisposition(QStringLiteral("SIGSEGV"), QString::fromLatin1(DispositionStrings::IgnoreDisposition));
-    debugger.setSignalDisposition(QStringLiteral("SIGSEGV"), QString::fromLatin1(DispositionStrings::DefaultDisposition));
-
-    Command getThreads = debuggerCommand(CMD_GET_THREADS);
-    std::unique_ptr<ThreadsResponse> threads(debugger.handleGetThreads(getThreads, 0));
-    ASSERT_EQ(threads->getNumThreads(), 1);
-    EXPECT_EQ(threads->getActiveThread().uniqueId(), pid);
-
-    // Positions and code come from the files, gdb isn't asked (names, files
-    // and lines of runs: the end-to-end tests).
-    const unsigned long long alpha = debugger.getAddressValue(QStringLiteral("&spin_alpha"));
-    QList<PositionResponse*> inlined;
-    std::unique_ptr<PositionResponse> position(debugger.positionOfAddress(alpha, 0, &inlined));
-    EXPECT_EQ(position->function, QStringLiteral("spin_alpha"));
-    unsigned long long end = 0;
-    const QMap<unsigned long long, Instruction> code = debugger.disassembleRange(alpha + 1, 0, &end);
-    ASSERT_FALSE(code.isEmpty());
-    EXPECT_EQ(code.firstKey(), alpha);
-    EXPECT_GT(end, alpha);
-    EXPECT_EQ(debugger.demangleName(QStringLiteral("_ZN3foo3barEi")), QStringLiteral("foo::bar(int)"));
-    bool libcSeen = false;
-    for (const SharedLibrary& library : debugger.sharedLibraries())
-        libcSeen = libcSeen || library.path().contains(QLatin1String("libc.so"));
-    EXPECT_TRUE(libcSeen);
-
-    // Detached, the program runs and starts its worker; attached again, it
-    // stands still with both threads, the main one known by the same id.
-    Command detach = debuggerCommand(CMD_DETACH);
-    delete debugger.handleCommand(detach);
-    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::Detached));
-    spinUntil([] { return false; }, 300);
-    Command reattach = debuggerCommand(CMD_REATTACH);
-    delete debugger.handleCommand(reattach);
-    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
-    threads.reset(debugger.handleGetThreads(getThreads, 0));
-    ASSERT_EQ(threads->getNumThreads(), 2);
-    EXPECT_EQ(threads->getThread(0).uniqueId(), pid);
-    SetThreadCommand second(threads->getThread(1).debuggerId());
-    debugger.handleSetThread(second);
-    threads.reset(debugger.handleGetThreads(getThreads, 0));
-    EXPECT_EQ(threads->getActiveThread().uniqueId(), threads->getThread(1).uniqueId());
-    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
-
-    // A fresh gdb takes the program over as it stands.
-    const int firstGdb = debugger.gdbPid();
-    debugger.restart();
-    EXPECT_NE(debugger.gdbPid(), firstGdb);
-    EXPECT_TRUE(processGone(firstGdb));
-    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetStopped));
-    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
-
-    // A program that dies while detached is noticed without asking.
-    delete debugger.handleCommand(detach);
-    QString exitStatus;
-    QObject::connect(&debugger, &GdbDebugger::targetExited, [&](const QString& status) { exitStatus = status; });
-    ::kill(pid, SIGKILL);
-    EXPECT_TRUE(spinUntil([&] { return !exitStatus.isEmpty(); }, 10000));
-    EXPECT_EQ(debugger.currentStatus(0).getState(), int(StatusResponse::TargetGone));
-    try {
-        delete debugger.handleReattach(reattach);
-        ADD_FAILURE() << "reattached to a program that is gone";
-    } catch (Exception* failure) {
-        EXPECT_EQ(failure->code(), int(GdbDebugger::TargetGoneError));
-        delete failure;
-    }
-    // Positions still come from the files kept.
-    QList<SharedLibrary> kept = debugger.sharedLibraries();
-    debugger.keepSharedLibraries(kept);
-    position.reset(debugger.positionOfAddress(alpha, 0, &inlined));
-    EXPECT_EQ(position->function, QStringLiteral("spin_alpha"));
-
-    const int gdb = debugger.gdbPid();
-    debugger.terminate();
-    EXPECT_TRUE(processGone(gdb));
-    EXPECT_TRUE(processGone(pid));
 }
 
 // A sampler without debug information, as a package ships it: its entry
@@ -280,18 +332,22 @@ TEST(GdbDebugger, CallsIntoAStrippedSampler)
     QTemporaryDir dir;
     const QString stripped = dir.filePath(QStringLiteral("libquorvex-sampler.so"));
     ASSERT_EQ(QProcess::execute(strip, {QStringLiteral("-o"), stripped, QStringLiteral(ZOR_SAMPLER_LIBRARY)}), 0);
-    GdbDebugger::Options options;
-    options.preload << stripped;
-    options.echoFds[0] = options.echoFds[1] = -1;
-    options.timeoutMs = 60000;
-    GdbDebugger debugger(options);
-    QString error;
-    ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
-        << error.toStdString();
-    EXPECT_NE(debugger.getAddressValue(QStringLiteral("&quorvex_init_sampler_now")), 0ULL);
-    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
-    EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_set_GPUProfiler_configuration(0,0)")),
-              QStringLiteral("0"));
+    for (bool throughSampler : {false, true}) {
+        GdbDebugger::Options options;
+        options.preload << stripped;
+        options.echoFds[0] = options.echoFds[1] = -1;
+        options.timeoutMs = 60000;
+        options.armThroughSampler = throughSampler;
+        GdbDebugger debugger(options);
+        QString error;
+        ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
+            << error.toStdString();
+        EXPECT_EQ(debugger.isArmedThroughSampler(), throughSampler);
+        EXPECT_NE(debugger.getAddressValue(QStringLiteral("&quorvex_init_sampler_now")), 0ULL);
+        EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
+        EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_set_GPUProfiler_configuration(0,0)")),
+                  QStringLiteral("0"));
+    }
 }
 
 } // namespace
