@@ -20,6 +20,8 @@
 #include <sys/personality.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -380,9 +382,15 @@ bool GdbDebugger::canArmThroughSampler() const
 {
 #if defined(__x86_64__)
     // The sampler stands in front of the C library's start routine, which
-    // a program of Go's runtime, say, never calls.
+    // a program that starts itself never calls. A program that runs with
+    // more privileges than its user's loads no preloaded library: gdb
+    // finds it without its sampler at main and says so.
+    const QByteArray path = QFile::encodeName(mProgram.value(0));
+    struct stat file;
     return mOptions.armThroughSampler && !mOptions.preload.isEmpty()
         && QFileInfo(mOptions.preload.first()).fileName().startsWith(QLatin1String("libquorvex-sampler"))
+        && ::stat(path.constData(), &file) == 0 && !(file.st_mode & (S_ISUID | S_ISGID))
+        && getxattr(path.constData(), "security.capability", nullptr, 0) < 0
         && SymbolTable::importsFunction(mProgram.value(0), "__libc_start_main");
 #else
     return false;

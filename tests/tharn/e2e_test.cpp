@@ -1,6 +1,6 @@
 // zor-host end to end: a front-end of the test's own over a local socket or
 // TCP on the loopback (as for a front-end on another node), the real plug-in,
-// gdb and sampler, and real programs. An inlined C++ function is a node of its
+// sampler (armed over its channel, or by gdb) and real programs. An inlined C++ function is a node of its
 // own; programs that end early, die by a signal or keep running after the
 // user's stop end with what was sampled or a clear error, and nothing of the
 // host is left behind. The example's shares, files and lines: frontend_test.
@@ -37,7 +37,9 @@ class HostRun
 public:
     enum Transport { Local, Tcp };
 
-    explicit HostRun(const QStringList& program, Transport transport = Local)
+    // `underGdb`: the program starts under gdb, as one that the sampler
+    // can't arm itself does.
+    explicit HostRun(const QStringList& program, Transport transport = Local, bool underGdb = false)
     {
         QString address;
         if (transport == Local) {
@@ -48,6 +50,9 @@ public:
             address = QStringLiteral("tcp:127.0.0.1:%1").arg(mTcpServer.serverPort());
         }
         mHost.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("ZOR_ARM_WITH_GDB"), underGdb ? QStringLiteral("1") : QStringLiteral("0"));
+        mHost.setProcessEnvironment(environment);
         mHost.start(QStringLiteral(ZOR_HOST), QStringList{QStringLiteral("--connect"), address, QStringLiteral("--")} + program);
         if (!spinUntil([&] { return mLocalServer.hasPendingConnections() || mTcpServer.hasPendingConnections(); }, 30000))
             return;
@@ -282,15 +287,18 @@ TEST_F(EndToEnd, GeneratedCodeIsNamedByItsMap)
     run.send(profilerCommand(CMD_ZOR_FINISH));
 }
 
-// Each ends with what was sampled, or a clear error, and leaves nothing.
+// Each ends with what was sampled, or a clear error, and leaves nothing. The
+// one that is killed starts under gdb, the others without.
 TEST_F(EndToEnd, ProgramsThatEndEarlyDieOrKeepRunning)
 {
     enum Way { EndsEarly, Killed, KeepsRunning };
     for (Way way : {EndsEarly, Killed, KeepsRunning}) {
         SCOPED_TRACE(way);
-        HostRun run({ZOR_EXAMPLE, QStringLiteral("--seconds"), way == EndsEarly ? QStringLiteral("0.5") : QStringLiteral("60")});
+        HostRun run({ZOR_EXAMPLE, QStringLiteral("--seconds"), way == EndsEarly ? QStringLiteral("0.5") : QStringLiteral("60")},
+                    HostRun::Local, way == Killed);
         ASSERT_FALSE(run.hello.isEmpty());
         const int target = run.pid(HelloKeys::TargetPid), gdb = run.pid(HelloKeys::DebuggerPid);
+        EXPECT_EQ(gdb > 0, way == Killed);
         const Command playCommand = play();
         run.send(playCommand);
         // The program runs once the sampler is armed.
