@@ -410,11 +410,16 @@ bool GdbDebugger::startWithArmingChannel(QString* error)
     // child too, where only 0, 1 and 2 are set anew.
     const int childEnd = fcntl(channel[1], F_DUPFD_CLOEXEC, 10);
     ::close(channel[1]);
-    int execFailed[2];
+    int execFailed[2], started[2];
     if (childEnd < 0 || pipe2(execFailed, O_CLOEXEC) != 0) {
         ::close(channel[0]);
         if (childEnd >= 0)
             ::close(childEnd);
+        return failure(QStringLiteral("Can't make a channel to the program"));
+    }
+    if (pipe2(started, O_CLOEXEC) != 0) {
+        for (int fd : {channel[0], childEnd, execFailed[0], execFailed[1]})
+            ::close(fd);
         return failure(QStringLiteral("Can't make a channel to the program"));
     }
 
@@ -434,7 +439,9 @@ bool GdbDebugger::startWithArmingChannel(QString* error)
     if (!inherited.isEmpty())
         preload << inherited;
     environment.insert(QStringLiteral("LD_PRELOAD"), preload.join(QLatin1Char(':')));
-    environment.insert(QLatin1String(ArmingVariable), QString::number(childEnd));
+    // The host's process id too: a gdb that the host starts later may
+    // attach where only a process's ancestors may.
+    environment.insert(QLatin1String(ArmingVariable), QStringLiteral("%1,%2").arg(childEnd).arg(getpid()));
     QList<QByteArray> variables;
     for (const QString& variable : environment.toStringList())
         variables << variable.toLocal8Bit();
@@ -444,49 +451,76 @@ bool GdbDebugger::startWithArmingChannel(QString* error)
     envp.push_back(nullptr);
     const int channels[3] = {mChildEnds[2], mChildEnds[0], mChildEnds[1]};
 
-    const pid_t pid = fork();
-    if (pid == 0) {
-        // In a process group of its own, as under gdb: a ^C on the terminal
-        // goes to the front-end, which stops the run. The host's blocked and
-        // ignored signals aren't the program's; nor is the address space laid
-        // out afresh on each run, which gdb doesn't do either.
-        setpgid(0, 0);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        signal(SIGINT, SIG_DFL);
-        personality(personality(0xffffffff) | ADDR_NO_RANDOMIZE);
-        int moved[3];
-        for (int i = 0; i < 3; ++i)
-            moved[i] = fcntl(channels[i], F_DUPFD_CLOEXEC, 3);
-        for (int i = 0; i < 3; ++i)
-            dup2(moved[i], i);
-        fcntl(childEnd, F_SETFD, 0);
-        execve(path.constData(), argv.data(), envp.data());
-        const int why = errno;
-        const ssize_t ignored = ::write(execFailed[1], &why, sizeof why);
+    // The program's parent is a process of its own that only waits for it,
+    // as gdb is under gdb: the host lowers its own priority and its
+    // children's for the run, which must not touch the program's. The
+    // keeper leaves the program's end unreaped, for the host to read how it
+    // ended, and goes.
+    const pid_t keeper = fork();
+    if (keeper == 0) {
+        const pid_t program = fork();
+        if (program == 0) {
+            // In a process group of its own, as under gdb: a ^C on the
+            // terminal goes to the front-end, which stops the run. The host's
+            // blocked and ignored signals aren't the program's; nor is the
+            // address space laid out afresh on each run, which gdb doesn't do
+            // either.
+            setpgid(0, 0);
+            sigset_t none;
+            sigemptyset(&none);
+            sigprocmask(SIG_SETMASK, &none, nullptr);
+            signal(SIGINT, SIG_DFL);
+            personality(personality(0xffffffff) | ADDR_NO_RANDOMIZE);
+            int moved[3];
+            for (int i = 0; i < 3; ++i)
+                moved[i] = fcntl(channels[i], F_DUPFD_CLOEXEC, 3);
+            for (int i = 0; i < 3; ++i)
+                dup2(moved[i], i);
+            fcntl(childEnd, F_SETFD, 0);
+            execve(path.constData(), argv.data(), envp.data());
+            const int why = errno;
+            const ssize_t ignored = ::write(execFailed[1], &why, sizeof why);
+            (void)ignored;
+            _exit(127);
+        }
+        const ssize_t ignored = ::write(started[1], &program, sizeof program);
         (void)ignored;
-        _exit(127);
+        // Nothing of the host's stays open here.
+        if (close_range(3, ~0U, 0) != 0) {
+            for (int fd = 3; fd < 1024; ++fd)
+                ::close(fd);
+        }
+        siginfo_t info;
+        while (program > 0 && waitid(P_PID, id_t(program), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+        }
+        _exit(0);
     }
     ::close(childEnd);
     ::close(execFailed[1]);
-    if (pid < 0) {
+    ::close(started[1]);
+    pid_t pid = -1;
+    ssize_t n;
+    while ((n = ::read(started[0], &pid, sizeof pid)) < 0 && errno == EINTR) {
+    }
+    ::close(started[0]);
+    if (keeper < 0 || n != sizeof pid || pid <= 0) {
         ::close(channel[0]);
         ::close(execFailed[0]);
+        if (keeper > 0)
+            waitpid(keeper, nullptr, 0);
         return failure(QStringLiteral("Can't start %1").arg(mProgram[0]));
     }
+    mKeeperPid = keeper;
     mTargetPid = pid;
     mChannel = channel[0];
     mArmedThroughSampler = true;
     closeChildEnds();
     int why = 0;
-    ssize_t n;
     while ((n = ::read(execFailed[0], &why, sizeof why)) < 0 && errno == EINTR) {
     }
     ::close(execFailed[0]);
     if (n == sizeof why) {
-        waitpid(pid, nullptr, 0);
-        mTargetGone = true;
+        terminate();
         closeChannel();
         errno = why;
         return failure(QStringLiteral("Can't start %1").arg(mProgram[0]));
@@ -1051,7 +1085,13 @@ void GdbDebugger::terminate()
         delete mGdb;
         mGdb = nullptr;
     }
-    // Orphaned by its gdb, the target is this process's child now.
+    // Orphaned by its gdb or its keeper, the target is this process's child
+    // now.
+    if (mKeeperPid > 0) {
+        while (waitpid(mKeeperPid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        mKeeperPid = 0;
+    }
     if (mTargetPid > 0) {
         for (int i = 0; i < 500; ++i) {
             const pid_t reaped = waitpid(mTargetPid, nullptr, WNOHANG);

@@ -228,6 +228,8 @@ private:
     QList<SharedLibrary> mKeptLibraries;
     // The sampler's end of the arming channel and what was read of it.
     int mChannel = -1;
+    // The program's parent, where the host started it.
+    int mKeeperPid = 0;
     QByteArray mChannelBuffer;
     bool mGdbBeside = false;
     bool mArmedThroughSampler = false;

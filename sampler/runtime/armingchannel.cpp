@@ -1,5 +1,6 @@
 // Arming without a debugger. A host that starts the program itself hands it
-// one end of a socket, named by ZOR_SAMPLER_ARMING_FD. The sampler stands in
+// one end of a socket, named by ZOR_SAMPLER_ARMING_FD ("FD,HOSTPID"). The
+// sampler stands in
 // front of the C library's start routine and, where main would begin, after
 // the program's constructors, answers the host's questions about its entry
 // points and calls them until told to go on: what a debugger stopped at main
@@ -35,6 +36,7 @@ using MainFunction = int (*)(int, char**, char**);
 using StartMain = int (*)(MainFunction, int, char**, void (*)(), void (*)(), void (*)(), void*);
 
 int gArmingFd = -1;
+long gHostPid = 0;
 
 bool writeAll(int fd, const std::string& text)
 {
@@ -186,7 +188,8 @@ __attribute__((visibility("hidden"))) void zs_serve_arming(unsigned long boundar
     // A debugger that the host starts later (to stop the program for the
     // user) is the host's child, not an ancestor of the program: where the
     // kernel lets only ancestors attach, it may attach here.
-    prctl(PR_SET_PTRACER, getppid(), 0, 0, 0);
+    if (gHostPid > 0)
+        prctl(PR_SET_PTRACER, gHostPid, 0, 0, 0);
     char ready[64];
     std::snprintf(ready, sizeof ready, "ready 0x%016lx\n", boundary);
     std::string buffer, line;
@@ -235,15 +238,24 @@ __attribute__((visibility("default"))) int __libc_start_main(MainFunction main, 
     const auto real = reinterpret_cast<StartMain>(dlsym(RTLD_NEXT, "__libc_start_main"));
     // Taken out of the environment at once: neither the program nor what it
     // starts sees it.
-    const char* armingFd = getenv(ARMING_VARIABLE);
+    const char* arming = getenv(ARMING_VARIABLE);
     long fd = -1;
-    if (armingFd && parseInteger(armingFd, &fd) && fd >= 0 && fd < 65536 && fcntl(int(fd), F_GETFD) >= 0) {
+    char text[64] = "";
+    if (arming && std::strlen(arming) < sizeof text)
+        std::strcpy(text, arming);
+    char* comma = std::strchr(text, ',');
+    if (comma) {
+        *comma = '\0';
+        if (!parseInteger(comma + 1, &gHostPid))
+            gHostPid = 0;
+    }
+    if (parseInteger(text, &fd) && fd >= 0 && fd < 65536 && fcntl(int(fd), F_GETFD) >= 0) {
         fcntl(int(fd), F_SETFD, FD_CLOEXEC);
         gArmingFd = int(fd);
         zs_program_main = main;
         main = zs_main_standin;
     }
-    if (armingFd)
+    if (arming)
         unsetenv(ARMING_VARIABLE);
     return real(main, argc, argv, init, fini, rtldFini, stackEnd);
 }

@@ -14,7 +14,9 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
+#include <cerrno>
 #include <csignal>
+#include <sys/resource.h>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <memory>
@@ -311,6 +313,12 @@ TEST_F(EndToEnd, ProgramsThatEndEarlyDieOrKeepRunning)
                 break;
         }
         spinUntil([] { return false; }, 1000);
+        // The host lowers its priority for the run, never the program's.
+        if (way != EndsEarly) {
+            errno = 0;
+            EXPECT_EQ(getpriority(PRIO_PROCESS, id_t(target)), getpriority(PRIO_PROCESS, 0));
+            EXPECT_EQ(errno, 0);
+        }
         if (way == Killed)
             ::kill(target, SIGKILL);
         if (way == KeepsRunning)
