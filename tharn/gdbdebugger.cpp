@@ -141,6 +141,20 @@ bool isStaticallyLinked(const QString& path)
 // a redirection, so that the program gets them as 0, 1 and 2 alone.
 const int ChildChannelBase = 7;
 
+// In a child before exec: the descriptors `channels` (input, output, error)
+// become `first`, `first` + 1 and `first` + 2, open across exec.
+void handDownChannels(const int channels[3], int first)
+{
+    // Out of the way first: one may sit where another goes.
+    int moved[3];
+    for (int i = 0; i < 3; ++i)
+        moved[i] = fcntl(channels[i], F_DUPFD_CLOEXEC, first + 3);
+    for (int i = 0; i < 3; ++i) {
+        if (moved[i] >= 0)
+            dup2(moved[i], first + i);
+    }
+}
+
 class GdbProcess : public QProcess
 {
 public:
@@ -154,14 +168,7 @@ protected:
         setpgid(0, 0);
         if (mChannels[0] < 0 || mChannels[1] < 0 || mChannels[2] < 0)
             return;
-        // Out of the way first: one may sit where another goes.
-        int moved[3];
-        for (int i = 0; i < 3; ++i)
-            moved[i] = fcntl(mChannels[i], F_DUPFD_CLOEXEC, ChildChannelBase + 3);
-        for (int i = 0; i < 3; ++i) {
-            if (moved[i] >= 0)
-                dup2(moved[i], ChildChannelBase + i);
-        }
+        handDownChannels(mChannels, ChildChannelBase);
     }
 
 private:
@@ -471,11 +478,7 @@ bool GdbDebugger::startWithArmingChannel(QString* error)
             sigprocmask(SIG_SETMASK, &none, nullptr);
             signal(SIGINT, SIG_DFL);
             personality(personality(0xffffffff) | ADDR_NO_RANDOMIZE);
-            int moved[3];
-            for (int i = 0; i < 3; ++i)
-                moved[i] = fcntl(channels[i], F_DUPFD_CLOEXEC, 3);
-            for (int i = 0; i < 3; ++i)
-                dup2(moved[i], i);
+            handDownChannels(channels, 0);
             fcntl(childEnd, F_SETFD, 0);
             execve(path.constData(), argv.data(), envp.data());
             const int why = errno;
