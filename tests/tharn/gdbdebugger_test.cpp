@@ -32,6 +32,26 @@ Command debuggerCommand(const char* name)
     return Command(QString::fromLatin1(name), QString::fromLatin1(XML_TARGET_DEBUGGER));
 }
 
+// Starts 30 s of zor-example: empty, or why it didn't start.
+QString startExample(GdbDebugger& debugger)
+{
+    QString error;
+    if (!debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error) && error.isEmpty())
+        error = QStringLiteral("not started");
+    return error;
+}
+
+// `sampler` preloaded, the program's output dropped.
+GdbDebugger::Options exampleOptions(const QString& sampler, bool throughSampler)
+{
+    GdbDebugger::Options options;
+    options.preload << sampler;
+    options.echoFds[0] = options.echoFds[1] = -1;
+    options.timeoutMs = 60000;
+    options.armThroughSampler = throughSampler;
+    return options;
+}
+
 TEST(MiParser, RecordsAndValues)
 {
     const struct
@@ -181,15 +201,8 @@ TEST(GdbDebugger, DrivesARealProgram)
         GTEST_SKIP() << problem.toStdString();
     for (bool throughSampler : {false, true}) {
         SCOPED_TRACE(throughSampler ? "armed through the sampler" : "started under gdb");
-        GdbDebugger::Options options;
-        options.preload << QStringLiteral(ZOR_SAMPLER_LIBRARY);
-        options.echoFds[0] = options.echoFds[1] = -1;
-        options.timeoutMs = 60000;
-        options.armThroughSampler = throughSampler;
-        GdbDebugger debugger(options);
-        QString error;
-        ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
-            << error.toStdString();
+        GdbDebugger debugger(exampleOptions(QStringLiteral(ZOR_SAMPLER_LIBRARY), throughSampler));
+        ASSERT_EQ(startExample(debugger), QString());
         EXPECT_EQ(debugger.isArmedThroughSampler(), throughSampler);
         const int pid = debugger.targetPid();
         ASSERT_GT(pid, 0);
@@ -333,15 +346,8 @@ TEST(GdbDebugger, CallsIntoAStrippedSampler)
     const QString stripped = dir.filePath(QStringLiteral("libquorvex-sampler.so"));
     ASSERT_EQ(QProcess::execute(strip, {QStringLiteral("-o"), stripped, QStringLiteral(ZOR_SAMPLER_LIBRARY)}), 0);
     for (bool throughSampler : {false, true}) {
-        GdbDebugger::Options options;
-        options.preload << stripped;
-        options.echoFds[0] = options.echoFds[1] = -1;
-        options.timeoutMs = 60000;
-        options.armThroughSampler = throughSampler;
-        GdbDebugger debugger(options);
-        QString error;
-        ASSERT_TRUE(debugger.start({ZOR_EXAMPLE, QStringLiteral("--seconds"), QStringLiteral("30")}, &error))
-            << error.toStdString();
+        GdbDebugger debugger(exampleOptions(stripped, throughSampler));
+        ASSERT_EQ(startExample(debugger), QString());
         EXPECT_EQ(debugger.isArmedThroughSampler(), throughSampler);
         EXPECT_NE(debugger.getAddressValue(QStringLiteral("&quorvex_init_sampler_now")), 0ULL);
         EXPECT_EQ(debugger.evaluateExpression(QStringLiteral("quorvex_sampler_version()")), QStringLiteral("700"));
