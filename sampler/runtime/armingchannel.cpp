@@ -38,6 +38,14 @@ using StartMain = int (*)(MainFunction, int, char**, void (*)(), void (*)(), voi
 int gArmingFd = -1;
 long gHostPid = 0;
 
+// Looked up when the library loads, before the sampler may arm: dlsym takes
+// the loader's lock, which a sampled thread's unwinding takes too.
+StartMain gRealStart;
+__attribute__((constructor(101))) void resolveRealStart()
+{
+    gRealStart = reinterpret_cast<StartMain>(dlsym(RTLD_NEXT, "__libc_start_main"));
+}
+
 bool writeAll(int fd, const std::string& text)
 {
     for (std::size_t done = 0; done < text.size();) {
@@ -235,7 +243,7 @@ __attribute__((visibility("default"))) int __libc_start_main(MainFunction main, 
                                                              void (*init)(), void (*fini)(), void (*rtldFini)(),
                                                              void* stackEnd)
 {
-    const auto real = reinterpret_cast<StartMain>(dlsym(RTLD_NEXT, "__libc_start_main"));
+    const StartMain real = gRealStart;
     // Taken out of the environment at once: neither the program nor what it
     // starts sees it.
     const char* arming = getenv(ARMING_VARIABLE);
