@@ -177,12 +177,18 @@ bool startCpuEvent(ThreadSlot* slot, int tid, int intervalMs)
         return false;
     }
     markEventFd(fd);
+    // The first expiry may come before the enabling call returns, or at
+    // once to a thread this one arms: its handler rearms the event only if
+    // the slot knows it by then, or the thread goes unsampled for good.
+    slot->cpuEventFd = fd;
+    slot->cpuEventId = id;
+    slot->haveCpuTimer.store(true, std::memory_order_release);
     if (fcntl(fd, F_SETFL, flags | O_ASYNC) != 0 || ioctl(fd, PERF_EVENT_IOC_REFRESH, 1) != 0) {
+        slot->haveCpuTimer.store(false, std::memory_order_release);
+        slot->cpuEventFd = -1;
         close(fd);
         return false;
     }
-    slot->cpuEventFd = fd;
-    slot->cpuEventId = id;
     return true;
 }
 
