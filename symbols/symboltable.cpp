@@ -1324,13 +1324,20 @@ std::vector<unsigned long long> SymbolTable::functionStarts(unsigned long long f
     return starts;
 }
 
-bool SymbolTable::functionAddress(const QString& name, unsigned long long* address)
+bool SymbolTable::functionAddress(const QString& name, unsigned long long* address, const QString& onlyInFile)
 {
     stopPreparing();
     std::vector<Dwfl_Module*> modules;
     dwfl_getmodules(mDwfl, collectModule, &modules, 0);
     const QByteArray wanted = name.toLatin1();
+    const QString only = onlyInFile.isEmpty() ? QString() : QFileInfo(onlyInFile).canonicalFilePath();
     for (Dwfl_Module* module : modules) {
+        if (!onlyInFile.isEmpty()) {
+            const char* file = nullptr;
+            dwfl_module_info(module, nullptr, nullptr, nullptr, nullptr, nullptr, &file, nullptr);
+            if (!file || QFileInfo(QFile::decodeName(file)).canonicalFilePath() != only)
+                continue;
+        }
         const int count = dwfl_module_getsymtab(module);
         for (int i = 1; i < count; ++i) {
             GElf_Sym symbol;

@@ -80,7 +80,9 @@ public:
     // table and the PLT entries of the module at `from`.
     std::vector<unsigned long long> functionStarts(unsigned long long from, unsigned long long to);
     // Where the function `name` starts; false when no module defines it.
-    bool functionAddress(const QString& name, unsigned long long* address);
+    // With `onlyInFile`, only that file's own symbols are read: the others'
+    // tables are far larger than a program's.
+    bool functionAddress(const QString& name, unsigned long long* address, const QString& onlyInFile = QString());
     // Up to `length` bytes of code from the files at `address`, fewer where
     // the code section ends; empty outside any.
     QByteArray code(unsigned long long address, unsigned long long length);

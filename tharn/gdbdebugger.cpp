@@ -1374,9 +1374,10 @@ unsigned long long GdbDebugger::addressValue(const QString& expression)
 
 QString GdbDebugger::mainFunctionName()
 {
-    // A Fortran program's main program is MAIN__, called from a C main.
+    // A Fortran program's main program is MAIN__, called from a C main, in
+    // the program's own file.
     unsigned long long address = 0;
-    if (mSymbols.functionAddress(QStringLiteral("MAIN__"), &address))
+    if (mSymbols.functionAddress(QStringLiteral("MAIN__"), &address, programPath()))
         return QStringLiteral("MAIN__");
     return QStringLiteral("main");
 }
@@ -1451,8 +1452,9 @@ bool GdbDebugger::inMappedFile(unsigned long long address) const
 
 PositionResponse* GdbDebugger::positionOfFunction(const QString& name)
 {
+    // The program's own functions are asked for most: its file first.
     unsigned long long address = 0;
-    if (!mSymbols.functionAddress(name, &address))
+    if (!mSymbols.functionAddress(name, &address, programPath()) && !mSymbols.functionAddress(name, &address))
         return nullptr;
     const SymbolPosition where = mSymbols.position(address);
     return new PositionResponse(where.function, where.file, where.line, where.hasSymbol);

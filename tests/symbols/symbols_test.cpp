@@ -70,6 +70,15 @@ TEST_F(Symbols, KnownFunctionHasItsNameFileLineAndBounds)
     unsigned long long found = 0;
     ASSERT_TRUE(table.functionAddress(QStringLiteral("zorSymbolsKnownFunction"), &found));
     EXPECT_EQ(found, address);
+    // Looked for in this program's file alone (by another path to it), and
+    // in a file that doesn't define it.
+    found = 0;
+    EXPECT_TRUE(table.functionAddress(QStringLiteral("zorSymbolsKnownFunction"), &found,
+                                      QStringLiteral("/proc/self/exe")));
+    EXPECT_EQ(found, address);
+    unsigned long long malloced = 0;
+    EXPECT_TRUE(table.functionAddress(QStringLiteral("malloc"), &malloced));
+    EXPECT_FALSE(table.functionAddress(QStringLiteral("malloc"), &malloced, QStringLiteral("/proc/self/exe")));
 
     // Some instruction of the body lies on the line of the return.
     bool lineSeen = false;
