@@ -1,10 +1,46 @@
 #include "symboldisassembler.h"
 
 #include <capstone/capstone.h>
+#include <dlfcn.h>
+
+#include <mutex>
 
 #include "symboltable.h"
 
 namespace {
+
+// Capstone, opened when first needed: its tables hold some 77,000 pointers
+// for the loader to relocate, 2 ms of every host's start on a run that
+// never disassembles before its end.
+struct CapstoneCalls
+{
+    decltype(&cs_open) open = nullptr;
+    decltype(&cs_option) option = nullptr;
+    decltype(&cs_close) close = nullptr;
+    decltype(&cs_malloc) malloc = nullptr;
+    decltype(&cs_free) free = nullptr;
+    decltype(&cs_disasm_iter) disasmIter = nullptr;
+};
+
+const CapstoneCalls* capstone()
+{
+    static CapstoneCalls calls;
+    static bool loaded = false;
+    static std::once_flag once;
+    std::call_once(once, []() {
+        void* library = dlopen(ZOR_CAPSTONE_SONAME, RTLD_NOW | RTLD_LOCAL);
+        if (!library)
+            return;
+        calls.open = reinterpret_cast<decltype(&cs_open)>(dlsym(library, "cs_open"));
+        calls.option = reinterpret_cast<decltype(&cs_option)>(dlsym(library, "cs_option"));
+        calls.close = reinterpret_cast<decltype(&cs_close)>(dlsym(library, "cs_close"));
+        calls.malloc = reinterpret_cast<decltype(&cs_malloc)>(dlsym(library, "cs_malloc"));
+        calls.free = reinterpret_cast<decltype(&cs_free)>(dlsym(library, "cs_free"));
+        calls.disasmIter = reinterpret_cast<decltype(&cs_disasm_iter)>(dlsym(library, "cs_disasm_iter"));
+        loaded = calls.open && calls.option && calls.close && calls.malloc && calls.free && calls.disasmIter;
+    });
+    return loaded ? &calls : nullptr;
+}
 
 // Instructions that read or write memory through the stack or the string
 // registers, with no memory operand of their own making.
@@ -42,22 +78,45 @@ SymbolDisassembler::SymbolDisassembler(SymbolTable& symbols, int id)
     , mId(id)
     , mHandle(0)
     , mOpen(false)
+    , mOpenTried(false)
 {
-    csh handle = 0;
-    if (cs_open(CS_ARCH_X86, CS_MODE_64, &handle) == CS_ERR_OK) {
-        cs_option(handle, CS_OPT_SYNTAX, CS_OPT_SYNTAX_ATT);
-        cs_option(handle, CS_OPT_DETAIL, CS_OPT_ON);
-        mHandle = handle;
-        mOpen = true;
-    }
 }
 
 SymbolDisassembler::~SymbolDisassembler()
 {
+    if (mLoading.joinable())
+        mLoading.join();
     if (mOpen) {
         csh handle = mHandle;
-        cs_close(&handle);
+        capstone()->close(&handle);
     }
+}
+
+void SymbolDisassembler::loadInBackground()
+{
+    if (mOpenTried || mLoading.joinable())
+        return;
+    try {
+        mLoading = std::thread([]() { capstone(); });
+    } catch (const std::system_error&) {
+        // Loaded when first needed instead.
+    }
+}
+
+bool SymbolDisassembler::open()
+{
+    if (mOpenTried)
+        return mOpen;
+    mOpenTried = true;
+    const CapstoneCalls* calls = capstone();
+    csh handle = 0;
+    if (calls && calls->open(CS_ARCH_X86, CS_MODE_64, &handle) == CS_ERR_OK) {
+        calls->option(handle, CS_OPT_SYNTAX, CS_OPT_SYNTAX_ATT);
+        calls->option(handle, CS_OPT_DETAIL, CS_OPT_ON);
+        mHandle = handle;
+        mOpen = true;
+    }
+    return mOpen;
 }
 
 QMap<unsigned long long, Instruction> SymbolDisassembler::decode(const unsigned char* bytes, size_t size,
@@ -66,16 +125,17 @@ QMap<unsigned long long, Instruction> SymbolDisassembler::decode(const unsigned 
 {
     QMap<unsigned long long, Instruction> result;
     *end = 0;
-    if (!mOpen || size == 0)
+    if (size == 0 || !open())
         return result;
-    cs_insn* insn = cs_malloc(mHandle);
+    const CapstoneCalls* calls = capstone();
+    cs_insn* insn = calls->malloc(mHandle);
     const uint8_t* code = bytes;
     uint64_t at = address;
-    while (size > 0 && cs_disasm_iter(mHandle, &code, &size, &at, insn)) {
+    while (size > 0 && calls->disasmIter(mHandle, &code, &size, &at, insn)) {
         result.insert(insn->address, Instruction(QString::fromLatin1(insn->mnemonic), QString::fromLatin1(insn->op_str),
                                                  false, touchesMemoryImplicitly(*insn)));
     }
-    cs_free(insn, 1);
+    calls->free(insn, 1);
     if (!result.isEmpty())
         *end = at;
     return result;

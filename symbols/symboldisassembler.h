@@ -5,6 +5,7 @@
 #define ZOR_SYMBOLDISASSEMBLER_H
 
 #include <cstddef>
+#include <thread>
 
 #include "disassembler.h"
 
@@ -26,6 +27,10 @@ public:
     int id() override { return mId; }
     Position position(unsigned long long address) override;
 
+    // Loads the disassembling library on a thread of its own, so that the
+    // first decoding doesn't wait for it.
+    void loadInBackground();
+
     // Decodes `size` bytes placed at `address`; `*end` as above.
     QMap<unsigned long long, Instruction> decode(const unsigned char* bytes, size_t size,
                                                  unsigned long long address, unsigned long long* end);
@@ -33,8 +38,12 @@ public:
 private:
     SymbolTable& mSymbols;
     int mId;
+    bool open();
+
     size_t mHandle;
     bool mOpen;
+    bool mOpenTried;
+    std::thread mLoading;
 };
 
 #endif

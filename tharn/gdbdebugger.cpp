@@ -375,8 +375,10 @@ bool GdbDebugger::start(const QStringList& program, QString* error)
         refreshSymbols();
         // While gdb arms the sampler this process mostly waits for it, and
         // the program doesn't run yet: the best time to read ahead.
-        if (readsAhead())
+        if (readsAhead()) {
             mSymbols.prepareInBackground(false);
+            mDisassembler.loadInBackground();
+        }
     } catch (Exception* failure) {
         *error = failure->fullMessage();
         delete failure;
@@ -552,8 +554,10 @@ bool GdbDebugger::startWithArmingChannel(QString* error)
     }
     mStopped = true;
     refreshSymbols();
-    if (readsAhead())
+    if (readsAhead()) {
         mSymbols.prepareInBackground(false);
+        mDisassembler.loadInBackground();
+    }
     return true;
 }
 
