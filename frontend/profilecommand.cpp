@@ -418,13 +418,6 @@ private:
 
 bool ProfileRun::start(QString* error)
 {
-    QString why;
-    QuorvexTreeserverPlugin* treeserver = loadTreeserverPlugin(defaultProfilerPluginPath(), &why);
-    Command init(QStringLiteral("init"), QString::fromLatin1(XML_TARGET_PROFILER));
-    if (!treeserver || !treeserver->init(init) || !(mFactory = treeserver->getResponseFactoryPlugin())) {
-        *error = why.isEmpty() ? QStringLiteral("the profiler plug-in has no response factory") : why;
-        return false;
-    }
     const QString host = hostProgram();
     if (!QFileInfo(host).isExecutable()) {
         *error = QStringLiteral("cannot find zor-host beside zor (looked for %1)").arg(host);
@@ -525,6 +518,16 @@ bool ProfileRun::start(QString* error)
     mLauncher.start(launcher, arguments);
     if (!mLauncher.waitForStarted(30000)) {
         *error = QStringLiteral("cannot start %1: %2").arg(launcher, mLauncher.errorString());
+        return false;
+    }
+    // The plug-in reads the hosts' answers, the first of which comes after
+    // the host has started its program: it loads meanwhile.
+    QString why;
+    QuorvexTreeserverPlugin* treeserver = loadTreeserverPlugin(defaultProfilerPluginPath(), &why);
+    Command init(QStringLiteral("init"), QString::fromLatin1(XML_TARGET_PROFILER));
+    if (!treeserver || !treeserver->init(init) || !(mFactory = treeserver->getResponseFactoryPlugin())) {
+        *error = why.isEmpty() ? QStringLiteral("the profiler plug-in has no response factory") : why;
+        mLauncher.terminate();
         return false;
     }
     return true;
