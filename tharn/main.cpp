@@ -16,10 +16,8 @@
 // SIGTERM and SIGHUP end the host as a closed connection does, except that
 // a first SIGTERM while a run is under way only stops sampling.
 #include <QCoreApplication>
-#include <QHostInfo>
-#include <QLocalSocket>
 #include <QStringList>
-#include <QTcpSocket>
+#include <QSysInfo>
 #include <csignal>
 #include <cstdio>
 #include <memory>
@@ -27,6 +25,7 @@
 #include "command.h"
 #include "constants.h"
 #include "envswitch.h"
+#include "fdsocket.h"
 #include "hostenvironment.h"
 #include "message.h"
 #include "messagestream.h"
@@ -51,22 +50,12 @@ int usage(const char* why)
 QIODevice* connectTo(const FrontendAddress& address, QObject* parent, QString* error)
 {
     const int timeoutMs = 30000;
-    if (address.kind == FrontendAddress::Local) {
-        QLocalSocket* socket = new QLocalSocket(parent);
-        socket->connectToServer(address.path);
-        if (socket->waitForConnected(timeoutMs))
-            return socket;
-        *error = socket->errorString();
-    } else {
-        QTcpSocket* socket = new QTcpSocket(parent);
-        socket->connectToHost(address.host, address.port);
-        if (socket->waitForConnected(timeoutMs)) {
-            // Messages are small and each is awaited: no batching.
-            socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-            return socket;
-        }
-        *error = socket->errorString();
-    }
+    FdSocket* socket = new FdSocket(parent);
+    if (address.kind == FrontendAddress::Local ? socket->connectToLocal(address.path, timeoutMs)
+                                               : socket->connectToTcp(address.host, quint16(address.port), timeoutMs))
+        return socket;
+    *error = socket->errorString();
+    delete socket;
     return nullptr;
 }
 
@@ -132,7 +121,7 @@ int main(int argc, char** argv)
     QVariantMap hello{
         {QString::fromLatin1(HelloKeys::Rank), identity.rank},
         {QString::fromLatin1(HelloKeys::RankCount), identity.rankCount},
-        {QString::fromLatin1(HelloKeys::Hostname), QHostInfo::localHostName()},
+        {QString::fromLatin1(HelloKeys::Hostname), QSysInfo::machineHostName()},
         {QString::fromLatin1(HelloKeys::HostPid), int(app.applicationPid())},
         {QString::fromLatin1(HelloKeys::Program), program.first()},
     };
