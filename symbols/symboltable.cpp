@@ -464,18 +464,8 @@ SymbolTable::DwarfSections& SymbolTable::sections(Dwarf* dwarf)
 SymbolTable::UnitLookup SymbolTable::unitAt(DwarfSections& sections, Dwarf* dwarf, unsigned long long address,
                                             unsigned long long* unitOffset)
 {
-    std::vector<UnitRange>& ranges = sections.unitRanges;
-    if (!sections.unitRangesRead) {
-        sections.unitRangesRead = true;
-        size_t names = 0, size = 0;
-        Elf* elf = dwarf_getelf(dwarf);
-        const unsigned char* data =
-            elf && elf_getshdrstrndx(elf, &names) == 0 ? sectionData(elf, names, ".debug_aranges", &size) : nullptr;
-        if (!data || !readUnitRanges(data, size, &ranges))
-            ranges.clear();
-        else
-            addUnlistedUnits(dwarf, &ranges);
-    }
+    readUnitRangesOnce(sections, dwarf);
+    const std::vector<UnitRange>& ranges = sections.unitRanges;
     if (ranges.empty())
         return UnitLookup::Unknown;
     // As libdwfl reads them: the unit of the last range that starts at or
@@ -495,6 +485,22 @@ SymbolTable::UnitLookup SymbolTable::unitAt(DwarfSections& sections, Dwarf* dwar
         return UnitLookup::None;
     *unitOffset = range.unit;
     return UnitLookup::Found;
+}
+
+void SymbolTable::readUnitRangesOnce(DwarfSections& sections, Dwarf* dwarf)
+{
+    if (sections.unitRangesRead)
+        return;
+    sections.unitRangesRead = true;
+    std::vector<UnitRange>& ranges = sections.unitRanges;
+    size_t names = 0, size = 0;
+    Elf* elf = dwarf_getelf(dwarf);
+    const unsigned char* data =
+        elf && elf_getshdrstrndx(elf, &names) == 0 ? sectionData(elf, names, ".debug_aranges", &size) : nullptr;
+    if (!data || !readUnitRanges(data, size, &ranges))
+        ranges.clear();
+    else
+        addUnlistedUnits(dwarf, &ranges);
 }
 
 QString SymbolTable::unitFile(UnitIndex& index, unsigned long long file)
@@ -742,8 +748,8 @@ void SymbolTable::prepareInBackground(bool idle)
     stopPreparing();
     mPreparingModules = modules;
     mStopPreparing = false;
-    // Only libdwfl's own state changes meanwhile; no call here reads it
-    // before the thread is joined.
+    // Only libdwfl's state and the files' sections change meanwhile; every
+    // call here that reads them joins the thread first.
     mPreparing = std::thread([this, modules]() {
         bool idleNow = false;
         for (Dwfl_Module* module : modules) {
@@ -761,7 +767,11 @@ void SymbolTable::prepareInBackground(bool idle)
             // the C library (a thread's start, main's caller).
             if (isVdsoCopy(file))
                 continue;
-            dwfl_module_getdwarf(module, &bias);
+            // Every lookup first finds its unit, which in the C library
+            // meant walking a thousand units at the run's end. Nothing else
+            // reads this table's state until the thread is joined.
+            if (Dwarf* dwarf = dwfl_module_getdwarf(module, &bias))
+                readUnitRangesOnce(sections(dwarf), dwarf);
             dwfl_module_getsymtab(module);
         }
     });

@@ -126,6 +126,10 @@ private:
     enum class UnitLookup { Found, None, Unknown };
     UnitLookup unitAt(DwarfSections& sections, Dwarf* dwarf, unsigned long long address,
                       unsigned long long* unitOffset);
+    // Reads the ranges of the file's units once: by .debug_aranges, and by
+    // the units' own entries for those that it leaves out, which walks
+    // every unit of the file.
+    void readUnitRangesOnce(DwarfSections& sections, Dwarf* dwarf);
     struct CodeSymbol
     {
         unsigned long long start;
