@@ -22,6 +22,19 @@ QString systemError(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
+// Waits for `events` on `fd` until the deadline: above 0 when they came,
+// 0 at the deadline, below 0 on an error (errno).
+int pollUntil(int fd, short events, const QDeadlineTimer& deadline)
+{
+    for (;;) {
+        pollfd waiting = {fd, events, 0};
+        const qint64 left = deadline.remainingTime();
+        const int ready = ::poll(&waiting, 1, left < 0 ? -1 : int(left));
+        if (ready >= 0 || errno != EINTR)
+            return ready;
+    }
+}
+
 // Connects the non-blocking socket `fd` within the deadline; 0 or the error.
 int connectWithin(int fd, const sockaddr* address, socklen_t length, const QDeadlineTimer& deadline)
 {
@@ -29,22 +42,16 @@ int connectWithin(int fd, const sockaddr* address, socklen_t length, const QDead
         return 0;
     if (errno != EINPROGRESS && errno != EAGAIN && errno != EINTR)
         return errno;
-    for (;;) {
-        pollfd waiting = {fd, POLLOUT, 0};
-        const qint64 left = deadline.remainingTime();
-        const int ready = ::poll(&waiting, 1, left < 0 ? -1 : int(left));
-        if (ready < 0 && errno == EINTR)
-            continue;
-        if (ready < 0)
-            return errno;
-        if (ready == 0)
-            return ETIMEDOUT;
-        int error = 0;
-        socklen_t size = sizeof error;
-        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
-            return errno;
-        return error;
-    }
+    const int ready = pollUntil(fd, POLLOUT, deadline);
+    if (ready < 0)
+        return errno;
+    if (ready == 0)
+        return ETIMEDOUT;
+    int error = 0;
+    socklen_t size = sizeof error;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+        return errno;
+    return error;
 }
 
 } // namespace
@@ -206,16 +213,8 @@ void FdSocket::lost(const QString& why)
 
 bool FdSocket::poll(short events, int msecs)
 {
-    const QDeadlineTimer deadline(msecs);
-    for (;;) {
-        pollfd waiting = {mFd, events, 0};
-        const qint64 left = deadline.remainingTime();
-        const int ready = ::poll(&waiting, 1, left < 0 ? -1 : int(left));
-        if (ready < 0 && errno == EINTR)
-            continue;
-        // An error or a hang-up shows in the read or write that follows.
-        return ready != 0;
-    }
+    // An error or a hang-up shows in the read or write that follows.
+    return pollUntil(mFd, events, QDeadlineTimer(msecs)) != 0;
 }
 
 qint64 FdSocket::bytesAvailable() const
