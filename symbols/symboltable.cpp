@@ -768,8 +768,7 @@ void SymbolTable::prepareInBackground(bool idle)
             if (isVdsoCopy(file))
                 continue;
             // Every lookup first finds its unit, which in the C library
-            // meant walking a thousand units at the run's end. Nothing else
-            // reads this table's state until the thread is joined.
+            // meant walking a thousand units at the run's end.
             if (Dwarf* dwarf = dwfl_module_getdwarf(module, &bias))
                 readUnitRangesOnce(sections(dwarf), dwarf);
             dwfl_module_getsymtab(module);

@@ -211,11 +211,6 @@ void FdSocket::lost(const QString& why)
     emit disconnected();
 }
 
-bool FdSocket::poll(short events, int msecs)
-{
-    // An error or a hang-up shows in the read or write that follows.
-    return pollUntil(mFd, events, QDeadlineTimer(msecs)) != 0;
-}
 
 qint64 FdSocket::bytesAvailable() const
 {
@@ -231,8 +226,8 @@ bool FdSocket::waitForReadyRead(int msecs)
 {
     const QDeadlineTimer deadline(msecs);
     while (mFd >= 0 && !mLost) {
-        const qint64 left = deadline.remainingTime();
-        if (!poll(POLLIN, left < 0 ? -1 : int(left)))
+        // An error or a hang-up shows in the read that follows.
+        if (pollUntil(mFd, POLLIN, deadline) == 0)
             return false;
         if (readAndTell())
             return true;
@@ -244,8 +239,7 @@ bool FdSocket::waitForBytesWritten(int msecs)
 {
     const QDeadlineTimer deadline(msecs);
     while (mFd >= 0 && !mLost && !mOut.isEmpty()) {
-        const qint64 left = deadline.remainingTime();
-        if (!poll(POLLOUT, left < 0 ? -1 : int(left)))
+        if (pollUntil(mFd, POLLOUT, deadline) == 0)
             return false;
         const int before = mOut.size();
         if (!writeOut())

@@ -46,8 +46,6 @@ private:
     // Writes what it can without waiting; false on an error.
     bool writeOut();
     void lost(const QString& why);
-    // Polls for `events` up to `msecs` (-1: no limit); false on a timeout.
-    bool poll(short events, int msecs);
 
     int mFd = -1;
     QByteArray mIn;
